@@ -1,0 +1,31 @@
+# Build settings shared by every target. They are applied per target, never
+# globally, so that nothing here can reach the exact predicates by accident:
+# the predicates add their own floating-point settings on top (kernels/).
+
+set(FT_SANITIZE_FLAGS "")
+if(FT_SANITIZE STREQUAL "asan-ubsan")
+  set(FT_SANITIZE_FLAGS -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
+elseif(FT_SANITIZE STREQUAL "tsan")
+  set(FT_SANITIZE_FLAGS -fsanitize=thread -fno-omit-frame-pointer)
+elseif(NOT FT_SANITIZE STREQUAL "")
+  message(FATAL_ERROR "FT_SANITIZE must be empty, asan-ubsan or tsan")
+endif()
+
+# Warnings and sanitizers, for product and test targets alike.
+function(ft_common target)
+  target_compile_options(${target} PRIVATE -Wall -Wextra -Wshadow ${FT_SANITIZE_FLAGS})
+  target_link_options(${target} PRIVATE ${FT_SANITIZE_FLAGS})
+endfunction()
+
+# A product library or program: the common settings, no exceptions, no RTTI,
+# and includes rooted at the repository so that headers read "stl/stl.h".
+function(ft_product target)
+  ft_common(${target})
+  target_compile_options(${target} PRIVATE -fno-exceptions -fno-rtti)
+  get_target_property(type ${target} TYPE)
+  if(type STREQUAL "STATIC_LIBRARY")
+    target_include_directories(${target} PUBLIC ${PROJECT_SOURCE_DIR})
+  else()
+    target_include_directories(${target} PRIVATE ${PROJECT_SOURCE_DIR})
+  endif()
+endfunction()

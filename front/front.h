@@ -1,0 +1,93 @@
+// Command front end: the parsed command line, the file-name rules, the method
+// entries, the run and its report.
+//
+// Invariants
+//  1. ReduceOptions is filled by fillDefaultOptions, then written by
+//     parseCommandLine alone, and read-only afterwards.
+//  2. After parseCommandLine returns 0: inputName is not empty, outputName is
+//     final, logName is set (empty only when -l gave it so), and solidName is set
+//     whenever solidWanted is.
+//  3. Names have no length limit. Every derived name is exactly the text that
+//     snprintf would write with unlimited room.
+//  4. method is 0 (low), 1 (medium) or 2 (high); it runs the opposite way to the
+//     drivers' engine kind.
+//  5. Only the process entry (main) prints. Every routine here reports by its
+//     result: 0 or a count for success, a negative number for failure.
+//  6. The method entries return the triangles removed or -1. When the input is
+//     refused at the scan, the old count is 0.
+//  7. A report is written only after a fully successful run, and never onto the
+//     file of the input, the output or the solid result.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+// The parsed command line. The front end is the one place that holds owning
+// strings, so no name has a length limit.
+struct ReduceOptions {
+  std::string inputName;  // the first argument, as given
+  std::string outputName; // name of the reduced STL file
+  std::string solidName;  // name of the solid STL file
+  std::string logName;    // name of the run report
+  double tolerance;       // the value of -t
+  double angle;           // the value of -a; used only when angleGiven
+  bool angleGiven;        // -a stood on the command line
+  bool solidWanted;       // -s stood on the command line
+  int32_t method;         // 0 low, 1 medium, 2 high
+};
+
+constexpr int32_t kMethodLow = 0;
+constexpr int32_t kMethodMedium = 1;
+constexpr int32_t kMethodHigh = 2;
+
+// ---- Command line (options.cpp) ----------------------------------------------
+
+// Empty names, tolerance 0.1, angle 30.0, both flags clear, method low.
+void fillDefaultOptions(ReduceOptions *options);
+// 0 go on, -1 syntax fault, -2 missing input, -3 bad method.
+int parseCommandLine(ReduceOptions *options, int argCount, const char *const *args);
+// The stem (name less an exact ".stl" or ".STL") followed by "_RED.stl".
+std::string provisionalOutputName(const std::string &inputName);
+// "res_<tag>_<tolerance %.2lf>_<inputName>", tag LQ, MQ or HQ for the method.
+std::string defaultOutputName(int32_t method, double tolerance, const std::string &inputName);
+// outputName with its last three characters replaced by "log"; a name shorter
+// than three characters gets ".log" appended instead.
+std::string reportNameOf(const std::string &outputName);
+
+// ---- Run (run.cpp) -------------------------------------------------------------
+
+// The angle handed to the method: null when -a was not given, otherwise *copy,
+// which is the given angle or -1.0 (feature step off) when its magnitude is
+// below 1e-05.
+const double *methodAngle(const ReduceOptions *options, double *copy);
+// Runs the method and, with -s, the solid extraction. Always returns 0.
+// removedCount < 0: the reduction failed. solidCount: -1 no extraction ran,
+// -2 it failed, otherwise the solids written.
+int runReduction(const ReduceOptions *options, int32_t *oldCount, int32_t *removedCount,
+                 int32_t *solidCount);
+
+// ---- Method entries (drivers.cpp) ------------------------------------------------
+
+// Each reads inputName, writes outputName and returns the triangles removed or -1.
+// angle may be null (the engine's own default). oldCount receives the input count.
+int reduceLow(const char *inputName, const char *outputName, double tolerance,
+              const double *angle, int32_t *oldCount);
+int reduceMedium(const char *inputName, const char *outputName, double tolerance,
+                 const double *angle, int32_t *oldCount);
+int reduceHigh(const char *inputName, const char *outputName, double tolerance,
+               const double *angle, int32_t *oldCount);
+
+// ---- Run report (report.cpp) -------------------------------------------------------
+
+// The report text of a successful run, line by line as the report file holds it.
+std::string formatRunReport(const ReduceOptions *options, int32_t oldCount,
+                            int32_t removedCount, int32_t solidCount, double elapsedSeconds);
+// Writes the report to logName. 0 written, 1 skipped because logName is the same
+// file as the input, output or solid file, -1 the file could not be written.
+int writeRunReport(const ReduceOptions *options, int32_t oldCount, int32_t removedCount,
+                   int32_t solidCount, double elapsedSeconds);
+
+// ---- Licence gate (licence.cpp) ------------------------------------------------------
+
+// 1 when the run is licensed, 0 when it is refused.
+int licenceGranted();

@@ -1,0 +1,69 @@
+// FacetTrim: one STL file in, a smaller one out within a tolerance, and a run
+// report beside it. Exit status 0 on success; every failure prints one message
+// to standard output and ends with -1.
+#include "front/front.h"
+
+#include <cstdio>
+#include <ctime>
+
+namespace {
+
+const char *const kLicenceRefused = "\nERROR: No valid license.\n\n";
+const char *const kWrongSyntax = "WRONG SYNTAX. Usage: FacetTrim <input-file> [ -o<output-file> "
+                                 "-s[<solid-file>] -t<tolerance> -a<angle> -q<l|m|h> ]\n";
+const char *const kMissingInput = "MISSING INPUT FILE. Usage: FacetTrim <input-file> [ "
+                                  "-o<output-file> -s[<solid-file>] -t<tolerance> -a<angle> "
+                                  "-q<l|m|h> ]\n";
+const char *const kWrongMethod = "WRONG METHOD. Usage: FacetTrim <input-file> [ -o<output-file> "
+                                 "-s[<solid-file>] -t<tolerance> -a<angle> -q<l|m|h> ]\n";
+const char *const kReductionFailed = "ERROR: REDUCTION NOT POSSIBLE !\n";
+
+constexpr int kExitFailure = -1;
+
+const char *parseMessage(int status) {
+  if (status == -2)
+    return kMissingInput;
+  if (status == -3)
+    return kWrongMethod;
+  return kWrongSyntax;
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+  ReduceOptions options;
+  fillDefaultOptions(&options);
+
+  // The gate runs before anything looks at the command line.
+  if (licenceGranted() != 1) {
+    std::fputs(kLicenceRefused, stdout);
+    return kExitFailure;
+  }
+
+  const int parsed = parseCommandLine(&options, argc, argv);
+  if (parsed != 0) {
+    std::fputs(parseMessage(parsed), stdout);
+    return kExitFailure;
+  }
+
+  // Whole seconds around everything behind the parse: reading, reduction,
+  // writing and solid extraction.
+  const std::time_t start = std::time(nullptr);
+  int32_t oldCount = 0;
+  int32_t removedCount = 0;
+  int32_t solidCount = -1;
+  const int result = runReduction(&options, &oldCount, &removedCount, &solidCount);
+  const std::time_t end = std::time(nullptr);
+
+  // One message for every failure behind the run: unreadable or malformed input,
+  // limits, a failed write or a failed solid extraction.
+  if (result != 0 || removedCount < 0 || solidCount < -1) {
+    std::fputs(kReductionFailed, stdout);
+    return kExitFailure;
+  }
+
+  // A report that cannot be written, or would overwrite a file of this run, is
+  // left out without a word: the run itself succeeded.
+  writeRunReport(&options, oldCount, removedCount, solidCount, std::difftime(end, start));
+  return 0;
+}

@@ -1,0 +1,70 @@
+// Helpers shared by the readers, the facet store and the writers of stl/.
+#pragma once
+
+#include "stl/stl.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+
+namespace stl_detail {
+
+constexpr int64_t kHeaderBytes = 80;  // header text field of a binary file
+constexpr int64_t kCountOffset = 80;  // offset of the 32-bit facet count
+constexpr int64_t kDataOffset = 84;   // offset of the first facet record
+constexpr int64_t kRecordBytes = 50;  // one binary facet record
+constexpr int kVertexOffset = 12;     // vertex 1 within a record, after the normal
+constexpr int kRecordChunk = 1024;    // records read with one fread by the sequential passes
+
+// Little-endian 32-bit words, whatever the byte order of the host.
+inline uint32_t loadU32(const unsigned char *bytes) {
+  return static_cast<uint32_t>(bytes[0]) | static_cast<uint32_t>(bytes[1]) << 8 |
+         static_cast<uint32_t>(bytes[2]) << 16 | static_cast<uint32_t>(bytes[3]) << 24;
+}
+
+inline void storeU32(uint32_t word, unsigned char *bytes) {
+  bytes[0] = static_cast<unsigned char>(word);
+  bytes[1] = static_cast<unsigned char>(word >> 8);
+  bytes[2] = static_cast<unsigned char>(word >> 16);
+  bytes[3] = static_cast<unsigned char>(word >> 24);
+}
+
+inline float loadF32(const unsigned char *bytes) {
+  const uint32_t word = loadU32(bytes);
+  float value;
+  std::memcpy(&value, &word, sizeof value);
+  return value;
+}
+
+// Decodes the nine vertex coordinates of a 50-byte record. False when one of
+// them is NaN or infinite: such a record makes the file malformed.
+bool decodeVertices(const unsigned char *record, float *vertices);
+
+// Sort key of a facet on an axis: the smallest of its three coordinates there.
+inline float facetKeyOf(const float *vertices, int axis) {
+  return std::min(std::min(vertices[axis], vertices[3 + axis]), vertices[6 + axis]);
+}
+
+// The box rule: start from the first vertex of the first facet, then per
+// coordinate "if below the minimum, take it, else if above the maximum, take it".
+inline void boxStart(FacetBox *box, const float *vertices) {
+  for (int i = 0; i < 3; ++i) {
+    box->v[i] = vertices[i];
+    box->v[3 + i] = vertices[i];
+  }
+}
+
+inline void boxAdd(FacetBox *box, const float *vertices) {
+  for (int corner = 0; corner < 3; ++corner) {
+    for (int i = 0; i < 3; ++i) {
+      const float value = vertices[3 * corner + i];
+      if (box->v[i] > value) {
+        box->v[i] = value;
+      } else if (value > box->v[3 + i]) {
+        box->v[3 + i] = value;
+      }
+    }
+  }
+}
+
+} // namespace stl_detail

@@ -1,0 +1,192 @@
+// The built tool as a user meets it: messages, exit statuses, and which report
+// appears where. Each test runs in a fresh folder holding a tetrahedron as
+// part.stl and sub/part.stl, a broken file, and the folders res_MQ_0.10_sub and
+// outdir. The low method may print progress lines, so only -qm and -qh runs
+// check that success prints nothing.
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+#define FT_USAGE                                                                          \
+  "Usage: FacetTrim <input-file> [ -o<output-file> -s[<solid-file>] -t<tolerance> -a<angle> " \
+  "-q<l|m|h> ]\n"
+const char *const kSyntax = "WRONG SYNTAX. " FT_USAGE;
+const char *const kMissing = "MISSING INPUT FILE. " FT_USAGE;
+const char *const kMethod = "WRONG METHOD. " FT_USAGE;
+const char *const kFailed = "ERROR: REDUCTION NOT POSSIBLE !\n";
+
+std::string readFile(const fs::path &path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+// True when line is prefix, a whole number right-aligned in at least width
+// characters, and suffix.
+bool numberLine(const std::string &line, const std::string &prefix, size_t width,
+                const std::string &suffix) {
+  if (line.size() < prefix.size() + width + suffix.size() || line.rfind(prefix, 0) != 0 ||
+      line.compare(line.size() - suffix.size(), suffix.size(), suffix) != 0)
+    return false;
+  const std::string field = line.substr(prefix.size(), line.size() - prefix.size() - suffix.size());
+  const size_t digits = field.find_first_not_of(' ');
+  return digits != std::string::npos && (field.size() == width || digits == 0) &&
+         field.find_first_not_of("0123456789", digits) == std::string::npos;
+}
+
+struct Case {
+  std::vector<std::string> args; // after the program name
+  const char *out;               // expected standard output; null: not checked
+  int status;
+  std::set<std::string> reports; // files other than STL that the run leaves
+};
+
+class Tool : public ::testing::Test {
+protected:
+  void SetUp() override {
+    dir_ = fs::temp_directory_path() /
+           ("ft_front_" + std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()) +
+            "_" + std::to_string(getpid()));
+    fs::remove_all(dir_);
+    for (const char *folder : {"sub", "res_MQ_0.10_sub", "outdir"})
+      fs::create_directories(dir_ / folder);
+    fs::copy_file(FT_TEST_DATA "/tetrahedron.stl", dir_ / "part.stl");
+    fs::copy_file(FT_TEST_DATA "/tetrahedron.stl", dir_ / "sub/part.stl");
+    fs::copy_file(FT_TEST_DATA "/broken-count-field.stl", dir_ / "broken.stl");
+  }
+  void TearDown() override { fs::remove_all(dir_); }
+
+  // Runs the tool in the test folder; returns its exit status and fills out.
+  // No argument here holds a single quote, so quoting each one is enough.
+  int run(const std::vector<std::string> &args, std::string *out) const {
+    std::string command = "cd '" + dir_.string() + "' && '" FT_BINARY_DIR "/FacetTrim'";
+    for (const std::string &arg : args)
+      command += " '" + arg + "'";
+    FILE *pipe = popen(command.c_str(), "r");
+    out->clear();
+    char buffer[4096];
+    size_t got;
+    while ((got = fread(buffer, 1, sizeof buffer, pipe)) > 0)
+      out->append(buffer, got);
+    const int status = pclose(pipe);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+
+  // Files under the folder other than STL files: the test folder starts with none.
+  std::set<std::string> reports() const {
+    std::set<std::string> found;
+    for (const fs::directory_entry &entry : fs::recursive_directory_iterator(dir_)) {
+      const std::string name = fs::relative(entry.path(), dir_).string();
+      if (entry.is_regular_file() && entry.path().extension() != ".stl")
+        found.insert(name);
+    }
+    return found;
+  }
+
+  // Runs each case and removes its reports, so that the next case starts clean.
+  void checkCases(const std::vector<Case> &cases) {
+    for (const Case &c : cases) {
+      std::string where = "FacetTrim";
+      for (const std::string &arg : c.args)
+        where += " '" + arg + "'";
+      std::string out;
+      EXPECT_EQ(run(c.args, &out), c.status) << where;
+      if (c.out) {
+        EXPECT_EQ(out, c.out) << where;
+      }
+      const std::set<std::string> made = reports();
+      EXPECT_EQ(made, c.reports) << where;
+      for (const std::string &name : made)
+        fs::remove(dir_ / name);
+    }
+  }
+
+  fs::path dir_;
+};
+
+TEST_F(Tool, FaultsPrintTheirMessageAndExitWith255InArgumentOrder) {
+  checkCases({
+      {{}, kSyntax, 255, {}},
+      {{""}, kMissing, 255, {}},
+      {{"part.stl", "-q"}, kMethod, 255, {}},
+      {{"part.stl", "-qx"}, kMethod, 255, {}},
+      {{"part.stl", "-qhh"}, kMethod, 255, {}},
+      {{"part.stl", "-qx", "word"}, kMethod, 255, {}},
+      {{"part.stl", "word", "-qx"}, kSyntax, 255, {}},
+      {{"part.stl", "-qm", "-"}, kSyntax, 255, {}},
+      {{"", "-t1", "stray"}, kSyntax, 255, {}},
+      {{"missing.stl", "-qm"}, kFailed, 255, {}},
+      {{"broken.stl", "-qh", "-s"}, kFailed, 255, {}},
+      {{"broken.stl"}, kFailed, 255, {}},
+      {{"outdir", "-qm"}, kFailed, 255, {}},
+  });
+}
+
+TEST_F(Tool, SuccessWritesTheReportWhereTheNamesSay) {
+  checkCases({
+      {{"part.stl", "-Q", "-x1", "-qm"}, "", 0, {"res_MQ_0.10_part.log"}},
+      {{"part.stl", "-qh", "-s"}, "", 0, {"res_HQ_0.10_part.log"}},
+      {{"part.stl", "-t0"}, nullptr, 0, {"res_LQ_0.00_part.log"}},
+      {{"part.stl", "-t-2", "-ql", "-qm"}, "", 0, {"res_MQ_-2.00_part.log"}},
+      {{"part.stl", "-qm", "-ofirst.stl", "-oout.stl"}, "", 0, {"out.log"}},
+      {{"part.stl", "-qm", "-oout.stl", "-lrun.txt"}, "", 0, {"run.txt"}},
+      {{"part.stl", "-qm", "-ooutdir/x.stl"}, "", 0, {"outdir/x.log"}},
+      {{"part.stl", "-qm", "-ox"}, "", 0, {"x.log"}},
+      // The input goes into the default name with its folder.
+      {{"sub/part.stl", "-qm"}, "", 0, {"res_MQ_0.10_sub/part.log"}},
+      // A report that cannot be opened is left out without a word.
+      {{"sub/part.stl", "-qh"}, "", 0, {}},
+      {{"part.stl", "-qh", "-l"}, "", 0, {}},
+  });
+}
+
+TEST_F(Tool, NoReportOverwritesTheInputOutputOrSolidFile) {
+  const std::string input = readFile(dir_ / "part.stl");
+  checkCases({
+      {{"part.stl", "-qm", "-oresult.log"}, "", 0, {}},
+      {{"part.stl", "-qh", "-lpart.stl"}, "", 0, {}},
+      {{"part.stl", "-qh", "-l./sub/../part.stl"}, "", 0, {}},
+      {{"part.stl", "-qm", "-sbody.log", "-lbody.log"}, "", 0, {}},
+      {{"part.stl", "-qm", "-olog"}, "", 0, {}},
+  });
+  EXPECT_EQ(readFile(dir_ / "part.stl"), input);
+}
+
+TEST_F(Tool, ReportLinesReadExactlyAlsoForNamesOfMoreThan1024Characters) {
+  std::string detour;
+  while (detour.size() < 1100)
+    detour += "./";
+  const std::string input = detour + "part.stl";
+  std::string out;
+  ASSERT_EQ(run({input, "-t0.05", "-qh", "-s", "-o" + detour + "outdir/run.stl", "-a10"}, &out), 0);
+  EXPECT_EQ(out, "");
+  // The tetrahedron loses no vertex at any tolerance.
+  const std::string fixed = "--> FacetTrim from " + input + " to " + input + "\n" +
+                            "    method          :    high quality \n"
+                            "    old tri count   :    4          \n"
+                            "    new tri count   :    4          \n"
+                            "    tolerance       :    0.0500        \n"
+                            "    reduction       :    0.00 %     \n";
+  const std::string report = readFile(dir_ / "outdir/run.log");
+  ASSERT_EQ(report.substr(0, fixed.size()), fixed);
+  // The solid count and the seconds depend on the extraction and the clock;
+  // their formats do not.
+  const std::string rest = report.substr(fixed.size());
+  const size_t split = rest.find('\n') + 1;
+  EXPECT_TRUE(numberLine(rest.substr(0, split), "    number of solids:    ", 1, " \n")) << rest;
+  EXPECT_TRUE(numberLine(rest.substr(split), "    elapsed time    :    ", 6, " sec   \n")) << rest;
+}
+
+} // namespace
