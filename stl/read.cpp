@@ -17,18 +17,7 @@ using namespace stl_detail;
 
 static_assert(sizeof(off_t) >= 8, "seeks in files of 2 GiB and more need a 64-bit off_t");
 
-namespace {
-
 // ---- Binary records ---------------------------------------------------------
-
-void decodeWire(const unsigned char *record, FacetWire *wire, bool *finite) {
-  for (int i = 0; i < 3; ++i) {
-    wire->v[i] = loadF32(record + 4 * i);
-  }
-  *finite = decodeVertices(record, wire->v + 3);
-}
-
-} // namespace
 
 bool stl_detail::decodeVertices(const unsigned char *record, float *vertices) {
   bool finite = true;
@@ -44,9 +33,10 @@ int stlReadBinaryFacet(FILE *file, FacetWire *wire) {
   if (!file || !wire || std::fread(record, 1, sizeof record, file) != sizeof record) {
     return -2;
   }
-  bool finite;
-  decodeWire(record, wire, &finite);
-  return finite ? 0 : -1;
+  for (int i = 0; i < 3; ++i) {
+    wire->v[i] = loadF32(record + 4 * i);
+  }
+  return decodeVertices(record, wire->v + 3) ? 0 : -1;
 }
 
 // ---- Binary test ------------------------------------------------------------
@@ -212,8 +202,12 @@ int stlRewindAscii(FILE *file) {
 // line included.
 int stlReadAsciiFacet(FILE *file, FacetWire *wire) {
   char line[kLineBuffer];
-  if (!file || !fetchLine(file, line)) {
-    return 2;
+  if (!file) {
+    return -2;
+  }
+  if (!fetchLine(file, line)) {
+    // No line left is the end of the file; a read error is not.
+    return std::ferror(file) ? -2 : 2;
   }
   char first[kWordBuffer];
   char second[kWordBuffer];

@@ -2,36 +2,47 @@
 //
 // Invariants
 //  1. Readers print nothing. Failure is a negative status: -1 not this format or
-//     malformed, -2 unreadable (short read, failed open, limit exceeded).
+//     malformed, -2 unreadable (short read, failed open or allocation, limit exceeded).
 //  2. Every pass opens, walks and closes its own file. A routine that is handed an
-//     open file (stlReadAsciiFacet, stlReadFacetAt, stlPatchCount) never closes it.
+//     open file (stlReadAsciiFacet, stlReadBinaryFacet, stlReadFacetAt,
+//     stlPatchCount) never closes it.
 //  3. File sizes, counts read from binary headers and seek offsets are 64-bit, so
-//     files of 2 GiB and more are read. A binary file is binary exactly when
-//     (size - 84) / 50 equals the count in its header.
-//  4. A vertex coordinate that is NaN or infinite makes a file malformed (-1) in
+//     files of 2 GiB and more are read. A file is binary exactly when
+//     (size - 84) / 50 equals the count in its header; only then is it read as
+//     records, and only otherwise as text.
+//  4. An ASCII line is one fgets piece of at most 255 characters; a longer line
+//     arrives, and is parsed, as several. Keywords are all lower or all upper
+//     case, word by word.
+//  5. A vertex coordinate that is NaN or infinite makes a file malformed (-1) in
 //     every reader that reads vertices. Normals are read and dropped unchecked.
-//  5. A FacetBlock holds at most kFacetBlockSize facets, filled from the front; a
-//     block array holds at most kFacetBlockMax blocks.
-//  6. Facets with equal sort keys keep the order of their ordinals (their place in
-//     the file), so every ordering here is deterministic.
+//  6. A FacetBlock holds at most kFacetBlockSize facets, filled from the front; a
+//     block array holds at most kFacetBlockMax blocks, of which blocks[0..blockCount)
+//     are allocated; freeFacetBlocks nulls the slots it releases.
+//  7. Facets with equal sort keys keep the order of their ordinals (their place in
+//     the file), so every ordering is deterministic, and the pointer table and
+//     the key table order one file identically.
+//  8. A binary file written here starts with the fixed 80-byte header; its count
+//     is provisional until stlPatchCount writes the real one.
 #pragma once
 
 #include <cstdint>
 #include <cstdio>
 
-// A facet in transit: normal x, y, z, then vertices 1, 2, 3 (x, y, z each).
+// A facet in transit between a file and its reader.
 struct FacetWire {
-  float v[12];
+  float v[12]; // normal x, y, z, then vertices 1, 2, 3 (x, y, z each)
 };
+static_assert(sizeof(FacetWire) == 48, "FacetWire is twelve floats");
 
-// Minimum x, y, z, then maximum x, y, z.
+// An axis-aligned box in 32-bit floats.
 struct FacetBox {
-  float v[6];
+  float v[6]; // minimum x, y, z, then maximum x, y, z
 };
+static_assert(sizeof(FacetBox) == 24, "FacetBox is six floats");
 
-// Three vertices in file order; no normal, no attribute word.
+// A stored facet; no normal, no attribute word.
 struct FacetRec {
-  float v[9];
+  float v[9]; // vertices 1, 2, 3 in file order, x, y, z each
 };
 static_assert(sizeof(FacetRec) == 36, "FacetRec is nine floats");
 
@@ -40,9 +51,11 @@ constexpr int kFacetBlockMax = 20;        // blocks of the in-memory route
 constexpr int kFacetLoadLimit = 10000000; // facets the block load accepts
 constexpr int kFacetKeyLimit = 100000000; // facets the key readers accept
 
+// One allocation of the in-memory store, filled from the front.
 struct FacetBlock {
-  FacetRec rec[kFacetBlockSize];
+  FacetRec rec[kFacetBlockSize]; // facets in reading order
 };
+static_assert(sizeof(FacetBlock) == sizeof(FacetRec) * kFacetBlockSize, "FacetBlock is records only");
 
 // One facet's place in the file and its sort key on the chosen axis.
 struct FacetKey {
@@ -52,9 +65,9 @@ struct FacetKey {
 static_assert(sizeof(FacetKey) == 8, "FacetKey is ordinal and key");
 
 // stlFormatCode values.
-constexpr int kStlUnknown = 0;
-constexpr int kStlAscii = 1;
-constexpr int kStlBinary = 2;
+constexpr int kStlUnknown = 0; // neither format, or not known
+constexpr int kStlAscii = 1;   // text
+constexpr int kStlBinary = 2;  // 50-byte records
 
 // ---- Reading ----------------------------------------------------------------
 
@@ -65,19 +78,24 @@ int stlReadBinaryFacet(FILE *file, FacetWire *wire);
 // Opens an ASCII STL placed after its first line. status: 0, -1 or -2.
 FILE *stlOpenAscii(const char *name, int *status);
 // 0 facet read, 1 terminator line, 2 end of file at a statement border,
-// -1 malformed line, -2 file ends inside a facet.
+// -1 malformed line, -2 file ends inside a facet. wire is written only for a facet.
 int stlReadAsciiFacet(FILE *file, FacetWire *wire);
 // Seeks to the start and passes the first line. 0, -1 wrong first word, -2 failed read.
 int stlRewindAscii(FILE *file);
-// Facet count or negative status; box filled when the count is above 0; format may be null.
+// Facet count or negative status; box filled when the count is above 0. format
+// (may be null) receives 2 or 1, or 0 on failure.
 int64_t stlScan(const char *name, FacetBox *box, int *format);
-// Facet count or negative status; reads no binary records.
+// Facet count or negative status; reads no binary records. format as for stlScan.
 int64_t stlCount(const char *name, int *format);
 // 2 binary, 1 ASCII, 0 neither, -1 unreadable.
 int stlProbeFormat(const char *name);
-// Facets loaded into blocks[0..*blockCount), or a negative status.
+// Facets loaded into blocks[0..*blockCount), or a negative status; a count below 1
+// from stlCount is returned as it is, with *blockCount untouched. A failure
+// releases what was loaded and sets *blockCount to 0.
 int stlLoadBlocks(const char *name, FacetBlock **blocks, int *blockCount);
-// Reads facet `ordinal` of an open file; position is the caller's cursor, starting at -1.
+// Reads facet `ordinal` of a file opened with stlOpenBinary or stlOpenAscii.
+// position is the caller's cursor, the ordinal of the next facet, starting at
+// -1; any failure returns -1 and sets it back to -1.
 int stlReadFacetAt(FILE *file, int format, int ordinal, int *position, FacetWire *wire);
 
 // ---- Facet store and ordering -----------------------------------------------
@@ -86,11 +104,15 @@ int stlReadFacetAt(FILE *file, int format, int ordinal, int *position, FacetWire
 int facetSortAxis(const FacetBox *box);
 // count, or 0 for a count below 1.
 int facetBoxOfBlocks(FacetBlock *const *blocks, int count, FacetBox *box);
-// New table of `count` facet pointers sorted on `axis`, or null. Free with free().
+// New table of `count` facet pointers sorted on `axis`, equal keys by ordinal
+// (block x kFacetBlockSize + index), or null. Free with free(); it owns no facet.
 FacetRec **sortFacetPointers(FacetBlock *const *blocks, int count, int axis);
-// New key table, or null. count: expected count in, result or negative status out.
+// New key table in file order, or null. Free with free(). count: the expected
+// count in (ASCII counts the file when it is negative), the count or a negative
+// status out; an ASCII file whose terminator stands before its last facet is
+// refused with -1.
 FacetKey *readFacetKeys(const char *name, int axis, int *count, int *format);
-// count, or -1 for a negative count.
+// Orders by key, equal keys by ordinal. count, or -1 for a negative count.
 int sortFacetKeys(FacetKey *keys, int count);
 // Releases blocks from the last to the first and clears each slot.
 void freeFacetBlocks(FacetBlock **blocks, int blockCount);

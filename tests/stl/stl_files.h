@@ -2,6 +2,8 @@
 // byte by byte, ASCII STL as text, and an independent binary reader.
 #pragma once
 
+#include "stl/stl.h"
+
 #include <array>
 #include <cstdint>
 #include <cstdio>
@@ -17,14 +19,15 @@ using Facet = std::array<float, 9>;
 inline std::string tempPath(const std::string &leaf) {
   static const std::string dir = [] {
     char pattern[] = "/tmp/ft_stl_test_XXXXXX";
-    std::string made = mkdtemp(pattern);
-    return made;
+    return std::string(mkdtemp(pattern));
   }();
-  static struct Cleanup {
+  static const struct Cleanup {
     ~Cleanup() { std::filesystem::remove_all(dir); }
   } cleanup;
   return dir + "/" + leaf;
 }
+
+inline std::string dataPath(const char *leaf) { return std::string(FT_TEST_DATA) + "/" + leaf; }
 
 inline void writeBytes(const std::string &path, const std::string &bytes) {
   FILE *file = std::fopen(path.c_str(), "wb");
@@ -32,16 +35,10 @@ inline void writeBytes(const std::string &path, const std::string &bytes) {
   std::fclose(file);
 }
 
-inline void appendU32(std::string *bytes, uint32_t word) {
+inline void appendWord(std::string *bytes, uint32_t word) {
   for (int i = 0; i < 4; ++i) {
     bytes->push_back(static_cast<char>(word >> (8 * i)));
   }
-}
-
-inline void appendF32(std::string *bytes, float value) {
-  uint32_t word;
-  std::memcpy(&word, &value, 4);
-  appendU32(bytes, word);
 }
 
 // Binary STL: header text, count (the true one plus countDelta), records with
@@ -50,15 +47,11 @@ inline std::string binaryStl(const std::vector<Facet> &facets, const std::string
                              int countDelta = 0, size_t trailing = 0, float normal = 0.0f) {
   std::string bytes = header;
   bytes.resize(80, '\0');
-  appendU32(&bytes, static_cast<uint32_t>(facets.size() + countDelta));
+  appendWord(&bytes, static_cast<uint32_t>(facets.size() + countDelta));
   for (const Facet &facet : facets) {
-    for (int i = 0; i < 3; ++i) {
-      appendF32(&bytes, normal);
-    }
-    for (float value : facet) {
-      appendF32(&bytes, value);
-    }
-    bytes += std::string(2, '\0');
+    float record[12] = {normal, normal, normal};
+    std::memcpy(record + 3, facet.data(), sizeof(Facet));
+    bytes.append(reinterpret_cast<const char *>(record), sizeof record).append(2, '\0');
   }
   return bytes + std::string(trailing, 'x');
 }
@@ -80,19 +73,38 @@ inline std::string asciiStl(const std::vector<Facet> &facets) {
   return text + "endsolid test\n";
 }
 
-// Reads the vertices of a binary STL without the library.
+// The vertices of a binary STL, read without the library.
 inline std::vector<Facet> readBinaryFacets(const std::string &path) {
   std::vector<Facet> facets;
   FILE *file = std::fopen(path.c_str(), "rb");
   unsigned char record[50];
   std::fseek(file, 84, SEEK_SET);
   while (std::fread(record, 1, 50, file) == 50) {
-    Facet facet;
-    std::memcpy(facet.data(), record + 12, 36);
-    facets.push_back(facet);
+    std::memcpy(facets.emplace_back().data(), record + 12, 36);
   }
   std::fclose(file);
   return facets;
 }
 
-inline std::string dataPath(const char *leaf) { return std::string(FT_TEST_DATA) + "/" + leaf; }
+// Facet i lies at x = i, so every facet is told apart by its coordinates.
+inline std::vector<Facet> rampFacets(int count) {
+  std::vector<Facet> facets;
+  for (int i = 0; i < count; ++i) {
+    const float x = static_cast<float>(i);
+    facets.push_back({x, 0, 0, x + 1, 2, 0, x, 1, 3});
+  }
+  return facets;
+}
+
+// A block array that releases itself.
+struct Blocks {
+  FacetBlock *slot[kFacetBlockMax] = {};
+  int count = 0;
+  ~Blocks() { freeFacetBlocks(slot, count); }
+  int load(const std::string &path) { return stlLoadBlocks(path.c_str(), slot, &count); }
+  Facet at(int ordinal) const {
+    Facet facet;
+    std::memcpy(facet.data(), slot[ordinal / kFacetBlockSize]->rec[ordinal % kFacetBlockSize].v, 36);
+    return facet;
+  }
+};

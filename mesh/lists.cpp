@@ -1,0 +1,147 @@
+// List routines. They are written once over the record type and given a
+// name per type; every record type chains itself through prev and next.
+#include "mesh/mesh_internal.h"
+
+namespace {
+
+using ftmesh::freeRecord;
+using ftmesh::listConcat;
+using ftmesh::listTail;
+using ftmesh::listUnlink;
+
+template <class T>
+T* listDelete(T* head, T* r) {
+  if (!r) return head;
+  head = listUnlink(head, r);
+  freeRecord(r);
+  return head;
+}
+
+template <class T>
+int32_t listDeleteAll(T* head) {
+  while (head) {
+    T* next = head->next;  // read before the record is freed
+    freeRecord(head);
+    head = next;
+  }
+  return 0;
+}
+
+template <class T>
+T* listDeleteFlagged(T* head, uint32_t mask, int32_t* count) {
+  int32_t n = 0;
+  for (T* r = head; r;) {
+    T* next = r->next;  // read before r is freed
+    if (r->flags & mask) {
+      head = listUnlink(head, r);
+      freeRecord(r);
+      ++n;
+    }
+    r = next;
+  }
+  if (count) *count = n;
+  return head;
+}
+
+template <class T>
+int32_t listAndAll(T* head, uint32_t mask) {
+  for (T* r = head; r; r = r->next) r->flags &= mask;
+  return 0;
+}
+
+template <class T>
+int32_t listOrAll(T* head, uint32_t bits) {
+  for (T* r = head; r; r = r->next) r->flags |= bits;
+  return 0;
+}
+
+template <class T>
+int32_t listCount(const T* head) {
+  int32_t n = 0;
+  for (const T* r = head; r; r = r->next) ++n;
+  return n;
+}
+
+}  // namespace
+
+qvVtx* qvVtxConcat(qvVtx* a, qvVtx* b) { return listConcat(a, b); }
+qvVtx* qvVtxUnlink(qvVtx* head, qvVtx* r) { return listUnlink(head, r); }
+qvVtx* qvVtxDelete(qvVtx* head, qvVtx* r) { return listDelete(head, r); }
+int32_t qvVtxDeleteAll(qvVtx* head) { return listDeleteAll(head); }
+qvVtx* qvVtxDeleteFlagged(qvVtx* head, uint32_t mask, int32_t* count) {
+  return listDeleteFlagged(head, mask, count);
+}
+int32_t qvVtxAndAll(qvVtx* head, uint32_t mask) { return listAndAll(head, mask); }
+int32_t qvVtxOrAll(qvVtx* head, uint32_t bits) { return listOrAll(head, bits); }
+int32_t qvVtxCount(const qvVtx* head) { return listCount(head); }
+qvVtx* qvVtxTail(qvVtx* head) { return listTail(head); }
+
+int32_t qvVtxSetTag(qvVtx* head, int32_t value) {
+  for (qvVtx* v = head; v; v = v->next) v->tag = value;
+  return 0;
+}
+
+qvEdg* qvEdgConcat(qvEdg* a, qvEdg* b) { return listConcat(a, b); }
+qvEdg* qvEdgUnlink(qvEdg* head, qvEdg* r) { return listUnlink(head, r); }
+qvEdg* qvEdgDelete(qvEdg* head, qvEdg* r) { return listDelete(head, r); }
+int32_t qvEdgDeleteAll(qvEdg* head) { return listDeleteAll(head); }
+qvEdg* qvEdgDeleteFlagged(qvEdg* head, uint32_t mask, int32_t* count) {
+  return listDeleteFlagged(head, mask, count);
+}
+int32_t qvEdgAndAll(qvEdg* head, uint32_t mask) { return listAndAll(head, mask); }
+int32_t qvEdgOrAll(qvEdg* head, uint32_t bits) { return listOrAll(head, bits); }
+int32_t qvEdgCount(const qvEdg* head) { return listCount(head); }
+qvEdg* qvEdgTail(qvEdg* head) { return listTail(head); }
+
+qvTri* qvTriConcat(qvTri* a, qvTri* b) { return listConcat(a, b); }
+qvTri* qvTriUnlinkList(qvTri* head, qvTri* r) { return listUnlink(head, r); }
+qvTri* qvTriDelete(qvTri* head, qvTri* r) { return listDelete(head, r); }
+int32_t qvTriDeleteAll(qvTri* head) { return listDeleteAll(head); }
+qvTri* qvTriDeleteFlagged(qvTri* head, uint32_t mask, int32_t* count) {
+  return listDeleteFlagged(head, mask, count);
+}
+int32_t qvTriAndAll(qvTri* head, uint32_t mask) { return listAndAll(head, mask); }
+int32_t qvTriOrAll(qvTri* head, uint32_t bits) { return listOrAll(head, bits); }
+int32_t qvTriCount(const qvTri* head) { return listCount(head); }
+qvTri* qvTriTail(qvTri* head) { return listTail(head); }
+
+qvTri* qvTriReverse(qvTri* head) {
+  qvTri* last = nullptr;
+  for (qvTri* t = head; t;) {
+    qvTri* next = t->next;  // the old next, before the exchange
+    t->next = t->prev;
+    t->prev = next;
+    last = t;
+    t = next;
+  }
+  return last;
+}
+
+qvMesh* qvMeshConcat(qvMesh* a, qvMesh* b) { return listConcat(a, b); }
+qvMesh* qvMeshUnlink(qvMesh* head, qvMesh* r) { return listUnlink(head, r); }
+qvMesh* qvMeshDelete(qvMesh* head, qvMesh* r) { return listDelete(head, r); }
+int32_t qvMeshDeleteAll(qvMesh* head) { return listDeleteAll(head); }
+qvMesh* qvMeshDeleteFlagged(qvMesh* head, uint32_t mask, int32_t* count) {
+  return listDeleteFlagged(head, mask, count);
+}
+int32_t qvMeshAndAll(qvMesh* head, uint32_t mask) { return listAndAll(head, mask); }
+int32_t qvMeshOrAll(qvMesh* head, uint32_t bits) { return listOrAll(head, bits); }
+int32_t qvMeshCount(const qvMesh* head) { return listCount(head); }
+qvMesh* qvMeshTail(qvMesh* head) { return listTail(head); }
+
+qvMesh* qvMeshUnchain(qvMesh* head, qvMesh* m) { return listUnlink(head, m); }
+qvMesh* qvMeshDropChained(qvMesh* head, qvMesh* m) { return listDelete(head, m); }
+
+qvLnk* qvLnkConcat(qvLnk* a, qvLnk* b) { return listConcat(a, b); }
+qvLnk* qvLnkUnlink(qvLnk* head, qvLnk* r) { return listUnlink(head, r); }
+qvLnk* qvLnkDelete(qvLnk* head, qvLnk* r) { return listDelete(head, r); }
+int32_t qvLnkDeleteAll(qvLnk* head) { return listDeleteAll(head); }
+qvLnk* qvLnkDeleteFlagged(qvLnk* head, uint32_t mask, int32_t* count) {
+  return listDeleteFlagged(head, mask, count);
+}
+int32_t qvLnkAndAll(qvLnk* head, uint32_t mask) { return listAndAll(head, mask); }
+int32_t qvLnkOrAll(qvLnk* head, uint32_t bits) { return listOrAll(head, bits); }
+int32_t qvLnkCount(const qvLnk* head) { return listCount(head); }
+qvLnk* qvLnkTail(qvLnk* head) { return listTail(head); }
+
+void qvLnkListFree(void* list) { qvLnkDeleteAll(static_cast<qvLnk*>(list)); }

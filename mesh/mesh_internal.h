@@ -1,0 +1,77 @@
+// Helpers shared by the files of mesh/ and used nowhere else: the list
+// operations written once for every record type, and the per-neighbourhood
+// checks that debug builds run after an editing primitive.
+#pragma once
+
+#include "mesh/qvMesh.h"
+
+namespace ftmesh {
+
+// Release of one record, by type, for the generic list routines.
+inline void freeRecord(qvVtx* r) { qvVtxFree(r); }
+inline void freeRecord(qvEdg* r) { qvEdgFree(r); }
+inline void freeRecord(qvTri* r) { qvTriFree(r); }
+inline void freeRecord(qvMesh* r) { qvMeshFree(r); }
+inline void freeRecord(qvLnk* r) { qvLnkFree(r); }
+
+template <class T>
+T* listTail(T* head) {
+  if (!head) return nullptr;
+  while (head->next) head = head->next;
+  return head;
+}
+
+template <class T>
+T* listConcat(T* a, T* b) {
+  if (!a) return b;
+  if (!b) return a;
+  T* tail = listTail(a);
+  tail->next = b;
+  b->prev = tail;
+  return a;
+}
+
+// Takes r out of the list that starts at head. A record whose prev is null is
+// taken to be the head of its list, so head changes only when r is head.
+template <class T>
+T* listUnlink(T* head, T* r) {
+  if (!r) return head;
+  if (r->prev) r->prev->next = r->next;
+  else if (r == head) head = r->next;
+  if (r->next) r->next->prev = r->prev;
+  r->prev = nullptr;
+  r->next = nullptr;
+  return head;
+}
+
+// Puts a record that is in no list in front of head: one step.
+template <class T>
+T* listPrepend(T* head, T* r) {
+  r->prev = nullptr;
+  r->next = head;
+  if (head) head->prev = r;
+  return r;
+}
+
+// Moves r, a record of the list at head, to its head.
+template <class T>
+T* listMoveToHead(T* head, T* r) {
+  if (r == head) return head;
+  return listPrepend(listUnlink(head, r), r);
+}
+
+// Coordinates behind a handle, or null.
+inline const double* handleXyz(const double* h) { return h ? qvVtxXyz(qvVtxOf(h)) : nullptr; }
+
+#ifndef NDEBUG
+// Debug checks of the neighbourhood an editing primitive has just changed.
+// They assert program invariants, never properties of input.
+void debugCheckFlip(const qvTri* t, double* const before[3], bool hadCorners);
+void debugCheckUnlinked(const qvTri* t, qvTri* const former[3]);
+// After a fan marking with moves: the head runs bearing the bits are at least
+// as long as the number of records that newly gained them.
+void debugCheckHeadRun(const qvMesh* mesh, uint32_t opts, uint32_t triBit, int32_t nTri,
+                       uint32_t edgBit, int32_t nEdg, uint32_t vtxBit, int32_t nVtx);
+#endif
+
+}  // namespace ftmesh

@@ -1,0 +1,258 @@
+// Exact predicates against rational arithmetic, and the planar classifiers.
+#include "kernels/predicates.h"
+
+#include <gmpxx.h>
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <random>
+#include <thread>
+#include <vector>
+
+namespace {
+
+struct Pt {
+  double v[2];
+};
+
+int sgn(double v) {
+  return (v > 0.0) - (v < 0.0);
+}
+
+int exactOrient(const Pt& a, const Pt& b, const Pt& c) {
+  mpq_class ax(a.v[0]), ay(a.v[1]), bx(b.v[0]), by(b.v[1]);
+  return sgn((ax - c.v[0]) * (by - c.v[1]) - (ay - c.v[1]) * (bx - c.v[0]));
+}
+
+int exactIncircle(const Pt* p) {
+  mpq_class dx[3], dy[3];
+  for (int i = 0; i < 3; i++) {
+    dx[i] = mpq_class(p[i].v[0]) - p[3].v[0];
+    dy[i] = mpq_class(p[i].v[1]) - p[3].v[1];
+  }
+  mpq_class det = 0;
+  for (int i = 0; i < 3; i++) {
+    int j = (i + 1) % 3, k = (i + 2) % 3;
+    det += (dx[i] * dx[i] + dy[i] * dy[i]) * (dx[j] * dy[k] - dx[k] * dy[j]);
+  }
+  return sgn(det);
+}
+
+// The plain formula, to show that the cases are hard ones.
+double plainIncircle(const Pt* p) {
+  double det = 0;
+  for (int i = 0; i < 3; i++) {
+    int j = (i + 1) % 3, k = (i + 2) % 3;
+    double xi = p[i].v[0] - p[3].v[0], yi = p[i].v[1] - p[3].v[1];
+    double xj = p[j].v[0] - p[3].v[0], yj = p[j].v[1] - p[3].v[1];
+    double xk = p[k].v[0] - p[3].v[0], yk = p[k].v[1] - p[3].v[1];
+    det += (xi * xi + yi * yi) * (xj * yk - xk * yj);
+  }
+  return det;
+}
+
+// Every order of the arguments must give the exact sign: swapping two flips
+// it, rotating three keeps it.
+void expectExactSigns(const Pt* p) {
+  int o = exactOrient(p[0], p[1], p[2]);
+  ASSERT_EQ(sgn(orient2d(p[0].v, p[1].v, p[2].v)), o);
+  ASSERT_EQ(sgn(orient2d(p[1].v, p[0].v, p[2].v)), -o);
+  ASSERT_EQ(sgn(orient2d(p[1].v, p[2].v, p[0].v)), o);
+  int e = exactIncircle(p);
+  ASSERT_EQ(sgn(incircle(p[0].v, p[1].v, p[2].v, p[3].v)), e);
+  ASSERT_EQ(sgn(incircle(p[1].v, p[0].v, p[2].v, p[3].v)), -e);
+  ASSERT_EQ(incircleSign(p[1].v, p[2].v, p[0].v, p[3].v), 2 * e);
+}
+
+double ulps(double v, int k) {
+  for (; k > 0; k--) v = std::nextafter(v, INFINITY);
+  for (; k < 0; k++) v = std::nextafter(v, -INFINITY);
+  return v;
+}
+
+TEST(Predicates, ExactZerosWhereThePlainFormulaLeavesAResidue) {
+  exactinit();
+  std::mt19937_64 rng(11);
+  std::uniform_int_distribution<int64_t> mant(int64_t(1) << 40, (int64_t(1) << 50) - 1);
+  std::uniform_int_distribution<int> expo(-40, 40);
+  std::uniform_int_distribution<int64_t> mn(1 << 18, 1 << 20);
+  int residues = 0;
+  for (int i = 0; i < 4000; i++) {
+    Pt p[4];
+    if (i % 2 == 0) {
+      // On y = 3x (exact for 50-bit mantissas) with coordinates of very
+      // different size, so the differences are rounded. Four collinear
+      // points lift onto a plane: incircle is 0 as well.
+      for (Pt& q : p) {
+        q.v[0] = std::ldexp(double(mant(rng)), expo(rng));
+        q.v[1] = 3.0 * q.v[0];
+      }
+      ASSERT_EQ(exactOrient(p[0], p[1], p[2]), 0);
+      EXPECT_EQ(orient2d(p[0].v, p[1].v, p[2].v), 0.0);
+      EXPECT_EQ(orient2d(p[2].v, p[0].v, p[1].v), 0.0);
+    } else {
+      // (m^2 - n^2, 2mn) and its reflections lie on a circle of integer
+      // radius; 41-bit coordinates make the products inexact.
+      int64_t m = mn(rng), n = mn(rng);
+      double x = double(m * m - n * n), y = double(2 * m * n);
+      const Pt ring[8] = {{{x, y}}, {{-y, x}}, {{-x, -y}}, {{y, -x}},
+                          {{y, x}}, {{-x, y}}, {{-y, -x}}, {{x, -y}}};
+      for (int k = 0; k < 4; k++) p[k] = ring[(i + 3 * k) % 8];
+    }
+    ASSERT_EQ(exactIncircle(p), 0);
+    residues += plainIncircle(p) != 0.0;
+    EXPECT_EQ(incircle(p[0].v, p[1].v, p[2].v, p[3].v), 0.0);
+    EXPECT_EQ(incircleSign(p[3].v, p[1].v, p[0].v, p[2].v), 0);
+  }
+  EXPECT_GT(residues, 1000);
+}
+
+TEST(Predicates, SignsMatchRationalArithmeticOnNearDegenerateInput) {
+  exactinit();
+  std::mt19937_64 rng(13);
+  std::uniform_real_distribution<double> unit(-1.0, 1.0);
+  std::uniform_int_distribution<int64_t> mant(int64_t(1) << 40, (int64_t(1) << 50) - 1);
+  std::uniform_int_distribution<int> expo(-40, 40), kick(-4, 4);
+  const double scales[] = {1.0, 1e-40, 1e40};
+  const double offsets[] = {0.0, 1e6, -3.5e9};
+  int cases = 0;
+  for (double s : scales) {
+    for (double off : offsets) {
+      for (int i = 0; i < 900; i++, cases++) {
+        // Three points on a circle, one on the line of two of them, or four
+        // on y = 3x; then one coordinate moves by a few ulps.
+        Pt p[4];
+        double r = s * (1.0 + std::fabs(unit(rng)));
+        for (int k = 0; k < 3; k++) {
+          double ang = 3.14159 * unit(rng);
+          p[k] = {{s * off + r * std::cos(ang), -s * off + r * std::sin(ang)}};
+        }
+        double t = 2.5 * unit(rng) + 0.5;
+        p[3] = {{p[0].v[0] + t * (p[1].v[0] - p[0].v[0]), p[0].v[1] + t * (p[1].v[1] - p[0].v[1])}};
+        if (i % 3 == 1) {
+          double ang = 3.14159 * unit(rng);
+          p[3] = {{s * off + r * std::cos(ang), -s * off + r * std::sin(ang)}};
+        } else if (i % 3 == 2) {
+          for (Pt& q : p) {
+            q.v[0] = std::ldexp(double(mant(rng)), expo(rng));
+            q.v[1] = 3.0 * q.v[0];
+          }
+        }
+        p[3].v[i % 2] = ulps(p[3].v[i % 2], kick(rng));
+        std::swap(p[2], p[3]);  // the moved point is the one tested in orient2d
+        expectExactSigns(p);
+        std::swap(p[2], p[3]);
+        expectExactSigns(p);
+      }
+    }
+  }
+  EXPECT_EQ(cases, 8100);
+}
+
+TEST(Predicates, Orient2dWithZeroLeftTermReturnsThePlainDeterminant) {
+  exactinit();
+  // a and c share x: the left product is 0 and det = 0 - right is returned;
+  // its sign is exact since both factors of right keep theirs.
+  const Pt a = {{0.1, 0.7}}, b = {{0.3, -0.2}}, c = {{0.1, 0.3}};
+  EXPECT_EQ(orient2d(a.v, b.v, c.v), 0.0 - (a.v[1] - c.v[1]) * (b.v[0] - c.v[0]));
+  EXPECT_EQ(sgn(orient2d(a.v, b.v, c.v)), exactOrient(a, b, c));
+}
+
+// ---------------------------------------------------------------------------
+// Classifiers
+
+TEST(Classifiers, GiveTheFiveClassesOnHandMadeCorners) {
+  struct Case {
+    double a[2], b[2], c[2];
+    int32_t expect;
+  };
+  const Case cases[] = {
+      {{0, 0}, {4, 0}, {1, -1}, kTurnRight},    {{0, 0}, {4, 0}, {1, 1}, kTurnLeft},
+      {{0, 0}, {4, 0}, {-1, 0}, kTurnBehind},   {{0, 0}, {4, 0}, {1, 0}, kTurnBetween},
+      {{0, 0}, {4, 0}, {5, 0}, kTurnBeyond},    {{0, 0}, {4, 0}, {0, 0}, kTurnBetween},
+      {{0, 0}, {4, 0}, {4, 0}, kTurnBetween},   {{1, 1}, {3, 3}, {-2, -2}, kTurnBehind},
+      {{1, 1}, {3, 3}, {7, 7}, kTurnBeyond},
+  };
+  for (const Case& k : cases) {
+    double ab[3], ac[3];
+    qvTurn res;
+    EXPECT_EQ(orient2dClass(k.a, k.b, k.c, 0, ab, ac, &res), k.expect);
+    EXPECT_EQ(turn2d(k.a, k.b, k.c, 0, ab, ac, &res), k.expect);
+    EXPECT_EQ(turn2dFast(k.a, k.b, k.c, 0, ab, ac), k.expect);
+  }
+  // One ulp off the line y = x, far inside the filter's error bound.
+  const Pt a = {{0.5, 0.5}}, b = {{12.0, 12.0}}, c = {{24.0, std::nextafter(24.0, 25.0)}};
+  double ab[3], ac[3];
+  qvTurn res;
+  EXPECT_EQ(orient2dClass(a.v, b.v, c.v, 0, ab, ac, &res), 2 * exactOrient(a, b, c));
+}
+
+TEST(Classifiers, FillDifferenceVectorsOrReuseGivenOnes) {
+  const double a[2] = {1, 1}, b[2] = {3, 1}, c[2] = {5, 1};
+  double ab[3] = {0, 0, 0}, ac[3] = {0, 0, 0};
+  qvTurn res;
+  EXPECT_EQ(orient2dClass(a, b, c, 0, ab, ac, &res), kTurnBeyond);
+  EXPECT_TRUE(ab[0] == 2 && ab[1] == 0 && ab[2] == 4 && ac[0] == 4 && ac[2] == 16);
+  // A given vector is read as it stands: a stored squared length of 100
+  // puts c between a and b.
+  double fakeAb[3] = {2, 0, 100}, fakeAc[3] = {-4, 0, 16}, fast[2] = {0, 1};
+  EXPECT_EQ(orient2dClass(a, b, c, kTurnGivenAb, fakeAb, ac, &res), kTurnBetween);
+  EXPECT_EQ(turn2d(a, b, c, kTurnGivenAb, fakeAb, ac, &res), kTurnBetween);
+  EXPECT_EQ(turn2d(a, b, c, kTurnGivenAc, ab, fakeAc, &res), kTurnBehind);
+  EXPECT_EQ(turn2dFast(a, b, c, kTurnGivenAb, fast, ac), kTurnRight);
+  EXPECT_EQ(turn2dFast(a, b, c, kTurnGivenAb | kTurnGivenAc, fast, fakeAc), kTurnLeft);
+
+  // orient2dClass measures sin2 against ab alone: det^2 / |ab|^4.
+  const double d[2] = {3, 2};
+  EXPECT_EQ(orient2dClass(a, b, d, 0, ab, ac, &res), kTurnLeft);
+  EXPECT_TRUE(res.det == 2 && res.det2 == 4 && res.sin2 == 0.25);
+}
+
+TEST(Classifiers, Turn2dTreatsSin2AtThresholdAsParallel) {
+  // a lies between b = (k, 0) and c = (-1, h), so the sine at a is the
+  // largest of the three. Search for a first test with sin2 == 1e-20.
+  const double a[2] = {0, 0};
+  double b[2] = {1, 0}, c[2] = {-1, 0}, ab[3], ac[3];
+  qvTurn res = {0, 0, 0};
+  for (int k = 1; k <= 16 && res.sin2 != 1e-20; k++) {
+    b[0] = k;
+    c[1] = ulps(1e-10, -64);
+    for (int i = 0; i < 128; i++, c[1] = ulps(c[1], 1)) {
+      turn2d(a, b, c, 0, ab, ac, &res);
+      if (res.sin2 == 1e-20) break;
+    }
+  }
+  ASSERT_EQ(res.sin2, 1e-20);
+  EXPECT_EQ(turn2d(a, b, c, 0, ab, ac, &res), kTurnBehind);
+  EXPECT_EQ(orient2dClass(a, b, c, 0, ab, ac, &res), kTurnLeft);  // the exact sign sees it
+  c[1] = ulps(c[1], 1);
+  EXPECT_EQ(turn2d(a, b, c, 0, ab, ac, &res), kTurnLeft);
+
+  // Too flat at a (sin2 1e-22), a right angle at c: the second test decides.
+  const double e[2] = {1, 1e-11};
+  b[0] = 1;
+  EXPECT_EQ(turn2d(a, b, e, 0, ab, ac, &res), kTurnLeft);
+  EXPECT_TRUE(res.sin2 > 0 && res.sin2 <= 1e-20);
+  // A zero-length ab: the first test gives 0 with det and sin2 zeroed.
+  EXPECT_EQ(turn2d(a, a, e, 0, ab, ac, &res), kTurnBeyond);
+  EXPECT_TRUE(res.det == 0 && res.sin2 == 0);
+}
+
+TEST(Classifiers, SetUpIsRaceFreeOnFirstUseFromManyThreads) {
+  // CTest runs this in a process of its own, so this is the first use of the
+  // constants: four threads classify a corner one ulp off a line at once.
+  const Pt a = {{0.5, 0.5}}, b = {{12.0, 12.0}}, c = {{24.0, std::nextafter(24.0, 25.0)}};
+  int results[4] = {0, 0, 0, 0};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; i++) {
+    threads.emplace_back([&, i] {
+      double ab[3], ac[3];
+      qvTurn res;
+      results[i] = orient2dClass(a.v, b.v, c.v, 0, ab, ac, &res);
+    });
+  }
+  for (std::thread& t : threads) t.join();
+  for (int r : results) EXPECT_EQ(r, 2 * exactOrient(a, b, c));
+}
+
+}  // namespace

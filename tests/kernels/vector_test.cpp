@@ -1,0 +1,117 @@
+// Vector and plane helpers, on hand-computed values.
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "kernels/kernels.h"
+
+namespace {
+
+double dot(const double* a, const double* b) {
+  return a[0] * b[0] + a[1] * b[1] + a[2] * b[2];
+}
+
+TEST(Vectors, CrossTripleAndVolumesOnHandValues) {
+  double a[3] = {1, 2, 3}, b[3] = {4, 5, 6}, out[3];
+  const double a0[3] = {1, 2, 3}, expect[3] = {-3, 6, -3};
+  EXPECT_EQ(vecCross(a, b, out), out);
+  EXPECT_EQ(vecCross(a0, b, b), b);  // out aliases the second input
+  EXPECT_EQ(vecCross(a, a0, a), a);  // ... and the first: a x a0 = 0
+  for (int i = 0; i < 3; i++) {
+    EXPECT_EQ(out[i], expect[i]);
+    EXPECT_EQ(b[i], expect[i]);
+    EXPECT_EQ(a[i], 0.0);
+  }
+  const double r0[3] = {1, 2, 3}, r1[3] = {4, 5, 6}, r2[3] = {7, 8, 10};
+  EXPECT_EQ(vecTriple(r0, r1, r2), -3.0);  // the determinant of the rows
+  const double o[3] = {5, -2, 7}, x[3] = {6, -2, 7}, y[3] = {5, -1, 7}, z[3] = {5, -2, 9};
+  EXPECT_DOUBLE_EQ(tetVolume(o, x, y, z), 2.0 / 6.0);
+  EXPECT_DOUBLE_EQ(tetVolume(o, y, x, z), -2.0 / 6.0);
+  const double ux[3] = {1, 0, 0}, uy[3] = {0, 1, 0}, uz[3] = {0, 0, 1};
+  EXPECT_DOUBLE_EQ(tetVolumeOrigin(ux, uy, uz), 1.0 / 6.0);
+}
+
+TEST(Vectors, NormalizeScalesAtItsLimitAndZeroesBelow) {
+  const double limits[] = {0.0, 5.0, std::nextafter(5.0, 6.0)};
+  const double lens[] = {5.0, 5.0, 0.0};
+  for (int i = 0; i < 3; i++) {
+    double v[3] = {3, 4, 0};
+    EXPECT_EQ(vecNormalize(v, limits[i]), lens[i]);
+    EXPECT_DOUBLE_EQ(v[0], lens[i] == 0 ? 0.0 : 0.6);
+    EXPECT_DOUBLE_EQ(v[1], lens[i] == 0 ? 0.0 : 0.8);
+  }
+  // The zero vector with limit 0 is not caught: it is divided by zero.
+  double zero[3] = {0, 0, 0};
+  EXPECT_EQ(vecNormalize(zero, 0.0), 0.0);
+  EXPECT_TRUE(std::isnan(zero[0]));
+}
+
+TEST(Vectors, Cos2GivesTheSignedSquareAndShortVectorBits) {
+  const double tiny[] = {0.5, 1.0, 1.5, 3.0};
+  const int32_t bits[] = {0, 0, kCosShortU, kCosShortU | kCosShortV};
+  for (int i = 0; i < 4; i++) {
+    double u[4] = {1, 0, 0, -7}, v[4] = {-1, 1, 0, -7}, cos2 = 0;
+    EXPECT_EQ(vecCos2(0, u, v, tiny[i], &cos2), bits[i]);
+    EXPECT_EQ(cos2, -0.5);  // dot -1: -(1) / (1 * 2)
+    EXPECT_TRUE(u[3] == 1.0 && v[3] == 2.0);
+  }
+  // Given squared lengths are used as they stand.
+  double u[4] = {1, 1, 0, 8}, v[4] = {2, 0, 0, 0.5}, cos2 = 0;
+  EXPECT_EQ(vecCos2(kCosGivenU | kCosGivenV, u, v, 1.0, &cos2), kCosShortV);
+  EXPECT_EQ(cos2, 1.0);  // 2^2 / (8 * 0.5)
+}
+
+TEST(Vectors, BitsEqualComparesStoredBits) {
+  const double nan = std::nan("");
+  const double p[][3] = {{1, 2, 3}, {0.0, 2, 3}, {1, 2, 0.0}, {nan, 2, 3}};
+  const double q[][3] = {{1, 2, 3}, {-0.0, 2, 3}, {1, 2, -0.0}, {nan, 2, 3}};
+  const int32_t eq2[] = {1, 0, 1, 1}, eq3[] = {1, 0, 0, 1};
+  for (int i = 0; i < 4; i++) {
+    EXPECT_EQ(bitsEqual2d(p[i], q[i]), eq2[i]);
+    EXPECT_EQ(bitsEqual3d(p[i], q[i]), eq3[i]);
+  }
+}
+
+TEST(Vectors, PlaneFrameIsRightHandedOrthonormalWithTheNormalInTheNamedAxis) {
+  const double s = std::sin(0.35), c = std::cos(0.35);
+  const double normals[][3] = {{1, 0, 0},     {-2, 0, 0},  {0, 3, 0},  {0, 0, 1},
+                               {c, 0.6 * s, 0.8 * s}, {1, -2, 0.5}, {0, 1e-3, -1}};
+  const int32_t modes[] = {kFrameNormalU, kFrameNormalV, kFrameNormalW, 0, 7};
+  for (const auto& nrm : normals) {
+    double unit[3] = {nrm[0], nrm[1], nrm[2]};
+    double len = std::sqrt(dot(unit, unit));
+    for (double& x : unit) x /= len;
+    for (int32_t mode : modes) {
+      double f[3][3];
+      ASSERT_EQ(planeFrame(mode, nrm, 1e-6, f[0], f[1], f[2]), 0);
+      for (int i = 0; i < 3; i++) {
+        EXPECT_NEAR(dot(f[i], f[i]), 1.0, 1e-14);
+        EXPECT_NEAR(dot(f[i], f[(i + 1) % 3]), 0.0, 1e-14);
+      }
+      EXPECT_NEAR(vecTriple(f[0], f[1], f[2]), 1.0, 1e-14);
+      int axis = mode == kFrameNormalW ? 2 : mode == kFrameNormalV ? 1 : 0;
+      for (int i = 0; i < 3; i++) EXPECT_NEAR(f[axis][i], unit[i], 1e-15);
+    }
+  }
+}
+
+TEST(Vectors, PlaneFrameTakesYForNormalsNearXAndRefusesShortOnes) {
+  // Within 30 degrees of x the first in-plane axis comes from y, so v has no
+  // y component; otherwise it comes from x and has no x component.
+  const double s = std::sin(0.35), c = std::cos(0.35);
+  const double nearX[3] = {c, 0.6 * s, 0.8 * s}, farX[3] = {0.5, 0.6, 0.8}, x[3] = {1, 0, 0};
+  double u[3], v[3], w[3];
+  ASSERT_EQ(planeFrame(kFrameNormalW, nearX, 1e-6, u, v, w), 0);
+  EXPECT_TRUE(v[1] == 0.0 && v[0] != 0.0);
+  ASSERT_EQ(planeFrame(kFrameNormalW, farX, 1e-6, u, v, w), 0);
+  EXPECT_EQ(v[0], 0.0);
+  ASSERT_EQ(planeFrame(kFrameNormalW, x, 1e-6, u, v, w), 0);
+  EXPECT_TRUE(u[1] == 1.0 && v[2] == 1.0 && w[0] == 1.0);
+
+  const double shortN[3] = {1e-7, 0, 0}, zero[3] = {0, 0, 0};
+  EXPECT_EQ(planeFrame(kFrameNormalW, shortN, 1e-6, u, v, w), 1);
+  EXPECT_EQ(planeFrame(kFrameNormalW, zero, 1e-6, u, v, w), 1);
+  EXPECT_EQ(planeFrame(kFrameNormalW, shortN, 1e-8, u, v, w), 0);
+}
+
+}  // namespace

@@ -1,0 +1,110 @@
+// The built FacetMeasure as a script meets it: exit statuses for usage, bad
+// input and the tolerance check, the JSON line, and the same JSON text for any
+// thread count.
+#include "fixtures.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+
+#include <cmath>
+#include <cstdio>
+#include <limits>
+#include <string>
+
+namespace {
+
+// A file name of the running test's own, since CTest runs the tests side by side.
+std::string scratch(const char *name) {
+  return testing::TempDir() + "ft_measure_" +
+         testing::UnitTest::GetInstance()->current_test_info()->name() + "_" + name;
+}
+
+// Runs FacetMeasure with `args`; returns the exit status, standard output in `out`.
+int run(const std::string &args, std::string *out = nullptr) {
+  const std::string command = std::string(FT_BINARY_DIR) + "/FacetMeasure " + args + " 2>/dev/null";
+  FILE *pipe = popen(command.c_str(), "r");
+  if (!pipe) return -1;
+  std::string text;
+  char buffer[4096];
+  size_t n;
+  while ((n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) text.append(buffer, n);
+  const int status = pclose(pipe);
+  if (out) *out = text;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+class Program : public testing::Test {
+protected:
+  void SetUp() override {
+    bump_ = scratch("bump.stl");
+    flat_ = scratch("flat.stl");
+    empty_ = scratch("empty.stl");
+    moved_ = scratch("moved.stl");
+    nan_ = scratch("nan.stl");
+    fixture::writeStl(bump_, fixture::square(0.5f));
+    fixture::writeStl(flat_, fixture::square(0));
+    fixture::writeStl(empty_, {});
+    fixture::Soup moved = fixture::square(0);
+    moved[6] = moved[12] = std::nextafter(1.0f, 2.0f);
+    fixture::writeStl(moved_, moved);
+    fixture::Soup nan = fixture::square(0);
+    nan[4] = std::numeric_limits<float>::infinity();
+    fixture::writeStl(nan_, nan);
+  }
+  std::string bump_, flat_, empty_, moved_, nan_;
+};
+
+} // namespace
+
+TEST_F(Program, ExitStatusForUsageBadInputAndTolerance) {
+  const std::string broken = std::string(FT_TEST_DATA) + "/broken-count-field.stl";
+  const struct {
+    std::string args;
+    int status;
+  } table[] = {
+      {"", 2},
+      {bump_, 2},
+      {bump_ + " " + flat_ + " " + flat_, 2},
+      {bump_ + " " + flat_ + " --bogus", 2},
+      {bump_ + " " + flat_ + " --step 0", 2},
+      {bump_ + " " + flat_ + " --tolerance", 2},
+      {bump_ + " " + flat_ + " --threads 0", 2},
+      {scratch("missing.stl") + " " + flat_, 2},
+      {bump_ + " " + broken, 2},
+      {nan_ + " " + flat_, 2},
+      {bump_ + " " + flat_, 0},
+      {bump_ + " " + flat_ + " --tolerance 0.5", 0},
+      {bump_ + " " + flat_ + " --tolerance=0.49", 1},
+      {flat_ + " " + moved_ + " --tolerance 1", 1},
+      {flat_ + " " + empty_ + " --tolerance 1", 1},
+      {empty_ + " " + empty_, 0},
+  };
+  for (const auto &c : table) {
+    EXPECT_EQ(run(c.args), c.status) << c.args;
+  }
+}
+
+TEST_F(Program, JsonLineCarriesTheFiguresAndNullForInfinity) {
+  std::string out;
+  ASSERT_EQ(run(bump_ + " " + flat_ + " --json --step 0.25 --tolerance 0.5", &out), 0);
+  EXPECT_EQ(out.find('\n'), out.size() - 1);
+  EXPECT_NE(out.find("\"original_to_reduced\":{\"max\":0.5,"), std::string::npos) << out;
+  EXPECT_NE(out.find("\"subset_violations\":0,"), std::string::npos);
+  EXPECT_NE(out.find("\"pass\":true}"), std::string::npos);
+  ASSERT_EQ(run(flat_ + " " + empty_ + " --json --tolerance 1", &out), 1);
+  EXPECT_NE(out.find("\"original_to_reduced\":{\"max\":null,"), std::string::npos) << out;
+  EXPECT_NE(out.find("\"reduced\":{\"file\":"), std::string::npos);
+  EXPECT_NE(out.find("\"facets\":0,"), std::string::npos);
+}
+
+TEST_F(Program, SameJsonTextForAnyThreadCount) {
+  const std::string bunny = std::string(FT_TEST_DATA) + "/bunny.stl";
+  const std::string torus = std::string(FT_TEST_DATA) + "/torus.stl";
+  std::string one, many;
+  ASSERT_EQ(run(bunny + " " + torus + " --json --step 0.2 --threads 1", &one), 0);
+  for (const char *threads : {"2", "5"}) {
+    ASSERT_EQ(run(bunny + " " + torus + " --json --step 0.2 --threads " + threads, &many), 0);
+    EXPECT_EQ(one, many) << threads;
+  }
+}

@@ -1,0 +1,174 @@
+// Reading, exact welding, the subset check and the topology counts, against
+// hand counts of small bodies and of the real models in tests/data.
+#include "fixtures.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdio>
+#include <limits>
+#include <string>
+
+using fixture::Soup;
+using fixture::Welded;
+
+namespace {
+
+std::string data(const char *name) {
+  return std::string(FT_TEST_DATA) + "/" + name;
+}
+
+std::string scratch(const char *name) {
+  return testing::TempDir() + "ft_measure_" + name;
+}
+
+// Expected counts: facets, vertices, edges, shells, closed shells, boundary,
+// non-manifold and degenerate.
+struct Counts {
+  const char *file;
+  int64_t f, v, e, shells, closed, boundary, nonManifold, degenerate;
+  double area, volume;
+};
+
+} // namespace
+
+// Hand counts. The torus is a 64 x 32 grid (V - E + F = 0). Two 10-cubes with
+// 4 x 4 grids per face share the edge x = y = 10 cut into four: 2 * 98 - 5
+// vertices, 2 * 288 - 4 edges, four edges on four facets, two shells, each
+// closed in itself. The unit sheet is 5 x 5 squares with 20 boundary edges.
+TEST(Topology, CountsOnRealAndBuiltModels) {
+  const Counts table[] = {
+      {"cube.stl", 12, 8, 18, 1, 1, 0, 0, 0, 24, 8},
+      {"tetrahedron.stl", 4, 4, 6, 1, 1, 0, 0, 0, -1, -1},
+      {"torus.stl", 4096, 2048, 6144, 1, 1, 0, 0, 0, -1, -1},
+      {"two-cubes-edge.stl", 384, 191, 572, 2, 2, 0, 4, 0, 1200, 2000},
+      {"triangle.stl", 1, 3, 3, 1, 0, 3, 0, 0, 0.5, -1},
+  };
+  for (const Counts &c : table) {
+    SCOPED_TRACE(c.file);
+    MeasureMesh mesh;
+    MeasureTopo t;
+    ASSERT_EQ(measureRead(data(c.file).c_str(), &mesh), c.f);
+    ASSERT_EQ(measureTopology(&mesh, &t), 0);
+    EXPECT_EQ(t.facets, c.f);
+    EXPECT_EQ(t.vertices, c.v);
+    EXPECT_EQ(t.edges, c.e);
+    EXPECT_EQ(mesh.edgeCount, c.e);
+    EXPECT_EQ(t.shells, c.shells);
+    EXPECT_EQ(t.closedShells, c.closed);
+    EXPECT_EQ(t.boundaryEdges, c.boundary);
+    EXPECT_EQ(t.nonManifoldEdges, c.nonManifold);
+    EXPECT_EQ(t.degenerateFacets, c.degenerate);
+    if (c.area >= 0) {
+      EXPECT_NEAR(t.area, c.area, 1e-9);
+    }
+    if (c.volume >= 0) {
+      EXPECT_NEAR(t.volume, c.volume, 1e-9);
+    }
+    measureMeshFree(&mesh);
+  }
+  Welded sheet(fixture::sheet(5));
+  EXPECT_EQ(sheet.topo.vertices, 36);
+  EXPECT_EQ(sheet.topo.edges, 3 * 25 + 2 * 5);
+  EXPECT_EQ(sheet.topo.boundaryEdges, 20);
+  EXPECT_EQ(sheet.topo.shells, 1);
+  EXPECT_EQ(sheet.topo.closedShells, 0);
+  EXPECT_EQ(sheet.topo.box[3], 5);
+}
+
+// Three facets on one edge: none joins, so three open shells. A facet with a
+// repeated corner and one with three collinear corners are degenerate; thin but
+// real facets are not, also when double arithmetic rounds their area to zero:
+// (1, 1), (0, 0), (2^-60, 0) has area 2^-61.
+TEST(Topology, FinsDegenerateFacetsAndEmpty) {
+  const float a[3] = {0, 0, 0}, b[3] = {1, 0, 0}, c[3] = {0, 1, 0}, d[3] = {0, -1, 0},
+              e[3] = {0, 0, 1}, two[3] = {2, 2, 0}, thin[3] = {0.5f, 1e-30f, 0},
+              one[3] = {1, 1, 0}, tiny[3] = {0x1p-60f, 0, 0};
+  Soup fins;
+  fixture::tri(fins, a, b, c);
+  fixture::tri(fins, b, a, d);
+  fixture::tri(fins, a, b, e);
+  Welded w(fins);
+  EXPECT_EQ(w.topo.shells, 3);
+  EXPECT_EQ(w.topo.nonManifoldEdges, 1);
+  EXPECT_EQ(w.topo.closedShells, 0);
+  Soup bad;
+  fixture::tri(bad, a, a, b);
+  fixture::tri(bad, a, one, two);
+  fixture::tri(bad, a, thin, b);
+  fixture::tri(bad, one, a, tiny);
+  Welded z(bad);
+  EXPECT_EQ(z.topo.degenerateFacets, 2);
+  EXPECT_EQ(z.topo.edges, 8);
+  Welded lone(Soup{0, 0, 0, 0, 0, 0, 1, 0, 0});
+  EXPECT_EQ(lone.topo.edges, 1);
+  EXPECT_EQ(lone.topo.boundaryEdges, 1);
+  EXPECT_EQ(lone.topo.closedShells, 0);
+  Welded none(Soup{});
+  EXPECT_EQ(none.status, 0);
+  EXPECT_EQ(none.topo.shells + none.topo.edges + none.topo.vertices, 0);
+}
+
+// The subset check is bitwise: one float step, or a zero of the other sign, is
+// a different vertex. The corner (1, 1, 0) of the square, welded third, is
+// replaced in the original, the reduced file or both.
+TEST(Subset, BitwiseMembership) {
+  const float up = std::nextafter(1.0f, 2.0f);
+  struct Case {
+    float original[3], reduced[3];
+    int64_t missing;
+  } table[] = {{{1, 1, 0}, {1, 1, 0}, 0},
+               {{1, 1, 0}, {up, 1, 0}, 1},
+               {{1, 1, 0}, {1, 1, -0.0f}, 1},
+               {{1, 1, -0.0f}, {1, 1, 0}, 1},
+               {{1, 1, -0.0f}, {1, 1, -0.0f}, 0}};
+  for (const Case &c : table) {
+    Soup original = fixture::square(0), reduced = original;
+    for (int i = 0; i < 3; ++i) {
+      original[6 + i] = original[12 + i] = c.original[i];
+      reduced[6 + i] = reduced[12 + i] = c.reduced[i];
+    }
+    Welded o(original), r(reduced);
+    int64_t first = -2;
+    EXPECT_EQ(measureSubset(&o.mesh, &r.mesh, &first), c.missing) << c.reduced[0];
+    EXPECT_EQ(first, c.missing ? 2 : -1);
+  }
+}
+
+TEST(Read, BothFormatsAndEveryKindOfBadFile) {
+  const std::string ascii = scratch("cube.stl");
+  {
+    FILE *f = std::fopen(ascii.c_str(), "w");
+    const Soup s = fixture::box(-1, 1);
+    std::fprintf(f, "solid cube\n");
+    for (size_t i = 0; i < s.size(); i += 9) {
+      std::fprintf(f, "facet normal 0 0 0\nouter loop\n");
+      for (int k = 0; k < 3; ++k)
+        std::fprintf(f, "vertex %.9g %.9g %.9g\n", s[i + 3 * k], s[i + 3 * k + 1],
+                     s[i + 3 * k + 2]);
+      std::fprintf(f, "endloop\nendfacet\n");
+    }
+    std::fprintf(f, "endsolid cube\n");
+    std::fclose(f);
+  }
+  MeasureMesh mesh;
+  MeasureTopo t;
+  ASSERT_EQ(measureRead(ascii.c_str(), &mesh), 12);
+  ASSERT_EQ(measureTopology(&mesh, &t), 0);
+  EXPECT_EQ(t.closedShells, 1);
+  EXPECT_NEAR(t.volume, 8, 1e-12);
+  measureMeshFree(&mesh);
+
+  const std::string nan = scratch("nan.stl"), empty = scratch("empty.stl");
+  Soup s = fixture::box(0, 1);
+  s[40] = std::numeric_limits<float>::quiet_NaN();
+  fixture::writeStl(nan, s);
+  fixture::writeStl(empty, Soup{});
+  EXPECT_EQ(measureRead(nan.c_str(), &mesh), -1);
+  EXPECT_EQ(mesh.xyz, nullptr);
+  EXPECT_EQ(measureRead(data("broken-count-field.stl").c_str(), &mesh), -1);
+  EXPECT_EQ(measureRead(scratch("missing.stl").c_str(), &mesh), -2);
+  EXPECT_EQ(measureRead(empty.c_str(), &mesh), 0);
+  EXPECT_EQ(mesh.vertexCount, 0);
+  measureMeshFree(&mesh);
+}

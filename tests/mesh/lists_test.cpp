@@ -1,0 +1,131 @@
+// Records and list routines: hand-built lists checked link by link.
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "mesh/qvMesh.h"
+
+namespace {
+
+// Prepends one vertex per entry of flags, x its creation number: newest first.
+qvVtx* makeList(const std::vector<uint32_t>& flags) {
+  qvVtx* head = nullptr;
+  for (size_t i = 0; i < flags.size(); ++i) {
+    qvVtx* v = qvVtxNew(kVtxHasNormal | flags[i], nullptr);
+    v->dat[0] = static_cast<double>(i);
+    head = qvVtxConcat(v, head);
+  }
+  return head;
+}
+
+// x of each record in list order; fails the test on a broken prev link.
+std::vector<int> order(const qvVtx* head) {
+  std::vector<int> xs;
+  for (const qvVtx *v = head, *before = nullptr; v; before = v, v = v->next) {
+    EXPECT_EQ(v->prev, before);
+    xs.push_back(static_cast<int>(v->dat[0]));
+  }
+  return xs;
+}
+
+}  // namespace
+
+TEST(VtxList, DeleteFlaggedCountsAndKeepsTheRestInOrder) {
+  const std::vector<uint32_t> flags = {0, kVtxRim, kVtxFeatureEnd, kVtxRim | kVtxFeatureEnd, kVtxHub, kVtxMarkBnd};
+  struct Case {
+    uint32_t mask;
+    int deleted;
+    std::vector<int> left;
+  } cases[] = {{kVtxRim, 2, {5, 4, 2, 0}},
+               {kVtxFeatureEnd | kVtxHub, 3, {5, 1, 0}},
+               {kVtxMarkBnd, 1, {4, 3, 2, 1, 0}},
+               {0, 0, {5, 4, 3, 2, 1, 0}},
+               {~kVtxHasNormal, 5, {0}}};  // every bit but the one all carry
+  for (const Case& c : cases) {
+    int32_t n = -1;
+    qvVtx* head = qvVtxDeleteFlagged(makeList(flags), c.mask, &n);
+    EXPECT_EQ(n, c.deleted) << c.mask;
+    EXPECT_EQ(order(head), c.left) << c.mask;
+    qvVtxDeleteAll(head);
+  }
+}
+
+TEST(VtxList, UnlinkDeleteConcatAndTailKeepTheLinks) {
+  qvVtx* head = makeList({0, 0, 0, 0});
+  EXPECT_EQ(order(head), (std::vector<int>{3, 2, 1, 0}));
+  qvVtx* second = head->next;
+  head = qvVtxDelete(head, head);
+  EXPECT_EQ(head, second);
+  EXPECT_EQ(head->prev, nullptr);
+  qvVtx* tail = qvVtxTail(head);
+  EXPECT_EQ(tail->dat[0], 0.0);
+  head = qvVtxUnlink(head, tail);
+  EXPECT_EQ(tail->prev, nullptr);
+  EXPECT_EQ(qvVtxUnlink(head, nullptr), head);
+  EXPECT_EQ(qvVtxConcat(nullptr, tail), tail);
+  head = qvVtxConcat(head, qvVtxConcat(tail, makeList({0, 0})));
+  EXPECT_EQ(order(head), (std::vector<int>{2, 1, 0, 1, 0}));
+  EXPECT_EQ(qvVtxCount(head), 5);
+  EXPECT_EQ(qvVtxCount(nullptr), 0);
+  EXPECT_EQ(qvVtxTail(nullptr), nullptr);
+  qvVtxDeleteAll(head);
+}
+
+TEST(TriList, ReverseTurnsTheOrderAndBothLinks) {
+  std::vector<qvTri*> made;
+  qvTri* head = nullptr;
+  for (int i = 0; i < 4; ++i) head = qvTriConcat(made.emplace_back(qvTriNew(nullptr, nullptr, nullptr, 0)), head);
+  head = qvTriReverse(head);
+  size_t i = 0;
+  for (qvTri *t = head, *before = nullptr; t && i < made.size(); before = t, t = t->next, ++i) {
+    EXPECT_EQ(t, made[i]);
+    EXPECT_EQ(t->prev, before);
+  }
+  EXPECT_EQ(qvTriTail(head), made.back());
+  EXPECT_EQ(qvTriReverse(nullptr), nullptr);
+  int32_t n = 0;
+  EXPECT_EQ(qvTriDeleteFlagged(head, kTriLinked, &n), nullptr);
+  EXPECT_EQ(n, 4);
+}
+
+TEST(Records, CreationSetsFlagsAndRefusesWhatCantBeMade) {
+  qvVtx* v = qvVtxNew(kVtxHasNormal | kVtxHasParam, nullptr);
+  EXPECT_EQ(v->ndat, 8);
+  EXPECT_EQ(qvVtxOf(v->dat), v);
+  EXPECT_EQ(qvVtxXyz(v), v->dat + 2);
+  EXPECT_EQ(qvVtxNrm(v), v->dat + 5);
+  EXPECT_EQ(qvVtxNew(kVtxDerived, nullptr), nullptr);  // no doubles at all
+
+  v->flags |= kVtxMarkBnd;
+  v->tag = 5;
+  v->dat[2] = 4.5;
+  qvVtx* c = qvVtxClone(v);
+  EXPECT_EQ(c->flags, v->flags);  // marks included
+  EXPECT_EQ(c->tag, 5);
+  EXPECT_EQ(c->dat[2], 4.5);
+  EXPECT_NE(c->dat, v->dat);
+
+  qvVtx* d = qvVtxNew(kVtxDerived | kVtxHasNormal, nullptr);
+  EXPECT_EQ(qvVtxXyz(d), nullptr);  // no owner yet
+  EXPECT_EQ(qvVtxNrm(d), d->dat);
+  d->link = v;
+  EXPECT_EQ(qvVtxXyz(d), v->dat + 2);
+
+  qvEdg* e = qvEdgNew(v->dat, c->dat, kEdgExtended | kEdgRim, 9);
+  EXPECT_EQ(e->flags, kEdgPlain | kEdgRim);
+  EXPECT_EQ(qvEdgNew(v->dat, c->dat, 0x2000u /* one extra slot */, 0), nullptr);
+  qvTri* t = qvTriNew(e, e, e, kTriLongOne | kTriCap);
+  EXPECT_EQ(t->flags, kTriLinked | kTriCap);
+  qvTriFree(t);
+  qvEdgFree(e);
+  for (qvVtx* x : {v, c, d}) qvVtxFree(x);
+}
+
+TEST(Records, MeshWithoutOwnershipLeavesItsVerticesAlive) {
+  qvVtx* head = makeList({0, 0, 0});
+  qvMesh* m = qvMeshNew(nullptr, nullptr, head, 0);
+  m->topo = qvTopoNew();
+  qvMeshFree(m);
+  EXPECT_EQ(order(head), (std::vector<int>{2, 1, 0}));  // read after free would trip ASan
+  qvMeshDeleteAll(qvMeshNew(nullptr, nullptr, head, kMeshOwnsVtx));
+}

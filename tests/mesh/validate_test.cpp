@@ -1,0 +1,105 @@
+// The validator on the fixtures, and on each kind of breakage made on purpose.
+#include <gtest/gtest.h>
+
+#include <functional>
+
+#include "fixture.h"
+#include "kernels/kernels.h"
+
+namespace {
+
+using Mend = std::function<void()>;
+
+// Sets field to value and returns how to put the old value back.
+template <class T, class V>
+Mend poke(T& field, V value) {
+  T old = field;
+  field = value;
+  return [&field, old] { field = old; };
+}
+
+}  // namespace
+
+TEST(Validate, FixturesAreValidWithHandCountedRecords) {
+  struct Case {
+    const char* name;
+    const Shape* shape;
+    int nv, ne, nt;
+  } cases[] = {{"tetrahedron", &kTetra, 4, 6, 4}, {"octahedron", &kOctahedron, 6, 12, 8},
+               {"open fan", &kOpenFan, 5, 7, 3},  {"open cone", &kOpenCone, 5, 8, 4},
+               {"bow-tie", &kBowTie, 5, 6, 2},    {"three on one edge", &kThreeOnEdge, 5, 8, 3},
+               {"square", &kSquare, 4, 5, 2}};
+  for (const Case& c : cases) {
+    Fixture f(*c.shape);
+    EXPECT_EQ(validateText(f.mesh), "") << c.name;
+    EXPECT_EQ(qvVtxCount(f.mesh->vtx), c.nv) << c.name;
+    EXPECT_EQ(qvEdgCount(f.mesh->edg), c.ne) << c.name;
+    EXPECT_EQ(qvTriCount(f.mesh->tri), c.nt) << c.name;
+  }
+  Fixture f(kOctahedron);
+  f.mesh->flags |= kMeshCapDone;  // the mesh's own flag, not a mark
+  EXPECT_EQ(validateText(f.mesh), "");
+  EXPECT_EQ(qvMeshValidate(nullptr, nullptr), 0);
+}
+
+// Each case breaks a tetrahedron (faces 0 2 1, 0 1 3, 0 3 2, 1 2 3) and
+// returns how to mend it, so that the fixture can be freed.
+TEST(Validate, ReportsEachKindOfBreakageByItsInvariant) {
+  static double elsewhere[6];
+  static qvTriCache someCache;
+  static qvMesh otherMesh;
+  struct Case {
+    const char* name;
+    int invariant;
+    std::function<Mend(Fixture&)> breakIt;
+  } cases[] = {
+      {"prev link", 1, [](Fixture& f) { return poke(f.mesh->vtx->next->prev, nullptr); }},
+      {"cyclic edge list", 1, [](Fixture& f) { return poke(qvEdgTail(f.mesh->edg)->next, f.mesh->edg); }},
+      {"mesh chain", 1, [](Fixture& f) { return poke(f.mesh->next, &otherMesh); }},
+      {"edge in two lists", 2, [](Fixture& f) { return poke(f.mesh->edgHeld, f.mesh->edg->next); }},
+      {"held at rest", 2, [](Fixture& f) { return poke(f.mesh->held, f.mesh->vtx); }},
+      {"short ndat", 3, [](Fixture& f) { return poke(f.v[0]->ndat, 2); }},
+      {"foreign end", 4, [](Fixture& f) { return poke(f.e(0, 1)->ends[0], elsewhere); }},
+      {"one handle at both ends", 4, [](Fixture& f) { return poke(f.e(0, 1)->ends[1], f.e(0, 1)->ends[0]); }},
+      {"derived end", 4, [](Fixture& f) { return poke(f.v[3]->flags, f.v[3]->flags | kVtxDerived); }},
+      {"first edges apart", 5, [](Fixture& f) { return poke(f.t[0]->edg[1], f.e(1, 3)); }},
+      {"third edge open", 5, [](Fixture& f) { return poke(f.t[0]->edg[2], f.e(1, 3)); }},
+      {"adj one way", 6, [](Fixture& f) { return poke(f.t[2]->adj[2], nullptr); }},  // across 0-2
+      {"adj to itself", 6, [](Fixture& f) { return poke(f.t[1]->adj[2], f.t[1]); }},
+      {"edge in no triangle", 7, [](Fixture& f) {
+         qvEdg* e = qvEdgNew(f.h(1), f.h(2), 0, 0);
+         f.mesh->edg = qvEdgConcat(e, f.mesh->edg);
+         return Mend([&f, e] { f.mesh->edg = qvEdgDelete(f.mesh->edg, e); });
+       }},
+      {"vertex tag", 8, [](Fixture& f) { return poke(f.v[2]->tag, 3); }},
+      {"vertex aux", 8, [](Fixture& f) { return poke(f.v[2]->aux, f.t[0]); }},
+      {"edge own", 8, [](Fixture& f) { return poke(f.mesh->edg->own, f.t[0]); }},
+      {"triangle cache", 8, [](Fixture& f) { return poke(f.t[3]->cache, &someCache); }},
+      {"triangle aux", 8, [](Fixture& f) { return poke(f.t[3]->aux[1], f.t[0]); }},
+      {"vertex mark", 9, [](Fixture& f) { return poke(f.v[1]->flags, f.v[1]->flags | kVtxMarkVisit); }},
+      {"triangle mark", 9, [](Fixture& f) { return poke(f.t[2]->flags, f.t[2]->flags | kTriMarkFlood); }},
+  };
+  for (const Case& c : cases) {
+    Fixture f(kTetra);
+    const Mend mend = c.breakIt(f);
+    int32_t n = 0;
+    const std::string text = validateText(f.mesh, &n);
+    EXPECT_GE(n, 1) << c.name;
+    EXPECT_NE(text.find("invariant " + std::to_string(c.invariant) + ":"), std::string::npos)
+        << c.name << ":\n" << text;
+    mend();
+    EXPECT_EQ(validateText(f.mesh), "") << c.name;
+  }
+}
+
+TEST(Validate, EdgeSharedByThreeTrianglesIsReported) {
+  Fixture f(kThreeOnEdge);
+  // The third face on the first face's edge, as an unstitched soup has it.
+  const Mend mend = poke(f.t[2]->edg[0], f.t[0]->edg[0]);
+  int32_t n = 0;
+  const std::string text = validateText(f.mesh, &n);
+  EXPECT_NE(text.find("is in 3 triangles"), std::string::npos) << text;
+  EXPECT_NE(text.find("is in 0 triangles"), std::string::npos) << text;
+  EXPECT_EQ(n, 2);
+  mend();
+}
