@@ -114,6 +114,8 @@ double measurePointTriangle(const double p[3], const double a[3], const double b
 namespace {
 
 constexpr int kLeafSize = 4;     // most triangles in a leaf
+static_assert(kLeafSize >= 3, "halves of a split of more than kLeafSize must hold two or more, "
+                              "which bounds the nodes by the triangles");
 constexpr int kStackDepth = 96;  // build and query stacks; a tree of 2^31 facets is 33 deep
 
 // A node waiting to be split: its index and its range of `order`.
@@ -176,11 +178,26 @@ double pointBox(const double p[3], const float box[6]) {
   return d2;
 }
 
-double pointSlot(const MeasureTree *tree, const double p[3], int32_t slot) {
+// Squared distance from p to the triangle in `slot`, or +infinity as soon as
+// the triangle's plane alone is no nearer than `best`: no point of a triangle
+// is nearer than its plane, and most triangles of a leaf fail on that test.
+double pointSlot(const MeasureTree *tree, const double p[3], int32_t slot, double best) {
   const float *v = tree->corner + 9 * static_cast<int64_t>(slot);
   const double a[3] = {v[0], v[1], v[2]};
   const double b[3] = {v[3], v[4], v[5]};
   const double c[3] = {v[6], v[7], v[8]};
+  double ab[3];
+  double ac[3];
+  double ap[3];
+  double n[3];
+  sub(b, a, ab);
+  sub(c, a, ac);
+  sub(p, a, ap);
+  cross(ab, ac, n);
+  const double height = dot(ap, n);
+  if (height * height >= best * dot(n, n) && dot(n, n) > 0) {
+    return kInfinity;
+  }
   return measurePointTriangle(p, a, b, c, nullptr);
 }
 
@@ -226,8 +243,8 @@ int measureTreeBuild(const MeasureMesh *mesh, MeasureTree *tree) {
   while (tasks > 0) {
     const BuildTask t = task[--tasks];
     MeasureNode *node = tree->node + t.node;
-    boxOfRange(mesh, order, t.begin, t.end, node->box);
     if (t.end - t.begin <= kLeafSize) {
+      boxOfRange(mesh, order, t.begin, t.end, node->box);
       node->first = t.begin;
       node->count = t.end - t.begin;
       continue;
@@ -244,6 +261,18 @@ int measureTreeBuild(const MeasureMesh *mesh, MeasureTree *tree) {
     tree->nodeCount += 2;
     task[tasks++] = {node->first + 1, mid, t.end};
     task[tasks++] = {node->first, t.begin, mid};
+  }
+  // Children follow their parent, so a backward pass sees them boxed first.
+  for (int32_t i = tree->nodeCount - 1; i >= 0; --i) {
+    MeasureNode *node = tree->node + i;
+    if (node->count == 0) {
+      const float *left = tree->node[node->first].box;
+      const float *right = tree->node[node->first + 1].box;
+      for (int k = 0; k < 3; ++k) {
+        node->box[k] = std::min(left[k], right[k]);
+        node->box[3 + k] = std::max(left[3 + k], right[3 + k]);
+      }
+    }
   }
   for (int64_t s = 0; s < facets; ++s) {
     for (int k = 0; k < 3; ++k) {
@@ -273,7 +302,7 @@ double measureTreeNearest(const MeasureTree *tree, const double p[3], int32_t *h
   }
   double best = kInfinity;
   if (bestSlot >= 0 && bestSlot < tree->slotCount) {
-    best = pointSlot(tree, p, bestSlot);
+    best = pointSlot(tree, p, bestSlot, kInfinity);
   } else {
     bestSlot = -1;
   }
@@ -290,7 +319,7 @@ double measureTreeNearest(const MeasureTree *tree, const double p[3], int32_t *h
     const MeasureNode *node = tree->node + stackNode[depth];
     if (node->count > 0) {
       for (int32_t s = node->first; s < node->first + node->count; ++s) {
-        const double d2 = pointSlot(tree, p, s);
+        const double d2 = pointSlot(tree, p, s, best);
         if (d2 < best) {
           best = d2;
           bestSlot = s;
