@@ -174,7 +174,7 @@ double pointTriMeasure(qvTriCache& w, const double* a, const double* b, const do
     return nearestEdge(dab, r, dbc, rbc, dac, r, raw, clamped);
   }
 
-  // Barycentric-like coordinates of p's projection from triple products.
+  // The pair (s, t) of p's projection onto the plane, from triple products.
   triFill(w, a, b, c, kTriHaveN | kTriHaveVol);
   double ap[3];
   sub3(p, a, ap);

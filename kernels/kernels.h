@@ -106,16 +106,22 @@ double pointSegDist2d(const double* a, const double* b, const double* p, double 
 
 // Squared distance from p to the triangle a, b, c, the set a + s ab + t bc
 // with 0 <= t <= s <= 1. raw and clamped receive (s, t) of the nearest point,
-// before and after limiting to the triangle. Degenerate triangles are
-// measured as a point, a segment or three edges; see distance.cpp for the
-// exact rules. cache, raw and clamped may be null.
+// before and after limiting to 0 and 1. Degenerate triangles, in this order:
+// ab and bc shorter than tol (squared lengths at or below tol^2) and ac too:
+// the centroid, with all four numbers 0.5; ab and bc short: the segment ac,
+// (r, r); ab short: bc, (1, r); bc short: ab, (r, 0); |n|^2 at or below tol^2:
+// the nearest edge, ab before bc before ac on a tie, and when ac is the
+// nearest its pair carries the position found on ab. A regular triangle
+// whose projection misses it is measured to its nearest edge in the same
+// order. cache, raw and clamped may be null.
 double pointTriDist2(qvTriCache* cache, const double* a, const double* b, const double* c,
                      const double* p, double tol, double* raw, double* clamped);
 
 // Distance of the segments a0, a1 and b0, b1: out receives the squared
-// distance and the positions along a and along b. Returns 0 when the lines
-// cross at a single closest pair, 1 when they count as parallel (the squared
-// length of their cross product at or below tol^2).
+// distance and the positions along a and along b, each in 0 to 1. Returns 0
+// when the lines have a single closest pair, 1 when they count as parallel
+// (the squared length of their cross product at or below tol^2); the
+// distance is the true one either way.
 int32_t segSegDist2(const double* a0, const double* a1, const double* b0, const double* b1,
                     double tol, double* out);
 
@@ -134,7 +140,10 @@ constexpr int32_t kCrossPoint = 1;    // contact at one point
 constexpr int32_t kCrossOverlap = 2;  // the segments overlap (or share both ends)
 
 // Contact of the planar segments p0, p1 and q0, q1. out receives x, y of a
-// contact point and its positions along p and along q.
+// contact point (the start of an overlap) and its positions along p and
+// along q, each in 0 to 1. A segment shorter than tol counts as a point;
+// ends are shared when bitsEqual2d says so; a crossing up to tol beyond an
+// end counts as contact and is moved onto that end.
 int32_t segSegIntersect2d(const double* p0, const double* p1, const double* q0, const double* q1,
                           double tol, double* out);
 

@@ -390,10 +390,10 @@ void crossTails(const Corner& next, const Corner& prev, double* ct, int& ctlen, 
   cttlen = 4;
 }
 
-// The terms of one tail of a corner that are quadratic in the tails, in two
-// parts: scaled (the corner's cross times the tail, from the first stage)
-// times the tail plus ct times tail and twice the coordinate. sct receives ct
-// times the tail for the second part.
+// The terms of one tail that are quadratic in the tails: scaled (the
+// corner's cross times the tail, from the first stage) times the tail, plus
+// ct times the tail times twice the coordinate. sct receives ct times the
+// tail for secondOrderRest.
 void secondOrderHead(FinSum& fin, const double* scaled, int scaledLen, double tail, double twoD,
                      const double* ct, int ctlen, double* sct, int& sctlen) {
   double t16a[16], t32a[32], t48[48];
@@ -404,8 +404,9 @@ void secondOrderHead(FinSum& fin, const double* scaled, int scaledLen, double ta
   finAdd(fin, len48, t48);
 }
 
-// The remaining terms of one tail: sct times the tail, and ctt times the
-// tail, scaled once by twice the coordinate and once by the tail again.
+// The terms of one tail that are cubic and quartic in the tails: sct times
+// the tail, plus ctt times the tail, scaled once by twice the coordinate and
+// once by the tail again.
 void secondOrderRest(FinSum& fin, const double* sct, int sctlen, double tail, double twoD,
                      const double* ctt, int cttlen) {
   double t16a[16], t16b[16], t32a[32], t32b[32], t64[64], sctt[8];
@@ -637,8 +638,7 @@ double incircle(const double* pa, const double* pb, const double* pc, const doub
                      (std::fabs(cdxady) + std::fabs(adxcdy)) * blift +
                      (std::fabs(adxbdy) + std::fabs(bdxady)) * clift;
   double errbound = iccerrboundA * permanent;
-  // Strict comparisons here, unlike orient2d: a zero permanent must not
-  // return a determinant that the filter has not bounded.
+  // Strict comparisons here, as published; the filter of orient2d uses >=.
   if (det > errbound || -det > errbound) {
     return det;
   }
@@ -680,8 +680,9 @@ int32_t turn2d(const double* a, const double* b, const double* c, int32_t given,
   if (r != 0) {
     return 2 * r;
   }
-  // The turn at a was too flat to tell; try the turns at c and at b, which
-  // are sharper whenever a lies between the other two.
+  // Too flat at a to tell. The turn at c, then the one at b, can be sharper
+  // (when c lies close to b, say); if all three are flat the corners count
+  // as collinear.
   double bc[3];
   fillDiff(b, c, false, bc);
   qvTurn scratch;

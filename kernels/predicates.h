@@ -36,6 +36,7 @@ struct qvTurn {
   double det2;  // its square
   double sin2;  // det2 divided as each test tells (a squared sine)
 };
+static_assert(sizeof(qvTurn) == 24, "qvTurn is three doubles");
 
 // Bits of `given`: which difference vectors the caller has filled already.
 constexpr int32_t kTurnGivenAb = 1;  // ab holds b - a

@@ -44,7 +44,7 @@ int sharedEnds(const double* p0, const double* p1, const double* q0, const doubl
   for (int i = 0; i < 4; i++) {
     if (bitsEqual2d(pe[i], qe[i]) == 1) {
       if (count == 0) {
-        setOut(out, qe[i], pe[i] == p0 ? 0.0 : 1.0, qe[i] == q0 ? 0.0 : 1.0);
+        setOut(out, qe[i], i < 2 ? 0.0 : 1.0, i % 2 == 0 ? 0.0 : 1.0);
       }
       count++;
     }

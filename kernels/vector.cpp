@@ -66,8 +66,9 @@ int32_t vecCos2(int32_t given, double* u, double* v, double tiny, double* cos2) 
   }
   double d = dot3(u, v);
   double d2 = d * d;
-  // sign(dot) * dot^2; the division is left unguarded on purpose, callers
-  // read the short-vector bits before they trust cos2.
+  // sign(dot) * dot^2 over the squared lengths. The division is unguarded:
+  // with a zero-length vector cos2 is NaN or infinite, and the result bits
+  // tell the caller so.
   *cos2 = (d < 0.0 ? -d2 : d2) / (u[3] * v[3]);
   int32_t bits = 0;
   if (tiny > u[3]) {
