@@ -17,10 +17,24 @@
 //     refused at the scan, the old count is 0.
 //  7. A report is written only after a fully successful run, and never onto the
 //     file of the input, the output or the solid result.
+//  8. The drivers hold at most one block's meshes at a time: each mesh is built,
+//     assembled, reduced, written, flushed and released before the next exists.
+//  9. After a successful run the output's header count equals its records. A
+//     failed block method leaves no output; a failed reduceHigh leaves the
+//     meshes written so far under a count of 0.
+// 10. A failed run never changes the input. An output that is the input file
+//     itself (same device and inode) is written as a sibling that replaces it
+//     only after success; the streamed route, which reads the input while it
+//     writes, refuses such a run before it creates anything.
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
 #include <string>
+
+#include "stl/stl.h"
+
+struct qvMesh;
 
 // The parsed command line. The front end is the one place that holds owning
 // strings, so no name has a length limit.
@@ -69,13 +83,48 @@ int runReduction(const ReduceOptions *options, int32_t *oldCount, int32_t *remov
 // ---- Method entries (drivers.cpp) ------------------------------------------------
 
 // Each reads inputName, writes outputName and returns the triangles removed or -1.
-// angle may be null (the engine's own default). oldCount receives the input count.
+// angle may be null (the engine's own default). oldCount: for the block methods
+// the facets of the file (0 when refused at the scan), so facets that assembly
+// drops count as removed; for reduceHigh the triangles after assembly, so those
+// facets count in neither figure (not set when reading or assembly fails).
 int reduceLow(const char *inputName, const char *outputName, double tolerance,
               const double *angle, int32_t *oldCount);
 int reduceMedium(const char *inputName, const char *outputName, double tolerance,
                  const double *angle, int32_t *oldCount);
 int reduceHigh(const char *inputName, const char *outputName, double tolerance,
                const double *angle, int32_t *oldCount);
+
+// ---- Reduction drivers (drivers.cpp) ---------------------------------------------
+
+// engineKind: which engine entry reduces a shell; it runs the opposite way to method.
+constexpr int kEngineHigh = 0;   // reduceOnePass on the whole shell, serial
+constexpr int kEngineMedium = 1; // reduceParallelMedium, one pass on pieces
+constexpr int kEngineLow = 2;    // reduceParallelLow, stepped passes on pieces
+
+constexpr int kBlockFacetLimit = 100000000; // facets the block methods take
+constexpr int kStreamedFrom = 10000000;     // facet count from which the streamed route runs
+
+// The block routes, for a scanned count and box (box may be null: it is then
+// computed from the facets). Both write byte-identical files for one input.
+// Triangles removed (count minus records written), or -1 with no output left.
+int reduceInMemory(const char *input, const char *output, int engineKind, const FacetBox *box,
+                   double tolerance, const double *angle, int count);
+int reduceStreamed(const char *input, const char *output, int engineKind, const FacetBox *box,
+                   double tolerance, const double *angle, int count);
+// Pointers to the facets of blocks ordered along the box's longest axis, or
+// null (always for a count below 1). Free with free().
+FacetRec **buildSortedFacets(FacetBlock *const *blocks, const FacetBox *box, int count);
+// Reduces and writes every mesh of chain, which it consumes. Exactly one of file
+// and name: a name makes it create, finish and close that file (kept also after a
+// failure), a file is the caller's. oldCount receives the triangles of the meshes
+// taken on. Old minus written, or -1.
+int reduceMeshChain(qvMesh *chain, FILE *file, const char *name, int format, int engineKind,
+                    double tolerance, const double *angle, int32_t *oldCount);
+// Reduces one mesh, with null next, writes it to file (format kStlBinary, or
+// text), releases it and flushes. oldCount: its triangles before. Triangles
+// written, or -1.
+int reduceOneMesh(qvMesh *mesh, FILE *file, int format, int engineKind, double tolerance,
+                  const double *angle, int32_t *oldCount);
 
 // ---- Run report (report.cpp) -------------------------------------------------------
 

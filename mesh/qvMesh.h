@@ -648,3 +648,35 @@ int32_t qvCapRemove(qvMesh* mesh);
 // into topo, and returns the number of loops closed; -1 when the mesh has no
 // valid analysis, on failure, or when the new analysis isn't valid.
 int32_t qvMeshClose(qvMesh* mesh, const double* maxArea);
+
+// ---- Assembly
+//
+// From a soup of facets to a chain of shells: coinciding vertices become one,
+// edges on the same two vertices one edge; degenerate and doubled triangles
+// go; edges with more than two triangles are pulled apart and vertices with
+// more than one fan split; orientation is made consistent where it can be,
+// and the mesh is cut into its connected pieces. Afterwards each edge has one
+// or two triangles, the triangles round each vertex form one fan, boundary
+// edges stand at the head of the edge list and run along their triangle.
+
+// The default welding tolerances: linear, and on the squared distance.
+constexpr double kWeldTol = 1e-6;
+constexpr double kWeldTol2 = 1e-12;
+
+// Takes three new corners (kVtxHasNormal, coordinates set) into mesh with
+// three new edges c0-c1, c1-c2, c2-c0 and one triangle on them, all
+// prepended. 0; -1 for a null argument or a failed allocation, and then the
+// mesh and the corners are as they were (the corners stay the caller's).
+int32_t qvMeshAddFacet(qvMesh* mesh, qvVtx* corners[3]);
+// Welds and links a soup. tol, when not null, is the pair {linear, squared}
+// within which vertices merge (transitively along sorted x); without it only
+// bitwise equal coordinates merge. 0, with kMeshStitched set; -1 on failure,
+// with the mesh good only for being freed. A surface that can't be oriented
+// is no failure: its triangles stay as the orientation flood left them.
+int32_t qvMeshStitch(qvMesh* mesh, const double* tol);
+// Cuts mesh into its connected pieces, chained behind it (between it and its
+// former next) with its flags; a vertex shared by two pieces is copied with
+// clone. The number of shells (0 for a mesh without triangles), or -1.
+int32_t qvMeshShells(qvMesh* mesh, qvVtx* (*clone)(const qvVtx*));
+// qvMeshStitch, then qvMeshShells with qvVtxClone: the number of shells, or -1.
+int32_t qvMeshAssemble(qvMesh* mesh, const double* tol);

@@ -15,3 +15,60 @@
 // One stitched shell with null next. Triangles taken out, or -1.
 int32_t reduceParallelMedium(qvMesh *mesh, double tolerance, const double *angleRef);
 int32_t reduceParallelLow(qvMesh *mesh, double tolerance, const double *angleRef);
+
+// ---- Partition ----------------------------------------------------------------
+//
+// A cut gives two meshes that share no record and no adj: the lower part of
+// the shell along its longest axis moves to a new mesh. The vertices on the
+// cut stand once in each half, with equal coordinates, and both records carry
+// kVtxPinned, which outlives the cut until the engine clears it at the end of
+// the leaf that holds the vertex.
+
+// The result of a cut: first is the mesh that was cut, now holding the upper
+// part along the axis, and second a new mesh holding the lower part. Either
+// may head a chain of pieces.
+struct qvMeshPair {
+  qvMesh *first;   // the mesh given to the cut, or null when a split took every triangle
+  qvMesh *second;  // the new mesh, or null when nothing was split off
+};
+static_assert(sizeof(qvMeshPair) == 2 * sizeof(qvMesh *), "qvMeshPair grew");
+
+// Sorts a triangle list by the corners of the triangles' boxes and returns the
+// new head: direction 1 ascending, 0 descending; axis 0, 1, 2 names the first
+// key (then the next axes cyclically); corner 0 the low corner, 1 the high
+// one. Equal triangles keep their list order, and tag is zero afterwards.
+// Null, with the list untouched, for an argument out of range, a null head, a
+// head with a prev, a list over 268,435,455 triangles or no memory. Safe for
+// two threads sorting different lists at once.
+qvTri *qvTriSort(qvTri *head, int32_t direction, int32_t axis, int32_t corner);
+// Chooses the sides of a cut: sorts the triangles ascending by the low corner
+// along the longest axis of the box (x before y before z on equal extents),
+// sets mask on the first count / 2 (count < 0: the list is counted) and
+// clears it on the rest. A marked triangle with no marked neighbour then goes
+// to the unmarked side; one with neighbours of both kinds sets kVtxPinned on
+// the ends of its edges to unmarked ones. 0; -1 for a mesh of fewer than
+// three vertices, a zero mask, or a marked triangle with no neighbour at all
+// (mask is then clear again, pinned vertices stay).
+int32_t qvMeshHalve(qvMesh *mesh, int32_t count, uint32_t mask);
+// Moves the triangles with a bit of mask to a new mesh with its own edges and
+// vertices; an edge between the sides is copied into the moved triangle, and
+// a vertex used by both sides is copied with clone. Records keep their
+// relative order on both sides, and no mark stays. pair is always written:
+// (mesh, null) and 0 when nothing is marked, or for a null mesh; (null, mesh)
+// and 0, mask cleared, when everything is; (mesh, new) and 0 after a split.
+// 1 on failure (pair (mesh, null)): a seam edge missing in its neighbour, a
+// vertex with link set, a vertex no edge uses, two triangles sharing an edge
+// without adj, no memory; the new records are then back in mesh's lists and
+// mesh is good only for being freed.
+int32_t qvMeshSplit(qvMesh *mesh, uint32_t mask, qvVtx *(*clone)(const qvVtx *), qvMeshPair *pair);
+// Gives a vertex at which boundary loops touch one record per pair of
+// boundary edges (the copies made with clone), each taking over one fan of
+// triangles. The number of records added, or -1 for a vertex with an odd
+// number of boundary edges, a fan that doesn't end at a boundary edge of the
+// vertex, or other failure. No mark stays.
+int32_t qvMeshUnpinch(qvMesh *mesh, qvVtx *(*clone)(const qvVtx *));
+// Cuts one stitched, connected shell with a valid analysis and no marks into
+// pair (count as for qvMeshHalve): each half is unpinched and split into its
+// pieces, chained behind it. 0, or -1 at the first failing step, with pair
+// possibly half filled and the mesh given up as it stands.
+int32_t qvMeshCut(qvMesh *mesh, int32_t count, qvMeshPair *pair);

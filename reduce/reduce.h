@@ -22,3 +22,116 @@
 int32_t reduceOnePass(qvMesh *mesh, double tol, const double *angle);
 // Several passes of growing tolerance (low method). Removed count or -1.
 int32_t reduceStepped(qvMesh *mesh, double tol, const double *angle);
+
+// ---- Parameters of a pass -------------------------------------------------------
+
+// Five numbers made from one tolerance t by qvRedParamsSet.
+struct qvRedParams {
+  double tol;    // t: the pass's budget as a length
+  double tol2;   // t * t: every acceptance test compares a squared distance with it
+  double leaf;   // t / (1 + 1/sqrt(3)); read only through leaf2
+  double leaf2;  // leaf * leaf: a measured triangle whose longest edge is shorter isn't split
+  double far2;   // t * t * 9: kept in the record, read by nothing
+};
+static_assert(sizeof(qvRedParams) == 40, "qvRedParams is five doubles");
+
+// Fills params from the tolerance t. 0, or -1 for a null params.
+int32_t qvRedParamsSet(double t, qvRedParams *params);
+
+// ---- The engine's data form of a vertex -----------------------------------------
+//
+// During a pass every vertex has kVtxHasParam and not kVtxHasNormal, and its
+// block reads: the parameter pair, x, y, z, score. The pair holds (u, v) from a
+// ring's projection to the end of its flips, and the nearest reference triangle
+// with its squared distance while the deviation is measured. The handle points
+// at the pair, so the planar tests read u and v straight through it.
+
+constexpr int32_t kRedPairAt = 0;      // index of the parameter pair in the block
+constexpr int32_t kRedXyzAt = 2;       // index of x, y, z
+constexpr int32_t kRedScoreAt = 5;     // index of score
+constexpr int32_t kRedDataSize = 6;    // doubles a vertex needs to take the engine's form
+constexpr double kRedScoreNone = -1.0;  // score of a vertex that is no candidate now
+
+// The score of a vertex in the engine's form: the double after its x, y, z.
+inline double *qvScoreOf(const qvVtx *v) {
+  double *xyz = qvVtxXyz(v);
+  return xyz ? xyz + (kRedScoreAt - kRedXyzAt) : nullptr;
+}
+
+// Makes the vertices ready for a pass. Fails (-1) when a triangle bears a mark
+// or lacks kTriLinked, or a vertex is derived, has fewer than kRedDataSize
+// doubles, or touches no triangle; the vertices' link and aux are then null.
+// Otherwise each vertex's link and aux name the last triangle of the list that
+// touches it, and qvRedPrepFirst turns every vertex into the engine's form (pair
+// zero, score kRedScoreNone), qvRedPrepPass only those not in it yet, so that
+// the others keep their score. Result: the number of vertices turned, or -1.
+int32_t qvRedPrepFirst(qvMesh *mesh);
+int32_t qvRedPrepPass(qvMesh *mesh);
+
+// ---- Marks ----------------------------------------------------------------------
+
+// The marks with which the engine marks the star of the vertex it works on.
+struct qvMarkSet {
+  uint32_t vtx;  // on the ring's vertices
+  uint32_t edg;  // on the ring's edges (the edges opposite the centre)
+  uint32_t tri;  // on the star's triangles
+};
+constexpr qvMarkSet kMarkSet = {kVtxMarkVisit, kEdgMarkVisit, kTriMarkVisit};
+
+// The ring of a spoke's far end bears these while the link test runs.
+constexpr uint32_t kVtxMarkFar = kVtxMarkBnd;
+constexpr uint32_t kEdgMarkFar = kEdgMarkBnd;
+// A corner of the measured surface whose nearest reference triangle is still
+// to be found.
+constexpr uint32_t kVtxMarkNearest = kVtxMarkEngine;
+
+// Valences. For each triangle of the head run bearing triMark, each corner whose
+// tag is 0 gets the number of triangles round it on the live surface, which must
+// close and hold at least 3. Result: the number of tags written, or -1 (every
+// corner of the run then has tag 0).
+int32_t qvValenceFill(qvMesh *mesh, uint32_t triMark);
+// Zeroes the tag of every corner of every triangle of mesh. The number of
+// triangles, or -1 for a null mesh or a triangle whose corners can't be read.
+int32_t qvValenceClear(qvMesh *mesh);
+
+// ---- Feature classification ---------------------------------------------------
+
+// Marks the edges where the surface folds by more than the angle (degrees; null
+// for 10) as features (kEdgFeatureSet) and their ends with kVtxFeatureEnd. Each
+// edge is judged once, by its first triangle in the list; a boundary edge, a
+// pair whose squared normals are both below tol2 / 4, and a pair with a zero
+// normal are not features. Result: the number of feature edges, 0 for a null
+// mesh, -1 when a triangle's corners can't be read or params is null.
+int32_t qvRedFeatures(qvMesh *mesh, const double *angle, const qvRedParams *params);
+
+// ---- Validity tests -------------------------------------------------------------
+
+// The link condition of the spoke e of t, run while the ring of its one end
+// bears edgMarks[0] and vtxMarks[0] and the ring of the other end bears
+// edgMarks[1] and vtxMarks[1], both rings at the head of the edge list: 1 when
+// the rings share only the two corners opposite e and no edge, 0 when not,
+// -1 on failure (e not in t, no neighbour across e, an unmarked ring vertex).
+int32_t qvLinkTest(qvMesh *mesh, qvTri *t, qvEdg *e, const uint32_t edgMarks[2],
+                   const uint32_t vtxMarks[2]);
+
+// Projects the ring of the vertex with handle p (t a triangle at it) onto the
+// first of five planes in which it doesn't cross itself, leaving (u, v) in
+// the ring vertices' pairs. ring is the ring's length when the star bears
+// kMarkSet already, its triangles and ring edges at the heads of their lists;
+// below 3 the routine marks the star itself and clears it again. 0 when a plane gives a simple ring, positive when none
+// does, -1 on failure.
+int32_t qvRingProject(qvMesh *mesh, qvTri *t, const double *p, int32_t ring);
+
+// One diagonal: the two triangles across it and its slot in each.
+typedef qvQuad qvFlipRec;
+
+// Whether the diagonal should be flipped, on the (u, v) of the quad's corners
+// and the tags of the diagonal's ends: 1 flip, 0 don't, -1 on failure.
+int32_t qvFlipTest(const qvFlipRec *rec);
+
+// The squared deviation of the triangles of old (a qvLnk list) from those of
+// ref: a maximum over sampled points, which returns at once the first value
+// above params->tol2. -1.0 for an empty old list. On failure *err is -1 (it is
+// set to 0 first) and the value has no meaning. The reference triangles keep
+// the cache they were given; the caller frees it.
+double qvDevList(qvLnk *old, qvLnk *ref, const qvRedParams *params, int32_t *err);

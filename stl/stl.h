@@ -22,11 +22,23 @@
 //     the file), so every ordering is deterministic, and the pointer table and
 //     the key table order one file identically.
 //  8. A binary file written here starts with the fixed 80-byte header; its count
-//     is provisional until stlPatchCount writes the real one.
+//     is provisional until stlPatchCount writes the real one. Records are written
+//     little-endian whatever the host, and every write, flush and close is
+//     checked.
+//  9. A written normal is computed afresh from the corners in cycle order; a cross
+//     product shorter than kStlNormalMinLength is written as the zero vector.
+// 10. A writer deletes a file only while its name still names the regular file it
+//     had open, so a device given as output is never removed.
+// 11. A mesh made from facets is unassembled: one triangle per facet, each with
+//     three vertices of its own (kVtxHasNormal, normal slot zero), and its
+//     triangle list runs in reading order or in the order of the run.
 #pragma once
 
 #include <cstdint>
 #include <cstdio>
+
+struct qvMesh;
+struct qvTri;
 
 // A facet in transit between a file and its reader.
 struct FacetWire {
@@ -125,3 +137,43 @@ FILE *stlCreateBinary(const char *name, uint32_t count);
 FILE *stlCreateAscii(const char *name);
 // Overwrites the header's count. 0 or -1.
 int stlPatchCount(uint32_t count, FILE *file);
+
+// A cross product shorter than this is written as the zero normal.
+constexpr double kStlNormalMinLength = 1e-06;
+
+// Modes of stlCloseOutput.
+constexpr int kOutputKeep = 0;    // the file stays, whatever happens
+constexpr int kOutputCheck = 1;   // the file is deleted if closing fails
+constexpr int kOutputDiscard = 2; // the file is deleted
+
+// Closes a file being written and, as mode says, deletes it (invariant 10).
+// 0 when the file was closed and kept, -1 when closing failed or it was discarded.
+int stlCloseOutput(FILE *file, const char *name, int mode);
+
+// One triangle as a 50-byte record: corners in cycle order (qvTriGeometry with
+// sign), a new normal, attribute 0. 0 or -1.
+int stlWriteTriBinary(const qvTri *tri, int sign, FILE *file);
+// The triangles of mesh from the head of its list: the number written, or -1.
+int stlWriteMeshBinary(const qvMesh *mesh, int sign, FILE *file);
+// The same as text, one facet statement per triangle; standard error when file
+// is null.
+int stlWriteMeshAscii(const qvMesh *mesh, int sign, FILE *file);
+// A binary file of its own holding every mesh of chain, its count patched: the
+// number of triangles written, or -1 with the file deleted. An empty chain gives
+// an 84-byte file with count 0.
+int stlWriteMeshChain(const qvMesh *chain, int sign, const char *name);
+
+// ---- Mesh from facets ---------------------------------------------------------
+
+// The whole file as one unassembled mesh, binary tried first. status: the facet
+// count (0 for an ASCII file without facets), or negative with null returned.
+qvMesh *stlReadMesh(const char *name, int64_t *status);
+// The run table[0..count) as one unassembled mesh, or null (status -1; a count
+// below 1 gives null with status 0).
+qvMesh *meshFromPointers(FacetRec *const *table, int count, int *status);
+// The run keys[0..count) of a file opened with stlOpenBinary or stlOpenAscii, as
+// one unassembled mesh, or null as for meshFromPointers.
+qvMesh *meshFromKeys(FILE *file, int format, const FacetKey *keys, int count, int *status);
+// One triangle on three new vertices at the facet's corners. 0, or -1 with the
+// mesh as it was.
+int addFacetToMesh(qvMesh *mesh, const FacetWire *wire);

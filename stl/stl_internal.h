@@ -36,6 +36,15 @@ inline float loadF32(const unsigned char *bytes) {
   return value;
 }
 
+inline void storeF32(float value, unsigned char *bytes) {
+  uint32_t word;
+  std::memcpy(&word, &value, sizeof word);
+  storeU32(word, bytes);
+}
+
+// Writes the fixed 80-byte header and the count, and flushes. False on failure.
+bool writeHeader(FILE *file, uint32_t count);
+
 // Decodes the nine vertex coordinates of a 50-byte record. False when one of
 // them is NaN or infinite: such a record makes the file malformed.
 bool decodeVertices(const unsigned char *record, float *vertices);

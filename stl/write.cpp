@@ -1,6 +1,9 @@
-// STL writing at file level: creating a binary or ASCII file and patching the
-// binary facet count once the number of facets written is known.
+// STL writing at file level: creating a binary or ASCII file, patching the
+// binary facet count once the number of facets written is known, and closing
+// or discarding a file being written.
 #include "stl/stl_internal.h"
+
+#include <sys/stat.h>
 
 using namespace stl_detail;
 
@@ -14,18 +17,24 @@ static_assert(sizeof kHeaderText == kHeaderBytes, "header text is 79 characters 
 
 } // namespace
 
+// Flushing here reports a full disk at once.
+bool stl_detail::writeHeader(FILE *file, uint32_t count) {
+  unsigned char head[kDataOffset] = {};
+  std::memcpy(head, kHeaderText, sizeof kHeaderText);
+  storeU32(count, head + kCountOffset);
+  return std::fwrite(head, 1, sizeof head, file) == sizeof head && std::fflush(file) == 0;
+}
+
 // The count is provisional: the writers append records and stlPatchCount puts
-// the real count in at the end. Flushing here reports a full disk at once.
+// the real count in at the end. A file whose header cannot be written is
+// removed again: opening it has emptied it already.
 FILE *stlCreateBinary(const char *name, uint32_t count) {
   FILE *file = name ? std::fopen(name, "wb") : nullptr;
   if (!file) {
     return nullptr;
   }
-  unsigned char head[kDataOffset] = {};
-  std::memcpy(head, kHeaderText, sizeof kHeaderText);
-  storeU32(count, head + kCountOffset);
-  if (std::fwrite(head, 1, sizeof head, file) != sizeof head || std::fflush(file) != 0) {
-    std::fclose(file);
+  if (!writeHeader(file, count)) {
+    stlCloseOutput(file, name, kOutputDiscard);
     return nullptr;
   }
   return file;
@@ -37,7 +46,7 @@ FILE *stlCreateAscii(const char *name) {
     return nullptr;
   }
   if (std::fputs("solid ascii\n", file) < 0 || std::fflush(file) != 0) {
-    std::fclose(file);
+    stlCloseOutput(file, name, kOutputDiscard);
     return nullptr;
   }
   return file;
@@ -53,4 +62,26 @@ int stlPatchCount(uint32_t count, FILE *file) {
     return -1;
   }
   return 0;
+}
+
+// The identity of the open file is taken before it is closed, and the name is
+// removed only while it still refers to that same regular file: a device such
+// as /dev/null given as output, or a file that has taken the name meanwhile,
+// stays. Whether the removal succeeds is not checked.
+int stlCloseOutput(FILE *file, const char *name, int mode) {
+  if (!file) {
+    return -1;
+  }
+  struct stat opened;
+  const bool regular = fstat(fileno(file), &opened) == 0 && S_ISREG(opened.st_mode);
+  const bool closed = std::fclose(file) == 0;
+  if (mode == kOutputKeep || (mode == kOutputCheck && closed)) {
+    return closed ? 0 : -1;
+  }
+  struct stat named;
+  if (regular && name && stat(name, &named) == 0 && named.st_dev == opened.st_dev &&
+      named.st_ino == opened.st_ino) {
+    std::remove(name);
+  }
+  return -1;
 }

@@ -84,7 +84,8 @@ protected:
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   }
 
-  // Files under the folder other than STL files: the test folder starts with none.
+  // Files under the folder other than STL files, outputs named otherwise
+  // included: the test folder starts with none.
   std::set<std::string> reports() const {
     std::set<std::string> found;
     for (const fs::directory_entry &entry : fs::recursive_directory_iterator(dir_)) {
@@ -131,6 +132,8 @@ TEST_F(Tool, FaultsPrintTheirMessageAndExitWith255InArgumentOrder) {
       {{"broken.stl", "-qh", "-s"}, kFailed, 255, {}},
       {{"broken.stl"}, kFailed, 255, {}},
       {{"outdir", "-qm"}, kFailed, 255, {}},
+      // The output's folder res_HQ_0.10_sub does not exist.
+      {{"sub/part.stl", "-qh"}, kFailed, 255, {}},
   });
 }
 
@@ -143,11 +146,11 @@ TEST_F(Tool, SuccessWritesTheReportWhereTheNamesSay) {
       {{"part.stl", "-qm", "-ofirst.stl", "-oout.stl"}, "", 0, {"out.log"}},
       {{"part.stl", "-qm", "-oout.stl", "-lrun.txt"}, "", 0, {"run.txt"}},
       {{"part.stl", "-qm", "-ooutdir/x.stl"}, "", 0, {"outdir/x.log"}},
-      {{"part.stl", "-qm", "-ox"}, "", 0, {"x.log"}},
+      {{"part.stl", "-qm", "-ox"}, "", 0, {"x", "x.log"}},
       // The input goes into the default name with its folder.
       {{"sub/part.stl", "-qm"}, "", 0, {"res_MQ_0.10_sub/part.log"}},
       // A report that cannot be opened is left out without a word.
-      {{"sub/part.stl", "-qh"}, "", 0, {}},
+      {{"part.stl", "-qh", "-lnodir/run.txt"}, "", 0, {}},
       {{"part.stl", "-qh", "-l"}, "", 0, {}},
   });
 }
@@ -155,11 +158,11 @@ TEST_F(Tool, SuccessWritesTheReportWhereTheNamesSay) {
 TEST_F(Tool, NoReportOverwritesTheInputOutputOrSolidFile) {
   const std::string input = readFile(dir_ / "part.stl");
   checkCases({
-      {{"part.stl", "-qm", "-oresult.log"}, "", 0, {}},
+      {{"part.stl", "-qm", "-oresult.log"}, "", 0, {"result.log"}},
       {{"part.stl", "-qh", "-lpart.stl"}, "", 0, {}},
       {{"part.stl", "-qh", "-l./sub/../part.stl"}, "", 0, {}},
       {{"part.stl", "-qm", "-sbody.log", "-lbody.log"}, "", 0, {}},
-      {{"part.stl", "-qm", "-olog"}, "", 0, {}},
+      {{"part.stl", "-qm", "-olog"}, "", 0, {"log"}},
   });
   EXPECT_EQ(readFile(dir_ / "part.stl"), input);
 }

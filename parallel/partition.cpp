@@ -1,0 +1,482 @@
+// Cutting one shell into two meshes that share no record, so that two threads
+// can reduce them without locks. The triangles are sorted along the longest
+// axis of the shell's box and the lower half goes to a new mesh; the vertices
+// on the cut carry kVtxPinned, which keeps the engine from removing them and
+// so keeps the two halves matching along the cut without later repair.
+//
+// The file reads in run order: the twelve triangle orderings and the sort,
+// choosing the sides, splitting by a triangle flag, splitting vertices where
+// a half's boundary touches itself, and last the cut that strings them up.
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <initializer_list>
+
+#include "parallel/parallel.h"
+
+namespace {
+
+// Marks of a split. The side bit is the caller's mask; qvMeshCut passes
+// kCutSide. A vertex learns which sides use it from the edges at its ends.
+constexpr uint32_t kCutSide = kTriMarkVisit;  // triangle goes to the new mesh
+constexpr uint32_t kUsedOld = kVtxMarkVisit;  // an edge left in the old mesh uses the vertex
+constexpr uint32_t kUsedNew = kVtxMarkBnd;    // an edge of the new mesh uses the vertex
+constexpr uint32_t kEdgMoved = kEdgMarkVisit; // edge dealt with: moved or copied to the new mesh
+
+// A pinched vertex has its boundary edges marked with this while its fans are
+// given clones, and loses it edge by edge as each fan is closed.
+constexpr uint32_t kEdgOpenFan = kEdgMarkVisit;
+
+// Largest list the sort takes: its pointer array's size in bytes must be a
+// positive signed 32-bit number.
+constexpr int32_t kSortMax = 268435455;
+
+// A list built at its tail, so that records keep their relative order.
+template <class T>
+struct Chain {
+  T *head = nullptr;
+  T *tail = nullptr;
+};
+
+template <class T>
+void chainAppend(Chain<T> &c, T *r) {
+  r->prev = c.tail;
+  r->next = nullptr;
+  if (c.tail) c.tail->next = r;
+  else c.head = r;
+  c.tail = r;
+}
+
+// ---------------------------------------------------------------------------
+// The twelve orderings
+
+// A total order on coordinates, NaN after every number, so that a hostile
+// value can't make the sort's comparison inconsistent.
+int compareCoord(double a, double b) {
+  if (a < b) return -1;
+  if (a > b) return 1;
+  return static_cast<int>(std::isnan(a)) - static_cast<int>(std::isnan(b));
+}
+
+// Row (direction * 3 + axis) * 2 + corner: the low (corner 0) or high
+// (corner 1) corners of the two boxes, compared on axis, then on the next
+// axes cyclically; ascending for direction 1, descending for 0. A triangle
+// whose corners can't be read sorts after every other. Boxes are computed
+// anew on each call: the sort needs no memory beyond its pointer array.
+template <int kDirection, int kAxis, int kCorner>
+int compareRow(const qvTri *a, const qvTri *b) {
+  qvBox ba;
+  qvBox bb;
+  const bool hasA = qvTriBox(a, &ba) >= 0;
+  const bool hasB = qvTriBox(b, &bb) >= 0;
+  int c = static_cast<int>(!hasA) - static_cast<int>(!hasB);
+  for (int k = 0; k < 3 && c == 0 && hasA; ++k) {
+    const int slot = kCorner * 3 + (kAxis + k) % 3;
+    c = compareCoord(*ba[slot], *bb[slot]);
+  }
+  return kDirection == 1 ? c : -c;
+}
+
+typedef int (*TriOrder)(const qvTri *, const qvTri *);
+
+const TriOrder kTriOrder[12] = {
+    compareRow<0, 0, 0>, compareRow<0, 0, 1>, compareRow<0, 1, 0>, compareRow<0, 1, 1>,
+    compareRow<0, 2, 0>, compareRow<0, 2, 1>, compareRow<1, 0, 0>, compareRow<1, 0, 1>,
+    compareRow<1, 1, 0>, compareRow<1, 1, 1>, compareRow<1, 2, 0>, compareRow<1, 2, 1>,
+};
+
+// ---------------------------------------------------------------------------
+// Splitting by a triangle flag
+
+void clearSplitMarks(Chain<qvTri> &tri, Chain<qvEdg> &edg, Chain<qvVtx> &vtx, qvMesh *mesh,
+                     uint32_t mask) {
+  for (qvTri *t = tri.head; t; t = t->next) t->flags &= ~mask;
+  for (qvEdg *e = edg.head; e; e = e->next) e->flags &= ~kEdgMoved;
+  for (qvVtx *v = vtx.head; v; v = v->next) v->flags &= ~(kUsedOld | kUsedNew);
+  for (qvVtx *v = mesh->vtx; v; v = v->next) v->flags &= ~(kUsedOld | kUsedNew);
+}
+
+// Gives the new mesh's records back to the old mesh after a failed split.
+// What was done stays done: cleared adjacencies, seam edge copies, vertex
+// clones and the links to them. The mesh is good only for being freed.
+int32_t splitAbandon(qvMesh *mesh, qvMesh *split, Chain<qvTri> &tri, Chain<qvEdg> &edg,
+                     Chain<qvVtx> &vtx, uint32_t mask, qvMeshPair *pair) {
+  clearSplitMarks(tri, edg, vtx, mesh, mask);
+  mesh->tri = qvTriConcat(mesh->tri, tri.head);
+  mesh->edg = qvEdgConcat(mesh->edg, edg.head);
+  mesh->vtx = qvVtxConcat(mesh->vtx, vtx.head);
+  if (split) {
+    split->tri = nullptr;
+    qvMeshFree(split);
+  }
+  pair->first = mesh;
+  pair->second = nullptr;
+  return 1;
+}
+
+// Sets bit on the records of both ends of every edge of a list; false at an
+// edge with a missing end.
+bool markEnds(qvEdg *head, uint32_t bit) {
+  for (qvEdg *e = head; e; e = e->next) {
+    if (!e->ends[0] || !e->ends[1]) return false;
+    qvVtxOf(e->ends[0])->flags |= bit;
+    qvVtxOf(e->ends[1])->flags |= bit;
+  }
+  return true;
+}
+
+// Step 4 of a split: every edge of a moved triangle goes to the new mesh. An
+// edge shared with a triangle that stays is a seam edge: the neighbour keeps
+// it, and the moved triangle gets a copy, so each side has its own boundary.
+bool splitEdges(qvMesh *mesh, qvTri *moved, uint32_t mask, Chain<qvEdg> &edg) {
+  for (qvTri *t = moved; t; t = t->next) {
+    for (int32_t i = 0; i < 3; ++i) {
+      qvEdg *e = t->edg[i];
+      qvTri *n = t->adj[i];
+      if (!e) return false;
+      if (n && !(n->flags & mask)) {
+        if (qvTriLink(n, nullptr, e) != 0) return false;
+        t->adj[i] = nullptr;
+        qvEdg *copy = qvEdgNew(e->ends[0], e->ends[1], e->flags, e->tag);
+        if (!copy) return false;
+        copy->tag2 = e->tag2;
+        copy->flags |= kEdgMoved;
+        t->edg[i] = copy;
+        chainAppend(edg, copy);
+      } else if (!(e->flags & kEdgMoved)) {
+        e->flags |= kEdgMoved;
+        mesh->edg = qvEdgUnlink(mesh->edg, e);
+        chainAppend(edg, e);
+      }
+    }
+  }
+  // A triangle that stays must not hold a moved edge: that happens only when
+  // two triangles share an edge without adj across it, and the halves would
+  // then share a record.
+  for (const qvTri *t = mesh->tri; t; t = t->next)
+    for (const qvEdg *e : t->edg)
+      if (!e || (e->flags & kEdgMoved)) return false;
+  return true;
+}
+
+// Steps 6 and 7: vertices used only by the new side move to it; a vertex used
+// by both sides is cloned (with all its flags, the seam mark included), the
+// clone joins the new side and the new side's edge ends are turned to it.
+bool splitVertices(qvMesh *mesh, qvVtx *(*clone)(const qvVtx *), Chain<qvEdg> &edg,
+                   Chain<qvVtx> &vtx) {
+  qvVtx *next = nullptr;
+  for (qvVtx *v = mesh->vtx; v; v = next) {
+    next = v->next;
+    const uint32_t used = v->flags & (kUsedOld | kUsedNew);
+    if (v->link || used == 0) return false;
+    if (used == kUsedNew) {
+      mesh->vtx = qvVtxUnlink(mesh->vtx, v);
+      chainAppend(vtx, v);
+    } else if (used == (kUsedOld | kUsedNew)) {
+      qvVtx *c = clone(v);
+      if (!c) return false;
+      v->link = c;
+      chainAppend(vtx, c);
+    }
+  }
+  for (qvEdg *e = edg.head; e; e = e->next)
+    for (double *&h : e->ends)
+      if (const qvVtx *v = qvVtxOf(h); v->link) h = static_cast<qvVtx *>(v->link)->dat;
+  for (qvVtx *v = mesh->vtx; v; v = v->next) v->link = nullptr;
+  return true;
+}
+
+// ---------------------------------------------------------------------------
+// Splitting pinched boundary vertices
+
+// Whether the marked vertices and edges have link free for the lists below.
+// An edge can't end at a derived vertex, whose link is its owner.
+bool walkFieldsFree(const qvMesh *mesh) {
+  for (const qvVtx *v = mesh->vtx; v && (v->flags & kWalkVtxBit); v = v->next)
+    if (v->link || (v->flags & kVtxDerived)) return false;
+  for (const qvEdg *e = mesh->edg; e && (e->flags & kWalkEdgBit); e = e->next)
+    if (e->link) return false;
+  return true;
+}
+
+// Hangs on each marked vertex a list of its marked edges, and on each marked
+// edge a list of its triangles; false when a node can't be had.
+bool hangWalkLists(qvMesh *mesh) {
+  for (qvEdg *e = mesh->edg; e && (e->flags & kWalkEdgBit); e = e->next) {
+    for (double *h : e->ends) {
+      qvVtx *v = qvVtxOf(h);
+      qvLnk *node = qvLnkNew(0, e);
+      if (!node) return false;
+      v->link = qvLnkConcat(node, static_cast<qvLnk *>(v->link));
+    }
+  }
+  for (qvTri *t = mesh->tri; t; t = t->next) {
+    for (qvEdg *e : t->edg) {
+      if (!e || !(e->flags & kWalkEdgBit)) continue;
+      qvLnk *node = qvLnkNew(0, t);
+      if (!node) return false;
+      e->link = qvLnkConcat(node, static_cast<qvLnk *>(e->link));
+    }
+  }
+  return true;
+}
+
+// Frees the lists of hangWalkLists. Clones made meanwhile stand at the head
+// of the vertex list, marked, with link null.
+void freeWalkLists(qvMesh *mesh) {
+  for (qvVtx *v = mesh->vtx; v && (v->flags & kWalkVtxBit); v = v->next) {
+    qvLnkDeleteAll(static_cast<qvLnk *>(v->link));
+    v->link = nullptr;
+  }
+  for (qvEdg *e = mesh->edg; e && (e->flags & kWalkEdgBit); e = e->next) {
+    qvLnkDeleteAll(static_cast<qvLnk *>(e->link));
+    e->link = nullptr;
+  }
+}
+
+void replaceEnd(qvEdg *e, const double *from, double *to) {
+  for (double *&h : e->ends)
+    if (h == from) h = to;
+}
+
+// Walks the fan of v from the boundary edge start, on its one triangle, to the
+// boundary edge that closes it, turning v's handle into c's in every edge on
+// the way. Each step turns one end that still is v's, so the walk ends even on
+// a broken fan. The closing edge, or null when it isn't one of v's marked
+// boundary edges or the walk fails.
+qvEdg *fanToClone(qvEdg *start, const qvVtx *v, qvVtx *c) {
+  const qvLnk *tris = static_cast<const qvLnk *>(start->link);
+  if (!tris || tris->next) return nullptr;
+  qvTri *t = static_cast<qvTri *>(tris->item);
+  if (qvTriEdgeSlot(t, start) < 0) return nullptr;
+  replaceEnd(start, v->dat, c->dat);
+  for (;;) {
+    qvEdg *at[2];
+    int32_t slots[2];
+    if (qvTriEdgesAt(t, v->dat, at, slots) != 1) return nullptr;
+    qvEdg *out = at[0];
+    replaceEnd(out, v->dat, c->dat);
+    qvTri *n = t->adj[slots[0]];
+    if (!n) return (out->flags & kEdgOpenFan) ? out : nullptr;
+    if (qvTriEdgeSlot(n, out) < 0) return nullptr;
+    t = n;
+  }
+}
+
+// Gives each extra pair of boundary edges at v a clone of v of its own,
+// until v keeps one pair.
+bool unpinchVertex(qvMesh *mesh, qvVtx *v, qvVtx *(*clone)(const qvVtx *)) {
+  qvLnk *edges = static_cast<qvLnk *>(v->link);
+  for (qvLnk *l = edges; l; l = l->next) {
+    qvEdg *e = static_cast<qvEdg *>(l->item);
+    if (!(e->flags & kWalkEdgBit) || (e->ends[0] != v->dat && e->ends[1] != v->dat)) return false;
+    e->flags |= kEdgOpenFan;
+  }
+  for (qvLnk *l = edges; l && v->tag >= 4; l = l->next) {
+    qvEdg *e = static_cast<qvEdg *>(l->item);
+    if (!(e->flags & kEdgOpenFan)) continue;
+    qvVtx *c = clone(v);
+    if (!c) return false;
+    c->tag = 2;
+    mesh->vtx = qvVtxConcat(c, mesh->vtx);
+    mesh->flags &= ~kMeshSortedSet;
+    qvEdg *closing = fanToClone(e, v, c);
+    if (!closing) return false;
+    e->flags &= ~kEdgOpenFan;
+    closing->flags &= ~kEdgOpenFan;
+    v->tag -= 2;
+  }
+  return true;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Entry points
+
+qvTri *qvTriSort(qvTri *head, int32_t direction, int32_t axis, int32_t corner) {
+  if (!head || head->prev || direction < 0 || direction > 1 || axis < 0 || axis > 2 ||
+      corner < 0 || corner > 1)
+    return nullptr;
+  // The count also bounds the walk, should the list run in a cycle.
+  int32_t n = 0;
+  for (const qvTri *t = head; t; t = t->next)
+    if (++n > kSortMax) return nullptr;
+  qvTri **order = static_cast<qvTri **>(std::malloc(static_cast<size_t>(n) * sizeof(qvTri *)));
+  if (!order) return nullptr;
+
+  // Equal triangles keep their list order: the list position, held in tag
+  // for the time of the sort, is the last key. The order is then total, the
+  // same for the same list whatever the sort algorithm, and it depends on no
+  // state outside the comparison, so two threads may sort at once.
+  int32_t i = 0;
+  for (qvTri *t = head; t; t = t->next) {
+    t->tag = i;
+    order[i++] = t;
+  }
+  const TriOrder row = kTriOrder[(direction * 3 + axis) * 2 + corner];
+  std::sort(order, order + n, [row](const qvTri *a, const qvTri *b) {
+    const int c = row(a, b);
+    return c != 0 ? c < 0 : a->tag < b->tag;
+  });
+
+  for (i = 0; i < n; ++i) {
+    order[i]->tag = 0;
+    order[i]->prev = i > 0 ? order[i - 1] : nullptr;
+    order[i]->next = i + 1 < n ? order[i + 1] : nullptr;
+  }
+  head = order[0];
+  std::free(order);
+  return head;
+}
+
+int32_t qvMeshHalve(qvMesh *mesh, int32_t count, uint32_t mask) {
+  if (mask == 0) return -1;
+  qvBox box;
+  if (qvMeshBox(mesh, &box) < 0) return -1;
+  for (const double *p : box)
+    if (!p) return -1;  // no vertex with coordinates
+
+  // On equal extents x beats y and y beats z.
+  double extent[3];
+  for (int k = 0; k < 3; ++k) extent[k] = *box[k + 3] - *box[k];
+  int32_t axis = extent[1] > extent[0] ? 1 : 0;
+  if (extent[2] > extent[axis]) axis = 2;
+
+  qvTri *sorted = qvTriSort(mesh->tri, 1, axis, 0);
+  if (!sorted) return -1;
+  mesh->tri = sorted;
+  if (count < 0) count = qvTriCount(mesh->tri);
+
+  // An odd triangle stays on the unmarked side.
+  const int32_t half = count >> 1;
+  int32_t i = 0;
+  for (qvTri *t = mesh->tri; t; t = t->next, ++i) {
+    if (i < half) t->flags |= mask;
+    else t->flags &= ~mask;
+  }
+
+  // The marked triangles are a head run. A marked triangle with unmarked
+  // neighbours only changes sides; one with both kinds has its seam edges'
+  // ends pinned. Only the marked side is examined: a lone unmarked triangle
+  // among marked ones stays, and becomes a piece of its own after the split.
+  // A triangle that changes sides has no marked neighbour, so clearing it
+  // here hides no seam from the triangles after it.
+  qvTri *next = nullptr;
+  for (qvTri *t = mesh->tri; t && (t->flags & mask); t = next) {
+    next = t->next;
+    int32_t kinds = 0;
+    for (const qvTri *n : t->adj)
+      if (n) kinds |= (n->flags & mask) ? 1 : 2;
+    if (kinds == 0) {
+      qvTriAndAll(mesh->tri, ~mask);
+      return -1;
+    }
+    if (kinds == 2) {
+      t->flags &= ~mask;
+    } else if (kinds == 3) {
+      for (int32_t s = 0; s < 3; ++s) {
+        const qvTri *n = t->adj[s];
+        if (!n || (n->flags & mask)) continue;
+        const qvEdg *e = t->edg[s];
+        if (!e || !e->ends[0] || !e->ends[1]) {
+          qvTriAndAll(mesh->tri, ~mask);
+          return -1;
+        }
+        qvVtxOf(e->ends[0])->flags |= kVtxPinned;
+        qvVtxOf(e->ends[1])->flags |= kVtxPinned;
+      }
+    }
+  }
+  return 0;
+}
+
+int32_t qvMeshSplit(qvMesh *mesh, uint32_t mask, qvVtx *(*clone)(const qvVtx *), qvMeshPair *pair) {
+  if (!pair) return 1;
+  pair->first = mesh;
+  pair->second = nullptr;
+  if (!mesh || !mesh->tri || mask == 0) return 0;
+  if (!clone) return 1;
+
+  Chain<qvTri> tri;
+  qvTri *next = nullptr;
+  for (qvTri *t = mesh->tri; t; t = next) {
+    next = t->next;
+    if (!(t->flags & mask)) continue;
+    mesh->tri = qvTriUnlinkList(mesh->tri, t);
+    chainAppend(tri, t);
+  }
+  if (!tri.head) return 0;
+  if (!mesh->tri) {
+    mesh->tri = tri.head;
+    qvTriAndAll(mesh->tri, ~mask);
+    pair->first = nullptr;
+    pair->second = mesh;
+    return 0;
+  }
+
+  // The analysis of the whole mesh describes neither half.
+  std::free(mesh->topo);
+  mesh->topo = nullptr;
+  mesh->flags &= ~kMeshSortedSet;
+  Chain<qvEdg> edg;
+  Chain<qvVtx> vtx;
+  qvMesh *split = qvMeshNew(tri.head, nullptr, nullptr, mesh->flags);
+  if (!split || !splitEdges(mesh, tri.head, mask, edg) || !markEnds(mesh->edg, kUsedOld) ||
+      !markEnds(edg.head, kUsedNew) || !splitVertices(mesh, clone, edg, vtx))
+    return splitAbandon(mesh, split, tri, edg, vtx, mask, pair);
+
+  clearSplitMarks(tri, edg, vtx, mesh, mask);
+  split->edg = edg.head;
+  split->vtx = vtx.head;
+  pair->second = split;
+  return 0;
+}
+
+int32_t qvMeshUnpinch(qvMesh *mesh, qvVtx *(*clone)(const qvVtx *)) {
+  if (!mesh || !clone) return -1;
+  if (qvTopoMark(mesh, kWalkVtxBit, kWalkEdgBit, 0, kWalkSwapBit, nullptr) < 0) return -1;
+
+  // Every marked vertex must have an even number of boundary edges; each pair
+  // beyond the first is one more passage of a loop, and one more record.
+  int32_t extra = 0;
+  for (const qvVtx *v = mesh->vtx; v && (v->flags & kWalkVtxBit) && extra >= 0; v = v->next) {
+    if (v->tag & 1) extra = -1;
+    else if (v->tag > 2) extra += (v->tag - 2) / 2;
+  }
+
+  if (extra > 0 && !walkFieldsFree(mesh)) extra = -1;
+  if (extra > 0) {
+    // Clones are prepended, ahead of the walk, which so meets originals only.
+    bool ok = hangWalkLists(mesh);
+    for (qvVtx *v = mesh->vtx; ok && v && (v->flags & kWalkVtxBit); v = v->next)
+      if (v->tag >= 4) ok = unpinchVertex(mesh, v, clone);
+    freeWalkLists(mesh);
+    if (!ok) extra = -1;
+  }
+  qvTopoUnmark(mesh, kWalkVtxBit, kWalkEdgBit | kEdgOpenFan, kWalkSwapBit);
+  return extra;
+}
+
+int32_t qvMeshCut(qvMesh *mesh, int32_t count, qvMeshPair *pair) {
+  if (!pair) return -1;
+  pair->first = nullptr;
+  pair->second = nullptr;
+  if (!mesh || qvMeshShells(mesh, qvVtxClone) != 1) return -1;
+  qvTopo topo{};
+  if (qvMeshTopo(mesh, &topo) != 0) return -1;
+  if (qvMeshHalve(mesh, count, kCutSide) != 0) return -1;
+  if (qvMeshSplit(mesh, kCutSide, qvVtxClone, pair) != 0) return -1;
+  if (pair->first != mesh || !pair->second) return -1;
+  qvTriAndAll(pair->second->tri, ~kCutSide);
+
+  // A straight cut can leave a boundary that touches itself at a vertex, and
+  // a half in several pieces: each half gets one record per pair of boundary
+  // edges at a vertex, then becomes a chain of its pieces. Whether it fell
+  // into pieces doesn't matter here, so the count of shells is not read.
+  for (qvMesh *half : {pair->first, pair->second}) {
+    if (qvMeshUnpinch(half, qvVtxClone) < 0) return -1;
+    qvMeshShells(half, qvVtxClone);
+  }
+  return 0;
+}

@@ -1,0 +1,130 @@
+// The numbers of a pass, the engine's form of the vertex data, and the
+// valences that the flips of a removal keep up.
+#include "reduce/reduce_internal.h"
+
+namespace {
+
+constexpr double kLeafDivisor = 1.5773502691896257;  // 1 + 1/sqrt(3)
+constexpr double kFarFactor = 9.0;                   // far2 = (3 t)^2
+constexpr int32_t kValenceMin = 3;                   // the fewest triangles round a vertex
+
+void clearEntries(qvMesh* mesh) {
+  for (qvVtx* v = mesh->vtx; v; v = v->next) {
+    v->link = nullptr;
+    v->aux = nullptr;
+  }
+}
+
+// Rewrites v's block as pair, x, y, z, score, reading x, y, z through
+// whichever form it finds first: the copy matters, since the two forms overlap.
+void toEngineForm(qvVtx* v) {
+  const double* from = qvVtxXyz(v);
+  const double xyz[3] = {from[0], from[1], from[2]};
+  v->flags = (v->flags & ~(kVtxHasNormal | kVtxHasParam)) | kVtxHasParam;
+  v->dat[kRedPairAt] = 0.0;
+  v->dat[kRedPairAt + 1] = 0.0;
+  for (int k = 0; k < 3; ++k) v->dat[kRedXyzAt + k] = xyz[k];
+  v->dat[kRedScoreAt] = kRedScoreNone;
+}
+
+int32_t prepare(qvMesh* mesh, bool every) {
+  if (!mesh) return -1;
+  for (const qvTri* t = mesh->tri; t; t = t->next)
+    if ((t->flags & kMarkMask) || !(t->flags & kTriLinked)) return -1;
+  for (const qvVtx* v = mesh->vtx; v; v = v->next)
+    if ((v->flags & kVtxDerived) || !v->dat || v->ndat < kRedDataSize) return -1;
+
+  // Each vertex enters the pass at the last triangle of the list that touches it.
+  clearEntries(mesh);
+  for (qvTri* t = mesh->tri; t; t = t->next) {
+    qvVtx* c[3];
+    if (qvTriCornerVtx(t, 0, c) != 0) {
+      clearEntries(mesh);
+      return -1;
+    }
+    for (qvVtx* x : c) x->link = x->aux = t;
+  }
+  for (const qvVtx* v = mesh->vtx; v; v = v->next)
+    if (!v->link) {
+      clearEntries(mesh);
+      return -1;
+    }
+
+  int32_t turned = 0;
+  for (qvVtx* v = mesh->vtx; v; v = v->next)
+    if (every || !(v->flags & kVtxHasParam)) {
+      toEngineForm(v);
+      ++turned;
+    }
+  return turned;
+}
+
+int32_t countOne(qvTri*, void* ctx) {
+  ++*static_cast<int32_t*>(ctx);
+  return 0;
+}
+
+void zeroCornerTags(qvTri* t) {
+  qvVtx* c[3];
+  if (qvTriCornerVtx(t, 0, c) != 0) return;
+  for (qvVtx* x : c) x->tag = 0;
+}
+
+}  // namespace
+
+int32_t qvRedParamsSet(double t, qvRedParams* params) {
+  if (!params) return -1;
+  params->tol = t;
+  params->tol2 = t * t;
+  params->leaf = t / kLeafDivisor;
+  params->leaf2 = params->leaf * params->leaf;
+  params->far2 = t * t * kFarFactor;
+  return 0;
+}
+
+int32_t qvRedPrepFirst(qvMesh* mesh) { return prepare(mesh, true); }
+
+int32_t qvRedPrepPass(qvMesh* mesh) { return prepare(mesh, false); }
+
+int32_t qvValenceFill(qvMesh* mesh, uint32_t triMark) {
+  if (!mesh) return -1;
+  int32_t written = 0;
+  bool failed = false;
+  for (qvTri* t = mesh->tri; t && (t->flags & triMark) && !failed; t = t->next) {
+    double* c[3];
+    if (qvTriCorners(t, 0, c) != 0) {
+      failed = true;
+      break;
+    }
+    for (double* h : c) {
+      qvVtx* x = qvVtxOf(h);
+      if (x->tag != 0) continue;
+      int32_t n = 0;
+      if (qvFanWalk(t, h, countOne, &n) != 0 || n < kValenceMin) {
+        failed = true;
+        break;
+      }
+      x->tag = n;
+      ++written;
+    }
+  }
+  if (!failed) return written;
+  for (qvTri* t = mesh->tri; t && (t->flags & triMark); t = t->next) zeroCornerTags(t);
+  return -1;
+}
+
+int32_t qvValenceClear(qvMesh* mesh) {
+  if (!mesh) return -1;
+  int32_t n = 0;
+  bool failed = false;
+  for (qvTri* t = mesh->tri; t; t = t->next) {
+    qvVtx* c[3];
+    if (qvTriCornerVtx(t, 0, c) != 0) {
+      failed = true;
+      continue;
+    }
+    for (qvVtx* x : c) x->tag = 0;
+    ++n;
+  }
+  return failed ? -1 : n;
+}

@@ -1,0 +1,209 @@
+// The reduction drivers end to end on closed tetrahedra, which no engine can
+// thin: block borders, identical routes, chain order, what the counts mean,
+// and which failure leaves which file.
+#include "front/front.h"
+#include "stl/stl_files.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <fstream>
+#include <iterator>
+
+namespace {
+
+using Method = int (*)(const char *, const char *, double, const double *, int32_t *);
+
+std::string fileBytes(const std::string &path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+// The count field of a file, or "none" for a file shorter than a header.
+std::string countField(const std::string &path) {
+  const std::string bytes = fileBytes(path);
+  return bytes.size() >= 84 ? bytes.substr(80, 4) : "none";
+}
+
+// The records of a finished output, whose header count must equal them.
+std::vector<Facet> checkedOutput(const std::string &path) {
+  const std::vector<Facet> facets = readBinaryFacets(path);
+  std::string count;
+  appendWord(&count, static_cast<uint32_t>(facets.size()));
+  EXPECT_EQ(countField(path), count) << path;
+  EXPECT_EQ(fileBytes(path).size(), 84 + 50 * facets.size()) << path;
+  return facets;
+}
+
+std::vector<Facet> sorted(std::vector<Facet> facets) {
+  std::sort(facets.begin(), facets.end());
+  return facets;
+}
+
+// A closed tetrahedron whose four facets all have x = base as sort key.
+std::vector<Facet> tetrahedron(float base) {
+  const float b = base + 1;
+  return {{base, 0, 0, base, 1, 0, b, 0, 0}, {base, 0, 0, b, 0, 0, base, 0, 1},
+          {b, 0, 0, base, 1, 0, base, 0, 1}, {base, 0, 0, base, 0, 1, base, 1, 0}};
+}
+
+// Tetrahedra two units apart along x, then lone facets beyond to make up count.
+std::vector<Facet> tetrahedra(int count) {
+  std::vector<Facet> facets;
+  for (int i = 0; i + 4 <= count; i += 4) {
+    for (const Facet &facet : tetrahedron(static_cast<float>(i / 2))) {
+      facets.push_back(facet);
+    }
+  }
+  for (float x = static_cast<float>(count); static_cast<int>(facets.size()) < count; x += 2) {
+    facets.push_back({x, 0, 0, x + 1, 0, 0, x, 1, 0});
+  }
+  return facets;
+}
+
+// 500,001 facets, partly in reverse file order: the first block holds the
+// 500,000 first by (key, ordinal), the second the one left, and both routes
+// write the same bytes. 500,000 facets make one block.
+TEST(Drivers, BothRoutesSplitBlocksAt500000AndWriteIdenticalFiles) {
+  std::vector<Facet> facets = tetrahedra(500001);
+  std::reverse(facets.begin() + 200000, facets.end());
+  std::vector<Facet> order = facets;
+  std::stable_sort(order.begin(), order.end(), [](const Facet &a, const Facet &b) {
+    return std::min({a[0], a[3], a[6]}) < std::min({b[0], b[3], b[6]});
+  });
+  const std::string input = tempPath("routes.stl");
+  writeBytes(input, binaryStl(facets));
+  FacetBox box;
+  ASSERT_EQ(stlScan(input.c_str(), &box, nullptr), 500001);
+  const std::string memory = tempPath("memory.stl"), streamed = tempPath("streamed.stl");
+  EXPECT_EQ(reduceInMemory(input.c_str(), memory.c_str(), kEngineMedium, nullptr, 0.1, nullptr, 500001), 0);
+  EXPECT_EQ(reduceStreamed(input.c_str(), streamed.c_str(), kEngineMedium, &box, 0.1, nullptr, 500001), 0);
+  EXPECT_EQ(fileBytes(memory), fileBytes(streamed));
+  const std::vector<Facet> written = checkedOutput(memory);
+  ASSERT_EQ(written.size(), order.size());
+  EXPECT_EQ(sorted({written.begin(), written.end() - 1}), sorted({order.begin(), order.end() - 1}));
+  EXPECT_EQ(written.back(), order.back());
+
+  writeBytes(input, binaryStl(tetrahedra(500000)));
+  int32_t old;
+  EXPECT_EQ(reduceMedium(input.c_str(), memory.c_str(), 0.1, nullptr, &old), 0);
+  EXPECT_EQ(checkedOutput(memory).size(), 500000u);
+}
+
+// Both routes write from ASCII what they write from the binary twin; the
+// streamed route refuses to read the file it would write.
+TEST(Drivers, AsciiInputWritesWhatItsBinaryTwinWrites) {
+  std::vector<Facet> pair = tetrahedron(0.5f);
+  const std::vector<Facet> lower = tetrahedron(0);
+  pair.insert(pair.end(), lower.begin(), lower.end());
+  const std::string ascii = tempPath("twin.txt"), binary = tempPath("twin.stl");
+  writeBytes(ascii, asciiStl(pair));
+  writeBytes(binary, binaryStl(pair));
+  const std::string twin = tempPath("twin-out.stl"), out = tempPath("ascii-out.stl");
+  ASSERT_EQ(reduceInMemory(binary.c_str(), twin.c_str(), kEngineLow, nullptr, 0.1, nullptr, 8), 0);
+  EXPECT_EQ(checkedOutput(twin).size(), 8u);
+  for (auto route : {reduceInMemory, reduceStreamed}) {
+    EXPECT_EQ(route(ascii.c_str(), out.c_str(), kEngineLow, nullptr, 0.1, nullptr, 8), 0);
+    EXPECT_EQ(fileBytes(out), fileBytes(twin));
+  }
+  EXPECT_EQ(reduceStreamed(ascii.c_str(), ascii.c_str(), kEngineLow, nullptr, 0.1, nullptr, 8), -1);
+  EXPECT_EQ(fileBytes(ascii), asciiStl(pair));
+}
+
+TEST(Drivers, ShellsOfABlockFollowEachOtherInChainOrder) {
+  std::vector<Facet> facets; // three tetrahedra, facets interleaved
+  for (int i = 0; i < 4; ++i) {
+    for (float base : {0.2f, 0.0f, 0.1f}) {
+      facets.push_back(tetrahedron(base)[i]);
+    }
+  }
+  const std::string input = tempPath("three.stl"), output = tempPath("three-out.stl");
+  writeBytes(input, binaryStl(facets));
+  int32_t old;
+  ASSERT_EQ(reduceLow(input.c_str(), output.c_str(), 0.1, nullptr, &old), 0);
+  const std::vector<Facet> written = checkedOutput(output);
+  ASSERT_EQ(written.size(), 12u);
+  // The shell of the first sorted facet leads; each shell stays in one piece.
+  EXPECT_EQ(sorted({written.begin(), written.begin() + 4}), sorted(tetrahedron(0.0f)));
+  const std::vector<Facet> second = sorted({written.begin() + 4, written.begin() + 8});
+  EXPECT_TRUE(second == sorted(tetrahedron(0.1f)) || second == sorted(tetrahedron(0.2f)));
+}
+
+// Facets that assembly drops (one degenerate, one doubled) count as removed on
+// the block routes and in neither figure on reduceHigh. Nothing left to reduce
+// fails a block route without an output, and gives reduceHigh an empty file.
+TEST(Drivers, CountsAndFailuresPerMethod) {
+  std::vector<Facet> dropped = tetrahedron(0);
+  dropped.push_back({0, 0, 0, 1, 1, 1, 0, 0, 0});
+  dropped.push_back(dropped[1]);
+  const std::vector<Facet> degenerate(3, Facet{0, 0, 0, 1, 1, 1, 0, 0, 0});
+  const struct {
+    std::string bytes;
+    Method method;
+    int result, old;
+    size_t records; // 9: no output file
+  } cases[] = {
+      {binaryStl(dropped), reduceMedium, 2, 6, 4},  {binaryStl(dropped), reduceHigh, 0, 4, 4},
+      {binaryStl({}), reduceLow, -1, 0, 9},         {binaryStl({}), reduceMedium, -1, 0, 9},
+      {binaryStl(degenerate), reduceMedium, -1, 3, 9}, {binaryStl(degenerate), reduceHigh, 0, 0, 0},
+      {"solid empty\nendsolid empty\n", reduceHigh, 0, 0, 0},
+  };
+  const std::string input = tempPath("case.stl"), output = tempPath("case-out.stl");
+  for (const auto &c : cases) {
+    writeBytes(input, c.bytes);
+    std::remove(output.c_str());
+    int32_t old = -1;
+    EXPECT_EQ(c.method(input.c_str(), output.c_str(), 0.1, nullptr, &old), c.result) << &c - cases;
+    EXPECT_EQ(old, c.old) << &c - cases;
+    EXPECT_EQ(access(output.c_str(), F_OK) == 0 ? checkedOutput(output).size() : 9, c.records) << &c - cases;
+  }
+}
+
+// An output that is the input file replaces it only after success; a failed
+// run leaves it as it was, and no sibling stays behind.
+TEST(Drivers, OutputOverTheInputReplacesItOnlyAfterSuccess) {
+  const std::string input = tempPath("self.stl"), separate = tempPath("self-out.stl");
+  writeBytes(input, binaryStl(tetrahedron(0)));
+  int32_t old;
+  ASSERT_EQ(reduceHigh(input.c_str(), separate.c_str(), 0.1, nullptr, &old), 0);
+  for (Method method : {reduceMedium, reduceHigh}) {
+    writeBytes(input, binaryStl(tetrahedron(0)));
+    EXPECT_EQ(method(input.c_str(), input.c_str(), 0.1, nullptr, &old), 0);
+    EXPECT_EQ(fileBytes(input), fileBytes(separate));
+  }
+  const std::string degenerate = binaryStl({{0, 0, 0, 1, 1, 1, 0, 0, 0}});
+  writeBytes(input, degenerate);
+  EXPECT_EQ(reduceMedium(input.c_str(), input.c_str(), 0.1, nullptr, &old), -1);
+  EXPECT_EQ(fileBytes(input), degenerate);
+  for (const auto &entry : std::filesystem::directory_iterator(input.substr(0, input.rfind('/')))) {
+    EXPECT_EQ(entry.path().string().find("self.stl."), std::string::npos) << entry.path();
+  }
+}
+
+// A write that fails once the output exists (a file size limit in a child):
+// the block routes delete the output, reduceHigh leaves it with count 0.
+TEST(Drivers, WriteFailureDeletesBlockOutputAndLeavesHighOutputWithCountZero) {
+  const std::string output = tempPath("limited.stl");
+  for (Method method : {reduceMedium, reduceHigh}) {
+    std::remove(output.c_str());
+    const pid_t child = fork();
+    if (child == 0) {
+      std::signal(SIGXFSZ, SIG_IGN);
+      const rlimit limit = {1000, 1000};
+      setrlimit(RLIMIT_FSIZE, &limit);
+      int32_t old;
+      _exit(method(dataPath("bunny.stl").c_str(), output.c_str(), 0.1, nullptr, &old) == -1 ? 0 : 1);
+    }
+    int status;
+    waitpid(child, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_EQ(countField(output), method == reduceHigh ? std::string(4, '\0') : "none");
+  }
+}
+
+} // namespace

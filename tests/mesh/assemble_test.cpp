@@ -1,0 +1,265 @@
+// Assembly from facet soups: welding, doubled and degenerate facets,
+// non-manifold edges and vertices, orientation and shells. Expected counts
+// are hand counts, or for real models the counts of an exact weld worked out
+// here with std::map.
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "soup.h"
+
+namespace {
+
+const double kPair[2] = {kWeldTol, kWeldTol2};
+
+std::vector<Corners> cat(std::vector<Corners> a, const std::vector<Corners>& b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
+}
+
+Shape moved(Shape s, double x, double y, double z, double sy = 1, double sz = 1) {
+  for (auto& p : s.pts) p = {p[0] + x, sy * p[1] + y, sz * p[2] + z};
+  return s;
+}
+
+Corners turned(Corners c) {
+  for (int i = 0; i < 3; ++i) std::swap(c[3 + i], c[6 + i]);
+  return c;
+}
+
+// Assembles the facets, analyses every shell; the mesh chain is freed.
+ChainSum assemble(const std::vector<Corners>& facets, const double* tol, int32_t* shells = nullptr) {
+  qvMesh* m = soupOf(facets);
+  const int32_t n = qvMeshAssemble(m, tol);
+  if (shells) *shells = n;
+  ChainSum s = n > 0 ? analyse(m) : ChainSum{};
+  if (n == 0) s.invalid = qvMeshValidate(m, stderr) + (m->tri || m->edg || m->vtx);
+  qvMeshDeleteAll(m);
+  return s;
+}
+
+const Corners kTri = {0, 0, 0, 1, 0, 0, 0, 1, 0};
+
+}  // namespace
+
+TEST(Assemble, SmallSoupsComeOutAsHandCounted) {
+  const auto tetra = cornersOf(kTetra);
+  struct Case {
+    const char* name;
+    std::vector<Corners> facets;
+    std::array<long, 5> want;  // shells, vertices, edges, triangles, boundary edges
+  };
+  const Case cases[] = {
+      {"octahedron", cornersOf(kOctahedron), {1, 6, 12, 8, 0}},
+      {"doubled facet", {kTri, kTri}, {1, 3, 3, 1, 3}},
+      {"doubled facet, turned", {kTri, turned(kTri)}, {1, 3, 3, 1, 3}},
+      {"degenerate facet alone", {{0, 0, 0, 0, 0, 0, 1, 0, 0}}, {0, 0, 0, 0, 0}},
+      {"degenerate facet on an edge", {kTri, {0, 0, 0, 0, 0, 0, 1, 0, 0}}, {1, 3, 3, 1, 3}},
+      {"three corners in a line stay", {{0, 0, 0, 1, 0, 0, 2, 0, 0}}, {1, 3, 3, 1, 3}},
+      {"four facets on an edge", cat(tetra, cornersOf(moved(kTetra, 0, 0, 0, -1, -1))), {2, 8, 12, 8, 0}},
+      {"solids touching at a vertex", cat(tetra, cornersOf(moved(kTetra, 1, 0, 0))), {2, 8, 12, 8, 0}},
+      {"three facets on an edge: a fin", cat(tetra, {{0, 0, 0, 1, 0, 0, 0, -1, -1}}), {2, 7, 9, 5, 3}},
+      {"three bare facets on an edge", cornersOf(kThreeOnEdge), {3, 9, 9, 3, 9}},
+      {"nothing", {}, {0, 0, 0, 0, 0}},
+      {"moebius strip", cornersOf(moebiusShape(5)), {1, 10, 20, 10, 10}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    int32_t shells = -9;
+    const ChainSum s = assemble(c.facets, nullptr, &shells);
+    EXPECT_EQ(shells, c.want[0]);
+    EXPECT_EQ((std::array<long, 5>{s.shells, s.nVtx, s.nEdg, s.nTri, s.nBnd}), c.want);
+    EXPECT_EQ(s.bad, 0);
+    EXPECT_EQ(s.invalid, 0);
+  }
+}
+
+TEST(Assemble, OneSidedStripIsNoFailure) {
+  const ChainSum s = assemble(cornersOf(moebiusShape(7)), nullptr);
+  ASSERT_EQ(s.topo.size(), 1u);
+  EXPECT_EQ(s.topo[0].orient, 3);
+  EXPECT_EQ(s.topo[0].nLoop, 1);
+}
+
+TEST(Assemble, SignedZerosStayApartWithoutTolerance) {
+  // Vertex 2 of the octahedron, (0, 1, 0), written with x = -0.0 in the two
+  // facets that share its edge to vertex 4: without a tolerance it is two
+  // vertices, and the two edges that cross between them are doubled.
+  auto facets = cornersOf(kOctahedron);
+  for (int f : {0, 1})
+    for (int k = 0; k < 3; ++k)
+      if (facets[f][3 * k + 1] == 1.0) facets[f][3 * k] = -0.0;
+  ChainSum s = assemble(facets, nullptr);
+  EXPECT_EQ((std::array<long, 5>{s.shells, s.nVtx, s.nEdg, s.nTri, s.nBnd}),
+            (std::array<long, 5>{1, 7, 14, 8, 4}));
+  EXPECT_EQ(s.nLoop, 1);
+  s = assemble(facets, kPair);
+  EXPECT_EQ((std::array<long, 5>{s.shells, s.nVtx, s.nEdg, s.nTri, s.nBnd}),
+            (std::array<long, 5>{1, 6, 12, 8, 0}));
+
+  // An open cone of six facets whose apex (0, 0, 1) has x = +0, +0, -0, -0,
+  // +0, +0 round the fan. The sort sees all six apexes as equal and may
+  // interleave the signs; still the +0 apexes are one vertex, the -0 ones
+  // another. The two arcs share no spoke, only the ring vertices where they
+  // meet, which are split: two shells.
+  std::vector<Corners> cone;
+  const double sign[6] = {1, 1, -1, -1, 1, 1};
+  for (int i = 0; i < 6; ++i) {
+    const double a = i * std::acos(-1.0) / 3, b = (i + 1) % 6 * std::acos(-1.0) / 3;
+    cone.push_back({std::copysign(0.0, sign[i]), 0, 1, std::cos(a), std::sin(a), 0, std::cos(b), std::sin(b), 0});
+  }
+  s = assemble(cone, nullptr);
+  EXPECT_EQ((std::array<long, 5>{s.shells, s.nVtx, s.nEdg, s.nTri, s.nBnd}),
+            (std::array<long, 5>{2, 10, 14, 6, 10}));
+}
+
+TEST(Assemble, ToleranceChainMergesIntoTheFirstVertex) {
+  // P0, P1, P2 in x order, 0.8 apart with a tolerance of 1: P2 is 1.6 from P0
+  // and still joins it through P1. Each facet uses one of them.
+  const std::vector<Corners> facets = {{0, 0, 0, 10, 20, 0, 10, 20, 10},
+                                       {0.8, 0, 0, 10, 20, 10, 10, 30, 10},
+                                       {1.6, 0, 0, 10, 30, 10, 10, 30, 0}};
+  const double tol[2] = {1.0, 1.0};
+  qvMesh* m = soupOf(facets);
+  ASSERT_EQ(qvMeshAssemble(m, tol), 1);
+  EXPECT_EQ(qvMeshValidate(m, stderr), 0);
+  EXPECT_EQ(qvVtxCount(m->vtx), 5);
+  EXPECT_EQ(qvEdgCount(m->edg), 7);
+  int nearOrigin = 0;
+  for (qvVtx* v = m->vtx; v; v = v->next) {
+    const double* p = qvVtxXyz(v);
+    if (p[0] < 5) {
+      ++nearOrigin;
+      EXPECT_TRUE(p[0] == 0.0 && p[1] == 0.0 && p[2] == 0.0);  // no averaging
+    }
+  }
+  EXPECT_EQ(nearOrigin, 1);
+  qvMeshDeleteAll(m);
+
+  // Without a tolerance the facets meet only at corners: three shells.
+  EXPECT_EQ(assemble(facets, nullptr).shells, 3);
+}
+
+TEST(Assemble, SolidOutputPairTestsLinearAndSquaredDistance) {
+  struct Case {
+    double dx, dy, dz;
+    bool closes;
+  };
+  const Case cases[] = {
+      {5e-7, 0, 0, true},        {2e-6, 0, 0, false},  // linear tolerance
+      {7e-7, 7e-7, 0, true},     // squared 9.8e-13
+      {8e-7, 8e-7, 8e-7, false}, // each within 1e-6, squared 1.92e-12
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.dx + c.dy + c.dz);
+    auto facets = cornersOf(kOctahedron);
+    for (int k = 0; k < 3; ++k)
+      if (facets[0][3 * k + 2] == 1.0) {
+        facets[0][3 * k] += c.dx;
+        facets[0][3 * k + 1] += c.dy;
+        facets[0][3 * k + 2] += c.dz;
+      }
+    const ChainSum s = assemble(facets, kPair);
+    EXPECT_EQ(s.nBnd == 0, c.closes);
+    EXPECT_EQ(s.invalid, 0);
+  }
+}
+
+TEST(Assemble, OrientsAndPutsBoundaryFirstAlongItsTriangle) {
+  auto facets = cornersOf(kOctahedron);
+  for (int f : {1, 4, 6}) facets[f] = turned(facets[f]);
+  qvMesh* m = soupOf(facets);
+  ASSERT_EQ(qvMeshAssemble(m, nullptr), 1);
+  EXPECT_EQ(qvOrientCheck(m), 0);
+  int32_t err = 0;
+  EXPECT_NEAR(std::fabs(qvMeshVolume(m, nullptr, &err)), 4.0 / 3.0, 1e-12);
+  qvMeshDeleteAll(m);
+
+  Shape fan = kOpenFan;
+  std::swap(fan.faces[1][1], fan.faces[1][2]);
+  m = soupOf(cornersOf(fan));
+  ASSERT_EQ(qvMeshAssemble(m, nullptr), 1);
+  EXPECT_EQ(qvMeshValidate(m, stderr), 0);
+  EXPECT_EQ(qvOrientCheck(m), 0);
+  const int32_t nBnd = qvBndCount(m);
+  ASSERT_EQ(nBnd, 5);
+  qvEdg* e = m->edg;
+  for (int32_t i = 0; i < nBnd; ++i, e = e->next) {
+    for (qvTri* t = m->tri; t; t = t->next) {
+      const int32_t slot = qvTriEdgeSlot(t, e);
+      if (slot < 0) continue;
+      EXPECT_EQ(t->adj[slot], nullptr);
+      EXPECT_EQ(qvTriEdgeRev(t, slot), 0);
+    }
+  }
+  qvMeshDeleteAll(m);
+}
+
+TEST(Shells, SplitsAtSharedVerticesAndCountsEmptyAsNone) {
+  Fixture f(kBowTie);  // two faces that meet only at vertex 0, not stitched together
+  EXPECT_EQ(qvMeshShells(f.mesh, qvVtxClone), 2);
+  int32_t nVtx = 0;
+  for (qvMesh* m = f.mesh; m; m = m->next) {
+    EXPECT_EQ(validateText(m), "");
+    EXPECT_EQ(qvTriCount(m->tri), 1);
+    nVtx += qvVtxCount(m->vtx);
+  }
+  EXPECT_EQ(nVtx, 6);  // vertex 0 has a twin in the second shell
+  qvMeshDeleteAll(f.mesh->next);
+  f.mesh->next = nullptr;
+
+  qvMesh* empty = qvMeshNew(nullptr, nullptr, nullptr, kMeshOwnsVtx);
+  EXPECT_EQ(qvMeshAssemble(empty, nullptr), 0);
+  qvMeshFree(empty);
+  EXPECT_EQ(qvMeshShells(nullptr, qvVtxClone), -1);
+  EXPECT_EQ(qvMeshStitch(nullptr, nullptr), -1);
+}
+
+TEST(Assemble, RealModelsMatchAnIndependentWeld) {
+  for (const char* name : {"tetrahedron.stl", "cube.stl", "triangle.stl", "bunny.stl", "torus.stl",
+                           "gearwheel.stl", "plate-hole.stl"}) {
+    SCOPED_TRACE(name);
+    const auto facets = readStl(name);
+    ASSERT_FALSE(facets.empty());
+    const Welded w = weld(facets);
+    ASSERT_EQ(w.nOver, 0);
+    int32_t shells = 0;
+    const ChainSum s = assemble(facets, nullptr, &shells);
+    EXPECT_EQ(shells, w.shells);
+    EXPECT_EQ(s.bad, 0);
+    EXPECT_EQ(s.invalid, 0);
+    EXPECT_EQ((std::array<long, 4>{s.nVtx, s.nEdg, s.nTri, s.nBnd}),
+              (std::array<long, 4>{w.nVtx, w.nEdg, w.nTri, w.nBnd}));
+    ASSERT_EQ(w.shells, 1);
+    const qvTopo& t = s.topo[0];
+    EXPECT_EQ(t.euler, w.euler());
+    EXPECT_EQ(t.nLoop == 0, w.nBnd == 0);
+    if (w.nBnd == 0) {
+      EXPECT_EQ(t.genus, (2 - w.euler()) / 2);
+    }
+  }
+}
+
+TEST(Assemble, CubesSharingASubdividedEdgeComeApart) {
+  // The shared edge is a line of k segments, each on four facets. Pulled
+  // apart, its pieces pair up again only where both ends stayed common; but
+  // at a vertex inside the line each cube's two faces are joined only across
+  // the pulled-apart segments, so that vertex splits four ways (each end of
+  // the line two ways, as the cube's fan goes round it) and no piece pairs:
+  // each cube is left open along a slit of 2k edges.
+  const auto facets = readStl("two-cubes-edge.stl");
+  const Welded w = weld(facets);
+  const long k = w.nOver;
+  ASSERT_GT(k, 1);
+  const ChainSum s = assemble(facets, nullptr);
+  EXPECT_EQ(s.shells, 2);
+  EXPECT_EQ(s.shells, w.shells);
+  EXPECT_EQ(s.invalid, 0);
+  EXPECT_EQ(s.bad, 0);
+  EXPECT_EQ((std::array<long, 4>{s.nVtx, s.nEdg, s.nTri, s.nBnd}),
+            (std::array<long, 4>{w.nVtx + 3 * (k - 1) + 2, w.nEdg + 3 * k, w.nTri, 4 * k}));
+  for (const qvTopo& t : s.topo) {
+    EXPECT_EQ(t.nLoop, 1);
+    EXPECT_EQ(t.genus, 0);
+  }
+}

@@ -1,0 +1,172 @@
+#include "soup.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <numeric>
+#include <set>
+
+qvMesh* soupOf(const std::vector<Corners>& facets) {
+  qvMesh* m = qvMeshNew(nullptr, nullptr, nullptr, kMeshOwnsVtx);
+  for (const Corners& f : facets) {
+    qvVtx* c[3];
+    for (int k = 0; k < 3; ++k) {
+      c[k] = qvVtxNew(kVtxHasNormal, nullptr);
+      for (int i = 0; i < 6; ++i) c[k]->dat[i] = i < 3 ? f[3 * k + i] : 0.0;
+    }
+    if (qvMeshAddFacet(m, c) != 0) std::abort();
+  }
+  m->tri = qvTriReverse(m->tri);
+  return m;
+}
+
+std::vector<Corners> cornersOf(const Shape& s) {
+  std::vector<Corners> out;
+  for (const auto& f : s.faces) {
+    Corners c;
+    for (int k = 0; k < 3; ++k)
+      for (int i = 0; i < 3; ++i) c[3 * k + i] = s.pts[f[k]][i];
+    out.push_back(c);
+  }
+  return out;
+}
+
+std::vector<Corners> readStl(const std::string& name) {
+  std::vector<Corners> out;
+  FILE* f = std::fopen((std::string(FT_TEST_DATA) + "/" + name).c_str(), "rb");
+  if (!f) return out;
+  unsigned char head[84];
+  if (std::fread(head, 1, 84, f) == 84) {
+    const uint32_t n = head[80] | head[81] << 8 | head[82] << 16 | uint32_t(head[83]) << 24;
+    unsigned char rec[50];
+    for (uint32_t i = 0; i < n && std::fread(rec, 1, 50, f) == 50; ++i) {
+      Corners c;
+      for (int k = 0; k < 9; ++k) {
+        float v;
+        std::memcpy(&v, rec + 12 + 4 * k, 4);  // little-endian host
+        c[k] = v;
+      }
+      out.push_back(c);
+    }
+  }
+  std::fclose(f);
+  return out;
+}
+
+namespace {
+const double kPi = std::acos(-1.0);
+}
+
+Shape torusShape(int n, int m) {
+  Shape s;
+  for (int i = 0; i < n; ++i)
+    for (int j = 0; j < m; ++j) {
+      const double u = 2 * kPi * i / n, v = 2 * kPi * j / m;
+      s.pts.push_back({(3 + std::cos(v)) * std::cos(u), (3 + std::cos(v)) * std::sin(u), std::sin(v)});
+    }
+  auto at = [&](int i, int j) { return (i % n) * m + j % m; };
+  for (int i = 0; i < n; ++i)
+    for (int j = 0; j < m; ++j) {
+      s.faces.push_back({at(i, j), at(i + 1, j), at(i + 1, j + 1)});
+      s.faces.push_back({at(i, j), at(i + 1, j + 1), at(i, j + 1)});
+    }
+  return s;
+}
+
+Shape moebiusShape(int n) {
+  Shape s;
+  for (int i = 0; i < n; ++i) {
+    const double u = 2 * kPi * i / n, c = std::cos(u / 2), sn = std::sin(u / 2);
+    for (double w : {-0.5, 0.5})
+      s.pts.push_back({(2 + w * c) * std::cos(u), (2 + w * c) * std::sin(u), w * sn});
+  }
+  // Column i has points 2i (w -0.5) and 2i+1; past the last column the strip
+  // comes back to column 0 turned over.
+  for (int i = 0; i < n; ++i) {
+    const int a = 2 * i, b = 2 * i + 1;
+    const int c = i + 1 < n ? 2 * i + 2 : 1, d = i + 1 < n ? 2 * i + 3 : 0;
+    s.faces.push_back({a, c, d});
+    s.faces.push_back({a, d, b});
+  }
+  return s;
+}
+
+Shape tubeShape(int n, double r0, double r1) {
+  Shape s;
+  for (int i = 0; i < n; ++i) {
+    const double u = 2 * kPi * i / n;
+    s.pts.push_back({r0 * std::cos(u), r0 * std::sin(u), 0});
+    s.pts.push_back({r1 * std::cos(u), r1 * std::sin(u), 1});
+  }
+  for (int i = 0; i < n; ++i) {
+    const int a = 2 * i, b = 2 * i + 1, c = 2 * ((i + 1) % n), d = c + 1;
+    s.faces.push_back({a, c, d});
+    s.faces.push_back({a, d, b});
+  }
+  return s;
+}
+
+Shape joined(const Shape& a, const Shape& b, double dx) {
+  Shape s = a;
+  const int off = static_cast<int>(a.pts.size());
+  for (auto p : b.pts) s.pts.push_back({p[0] + dx, p[1], p[2]});
+  for (auto f : b.faces) s.faces.push_back({f[0] + off, f[1] + off, f[2] + off});
+  return s;
+}
+
+Welded weld(const std::vector<Corners>& facets) {
+  std::map<std::array<double, 3>, int> id;
+  std::set<std::array<int, 3>> seen;
+  std::vector<std::array<int, 3>> tris;
+  for (const Corners& f : facets) {
+    std::array<int, 3> t;
+    for (int k = 0; k < 3; ++k) t[k] = id.emplace(std::array<double, 3>{f[3 * k], f[3 * k + 1], f[3 * k + 2]}, id.size()).first->second;
+    std::array<int, 3> key = t;
+    std::sort(key.begin(), key.end());
+    if (key[0] == key[1] || key[1] == key[2] || !seen.insert(key).second) continue;
+    tris.push_back(t);
+  }
+  std::map<std::pair<int, int>, std::vector<int>> edges;
+  for (size_t i = 0; i < tris.size(); ++i)
+    for (int k = 0; k < 3; ++k) edges[std::minmax(tris[i][k], tris[i][(k + 1) % 3])].push_back(int(i));
+  std::vector<int> parent(tris.size());
+  std::iota(parent.begin(), parent.end(), 0);
+  auto root = [&](int x) {
+    while (parent[x] != x) x = parent[x] = parent[parent[x]];
+    return x;
+  };
+  Welded w;
+  std::set<int> used;
+  for (const auto& t : tris) used.insert(t.begin(), t.end());
+  w.nVtx = long(used.size());
+  w.nTri = long(tris.size());
+  w.nEdg = long(edges.size());
+  for (const auto& e : edges) {
+    if (e.second.size() == 1) ++w.nBnd;
+    if (e.second.size() > 2) ++w.nOver;
+    if (e.second.size() == 2) parent[root(e.second[0])] = root(e.second[1]);
+  }
+  for (size_t i = 0; i < tris.size(); ++i) w.shells += root(int(i)) == int(i);
+  return w;
+}
+
+ChainSum analyse(qvMesh* chain) {
+  ChainSum s;
+  for (qvMesh* m = chain; m; m = m->next) {
+    qvTopo t{};
+    t.result = qvMeshTopo(m, &t);
+    ++s.shells;
+    s.nVtx += t.nVtx;
+    s.nEdg += t.nEdg;
+    s.nTri += t.nTri;
+    s.nBnd += t.nBnd;
+    s.nLoop += t.nLoop;
+    s.bad += t.result != 0;
+    s.invalid += qvMeshValidate(m, stderr);
+    s.topo.push_back(t);
+  }
+  return s;
+}

@@ -1,0 +1,42 @@
+// Facet soups for assembly tests, shapes made in code for the topology tests,
+// a binary STL reader of our own, and counts of a welded model worked out
+// apart from the code under test (std::map over exact coordinates).
+#pragma once
+
+#include <array>
+#include <string>
+#include <vector>
+
+#include "fixture.h"
+
+using Corners = std::array<double, 9>;  // x y z of three corners
+
+// A soup: one qvMeshAddFacet per facet, the triangles then in input order.
+qvMesh* soupOf(const std::vector<Corners>& facets);
+std::vector<Corners> cornersOf(const Shape& s);
+// The facets of tests/data/<name>, as floats widened to double.
+std::vector<Corners> readStl(const std::string& name);
+
+// Shapes: a torus of n x m quads, a Moebius strip of n quads, an open
+// frustum of n quads between radius r0 at z 0 and r1 at z 1.
+Shape torusShape(int n, int m);
+Shape moebiusShape(int n);
+Shape tubeShape(int n, double r0, double r1);
+// Two shapes side by side in one.
+Shape joined(const Shape& a, const Shape& b, double dx);
+
+// Counts of the welded model: distinct points, distinct facets (repeats and
+// facets with two equal corners left out), distinct edges, edges by number of
+// facets, and pieces joined across edges that have exactly two facets.
+struct Welded {
+  long nVtx = 0, nEdg = 0, nTri = 0, nBnd = 0, nOver = 0, shells = 0;
+  long euler() const { return nVtx - nEdg + nTri; }
+};
+Welded weld(const std::vector<Corners>& facets);
+
+// Sums over a mesh chain, each shell analysed (qvMeshTopo) and validated.
+struct ChainSum {
+  long shells = 0, nVtx = 0, nEdg = 0, nTri = 0, nBnd = 0, nLoop = 0, bad = 0, invalid = 0;
+  std::vector<qvTopo> topo;  // one per shell
+};
+ChainSum analyse(qvMesh* chain);

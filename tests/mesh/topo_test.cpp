@@ -1,0 +1,312 @@
+// Topology analysis, loop walks and caps on small surfaces built in code,
+// against hand counts: V - E + T, boundary edges, loops and genus.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <map>
+
+#include "soup.h"
+
+namespace {
+
+// Counts, loops, characteristic, orientation, genus and code, in qvTopo order.
+using TopoRow = std::array<int32_t, 9>;
+
+TopoRow rowOf(const qvTopo& t) {
+  return {t.nVtx, t.nEdg, t.nTri, t.nBnd, t.nLoop, t.euler, t.orient, t.genus, t.result};
+}
+
+Shape withFacesTurned(Shape s, std::initializer_list<int> faces) {
+  for (int i : faces) std::swap(s.faces[i][1], s.faces[i][2]);
+  return s;
+}
+
+const Shape kTriangle = {{{0, 0, 0}, {1, 0, 0}, {0, 1, 0}}, {{0, 1, 2}}};
+
+template <class T>
+int headRun(const T* head, uint32_t bit) {
+  int n = 0;
+  for (; head && (head->flags & bit); head = head->next) ++n;
+  return n;
+}
+
+// Moves a cap's records into the mesh, as the callers that keep a cap do.
+void takeCap(qvMesh* mesh, qvMesh* cap) {
+  mesh->tri = qvTriConcat(cap->tri, mesh->tri);
+  mesh->edg = qvEdgConcat(cap->edg, mesh->edg);
+  mesh->vtx = qvVtxConcat(cap->vtx, mesh->vtx);
+  cap->tri = nullptr;
+  cap->edg = nullptr;
+  cap->vtx = nullptr;
+  qvMeshFree(cap);
+}
+
+}  // namespace
+
+TEST(Topo, ClassifiesSurfacesAsHandCounted) {
+  struct Case {
+    const char* name;
+    Shape shape;
+    TopoRow want;  // nVtx nEdg nTri nBnd nLoop euler orient genus code
+  };
+  const Case cases[] = {
+      {"octahedron", kOctahedron, {6, 12, 8, 0, 0, 2, 0, 0, 0}},
+      {"torus", torusShape(8, 4), {32, 96, 64, 0, 0, 0, 0, 1, 0}},
+      {"one triangle", kTriangle, {3, 3, 1, 3, 1, 1, 0, 0, 0}},
+      {"open cone", kOpenCone, {5, 8, 4, 4, 1, 1, 0, 0, 0}},
+      {"tube", tubeShape(6, 1, 2), {12, 24, 12, 12, 2, 0, 0, 0, 0}},
+      // Two closed pieces: the characteristic 4 stays in nBnd, euler stays 0.
+      {"two tetrahedra", joined(kTetra, kTetra, 5), {8, 12, 8, 4, 0, 0, 0, 0, 1}},
+      {"two triangles", joined(kTriangle, kTriangle, 5), {6, 6, 2, 6, 2, 2, 0, 0, 5}},
+      {"moebius", moebiusShape(5), {10, 20, 10, 10, 1, 0, 3, 1, 0}},
+      {"bow tie", kBowTie, {5, 6, 2, 6, 1, 1, 0, 0, 0}},
+      {"turned faces", withFacesTurned(kOctahedron, {0, 5}), {6, 12, 8, 0, 0, 2, 2, 0, 0}},
+      // Inconsistent, and the flood finds two pieces.
+      {"two tubes", joined(tubeShape(6, 1, 2), withFacesTurned(tubeShape(6, 1, 2), {3}), 9),
+       {24, 48, 24, 0, 0, 0, 2, 0, 2}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    Fixture f(c.shape);
+    ASSERT_EQ(qvMeshTopoMake(f.mesh), c.want[8] == 0 ? 0 : -1);
+    ASSERT_NE(f.mesh->topo, nullptr);
+    EXPECT_EQ(rowOf(*f.mesh->topo), c.want);
+    EXPECT_EQ(qvMeshTopoMake(f.mesh), -1);  // a record exists already
+    EXPECT_EQ(validateText(f.mesh), "");
+    if (c.want[6] == 2 && c.want[8] == 0) {
+      EXPECT_EQ(qvOrientCheck(f.mesh), 0);  // turned for good
+    }
+  }
+}
+
+TEST(Topo, RefusesWhatIsNotLinkedOrMissing) {
+  Fixture f(kSquare);
+  EXPECT_EQ(qvBndCount(f.mesh), 4);
+  f.mesh->flags &= ~kMeshStitched;
+  EXPECT_EQ(qvBndCount(f.mesh), -1);
+  qvTopo t{};
+  EXPECT_EQ(qvMeshTopo(f.mesh, &t), 3);
+  EXPECT_EQ(t.nBnd, 0);
+  EXPECT_EQ(qvMeshTopo(nullptr, &t), -1);
+  EXPECT_EQ(qvMeshTopo(f.mesh, nullptr), -1);
+  EXPECT_EQ(qvOrientFlood(nullptr), -1);
+  EXPECT_EQ(qvLoopCount(nullptr, nullptr), -1);
+  EXPECT_EQ(validateText(f.mesh), "");
+}
+
+TEST(Topo, FloodTurnsEachPieceAndStopsOnOneSidedSurface) {
+  Fixture two(joined(withFacesTurned(kTetra, {0, 1, 2, 3}), withFacesTurned(kTetra, {2}), 5));
+  EXPECT_EQ(qvOrientCheck(two.mesh), 1);
+  EXPECT_EQ(qvOrientFlood(two.mesh), 2);
+  EXPECT_EQ(qvOrientCheck(two.mesh), 0);
+  EXPECT_EQ(validateText(two.mesh), "");
+
+  Fixture strip(moebiusShape(5));
+  EXPECT_EQ(qvOrientFlood(strip.mesh), 0);
+  EXPECT_EQ(validateText(strip.mesh), "");
+}
+
+TEST(Topo, MarkingPassLeadsWithTheBoundaryAndIsUndone) {
+  Fixture f(kBowTie);
+  std::vector<std::array<double*, 2>> ends;
+  for (qvEdg* e = f.mesh->edg; e; e = e->next) ends.push_back({e->ends[0], e->ends[1]});
+  qvCensus c;
+  ASSERT_EQ(qvTopoMark(f.mesh, kWalkVtxBit, kWalkEdgBit, 0, kWalkSwapBit, &c), 0);
+  EXPECT_EQ(c.degMin, 2);
+  EXPECT_EQ(c.degMax, 4);
+  EXPECT_EQ(c.nEven, 5);
+  EXPECT_EQ(c.nOdd, 0);
+  EXPECT_EQ(c.nExtra, 1);  // the two loops meet once at vertex 0
+  EXPECT_EQ(headRun(f.mesh->edg, kWalkEdgBit), 6);
+  EXPECT_EQ(headRun(f.mesh->vtx, kWalkVtxBit), 5);
+  EXPECT_EQ(f.v[0]->tag, 4);
+  for (qvTri* t : f.t)
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(qvTriEdgeRev(t, i), 0);  // along the triangle now
+  qvTopoUnmark(f.mesh, kWalkVtxBit, kWalkEdgBit, kWalkSwapBit);
+  size_t k = 0;
+  for (qvEdg* e = f.mesh->edg; e; e = e->next, ++k) {
+    bool found = false;
+    for (auto& p : ends) found |= p[0] == e->ends[0] && p[1] == e->ends[1];
+    EXPECT_TRUE(found);
+  }
+  EXPECT_EQ(k, ends.size());
+  EXPECT_EQ(validateText(f.mesh), "");
+}
+
+TEST(Topo, OddBoundaryVertexFailsEveryWalkWithoutTrace) {
+  // Three triangles on one edge record, only two of them linked: vertices 0
+  // and 1 then have three boundary edges each.
+  Fixture f(kThreeOnEdge);
+  qvEdg* own = qvTriFarEdge(f.t[2], f.h(4));  // face 2's own 0-1 edge
+  qvEdg* shared = qvTriFarEdge(f.t[0], f.h(2));
+  f.t[2]->edg[qvTriEdgeSlot(f.t[2], own)] = shared;
+  f.mesh->edg = qvEdgDelete(f.mesh->edg, own);
+  // Face 2 last, so that the edge is first reached from a linked face.
+  f.mesh->tri = qvTriConcat(qvTriUnlinkList(f.mesh->tri, f.t[2]), f.t[2]);
+  std::map<qvEdg*, std::pair<double*, double*>> before, after;  // the pass may reorder, not turn
+  for (qvEdg* e = f.mesh->edg; e; e = e->next) before[e] = {e->ends[0], e->ends[1]};
+
+  qvCensus c;
+  EXPECT_EQ(qvTopoMark(f.mesh, kWalkVtxBit, kWalkEdgBit, 0, kWalkSwapBit, &c), -1);
+  EXPECT_EQ(c.nOdd, 2);
+  EXPECT_EQ(qvLoopCount(f.mesh, nullptr), -1);
+  int32_t n = 5;
+  EXPECT_EQ(qvCapBuild(f.mesh, &n), nullptr);
+  EXPECT_EQ(n, -1);
+  qvTopo t{};
+  EXPECT_EQ(qvMeshTopo(f.mesh, &t), 4);
+  for (qvEdg* e = f.mesh->edg; e; e = e->next) {
+    after[e] = {e->ends[0], e->ends[1]};
+    EXPECT_EQ(e->flags & (kMarkMask | kEdgRim), 0u);
+  }
+  EXPECT_EQ(after, before);
+  for (qvVtx* v : f.v) EXPECT_TRUE(v->tag == 0 && !v->link && !v->aux && !(v->flags & kMarkMask));
+}
+
+TEST(Topo, LoopCountWalksDirectedAndUndirected) {
+  struct Case {
+    const char* name;
+    Shape shape;
+    int32_t loops, extra;
+  };
+  const Case cases[] = {
+      {"octahedron", kOctahedron, 0, 0},      {"bow tie: figure of eight", kBowTie, 1, 1},
+      {"two triangles", joined(kTriangle, kTriangle, 5), 2, 0},
+      {"tube", tubeShape(5, 1, 1), 2, 0},     {"moebius, undirected", moebiusShape(7), 1, 0},
+      {"three on an edge", kThreeOnEdge, 1, 2},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    Fixture f(c.shape);
+    int32_t extra = -9;
+    EXPECT_EQ(qvLoopCount(f.mesh, &extra), c.loops);
+    EXPECT_EQ(extra, c.extra);
+    EXPECT_EQ(validateText(f.mesh), "");
+  }
+}
+
+TEST(Cap, ClosesEveryLoopAndComesOffAgain) {
+  struct Case {
+    const char* name;
+    Shape shape;
+    int32_t loops;
+    int32_t euler, orient, genus;  // of the capped surface
+  };
+  const Case cases[] = {
+      {"one triangle", kTriangle, 1, 2, 0, 0},
+      {"open cone", kOpenCone, 1, 2, 0, 0},
+      {"tube: two loops", tubeShape(6, 1, 2), 2, 2, 0, 0},
+      {"torus with a hole", [] { Shape s = torusShape(6, 4); s.faces.pop_back(); return s; }(), 1, 0, 0, 1},
+      {"moebius: undirected, a projective plane", moebiusShape(5), 1, 1, 3, 1},
+      {"bow tie: one walk through the pinch", kBowTie, 1, 2, 0, 0},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    Fixture f(c.shape);
+    qvTopo open{};
+    ASSERT_EQ(qvMeshTopo(f.mesh, &open), 0);
+    int32_t n = -9;
+    qvMesh* cap = qvCapBuild(f.mesh, &n);
+    ASSERT_NE(cap, nullptr);
+    EXPECT_EQ(n, c.loops);
+    EXPECT_EQ(qvVtxCount(cap->vtx), c.loops);
+    EXPECT_EQ(qvTriCount(cap->tri), open.nBnd);
+    for (qvTri* t = cap->tri; t; t = t->next) EXPECT_TRUE(t->flags & kTriCap);
+    takeCap(f.mesh, cap);
+    EXPECT_EQ(validateText(f.mesh), "");
+    EXPECT_EQ(qvBndCount(f.mesh), 0);
+    if (c.orient == 0) {
+      EXPECT_EQ(qvOrientCheck(f.mesh), 0);  // caps run against their rims
+    }
+    qvTopo closed{};
+    EXPECT_EQ(qvMeshTopo(f.mesh, &closed), 0);
+    EXPECT_EQ(closed.euler, c.euler);
+    EXPECT_EQ(closed.orient, c.orient);
+    EXPECT_EQ(closed.genus, c.genus);
+
+    EXPECT_EQ(qvCapRemove(f.mesh), open.nBnd);
+    EXPECT_EQ(validateText(f.mesh), "");
+    qvTopo again{};
+    EXPECT_EQ(qvMeshTopo(f.mesh, &again), 0);
+    EXPECT_EQ(rowOf(again), rowOf(open));
+  }
+}
+
+TEST(Cap, HubsStandAtTheMeanOfTheirLoop) {
+  Fixture f(tubeShape(8, 1, 2));
+  int32_t n = 0;
+  qvMesh* cap = qvCapBuild(f.mesh, &n);
+  ASSERT_EQ(n, 2);
+  std::vector<double> zs;
+  for (qvVtx* h = cap->vtx; h; h = h->next) {
+    EXPECT_TRUE(h->flags & kVtxHub);
+    EXPECT_NEAR(h->dat[0], 0.0, 1e-12);
+    EXPECT_NEAR(h->dat[1], 0.0, 1e-12);
+    zs.push_back(h->dat[2]);
+  }
+  std::sort(zs.begin(), zs.end());
+  EXPECT_EQ(zs, (std::vector<double>{0.0, 1.0}));
+  for (qvVtx* v : f.v) EXPECT_TRUE(v->flags & kVtxRim);
+  takeCap(f.mesh, cap);
+  EXPECT_EQ(validateText(f.mesh), "");
+
+  Fixture closed(kOctahedron);
+  n = -9;
+  EXPECT_EQ(qvCapBuild(closed.mesh, &n), nullptr);
+  EXPECT_EQ(n, 0);
+}
+
+TEST(Close, AcceptsCapsUnderTheAreaLimitOnly) {
+  // Regular octagons: radius 1 gives area 2 sqrt 2, radius 2 four times that.
+  Fixture f(tubeShape(8, 1, 2));
+  const double limit = 5.0;
+  EXPECT_EQ(qvMeshClose(f.mesh, &limit), 1);
+  ASSERT_NE(f.mesh->topo, nullptr);
+  const qvTopo& t = *f.mesh->topo;
+  EXPECT_EQ(rowOf(t), (TopoRow{17, 40, 24, 8, 1, 1, 0, 0, 0}));
+  EXPECT_EQ(validateText(f.mesh), "");
+  for (qvEdg* e = f.mesh->edg; e; e = e->next) {
+    EXPECT_FALSE(e->flags & kEdgCap);
+    const double* a = qvVtxXyz(qvVtxOf(e->ends[0]));
+    const double* b = qvVtxXyz(qvVtxOf(e->ends[1]));
+    const bool topRim = a[2] == 1.0 && b[2] == 1.0;
+    EXPECT_EQ((e->flags & kEdgRim) != 0, topRim);  // the refused rim keeps its mark
+  }
+  EXPECT_EQ(qvMeshClose(f.mesh, nullptr), 1);
+  EXPECT_EQ(rowOf(*f.mesh->topo), (TopoRow{18, 48, 32, 0, 0, 2, 0, 0, 0}));
+  EXPECT_EQ(qvMeshClose(f.mesh, nullptr), 0);
+  EXPECT_EQ(validateText(f.mesh), "");
+
+  Fixture two(joined(kTriangle, kTriangle, 5));
+  EXPECT_EQ(qvMeshClose(two.mesh, nullptr), -1);  // code 5: not one surface
+  EXPECT_EQ(qvTriCount(two.mesh->tri), 2);
+  EXPECT_EQ(validateText(two.mesh), "");
+}
+
+TEST(Cap, PinchedBoundaryCapsFromEveryStart) {
+  // Three triangles that meet only at vertex 0: its boundary is one circuit
+  // through 0 three times. Each order of the faces starts the walk elsewhere.
+  const Shape leaves = {{{0, 0, 0}, {1, 0, 0}, {1, 1, 0}, {-1, 0, 0}, {-1, -1, 0}, {0, 1, 1}, {0, 0, 1}},
+                        {{0, 1, 2}, {0, 3, 4}, {0, 5, 6}}};
+  for (int r = 0; r < 3; ++r) {
+    SCOPED_TRACE(r);
+    Shape s = leaves;
+    std::rotate(s.faces.begin(), s.faces.begin() + r, s.faces.end());
+    std::rotate(s.faces[0].begin(), s.faces[0].begin() + r, s.faces[0].end());
+    Fixture f(s);
+    int32_t extra = 0;
+    EXPECT_EQ(qvLoopCount(f.mesh, &extra), 1);
+    EXPECT_EQ(extra, 2);
+    int32_t n = 0;
+    qvMesh* cap = qvCapBuild(f.mesh, &n);
+    ASSERT_NE(cap, nullptr);
+    EXPECT_EQ(n, 1);
+    EXPECT_EQ(qvEdgCount(cap->edg), 9);  // a spoke for each passage: three at vertex 0
+    takeCap(f.mesh, cap);
+    EXPECT_EQ(validateText(f.mesh), "");
+    EXPECT_EQ(qvBndCount(f.mesh), 0);
+    EXPECT_EQ(qvOrientCheck(f.mesh), 0);
+    EXPECT_EQ(qvCapRemove(f.mesh), 9);
+    EXPECT_EQ(validateText(f.mesh), "");
+  }
+}
