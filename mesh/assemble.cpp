@@ -91,6 +91,12 @@ int32_t groupEnd(const Keyed* a, int32_t n, int32_t i) {
 
 uintptr_t keyOf(const void* p) { return reinterpret_cast<uintptr_t>(p); }
 
+// An uninitialised array of n records from the heap, or null.
+template <class T>
+T* newArray(int32_t n) {
+  return static_cast<T*>(std::malloc(sizeof(T) * static_cast<size_t>(n)));
+}
+
 // Where the working lists stand, so that a failure can release them.
 struct Stitch {
   qvMesh* mesh;
@@ -260,6 +266,36 @@ bool mergePair(qvMesh* mesh, qvEdg* a, qvEdg* b) {
   return true;
 }
 
+// Deletes the edges without triangles that stand at the head of the edge
+// list, taking every node for them out of the vertices' edge lists; a vertex
+// whose list empties moves to the head of the vertex list, and the vertices
+// at the head without a list are deleted. Each vertex list is walked once
+// for all the edges, not once per edge: at a vertex with thousands of edges
+// the latter would be quadratic.
+void purgeEdges(qvMesh* mesh) {
+  qvEdg* e = mesh->edg;
+  for (; e && !e->link; e = e->next) e->flags |= kEdgMarkVisit;
+  if (e == mesh->edg) return;
+  for (qvVtx* v = mesh->vtx; v;) {
+    qvVtx* next = v->next;  // read before v moves to the head
+    qvLnk* list = lnkOf(v->link);
+    const bool had = list != nullptr;
+    for (qvLnk* l = list; l;) {
+      qvLnk* after = l->next;  // read before the node is freed
+      if (edgOf(l)->flags & kEdgMarkVisit) list = qvLnkDelete(list, l);
+      l = after;
+    }
+    v->link = list;
+    if (had && !list) mesh->vtx = listMoveToHead(mesh->vtx, v);
+    v = next;
+  }
+  while (mesh->edg && (mesh->edg->flags & kEdgMarkVisit)) mesh->edg = qvEdgDelete(mesh->edg, mesh->edg);
+  while (mesh->vtx && !mesh->vtx->link) {
+    mesh->vtx = qvVtxDelete(mesh->vtx, mesh->vtx);
+    mesh->flags &= ~kMeshSortedSet;
+  }
+}
+
 // Takes every node naming item out of the list in link; whether one was there.
 bool dropAll(void*& link, const void* item) {
   bool found = false;
@@ -283,17 +319,12 @@ void markGone(qvMesh* mesh, qvTri* t, int32_t& marked) {
   ++marked;
 }
 
-// Removes triangles on a degenerate edge, and the second of two triangles on
-// the same three vertices, whichever its orientation. Three different
-// vertices in a line are no degeneracy here: that triangle stays.
-bool removeDegenerate(qvMesh* mesh) {
-  int32_t marked = 0;
-  for (qvEdg* e = mesh->edg; e; e = e->next) {
-    if (e->ends[0] != e->ends[1]) continue;
-    for (qvLnk* l = lnkOf(e->link); l; l = l->next)
-      if (!(triOf(l)->flags & kTriMarkVisit)) markGone(mesh, triOf(l), marked);
-  }
-  for (qvEdg* e = mesh->edg; e; e = e->next) {
+// Marks each unmarked triangle on e whose corner opposite e is that of an
+// earlier unmarked one: the two have the same three vertices. Which of them
+// goes to the head first doesn't matter, since all marked ones are deleted.
+bool markDoubled(qvMesh* mesh, qvEdg* e, int32_t& marked) {
+  const int32_t n = qvLnkCount(lnkOf(e->link));
+  if (n < kGroupFrom) {
     for (qvLnk* a = lnkOf(e->link); a; a = a->next) {
       if (triOf(a)->flags & kTriMarkVisit) continue;
       const double* oa = qvTriOpposite(triOf(a), e);
@@ -305,7 +336,43 @@ bool removeDegenerate(qvMesh* mesh) {
         if (ob == oa) markGone(mesh, triOf(b), marked);
       }
     }
+    return true;
   }
+  Keyed* keyed = newArray<Keyed>(n);
+  bool ok = keyed != nullptr;
+  int32_t m = 0;
+  int32_t pos = 0;
+  for (qvLnk* l = lnkOf(e->link); l && ok; l = l->next, ++pos) {
+    if (triOf(l)->flags & kTriMarkVisit) continue;
+    const double* o = qvTriOpposite(triOf(l), e);
+    ok = o != nullptr;
+    keyed[m++] = {{keyOf(o), 0}, pos, l->item};
+  }
+  if (ok) sortKeyed(keyed, m);
+  for (int32_t i = 0; i < m && ok;) {
+    const int32_t end = groupEnd(keyed, m, i);
+    for (int32_t j = i + 1; j < end; ++j) {
+      qvTri* t = static_cast<qvTri*>(keyed[j].item);
+      if (!(t->flags & kTriMarkVisit)) markGone(mesh, t, marked);
+    }
+    i = end;
+  }
+  std::free(keyed);
+  return ok;
+}
+
+// Removes triangles on a degenerate edge, and the second of two triangles on
+// the same three vertices, whichever its orientation. Three different
+// vertices in a line are no degeneracy here: that triangle stays.
+bool removeDegenerate(qvMesh* mesh) {
+  int32_t marked = 0;
+  for (qvEdg* e = mesh->edg; e; e = e->next) {
+    if (e->ends[0] != e->ends[1]) continue;
+    for (qvLnk* l = lnkOf(e->link); l; l = l->next)
+      if (!(triOf(l)->flags & kTriMarkVisit)) markGone(mesh, triOf(l), marked);
+  }
+  for (qvEdg* e = mesh->edg; e; e = e->next)
+    if (!markDoubled(mesh, e, marked)) return false;
   if (marked == 0) return true;
 
   int32_t deleted = 0;
@@ -322,7 +389,8 @@ bool removeDegenerate(qvMesh* mesh) {
     ++deleted;
   }
   if (deleted != marked) return false;
-  return !emptied || qvEdgPurge(mesh, 1) >= 0;
+  if (emptied) purgeEdges(mesh);
+  return true;
 }
 
 // Merges the edges of each pair (a, b) of v's list, b behind a, that join
@@ -349,8 +417,8 @@ int32_t mergePairs(qvMesh* mesh, qvLnk* const* node, int32_t n) {
 int32_t mergeAt(qvMesh* mesh, qvVtx* v) {
   const int32_t n = qvLnkCount(lnkOf(v->link));
   qvLnk* few[kGroupFrom];
-  Keyed* keyed = n >= kGroupFrom ? static_cast<Keyed*>(std::malloc(sizeof(Keyed) * static_cast<size_t>(n))) : nullptr;
-  qvLnk** nodes = n >= kGroupFrom ? static_cast<qvLnk**>(std::malloc(sizeof(qvLnk*) * static_cast<size_t>(n))) : few;
+  Keyed* keyed = n >= kGroupFrom ? newArray<Keyed>(n) : nullptr;
+  qvLnk** nodes = n >= kGroupFrom ? newArray<qvLnk*>(n) : few;
   int32_t merged = 0;
   if (!nodes || (n >= kGroupFrom && !keyed)) {
     merged = -1;
@@ -380,13 +448,15 @@ int32_t mergeAt(qvMesh* mesh, qvVtx* v) {
 
 bool mergeEdges(qvMesh* mesh) {
   if (qvEdgTriLists(mesh) != 0) return false;
-  for (qvVtx* v = mesh->vtx; v; v = v->next) {
-    const int32_t merged = mergeAt(mesh, v);
-    if (merged < 0) return false;
-    // The merged-away edges stand at the head of the edge list. v keeps the
-    // survivor, so v and its successor stay in the list.
-    if (merged && qvEdgPurge(mesh, 1) < 0) return false;
-  }
+  // The merged-away edges gather at the head of the edge list. They are
+  // deleted once all vertices are through, not after each vertex: a pair
+  // with an edge that has no triangles does nothing, and no vertex loses its
+  // last edge here (each keeps the survivor), so the outcome is the same,
+  // and a vertex list is not walked again for every edge merged at its
+  // neighbours.
+  for (qvVtx* v = mesh->vtx; v; v = v->next)
+    if (mergeAt(mesh, v) < 0) return false;
+  purgeEdges(mesh);
   if (!removeDegenerate(mesh)) return false;
   for (qvVtx* v = mesh->vtx; v;) {
     qvVtx* next = v->next;  // read before v is freed
@@ -503,9 +573,10 @@ int32_t collectTri(qvTri* t, void* ctx) {
 bool splitFans(qvMesh* mesh, qvVtx* v) {
   qvLnk* front = lnkOf(v->link);
   if (!front || !front->item) return false;
-  qvLnk* back = qvLnkTail(front);
+  qvLnk* back = nullptr;  // found when a second fan is looked for
   bool ok = true;
   for (int32_t level = 0; ok; ++level) {
+    if (level == 1) back = qvLnkTail(front);
     qvLnk*& from = level % 2 == 0 ? front : back;
     while (from && (triOf(from)->flags & kTriMarkVisit)) from = level % 2 == 0 ? from->next : from->prev;
     if (!from) break;
@@ -573,11 +644,12 @@ bool pairPieces(qvEdg* e, qvEdg* f) {
 // onwards from each piece.
 bool rejoin(qvMesh* mesh) {
   const int32_t n = qvEdgCount(mesh->edgHeld);
-  Keyed* keyed = n >= kGroupFrom ? static_cast<Keyed*>(std::malloc(sizeof(Keyed) * static_cast<size_t>(n))) : nullptr;
+  Keyed* keyed = n >= kGroupFrom ? newArray<Keyed>(n) : nullptr;
   bool ok = n < kGroupFrom || keyed;
   if (keyed) {
     int32_t i = 0;
-    for (qvEdg* e = mesh->edgHeld; e; e = e->next, ++i) keyed[i] = {{keyOf(e->ends[0]), keyOf(e->ends[1])}, i, e};
+    for (qvEdg* e = mesh->edgHeld; e; e = e->next, ++i)
+      keyed[i] = {{keyOf(e->ends[0]), keyOf(e->ends[1])}, i, e};
     sortKeyed(keyed, n);
     for (i = 0; i < n && ok;) {
       const int32_t end = groupEnd(keyed, n, i);

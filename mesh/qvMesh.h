@@ -676,7 +676,9 @@ int32_t qvMeshAddFacet(qvMesh* mesh, qvVtx* corners[3]);
 int32_t qvMeshStitch(qvMesh* mesh, const double* tol);
 // Cuts mesh into its connected pieces, chained behind it (between it and its
 // former next) with its flags; a vertex shared by two pieces is copied with
-// clone. The number of shells (0 for a mesh without triangles), or -1.
+// clone (a third piece on it is a failure). When the mesh splits, the sorted
+// bits are cleared and an analysis in mesh.topo, which no piece fits, is
+// released. The number of shells (0 for a mesh without triangles), or -1.
 int32_t qvMeshShells(qvMesh* mesh, qvVtx* (*clone)(const qvVtx*));
 // qvMeshStitch, then qvMeshShells with qvVtxClone: the number of shells, or -1.
 int32_t qvMeshAssemble(qvMesh* mesh, const double* tol);

@@ -123,7 +123,10 @@ Welded weld(const std::vector<Corners>& facets) {
   std::vector<std::array<int, 3>> tris;
   for (const Corners& f : facets) {
     std::array<int, 3> t;
-    for (int k = 0; k < 3; ++k) t[k] = id.emplace(std::array<double, 3>{f[3 * k], f[3 * k + 1], f[3 * k + 2]}, id.size()).first->second;
+    for (int k = 0; k < 3; ++k) {
+      const std::array<double, 3> p = {f[3 * k], f[3 * k + 1], f[3 * k + 2]};
+      t[k] = id.emplace(p, static_cast<int>(id.size())).first->second;
+    }
     std::array<int, 3> key = t;
     std::sort(key.begin(), key.end());
     if (key[0] == key[1] || key[1] == key[2] || !seen.insert(key).second) continue;

@@ -94,18 +94,6 @@ TEST(Topo, RefusesWhatIsNotLinkedOrMissing) {
   EXPECT_EQ(validateText(f.mesh), "");
 }
 
-TEST(Topo, FloodTurnsEachPieceAndStopsOnOneSidedSurface) {
-  Fixture two(joined(withFacesTurned(kTetra, {0, 1, 2, 3}), withFacesTurned(kTetra, {2}), 5));
-  EXPECT_EQ(qvOrientCheck(two.mesh), 1);
-  EXPECT_EQ(qvOrientFlood(two.mesh), 2);
-  EXPECT_EQ(qvOrientCheck(two.mesh), 0);
-  EXPECT_EQ(validateText(two.mesh), "");
-
-  Fixture strip(moebiusShape(5));
-  EXPECT_EQ(qvOrientFlood(strip.mesh), 0);
-  EXPECT_EQ(validateText(strip.mesh), "");
-}
-
 TEST(Topo, MarkingPassLeadsWithTheBoundaryAndIsUndone) {
   Fixture f(kBowTie);
   std::vector<std::array<double*, 2>> ends;
