@@ -12,7 +12,10 @@
 
 #include "mesh/qvMesh.h"
 
-// One stitched shell with null next. Triangles taken out, or -1.
+// One stitched shell with null next, reduced on pieces side by side: medium
+// with reduceOnePass and silent, low with reduceStepped and progress lines on
+// standard output. The triangles taken out, or -1. Either way mesh again holds
+// every triangle, in one set of lists, with null next.
 int32_t reduceParallelMedium(qvMesh *mesh, double tolerance, const double *angleRef);
 int32_t reduceParallelLow(qvMesh *mesh, double tolerance, const double *angleRef);
 
@@ -72,3 +75,21 @@ int32_t qvMeshUnpinch(qvMesh *mesh, qvVtx *(*clone)(const qvVtx *));
 // pieces, chained behind it. 0, or -1 at the first failing step, with pair
 // possibly half filled and the mesh given up as it stands.
 int32_t qvMeshCut(qvMesh *mesh, int32_t count, qvMeshPair *pair);
+
+// ---- Recursion and rejoining --------------------------------------------------
+
+// One level of the recursion of the medium and the low method, at depth + 1:
+// a chain forks on its first mesh and the rest; a single mesh is cut and
+// forks while the level is below maxDepth and it holds 5000 triangles or
+// more; otherwise it is a leaf. The entries pass depth -1. The triangles
+// taken out, or -1.
+int32_t reduceNodeMedium(qvMesh *mesh, double tolerance, const double *angleRef, int32_t depth,
+                         int32_t maxDepth);
+int32_t reduceNodeLow(qvMesh *mesh, double tolerance, const double *angleRef, int32_t depth,
+                      int32_t maxDepth);
+// Appends the triangle, edge and vertex lists of pair->second to those of
+// pair->first, frees pair->second and sets it null. Nothing else: no vertex
+// is merged and no adj is linked across the seam; first keeps its place in
+// any chain. 0, or -1 with nothing changed when either mesh is null, both
+// are the same, or second heads a chain (whose rest would be lost).
+int32_t qvMeshJoin(qvMeshPair *pair);
