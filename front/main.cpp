@@ -2,6 +2,7 @@
 // report beside it. Exit status 0 on success; every failure prints one message
 // to standard output and ends with -1.
 #include "front/front.h"
+#include "kernels/predicates.h"
 
 #include <cstdio>
 #include <ctime>
@@ -31,6 +32,10 @@ const char *parseMessage(int status) {
 } // namespace
 
 int main(int argc, char **argv) {
+  // The exact predicates derive their constants once, here on the main thread,
+  // before any parallel region can ask for them.
+  exactinit();
+
   ReduceOptions options;
   fillDefaultOptions(&options);
 

@@ -161,7 +161,8 @@ TEST_F(Tool, NoReportOverwritesTheInputOutputOrSolidFile) {
       {{"part.stl", "-qm", "-oresult.log"}, "", 0, {"result.log"}},
       {{"part.stl", "-qh", "-lpart.stl"}, "", 0, {}},
       {{"part.stl", "-qh", "-l./sub/../part.stl"}, "", 0, {}},
-      {{"part.stl", "-qm", "-sbody.log", "-lbody.log"}, "", 0, {}},
+      // body.log is the solid file; the report would be the same file and stays out.
+      {{"part.stl", "-qm", "-sbody.log", "-lbody.log"}, "", 0, {"body.log"}},
       {{"part.stl", "-qm", "-olog"}, "", 0, {"log"}},
   });
   EXPECT_EQ(readFile(dir_ / "part.stl"), input);

@@ -1,0 +1,216 @@
+// Shell selection on reduced files written here, and -s as a user meets it
+// through the built tool. Expected counts, areas and volumes are worked out by
+// hand from boxes with dyadic sizes, so that areas sum exactly.
+#include "solid/solid.h"
+#include "solid/solid_internal.h"
+
+#include "mesh/qvMesh.h"
+#include "stl/stl_files.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+
+#include <cmath>
+#include <fstream>
+#include <iterator>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+const double kUnlimited = -1.0; // in a case table: pass no limit at all
+
+// Box from lo to hi, faces turned outwards, two facets a face; without its top
+// face (z = hi) when open. Corner i takes hi on axis k where bit k of i is set.
+std::vector<Facet> box(std::array<float, 3> lo, std::array<float, 3> hi, bool open = false) {
+  static const int quads[6][4] = {{0, 2, 3, 1}, {0, 1, 5, 4}, {2, 6, 7, 3},
+                                  {0, 4, 6, 2}, {1, 3, 7, 5}, {4, 5, 7, 6}};
+  std::vector<Facet> facets;
+  for (int f = 0; f < (open ? 5 : 6); ++f)
+    for (int half = 0; half < 2; ++half) {
+      const int corners[3] = {quads[f][0], quads[f][1 + half], quads[f][2 + half]};
+      Facet &facet = facets.emplace_back();
+      for (int v = 0; v < 3; ++v)
+        for (int k = 0; k < 3; ++k)
+          facet[3 * v + k] = (corners[v] >> k & 1) ? hi[k] : lo[k];
+    }
+  return facets;
+}
+
+std::vector<Facet> operator+(std::vector<Facet> a, const std::vector<Facet> &b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
+}
+
+// Bowl: area 6, the cap over its rim 4, volume 1 once capped. Cube: area 54, volume 27.
+const std::vector<Facet> kBowl = box({0, 0, 0}, {2, 2, 0.25f}, true);
+const std::vector<Facet> kCube = box({5, 0, 0}, {8, 3, 3});
+const std::vector<Facet> kSpeck = box({10, 10, 10}, {10.01f, 10.01f, 10.01f}); // area 6e-4
+const std::vector<Facet> kSlab = box({0, 0, 0}, {4, 4, 0.25f}); // area 36, volume 4
+// The cube with one corner of one facet a float step (5e-7) away from the others.
+const std::vector<Facet> kNudgedCube = [] {
+  std::vector<Facet> facets = kCube;
+  facets[0][0] = std::nextafter(facets[0][0], 100.0f);
+  return facets;
+}();
+
+std::string textOf(const fs::path &path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+TEST(ExtractSolids, LimitsAreStrictCapsCloseAndOpenShellsGoAtTheEnd) {
+  struct Case {
+    const char *name;
+    std::vector<Facet> shells;
+    double area, hole, volume; // kUnlimited: no limits at all
+    int solids, facets;
+  };
+  const Case cases[] = {
+      {"area and cap exactly at their limits", kBowl + kCube, 6.0, 4.0, 0.5, 2, 12 + 10 + 4},
+      {"no limits cap every hole", kBowl + kCube, kUnlimited, 0, 0, 2, 26},
+      {"capped bowl below the volume", kBowl + kCube, 6.0, 4.0, 1.5, 1, 12},
+      // The cube encloses 27, and its volume sums to exactly that.
+      {"volume exactly at the limit", kBowl + kCube, 6.0, 4.0, 27.0, 1, 12},
+      // Welded, the cube is closed; a gap would need a cap of some area.
+      {"corners within the welding tolerance join", kNudgedCube, 0.0, 0.0, 0.0, 1, 12},
+      {"hole above the limit", kBowl + kCube, 6.0, 3.5, 0.0, 1, 12},
+      {"area below the limit", kBowl + kCube, 6.5, 4.0, 1.0, 1, 12},
+      {"only open surfaces", kBowl + box({5, 0, 0}, {8, 3, 3}, true), 0.09, 0.09, 0.027, 0, 0},
+  };
+  for (const Case &c : cases) {
+    const std::string reduced = tempPath("reduced.stl"), solid = tempPath("solid.stl");
+    writeBytes(reduced, binaryStl(c.shells));
+    const bool limited = c.area != kUnlimited;
+    EXPECT_EQ(extractSolids(reduced.c_str(), solid.c_str(), limited ? &c.volume : nullptr,
+                            limited ? &c.area : nullptr, limited ? &c.hole : nullptr),
+              c.solids)
+        << c.name;
+    EXPECT_EQ(fs::file_size(solid), 84u + 50u * c.facets) << c.name;
+  }
+}
+
+TEST(ExtractSolids, FileWithoutFacetsFailsAndWritesNothing) {
+  const double limit = 1.0;
+  for (const std::string &bytes : {binaryStl({}), asciiStl({})}) {
+    const std::string reduced = tempPath("empty.stl"), solid = tempPath("never.stl");
+    writeBytes(reduced, bytes);
+    EXPECT_EQ(extractSolids(reduced.c_str(), solid.c_str(), &limit, &limit, &limit), -1);
+    EXPECT_FALSE(fs::exists(solid));
+  }
+}
+
+TEST(SelectShells, OneBadShellFailsTheWholeSelectionAfterEarlierDrops) {
+  const std::string name = tempPath("three.stl");
+  writeBytes(name, binaryStl(kSpeck + kCube + box({20, 0, 0}, {21, 1, 1})));
+  int64_t status = 0;
+  qvMesh *chain = stlReadMesh(name.c_str(), &status);
+  const double tol[2] = {1e-06, 1e-12};
+  ASSERT_EQ(qvMeshAssemble(chain, tol), 3);
+  // The cube's analysis says it is no valid surface; the third shell is good.
+  qvMesh *cube = chain->next;
+  cube->topo = qvTopoNew();
+  cube->topo->result = 5;
+  const double area = 1.0;
+  int32_t count = 0;
+  qvMesh *head = selectAssembled(chain, nullptr, &area, nullptr, &count);
+  EXPECT_EQ(count, -1);
+  EXPECT_EQ(head, cube); // the speck was dropped before the cube failed
+  EXPECT_EQ(qvMeshCount(head), 2);
+  qvMeshDeleteAll(head);
+}
+
+TEST(SelectShells, OpenShellsCountAndAChainedMeshIsRefused) {
+  // Open shells pass and count, with no volume test; only the extraction
+  // removes them.
+  const std::string name = tempPath("open.stl");
+  writeBytes(name, binaryStl(kBowl + kCube));
+  int64_t status = 0;
+  int32_t count = 0;
+  const double hole = 3.5, volume = 1.5;
+  qvMesh *head = selectShells(stlReadMesh(name.c_str(), &status), &volume, nullptr, &hole, &count);
+  ASSERT_EQ(count, 2);
+  EXPECT_EQ(head->topo->nLoop + head->next->topo->nLoop, 1);
+  qvMeshDeleteAll(head);
+
+  // A mesh that stands in a chain, or none at all, is refused as it is.
+  qvMesh *a = qvMeshNew(nullptr, nullptr, nullptr, 0), *b = qvMeshNew(nullptr, nullptr, nullptr, 0);
+  qvMeshConcat(a, b);
+  EXPECT_EQ(selectShells(b, nullptr, nullptr, nullptr, &count), b);
+  EXPECT_EQ(count, -1);
+  EXPECT_EQ(b->prev, a);
+  EXPECT_EQ(selectShells(nullptr, nullptr, nullptr, nullptr, &count), nullptr);
+  EXPECT_EQ(count, -1);
+  qvMeshDeleteAll(a);
+}
+
+// Runs the tool in dir; the exit status, with standard output in out.txt.
+int runTool(const fs::path &dir, const std::string &args) {
+  const std::string command =
+      "cd '" + dir.string() + "' && '" FT_BINARY_DIR "/FacetTrim' " + args + " > out.txt";
+  const int status = std::system(command.c_str());
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+TEST(SolidTool, ReportCountsSolidsAndFailuresKeepTheReducedFile) {
+  const std::vector<Facet> twoCubes = readBinaryFacets(dataPath("two-cubes-edge.stl"));
+  struct Case {
+    std::vector<Facet> input;
+    std::string args; // behind "part.stl -oout.stl"
+    int solids;       // -1: the run fails
+    int facets;       // in solid.stl; -1 not checked
+  };
+  const Case cases[] = {
+      {kBowl, "-t0.1 -qh -ssolid.stl", 0, 0},
+      // Limits 0: nothing is too small, and only caps of no area are accepted.
+      {kSpeck + kBowl, "-t0 -qh -ssolid.stl", 1, 12},
+      {kSlab + kSpeck, "-t1 -qh -ssolid.stl", 0, 0},
+      // Area limits 9, volume limit -27: the slab stays however thin.
+      {kSlab + kSpeck, "-t-1 -qh -ssolid.stl", 1, -1},
+      {twoCubes, "-t0 -qh -ssolid.stl", 2, -1},
+      {twoCubes, "-t0.01 -qh -ssolid.stl", 2, -1},
+      {twoCubes, "-t0.01 -qm -ssolid.stl", 2, -1},
+      {twoCubes, "-t0.01 -ql -ssolid.stl", 2, -1},
+      // Every facet degenerate: the reduced file holds none.
+      {{{1, 1, 1, 1, 1, 1, 1, 1, 1}}, "-qh -ssolid.stl", -1, -1},
+      {kBowl + kCube, "-qh -smissing/solid.stl", -1, -1},
+  };
+  for (const Case &c : cases) {
+    const fs::path dir = tempPath("run");
+    fs::remove_all(dir);
+    fs::create_directory(dir);
+    writeBytes((dir / "part.stl").string(), binaryStl(c.input));
+    const std::string where = c.args + ", " + std::to_string(c.input.size()) + " facets";
+    EXPECT_EQ(runTool(dir, "part.stl -oout.stl " + c.args), c.solids < 0 ? 255 : 0) << where;
+    EXPECT_TRUE(fs::exists(dir / "out.stl")) << where;
+    if (c.solids < 0) {
+      EXPECT_EQ(textOf(dir / "out.txt"), "ERROR: REDUCTION NOT POSSIBLE !\n") << where;
+      EXPECT_FALSE(fs::exists(dir / "out.log")) << where;
+      continue;
+    }
+    const std::string line = "    number of solids:    " + std::to_string(c.solids) + " \n";
+    EXPECT_NE(textOf(dir / "out.log").find(line), std::string::npos) << where;
+    if (c.facets >= 0) {
+      EXPECT_EQ(fs::file_size(dir / "solid.stl"), 84u + 50u * c.facets) << where;
+    }
+  }
+}
+
+TEST(SolidTool, SolidFileReplacesTheReducedFileWhenTheNamesAreEqual) {
+  const fs::path dir = tempPath("replace");
+  fs::create_directory(dir);
+  // The open bowl is in the reduced file but in no solid file.
+  writeBytes((dir / "part.stl").string(),
+             binaryStl(readBinaryFacets(dataPath("two-cubes-edge.stl")) +
+                       box({100, 100, 0}, {102, 102, 0.25f}, true)));
+  ASSERT_EQ(runTool(dir, "part.stl -t0.01 -qh -oapart.stl -ssolid.stl"), 0);
+  ASSERT_EQ(runTool(dir, "part.stl -t0.01 -qh -s"), 0);
+  const std::string solid = textOf(dir / "solid.stl");
+  EXPECT_EQ(textOf(dir / "res_HQ_0.01_part.stl"), solid);
+  EXPECT_NE(textOf(dir / "apart.stl"), solid);
+  EXPECT_NE(textOf(dir / "res_HQ_0.01_part.log").find("number of solids:    2 \n"),
+            std::string::npos);
+}
+
+} // namespace
