@@ -197,9 +197,10 @@ qvMesh *buildRun(const FacetSource &source, int start, int size, int *status) {
 // Hands the memory of a released block back before the next block is built.
 // The allocator would otherwise serve the next mesh's records from the freed
 // ones in scattered order, and the next assembly, which walks its lists in
-// sorted order, loses much of its locality: measured on the dragon, the
-// second block then builds about three times slower and assembles about a
-// third slower. Other allocators are left alone.
+// sorted order, loses much of its locality. Measured: a 2,000,000-facet run
+// takes about half the processor time with this call, the dragon a fifth less,
+// although the call itself costs about a tenth of the run. Other allocators are
+// left alone.
 void releaseBlockMemory() {
 #if defined(__GLIBC__)
   malloc_trim(0);
