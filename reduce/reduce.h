@@ -23,6 +23,36 @@ int32_t reduceOnePass(qvMesh *mesh, double tol, const double *angle);
 // Several passes of growing tolerance (low method). Removed count or -1.
 int32_t reduceStepped(qvMesh *mesh, double tol, const double *angle);
 
+// ---- Engine flags ---------------------------------------------------------------
+//
+// During a pass the mesh holds two surfaces: the one the pass started from
+// (adj) and the live one (aux where set, else adj). Base triangles belong to
+// both, replacement triangles (kTriReplace) to the live one only, retired ones
+// (kTriRetired) to the starting one only. These are the engine's names for the
+// record bits it uses beyond those of mesh/qvMesh.h.
+
+// qvEdg.flags
+constexpr uint32_t kEdgMarkOuter = kEdgMarkBnd;      // ring edge of a star being committed
+constexpr uint32_t kEdgReapOnce = kEdgMarkSpoke;     // reaping: edge met in one reaped triangle
+constexpr uint32_t kEdgReapTwice = kEdgMarkSwap;     // reaping: edge met in a second one
+constexpr uint32_t kEdgReapCount = kEdgReapOnce | kEdgReapTwice;
+constexpr uint32_t kEdgFlipDone = kEdgMarkBnd | kEdgMarkVisit;  // a flip sweep leaves these edges alone
+// At the end of a pass edges keep only their lasting bits. The mask has seven
+// hex digits on purpose: besides the marks it clears kEdgReplace (0x4000000),
+// so no replacement mark survives into the next pass.
+constexpr uint32_t kEdgPassKeep = 0xBFFFFFFu;
+
+// qvTri.flags
+constexpr uint32_t kTriMarkOld = kTriMarkFlood;  // triangle of the starting surface under a star
+// At the end of a pass triangles keep only their lasting bits. Seven hex
+// digits on purpose, as for edges: it clears kTriReplace and kTriRetired too.
+constexpr uint32_t kTriPassKeep = 0x9FFFFFFu;
+
+// qvVtx.flags
+constexpr uint32_t kVtxMarkCollapse = kVtxMarkEngine;  // the vertex whose spoke is collapsing
+// Bits a vertex loses at the end of a pass: the marks it can carry and kVtxRetired.
+constexpr uint32_t kVtxPassDrop = kVtxMarkVisit | kVtxMarkBnd | kVtxMarkEngine | kVtxRetired;
+
 // ---- Parameters of a pass -------------------------------------------------------
 
 // Five numbers made from one tolerance t by qvRedParamsSet.
@@ -135,3 +165,34 @@ int32_t qvFlipTest(const qvFlipRec *rec);
 // set to 0 first) and the value has no meaning. The reference triangles keep
 // the cache they were given; the caller frees it.
 double qvDevList(qvLnk *old, qvLnk *ref, const qvRedParams *params, int32_t *err);
+
+// ---- Passes -----------------------------------------------------------------------
+
+// The pass loop of reduceStepped: passes of growing step, from tol / 8, each
+// measured against the surface the previous one left; only the pass that
+// spends the rest of the budget rescores rings. Clears kVtxPinned at the end.
+// Removed count, or -1.
+int32_t qvRedPasses(qvMesh *mesh, const qvRedParams *params);
+// Score every vertex, then sweep in score order: rings of removed vertices are
+// rescored and merged back (full) or parked at the tail (fast). Removed count,
+// or -1 (also for a null mesh).
+int32_t qvRedPassFull(qvMesh *mesh, const qvRedParams *params);
+int32_t qvRedPassFast(qvMesh *mesh, const qvRedParams *params);
+// Ends a pass: retired records go, live aux becomes adj, link lists and caches
+// are released, and the pass's bits are cleared (kVtxPinned too unless
+// keepFrozen). Vertices stay in the engine's form and keep link and aux, which
+// the next preparation resets and which may name a triangle that is gone. The
+// number of triangles left, or -1 for a null mesh.
+int32_t qvRedFinishPass(qvMesh *mesh, int32_t keepFrozen);
+// Closes the open boundaries with provisional caps, so that every fan is
+// closed during the passes. Loops closed, or -1.
+int32_t qvRedCapOpen(qvMesh *mesh);
+// Takes the caps away again after the passes. Cap triangles deleted, or -1.
+int32_t qvRedCapDrop(qvMesh *mesh);
+
+// Whole-mesh check in the middle of a pass, for tests and debug builds: every
+// live triangle has a live neighbour across each edge that holds the edge and
+// sees it back (the live surface is closed and symmetric), no live link leads
+// to a retired triangle, and each live vertex's aux is a live triangle at it.
+// Prints one line per violation to out (when not null); the number of them.
+int32_t qvRedPassCheck(const qvMesh *mesh, FILE *out);

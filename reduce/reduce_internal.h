@@ -119,3 +119,151 @@ double qvDevPinned(qvDevPt c[3], int32_t pin, qvLnk *list, qvDevRun *run, int32_
 double qvDevBisect(qvDevPt c[3], int32_t pin, qvLnk *list, qvDevRun *run, int32_t depth,
                    int32_t *leaf);
 double qvDevPinnedPair(const qvDevPt c[3], int32_t pin, qvDevRun *run);
+
+// ---- Vertex removal (star copies, collapse, flips, grafting) ----------------------
+//
+// A removal copies the star of a vertex into a small qvMesh of its own,
+// collapses the chosen spoke in the copy, may improve the new fan by Delaunay
+// flips, and, for a commit, grafts the copy into the mesh in place of the star.
+// A triangle of a copy holds its source triangle in link until the copy is
+// retired or thrown away; a replacement triangle in the mesh holds in link a
+// qvLnk list of the removed vertices buried under it.
+
+// Copies the star of the vertex with handle p (t a live triangle at it): one
+// new edge per spoke (same ends, tag and flags but marks), one new triangle per
+// star triangle with its source in link; inner edges join the copy's
+// triangles through aux, ring edges are the mesh's own. With outerMark, each
+// ring edge gets it and the copy's slot takes adj and aux from the source.
+// keep must be 1 (the engine always copies; moving the sources is not
+// supported). The copy, or null with the mesh's marks cleared again.
+qvMesh *qvStarCopy(qvMesh *mesh, qvTri *t, const double *p, uint32_t outerMark, int32_t keep);
+// The valences when v collapses onto w, with a and b the corners opposite the
+// spoke: w gains v.tag - 4, a and b lose one each. 0, or -1 when a valence
+// would fall below 3 (nothing is changed then).
+int32_t qvValenceCollapse(qvVtx *v, qvVtx *w, qvVtx *a, qvVtx *b);
+// Collapses v along the first edge of the copy bearing mark onto the edge's
+// other end: the two triangles on the edge go, their neighbours in the copy
+// take over the ring edges. 0, or -1 for a missing or cap edge, a hub end, a
+// broken copy or a valence failure.
+int32_t qvCollapse(qvMesh *copy, qvVtx *v, uint32_t mark);
+// Flips the diagonal of rec: each triangle takes one outer edge of the other
+// and the new diagonal (kEdgMarkVisit, at the head of the copy's edges)
+// replaces the old one, which is freed. 0, or -1 for a bad record or a
+// valence that the flip would break.
+int32_t qvFlipOp(qvMesh *copy, const qvFlipRec *rec);
+// Delaunay flips over the inner edges of the copy until none is made. The
+// number of flips, or -1.
+int32_t qvFlipSweep(qvMesh *copy);
+// The triangles of the starting surface under the marked star (kMarkSet.tri at
+// the head of the triangle list): the base triangles of the star and the old
+// fans of every vertex buried under its replacement triangles, caps left out.
+// m marks them meanwhile. The star's triangles stay a head run. Null with *err
+// -1 on failure, null with *err 0 for an empty patch.
+qvLnk *qvOldPatch(qvMesh *mesh, uint32_t m, int32_t *err);
+// The live replacement triangles round the ring of the marked star of v that
+// are not in the star. Clears the ring's vertex marks. *err as for qvOldPatch.
+qvLnk *qvNewNeighbours(qvMesh *mesh, qvVtx *v, const qvMarkSet *marks, int32_t *err);
+// The ring vertices of the marked star, hubs left out, each once (their vertex
+// marks are cleared). *err as for qvOldPatch; a retired ring vertex fails.
+qvLnk *qvRingVertices(qvMesh *mesh, const qvMarkSet *marks, int32_t *err);
+// Retires the sources of the copy's triangles (base ones keep their place with
+// kTriRetired, replacement ones die in qvTriReap) and gathers the vertices
+// buried under them, with a node for v in front. The list, or null with *err -1.
+qvLnk *qvStarRetire(qvMesh *mesh, qvMesh *copy, qvVtx *v, int32_t *err);
+// Frees replaced replacement triangles (a qvLnk list, freed too) with the edges
+// that only they shared.
+void qvTriReap(qvMesh *mesh, qvLnk *list);
+// Gives each removed vertex (a qvLnk list, consumed) to the nearest triangle
+// of the copy, and makes the copy's triangles the live entry (aux) of their
+// corners. 0, or -1.
+int32_t qvRemovedSpread(qvMesh *copy, qvLnk *removed);
+// Writes the copy's triangles into aux of their neighbours across the edges
+// bearing m (clearing it), then moves the copy's records into the mesh and
+// frees the copy. 0, or -1 for a neighbour that doesn't hold the edge.
+int32_t qvStarGraft(qvMesh *copy, qvMesh *mesh, uint32_t m);
+
+// The order of a sweep (candidates.cpp): the vertex list's order kept in an
+// index for the length of a sweep.
+struct qvRedOrder;
+
+// Removes v for good along its shortest admissible spoke: 0 removed, 1 no
+// spoke (nothing changed), -1 failure (the mesh is given up). Full rescores
+// the ring and merges it back into order; fast takes it out of the pass.
+// order may be null outside a sweep: the ring is then rescored or unscored
+// and the list stays as it is.
+int32_t qvVtxRemoveFull(qvMesh *mesh, qvVtx *v, const qvRedParams *params, qvRedOrder *order);
+int32_t qvVtxRemoveFast(qvMesh *mesh, qvVtx *v, const qvRedParams *params, qvRedOrder *order);
+
+// ---- Removal candidates -----------------------------------------------------------
+
+// The spoke of v to collapse along, starting from t, a live triangle at v:
+// the shortest that passes the link test, not a cap edge, and for a feature
+// end a feature spoke (none at all when the ring has an odd number of feature
+// edges). *blocked gets the number of spokes that fail the link test, or -1
+// on failure (the result is then null). Leaves no mark.
+qvEdg *qvSpokePick(qvMesh *mesh, qvTri *t, qvVtx *v, int32_t *blocked);
+// Scores v by a trial removal on a copy of its star: its score becomes the
+// squared deviation, or kRedScoreNone. 0 scored or excluded, 1 no spoke, -1
+// failure. The mesh is unchanged apart from the score and the order of
+// marked records at the list heads.
+int32_t qvVtxScore(qvMesh *mesh, qvVtx *v, const qvRedParams *params);
+// The order of candidates: ascending score, every vertex without a score
+// behind every vertex with one, and equal scores equal (no tie-break).
+int32_t qvVtxScoreCmp(const qvVtx *a, const qvVtx *b);
+// Sorts a list of n vertices (n < 0: counted first) by qvVtxScoreCmp and
+// relinks it. The new head; *err is set to -1 when n doesn't match the list
+// or no memory can be had, and the list then stands as it was.
+qvVtx *qvVtxSortScore(qvVtx *head, int32_t n, int32_t *err);
+// Scores every vertex in list order and sorts the list. Vertices visited, or -1.
+int32_t qvRedScoreAll(qvMesh *mesh, const qvRedParams *params);
+// Remove vertices from the head of the order while the score is within tol2.
+// Removed count, or -1.
+//
+// The list is the order: retired vertices first, then ascending scores (a
+// vertex entering goes behind its equals), then the vertices without a score
+// in the order they were sent there. During a sweep that order is kept in a
+// qvRedOrder, so that placing a vertex costs a logarithm rather than a walk,
+// and the list is relinked to it when the sweep ends.
+int32_t qvRedSweepFull(qvMesh *mesh, const qvRedParams *params);
+int32_t qvRedSweepFast(qvMesh *mesh, const qvRedParams *params);
+// After a full removal: rescores each ring vertex (a qvLnk list, consumed)
+// and merges the ring back into the order. 0, or -1.
+int32_t qvRingRescore(qvMesh *mesh, qvRedOrder *order, qvLnk *ring, const qvRedParams *params);
+// The ring (consumed), sorted by qvVtxScoreCmp, enters the order: each vertex
+// with a score behind its equals, the others at the tail. 0, or -1.
+int32_t qvRingMerge(qvRedOrder *order, qvLnk *ring);
+// After a fast removal: the ring (consumed) is out for the rest of the pass,
+// without a score, at the tail. 0, or -1.
+int32_t qvRingDefer(qvRedOrder *order, qvLnk *ring);
+// Sends the ring vertices (consumed) to the tail in ring order. 0, or -1.
+int32_t qvRingPark(qvRedOrder *order, qvLnk *ring);
+
+// ---- The budget of a stepped run --------------------------------------------------
+
+// What reduceStepped has spent of its tolerance, pass by pass.
+struct qvRedBudget {
+  double total;    // the whole tolerance, T
+  double spent;    // charged so far, the pass about to run included
+  double step;     // the tolerance of the pass about to run
+  double ratio;    // share of the triangles that the last pass removed
+  int32_t passes;  // passes run so far
+};
+
+// A budget of total (greater than 0) before its first pass.
+qvRedBudget qvRedBudgetStart(double total);
+// Charges the next pass: 1 with step and spent set (the pass is the full,
+// closing one when spent has reached total), 0 when the budget is spent or
+// its rest is too small for a closing pass. The caller sets ratio and counts
+// passes after each pass.
+int32_t qvRedBudgetNext(qvRedBudget *b);
+
+// ---- List helpers -----------------------------------------------------------------
+
+inline void qvTriToHead(qvMesh *mesh, qvTri *t) {
+  if (mesh->tri == t) return;
+  mesh->tri = qvTriConcat(t, qvTriUnlinkList(mesh->tri, t));
+}
+inline void qvEdgToHead(qvMesh *mesh, qvEdg *e) {
+  if (mesh->edg == e) return;
+  mesh->edg = qvEdgConcat(e, qvEdgUnlink(mesh->edg, e));
+}

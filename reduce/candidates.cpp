@@ -1,0 +1,504 @@
+// Removal candidates. A candidate is a vertex with a score: what removing it
+// would cost, found by removing it on a copy of its star and measuring the
+// result against the pass's starting surface. The vertex list of the mesh is
+// the priority queue: sorted by score, it is swept from the head, each vertex
+// removed in turn until one may not go.
+//
+// During a sweep the order has three zones: retired vertices behind the
+// cursor, the live order (ascending scores), and the vertices without a score
+// at the tail.
+#include <algorithm>
+#include <cassert>
+#include <cstdio>
+#include <cstdlib>
+
+#include "reduce/reduce_internal.h"
+
+namespace {
+
+constexpr int32_t kValenceMin = 3;    // a closed fan has at least three triangles
+constexpr int32_t kStackSort = 16;    // lists up to this length are sorted on the stack
+constexpr uint32_t kFanMarkMode = kFanMoveEdg | kFanMoveTri;
+
+inline double scoreOf(const qvVtx* v) { return *qvScoreOf(v); }
+inline void scoreSet(qvVtx* v, double s) { *qvScoreOf(v) = s; }
+// A score that is no candidate. NaN never comes out of the measure; should
+// one appear, it counts as none rather than as one that passes every test.
+inline bool noScore(double s) { return !(s >= 0.0); }
+
+inline double* otherEnd(const qvEdg* e, const double* h) {
+  if (e->ends[0] == h) return e->ends[1];
+  if (e->ends[1] == h) return e->ends[0];
+  return nullptr;
+}
+
+void unmarkStar(qvMesh* mesh) {
+  const uint32_t edgBits[2] = {kMarkSet.edg, kMarkSet.edg};
+  qvHeadUnmark(mesh, kMarkSet.tri, edgBits, kMarkSet.vtx);
+}
+
+// The link test of spoke e of t, towards w: the ring of w is marked with the
+// far marks (edges moved to the head) for the time of the test and cleared
+// again, the star of the picking vertex staying at the head. 1, 0 or -1.
+int32_t spokeLink(qvMesh* mesh, qvTri* t, qvEdg* e, const double* w) {
+  const int32_t n = qvFanMark(mesh, t, w, 0, kEdgMarkFar, kVtxMarkFar, kFanMoveEdg);
+  e->flags |= kEdgMarkSpoke;
+  const uint32_t edgMarks[2] = {kMarkSet.edg, kEdgMarkFar};
+  const uint32_t vtxMarks[2] = {kMarkSet.vtx, kVtxMarkFar};
+  const int32_t ok = n < kValenceMin ? -1 : qvLinkTest(mesh, t, e, edgMarks, vtxMarks);
+  const uint32_t edgBits[2] = {kEdgMarkFar, kEdgMarkFar | kMarkSet.edg};
+  qvHeadUnmark(mesh, 0, edgBits, kVtxMarkFar);
+  return ok;
+}
+
+
+
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// The spoke
+
+qvEdg* qvSpokePick(qvMesh* mesh, qvTri* t, qvVtx* v, int32_t* blocked) {
+  int32_t local;
+  int32_t* status = blocked ? blocked : &local;
+  *status = 0;
+  if (!mesh || !t || !v) {
+    *status = -1;
+    return nullptr;
+  }
+  const double* p = v->dat;
+  const int32_t ring = qvFanMark(mesh, t, p, kMarkSet.tri, kMarkSet.edg, kMarkSet.vtx, kFanMarkMode);
+  qvEdg* choice = nullptr;
+  bool failed = ring < kValenceMin;
+
+  // A feature end whose ring holds an odd number of feature edges has no spoke.
+  bool none = false;
+  if (!failed && (v->flags & kVtxFeatureEnd)) {
+    int32_t features = 0;
+    for (const qvEdg* e = mesh->edg; e && (e->flags & kMarkSet.edg); e = e->next)
+      features += (e->flags & kEdgFeatureSet) != 0;
+    none = features % 2 != 0;
+  }
+
+  double best = 0.0;
+  for (qvTri* s = mesh->tri; s && (s->flags & kMarkSet.tri) && !failed && !none; s = s->next)
+    for (qvEdg* e : s->edg) {
+      // Each spoke once: the mark stays on it until the end.
+      if (e->flags & kEdgMarkSpoke) continue;
+      const double* w = otherEnd(e, p);
+      if (!w) continue;
+      const int32_t ok = spokeLink(mesh, s, e, w);
+      if (ok < 0) {
+        failed = true;
+        break;
+      }
+      if (ok == 0) ++*status;
+      if ((v->flags & kVtxRim) && !(e->flags & kEdgRim)) continue;
+      if ((v->flags & kVtxFeatureEnd) && !(e->flags & kEdgFeatureSet)) continue;
+      if ((e->flags & kEdgCap) || ok == 0) continue;
+      const double len2 = qvEdgLen2(e);
+      if (!choice || best > len2) {
+        choice = e;
+        best = len2;
+      }
+    }
+
+  for (qvTri* s = mesh->tri; s && (s->flags & kMarkSet.tri); s = s->next)
+    for (qvEdg* e : s->edg) e->flags &= ~kEdgMarkSpoke;
+  unmarkStar(mesh);
+  if (!failed) return choice;
+  *status = -1;
+  return nullptr;
+}
+
+// ---------------------------------------------------------------------------
+// The trial
+
+int32_t qvVtxScore(qvMesh* mesh, qvVtx* v, const qvRedParams* params) {
+  if (!mesh || !v || !params || !qvScoreOf(v)) return -1;
+  scoreSet(v, kRedScoreNone);
+  if (v->flags & kVtxKeepSet) return 0;
+  if (!v->link || !v->aux) return -1;
+  double* const p = v->dat;
+  qvTri* const start = static_cast<qvTri*>(v->aux);
+  int32_t blocked = 0;
+  qvEdg* e = qvSpokePick(mesh, start, v, &blocked);
+  if (blocked < 0) return -1;
+  if (!e) return 1;
+  bool clean = blocked == 0;
+
+  // The star marked again: projection, valences, and what lies under and
+  // around it.
+  const int32_t ring = qvFanMark(mesh, start, p, kMarkSet.tri, kMarkSet.edg, kMarkSet.vtx, kFanMarkMode);
+  int32_t err = ring < kValenceMin ? -1 : 0;
+  if (err == 0 && clean) {
+    const int32_t r = qvRingProject(mesh, start, p, ring);
+    if (r < 0) err = -1;
+    clean = r == 0;
+    if (err == 0 && clean && qvValenceFill(mesh, kMarkSet.tri) < 0) err = -1;
+  }
+  qvLnk* old = err == 0 ? qvOldPatch(mesh, kTriMarkOld, &err) : nullptr;
+  qvLnk* near = err == 0 ? qvNewNeighbours(mesh, v, &kMarkSet, &err) : nullptr;
+  unmarkStar(mesh);
+
+  qvMesh* copy = nullptr;
+  if (err == 0) {
+    e->flags |= kEdgMarkSpoke;
+    copy = qvStarCopy(mesh, start, p, 0, 1);
+    e->flags &= ~kEdgMarkSpoke;
+    if (!copy) err = -1;
+  }
+  if (err == 0) {
+    qvTriOrAll(copy->tri, kTriReplace);
+    qvEdgOrAll(copy->edg, kEdgReplace);
+    if (qvCollapse(copy, v, kEdgMarkSpoke) != 0) err = -1;
+  }
+  if (err == 0 && clean) {
+    if (qvFlipSweep(copy) < 0) err = -1;
+    v->tag = 0;
+    if (qvValenceClear(copy) < 0) err = -1;
+  }
+  if (err == 0) {
+    // The new surface: the replacement triangles round the ring and the fan.
+    qvLnk* tail = qvLnkTail(near);
+    for (qvTri* c = copy->tri; c && err == 0; c = c->next) {
+      qvLnk* n = qvLnkNew(0, c);
+      if (!n) {
+        err = -1;
+        break;
+      }
+      n->prev = tail;
+      if (tail) tail->next = n;
+      else near = n;
+      tail = n;
+    }
+  }
+  if (err == 0) {
+    const double s = qvDevList(old, near, params, &err);
+    if (err == 0) scoreSet(v, s);
+  }
+  // The copy's triangles take their caches with them.
+  qvMeshFree(copy);
+  qvLnkDeleteAll(old);
+  qvLnkDeleteAll(near);
+  if (err != 0 && clean) qvValenceClear(mesh);
+  return err == 0 ? 0 : -1;
+}
+
+// ---------------------------------------------------------------------------
+// The order
+
+int32_t qvVtxScoreCmp(const qvVtx* a, const qvVtx* b) {
+  const double sa = scoreOf(a);
+  const double sb = scoreOf(b);
+  if (noScore(sa)) return noScore(sb) ? 0 : 1;
+  if (noScore(sb) || sb > sa) return -1;
+  return sa > sb ? 1 : 0;
+}
+
+qvVtx* qvVtxSortScore(qvVtx* head, int32_t n, int32_t* err) {
+  int32_t local = 0;
+  int32_t* status = err ? err : &local;
+  const int32_t count = qvVtxCount(head);
+  if (n < 0) n = count;
+  if (n != count) {
+    *status = -1;
+    return head;
+  }
+  if (n < 2) return head;
+  qvVtx* onStack[kStackSort];
+  qvVtx** arr = onStack;
+  if (n > kStackSort) {
+    arr = static_cast<qvVtx**>(std::malloc(sizeof(qvVtx*) * static_cast<size_t>(n)));
+    if (!arr) {
+      *status = -1;
+      return head;
+    }
+  }
+  int32_t i = 0;
+  for (qvVtx* v = head; v; v = v->next) arr[i++] = v;
+  // std::sort's result is a function of the array alone, so equal scores come
+  // out the same way on every run.
+  std::sort(arr, arr + n, [](const qvVtx* a, const qvVtx* b) { return qvVtxScoreCmp(a, b) < 0; });
+  for (i = 0; i < n; ++i) {
+    arr[i]->prev = i > 0 ? arr[i - 1] : nullptr;
+    arr[i]->next = i + 1 < n ? arr[i + 1] : nullptr;
+  }
+  qvVtx* first = arr[0];
+  if (arr != onStack) std::free(arr);
+  return first;
+}
+
+int32_t qvRedScoreAll(qvMesh* mesh, const qvRedParams* params) {
+  if (!mesh || !params) return -1;
+  int32_t n = 0;
+  for (qvVtx* v = mesh->vtx; v; v = v->next, ++n)
+    if (qvVtxScore(mesh, v, params) < 0) return -1;
+  int32_t err = 0;
+  mesh->vtx = qvVtxSortScore(mesh->vtx, n, &err);
+  mesh->flags &= ~kMeshSortedSet;
+  return err == 0 ? n : -1;
+}
+
+// ---------------------------------------------------------------------------
+// Keeping the order
+//
+// The live order is a min-heap of entries (score, seq): seq grows with every
+// entry made, so among equal scores the later entry comes behind, as a
+// vertex merged into a sorted list behind its equals would. The vertices
+// without a score form a queue in arrival order. A vertex's entry is valid
+// while the vertex's current seq is the entry's; entries left behind by a
+// new placement or a removal are dropped when they come up. The result is
+// the order the list itself would have, and the list is relinked to it when
+// the sweep ends.
+
+namespace {
+
+constexpr uint32_t kGone = 0xFFFFFFFFu;  // current seq of a retired vertex: no entry is valid
+
+struct OrderEntry {
+  double score;  // the score the vertex had when it entered
+  uint32_t seq;  // when it entered
+  uint32_t id;   // the vertex's index in byAddr
+};
+
+bool entryBefore(const OrderEntry& a, const OrderEntry& b) {
+  return a.score < b.score || (a.score == b.score && a.seq < b.seq);
+}
+// std::push_heap and pop_heap keep the largest first: invert.
+bool heapAfter(const OrderEntry& a, const OrderEntry& b) { return entryBefore(b, a); }
+
+template <class T>
+bool grow(T*& arr, size_t& cap, size_t need) {
+  if (need <= cap) return true;
+  size_t next = cap ? cap * 2 : 64;
+  while (next < need) next *= 2;
+  void* mem = std::realloc(arr, next * sizeof(T));
+  if (!mem) return false;
+  arr = static_cast<T*>(mem);
+  cap = next;
+  return true;
+}
+
+}  // namespace
+
+struct qvRedOrder {
+  qvVtx** byAddr;      // the vertices sorted by address: a look-up table, never an order of results
+  uint32_t* current;   // per vertex: seq of its valid entry, or kGone
+  uint32_t n;          // vertices
+  uint32_t seq;        // the next seq
+  OrderEntry* heap;    // the live order
+  size_t heapN, heapCap;
+  OrderEntry* tail;    // the vertices without a score, in arrival order
+  size_t tailN, tailCap;
+  qvVtx** retired;     // removed vertices, in order of removal
+  size_t retiredN;
+};
+
+namespace {
+
+void orderFree(qvRedOrder* o) {
+  std::free(o->byAddr);
+  std::free(o->current);
+  std::free(o->heap);
+  std::free(o->tail);
+  std::free(o->retired);
+  *o = qvRedOrder{};
+}
+
+// The index of v in the look-up table, or kGone.
+uint32_t orderId(const qvRedOrder* o, const qvVtx* v) {
+  qvVtx** const end = o->byAddr + o->n;
+  qvVtx** at = std::lower_bound(o->byAddr, end, v, [](const qvVtx* a, const qvVtx* b) {
+    return reinterpret_cast<uintptr_t>(a) < reinterpret_cast<uintptr_t>(b);
+  });
+  return at != end && *at == v ? static_cast<uint32_t>(at - o->byAddr) : kGone;
+}
+
+// v enters the order at its present score. false on failure.
+bool orderPlace(qvRedOrder* o, qvVtx* v) {
+  const uint32_t id = orderId(o, v);
+  if (id == kGone) return false;
+  const OrderEntry e{scoreOf(v), o->seq++, id};
+  o->current[id] = e.seq;
+  if (noScore(e.score)) {
+    if (!grow(o->tail, o->tailCap, o->tailN + 1)) return false;
+    o->tail[o->tailN++] = e;
+    return true;
+  }
+  if (!grow(o->heap, o->heapCap, o->heapN + 1)) return false;
+  o->heap[o->heapN++] = e;
+  std::push_heap(o->heap, o->heap + o->heapN, heapAfter);
+  return true;
+}
+
+// The vertex at the head of the live order, or null when it is empty.
+qvVtx* orderFront(qvRedOrder* o) {
+  while (o->heapN > 0 && o->current[o->heap[0].id] != o->heap[0].seq) {
+    std::pop_heap(o->heap, o->heap + o->heapN, heapAfter);
+    --o->heapN;
+  }
+  return o->heapN > 0 ? o->byAddr[o->heap[0].id] : nullptr;
+}
+
+// v leaves the order for good.
+bool orderRetire(qvRedOrder* o, qvVtx* v) {
+  const uint32_t id = orderId(o, v);
+  if (id == kGone) return false;
+  o->current[id] = kGone;
+  o->retired[o->retiredN++] = v;
+  return true;
+}
+
+// The order of a list sorted by qvVtxScoreCmp. false when no memory can be had.
+bool orderStart(qvRedOrder* o, qvVtx* head) {
+  *o = qvRedOrder{};
+  const int32_t count = qvVtxCount(head);
+  o->n = static_cast<uint32_t>(count);
+  o->byAddr = static_cast<qvVtx**>(std::malloc(sizeof(qvVtx*) * (o->n + 1)));
+  o->current = static_cast<uint32_t*>(std::malloc(sizeof(uint32_t) * (o->n + 1)));
+  o->retired = static_cast<qvVtx**>(std::malloc(sizeof(qvVtx*) * (o->n + 1)));
+  if (!o->byAddr || !o->current || !o->retired) return false;
+  uint32_t i = 0;
+  for (qvVtx* v = head; v; v = v->next) o->byAddr[i++] = v;
+  std::sort(o->byAddr, o->byAddr + o->n, [](const qvVtx* a, const qvVtx* b) {
+    return reinterpret_cast<uintptr_t>(a) < reinterpret_cast<uintptr_t>(b);
+  });
+  // In list order, so that equal scores keep the order of the sort.
+  for (qvVtx* v = head; v; v = v->next)
+    if (!orderPlace(o, v)) return false;
+  return true;
+}
+
+// Relinks the vertex list: retired vertices in order of removal, the live
+// order, then those without a score. The new head, or null on failure.
+qvVtx* orderList(qvRedOrder* o) {
+  qvVtx** arr = static_cast<qvVtx**>(std::malloc(sizeof(qvVtx*) * (o->n + 1)));
+  if (!arr) return nullptr;
+  size_t k = 0;
+  for (size_t i = 0; i < o->retiredN; ++i) arr[k++] = o->retired[i];
+  std::sort(o->heap, o->heap + o->heapN, entryBefore);
+  for (size_t i = 0; i < o->heapN; ++i)
+    if (o->current[o->heap[i].id] == o->heap[i].seq && k < o->n) arr[k++] = o->byAddr[o->heap[i].id];
+  for (size_t i = 0; i < o->tailN; ++i)
+    if (o->current[o->tail[i].id] == o->tail[i].seq && k < o->n) arr[k++] = o->byAddr[o->tail[i].id];
+  qvVtx* head = nullptr;
+  if (k == o->n && k > 0) {
+    for (size_t i = 0; i < k; ++i) {
+      arr[i]->prev = i > 0 ? arr[i - 1] : nullptr;
+      arr[i]->next = i + 1 < k ? arr[i + 1] : nullptr;
+    }
+    head = arr[0];
+  }
+  std::free(arr);
+  return head;
+}
+
+// The vertices of a ring list, freeing its nodes; their number through n, or
+// null with n -1 when no memory can be had.
+qvVtx** ringArray(qvLnk* ring, int32_t* n, qvVtx* onStack[kStackSort]) {
+  *n = qvLnkCount(ring);
+  qvVtx** arr = *n <= kStackSort ? onStack
+                                 : static_cast<qvVtx**>(std::malloc(sizeof(qvVtx*) * static_cast<size_t>(*n)));
+  int32_t i = 0;
+  for (qvLnk* l = ring; l;) {
+    qvLnk* next = l->next;
+    if (arr) arr[i++] = static_cast<qvVtx*>(l->item);
+    qvLnkFree(l);
+    l = next;
+  }
+  if (!arr) *n = -1;
+  return arr;
+}
+
+}  // namespace
+
+int32_t qvRingMerge(qvRedOrder* order, qvLnk* ring) {
+  qvVtx* onStack[kStackSort];
+  int32_t n = 0;
+  qvVtx** arr = ringArray(ring, &n, onStack);
+  if (n < 0) return -1;
+  // Sorted first, as qvVtxSortScore would: equal scores then enter in the
+  // order of the sort, each behind the one before.
+  std::sort(arr, arr + n, [](const qvVtx* a, const qvVtx* b) { return qvVtxScoreCmp(a, b) < 0; });
+  bool ok = true;
+  for (int32_t i = 0; i < n && order && ok; ++i) ok = orderPlace(order, arr[i]);
+  if (arr != onStack) std::free(arr);
+  return ok ? 0 : -1;
+}
+
+int32_t qvRingRescore(qvMesh* mesh, qvRedOrder* order, qvLnk* ring, const qvRedParams* params) {
+  for (qvLnk* l = ring; l; l = l->next)
+    if (qvVtxScore(mesh, static_cast<qvVtx*>(l->item), params) < 0) {
+      qvLnkDeleteAll(ring);
+      return -1;
+    }
+  return qvRingMerge(order, ring);
+}
+
+int32_t qvRingPark(qvRedOrder* order, qvLnk* ring) {
+  qvVtx* onStack[kStackSort];
+  int32_t n = 0;
+  qvVtx** arr = ringArray(ring, &n, onStack);
+  if (n < 0) return -1;
+  bool ok = true;
+  for (int32_t i = 0; i < n && order && ok; ++i) ok = orderPlace(order, arr[i]);
+  if (arr != onStack) std::free(arr);
+  return ok ? 0 : -1;
+}
+
+int32_t qvRingDefer(qvRedOrder* order, qvLnk* ring) {
+  for (qvLnk* l = ring; l; l = l->next) scoreSet(static_cast<qvVtx*>(l->item), kRedScoreNone);
+  return qvRingPark(order, ring);
+}
+
+// ---------------------------------------------------------------------------
+// Sweeps
+
+namespace {
+
+int32_t sweep(qvMesh* mesh, const qvRedParams* params, bool full) {
+  if (!mesh || !params) return -1;
+  if (!mesh->vtx) return 0;
+  qvRedOrder order;
+  if (!orderStart(&order, mesh->vtx)) {
+    orderFree(&order);
+    return -1;
+  }
+  int32_t removed = 0;
+  for (qvVtx* v = orderFront(&order); v; v = orderFront(&order)) {
+    const double s = scoreOf(v);
+    if (noScore(s) || s > params->tol2) break;
+    const int32_t r = full ? qvVtxRemoveFull(mesh, v, params, &order) : qvVtxRemoveFast(mesh, v, params, &order);
+    if (r < 0) {
+      removed = -1;
+      break;
+    }
+    if (r == 0) {
+      ++removed;
+      if (!orderRetire(&order, v)) removed = -1;
+    } else {
+      // Refused: to the tail, until a neighbour's removal rescores it.
+      scoreSet(v, kRedScoreNone);
+      if (!orderPlace(&order, v)) removed = -1;
+    }
+    if (removed < 0) break;
+  }
+  if (removed >= 0) {
+    qvVtx* head = orderList(&order);
+    if (head) mesh->vtx = head;
+    else removed = -1;
+  }
+  orderFree(&order);
+#ifndef NDEBUG
+  if (removed >= 0) assert(qvRedPassCheck(mesh, stderr) == 0);
+#endif
+  return removed;
+}
+
+}  // namespace
+
+int32_t qvRedSweepFull(qvMesh* mesh, const qvRedParams* params) { return sweep(mesh, params, true); }
+
+int32_t qvRedSweepFast(qvMesh* mesh, const qvRedParams* params) { return sweep(mesh, params, false); }

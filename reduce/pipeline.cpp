@@ -1,0 +1,300 @@
+// The reduction pipeline: the two leaves of the engine and the bookkeeping at
+// the start and end of a pass. reduceOnePass makes one pass at the whole
+// tolerance against the input surface; reduceStepped spends the tolerance in
+// passes of growing size, each measured against the surface the last one
+// left. Open boundaries are capped for the time of the passes, so that every
+// fan is closed, and their vertices are never removed.
+#include <cstdio>
+#include <cstdlib>
+#include <initializer_list>
+#include <unordered_set>
+
+#include "reduce/reduce_internal.h"
+
+namespace {
+
+constexpr double kFirstStep = 0.125;    // the first pass spends an eighth of the budget
+constexpr double kClosingFrom = 0.75;   // from this share spent, the next pass closes
+constexpr double kClosingFloor = 0.1;   // a smaller rest isn't worth a closing pass
+constexpr double kSlowRatio = 0.25;     // a pass removing a smaller share doubles the step
+constexpr double kStepGrowth = 2.0;
+
+void clearPinned(qvMesh* mesh) { qvVtxAndAll(mesh->vtx, ~kVtxPinned); }
+
+// Steps 1 to 4 of both leaves: analysis, features, caps. The number of loops
+// capped, or -1.
+int32_t leafStart(qvMesh* mesh, const qvRedParams* params, const double* angle) {
+  qvTopo topo;
+  if (!mesh || qvMeshTopo(mesh, &topo) != 0) return -1;
+  // A negative angle means no features at all.
+  if (!(angle && *angle < 0.0) && qvRedFeatures(mesh, angle, params) < 0) return -1;
+  return qvRedCapOpen(mesh);
+}
+
+// The last step of both leaves: the caps go, and the count is taken against
+// the triangles before the passes, caps included (so it is too high by the
+// cap triangles, which the callers read only for its sign).
+int32_t leafEnd(qvMesh* mesh, int32_t capped, int32_t before) {
+  if (capped != 0 && qvRedCapDrop(mesh) < 0) return -1;
+  return before - qvTriCount(mesh->tri);
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Caps
+
+int32_t qvRedCapOpen(qvMesh* mesh) {
+  if (!mesh) return -1;
+  int32_t count = 0;
+  qvMesh* cap = qvCapBuild(mesh, &count);
+  if (count < 0) {
+    qvMeshFree(cap);
+    return -1;
+  }
+  if (cap && count > 0) {
+    mesh->tri = qvTriConcat(cap->tri, mesh->tri);
+    mesh->edg = qvEdgConcat(cap->edg, mesh->edg);
+    mesh->vtx = qvVtxConcat(cap->vtx, mesh->vtx);
+    cap->tri = nullptr;
+    cap->edg = nullptr;
+    cap->vtx = nullptr;
+    mesh->flags &= ~kMeshSortedSet;
+  }
+  qvMeshFree(cap);
+  return count;
+}
+
+int32_t qvRedCapDrop(qvMesh* mesh) {
+  if (!mesh) return -1;
+  int32_t deleted = 0;
+  for (qvTri* t = mesh->tri; t;) {
+    qvTri* next = t->next;  // read before t is freed
+    if (!(t->flags & kTriCap)) {
+      t = next;
+      continue;
+    }
+    // The rim triangles across the cap forget it.
+    for (int32_t i = 0; i < 3; ++i) {
+      qvEdg* e = t->edg[i];
+      if (!(e->flags & kEdgRim)) continue;
+      for (qvTri* n : {t->adj[i], t->aux[i]}) {
+        if (!n) continue;
+        const int32_t j = qvTriEdgeSlot(n, e);
+        if (j < 0) return -1;
+        n->adj[j] = nullptr;
+        n->aux[j] = nullptr;
+      }
+    }
+    qvLnkDeleteAll(static_cast<qvLnk*>(t->link));
+    t->link = nullptr;
+    mesh->tri = qvTriDelete(mesh->tri, t);
+    ++deleted;
+    t = next;
+  }
+  mesh->edg = qvEdgDeleteFlagged(mesh->edg, kEdgCap);
+  int32_t hubs = 0;
+  mesh->vtx = qvVtxDeleteFlagged(mesh->vtx, kVtxHub, &hubs);
+  if (hubs) mesh->flags &= ~kMeshSortedSet;
+  return deleted;
+}
+
+// ---------------------------------------------------------------------------
+// Passes
+
+qvRedBudget qvRedBudgetStart(double total) { return qvRedBudget{total, 0.0, total * kFirstStep, 0.0, 0}; }
+
+int32_t qvRedBudgetNext(qvRedBudget* b) {
+  if (!b || (b->passes > 0 && !(b->total > b->spent))) return 0;
+  // A pass that removed nothing gives back what it was charged.
+  if (b->passes > 0 && b->ratio == 0.0) b->spent -= b->step;
+  if (b->spent >= b->total * kClosingFrom) {
+    b->step = b->total - b->spent;
+    if (b->total * kClosingFloor > b->step) return 0;
+    b->spent = b->total;
+    return 1;
+  }
+  if (b->passes > 0 && kSlowRatio > b->ratio) b->step *= kStepGrowth;
+  if (b->spent + b->step >= b->total) {
+    b->step = b->total - b->spent;
+    b->spent = b->total;
+  } else {
+    b->spent += b->step;
+  }
+  return 1;
+}
+
+int32_t qvRedFinishPass(qvMesh* mesh, int32_t keepFrozen) {
+  if (!mesh) return -1;
+  int32_t count = 0;
+  for (qvTri* t = mesh->tri; t;) {
+    qvTri* next = t->next;  // read before t is freed
+    qvLnkDeleteAll(static_cast<qvLnk*>(t->link));
+    t->link = nullptr;
+    std::free(t->cache);
+    t->cache = nullptr;
+    if (t->flags & kTriRetired) {
+      mesh->tri = qvTriDelete(mesh->tri, t);
+      t = next;
+      continue;
+    }
+    for (int32_t i = 0; i < 3; ++i) {
+      qvEdg* e = t->edg[i];
+      // Surviving edges and vertices are those of a surviving triangle.
+      e->flags |= kEdgMarkVisit;
+      for (double* h : e->ends) qvVtxOf(h)->flags |= kVtxMarkVisit;
+      if (t->aux[i]) {
+        t->adj[i] = t->aux[i];
+        t->aux[i] = nullptr;
+      }
+    }
+    ++count;
+    t = next;
+  }
+  for (qvEdg* e = mesh->edg; e;) {
+    qvEdg* next = e->next;
+    if (e->flags & kEdgMarkVisit) e->flags &= ~kEdgMarkVisit;
+    else mesh->edg = qvEdgDelete(mesh->edg, e);
+    e = next;
+  }
+  int32_t gone = 0;
+  for (qvVtx* v = mesh->vtx; v;) {
+    qvVtx* next = v->next;
+    if (v->flags & kVtxMarkVisit) {
+      v->flags &= ~kVtxMarkVisit;
+    } else {
+      mesh->vtx = qvVtxDelete(mesh->vtx, v);
+      ++gone;
+    }
+    v = next;
+  }
+  if (gone) mesh->flags &= ~kMeshSortedSet;
+  qvVtxAndAll(mesh->vtx, ~(kVtxPassDrop | (keepFrozen ? 0u : kVtxPinned)));
+  qvEdgAndAll(mesh->edg, kEdgPassKeep);
+  qvTriAndAll(mesh->tri, kTriPassKeep);
+  return count;
+}
+
+int32_t qvRedPassFull(qvMesh* mesh, const qvRedParams* params) {
+  if (!mesh || qvRedScoreAll(mesh, params) < 0) return -1;
+  return qvRedSweepFull(mesh, params);
+}
+
+int32_t qvRedPassFast(qvMesh* mesh, const qvRedParams* params) {
+  if (!mesh || qvRedScoreAll(mesh, params) < 0) return -1;
+  return qvRedSweepFast(mesh, params);
+}
+
+int32_t qvRedPasses(qvMesh* mesh, const qvRedParams* params) {
+  if (!mesh || !params) return -1;
+  const double total = params->tol;
+  // A budget that is 0, negative or not a number runs no pass.
+  if (!(total > 0.0)) {
+    clearPinned(mesh);
+    return 0;
+  }
+  qvRedBudget budget = qvRedBudgetStart(total);
+  int32_t removed = 0;
+  while (qvRedBudgetNext(&budget)) {
+    // The pass is judged by its step, not by the running total.
+    qvRedParams pass;
+    qvRedParamsSet(budget.step, &pass);
+    const int32_t n0 = qvTriCount(mesh->tri);
+    if (qvRedPrepPass(mesh) < 0) return -1;
+    const int32_t r = budget.spent >= total ? qvRedPassFull(mesh, &pass) : qvRedPassFast(mesh, &pass);
+    if (r < 0) return -1;
+    removed += r;
+    const int32_t n1 = qvRedFinishPass(mesh, 1);
+    if (n1 < 0) return -1;
+    budget.ratio = n0 > 0 ? static_cast<double>(n0 - n1) / static_cast<double>(n0) : 0.0;
+    ++budget.passes;
+    qvTopo topo;
+    if (qvMeshTopo(mesh, &topo) != 0) return -1;
+  }
+  clearPinned(mesh);
+  return removed;
+}
+
+// ---------------------------------------------------------------------------
+// The leaves
+
+int32_t reduceOnePass(qvMesh* mesh, double tol, const double* angle) {
+  qvRedParams params;
+  qvRedParamsSet(tol, &params);
+  const int32_t capped = leafStart(mesh, &params, angle);
+  if (capped < 0) return -1;
+  const int32_t before = qvTriCount(mesh->tri);
+  // A tolerance that is 0, negative or not a number removes nothing: no pass
+  // runs, and the caps go again.
+  if (tol > 0.0) {
+    if (qvRedPrepFirst(mesh) < 0 || qvRedPassFull(mesh, &params) < 0) return -1;
+    const int32_t after = qvRedFinishPass(mesh, 0);
+    if (after < 0) return -1;
+    if (capped == 0) return before - after;
+  } else {
+    clearPinned(mesh);
+  }
+  return leafEnd(mesh, capped, before);
+}
+
+int32_t reduceStepped(qvMesh* mesh, double tol, const double* angle) {
+  qvRedParams params;
+  qvRedParamsSet(tol, &params);
+  const int32_t capped = leafStart(mesh, &params, angle);
+  if (capped < 0) return -1;
+  const int32_t before = qvTriCount(mesh->tri);
+  if (qvRedPasses(mesh, &params) < 0) return -1;
+  return leafEnd(mesh, capped, before);
+}
+
+// ---------------------------------------------------------------------------
+// The pass-state check
+
+int32_t qvRedPassCheck(const qvMesh* mesh, FILE* out) {
+  if (!mesh) return 0;
+  int32_t bad = 0;
+  auto report = [&](const char* what, const void* rec) {
+    ++bad;
+    if (out) std::fprintf(out, "pass state: %s (%p)\n", what, rec);
+  };
+  std::unordered_set<const qvTri*> tris;
+  for (const qvTri* t = mesh->tri; t; t = t->next)
+    if (!tris.insert(t).second) {
+      report("triangle list runs in a cycle", t);
+      return bad;
+    }
+  for (const qvTri* t = mesh->tri; t; t = t->next) {
+    if (t->flags & kTriRetired) continue;
+    if (t->flags & kMarkMask) report("live triangle bears a mark", t);
+    for (int32_t i = 0; i < 3; ++i) {
+      const qvTri* n = t->aux[i] ? t->aux[i] : t->adj[i];
+      if (!n) {
+        report("live triangle has an open edge", t);
+        continue;
+      }
+      if (!tris.count(n)) {
+        report("live neighbour is no triangle of the mesh", t);
+        continue;
+      }
+      if (n->flags & kTriRetired) {
+        report("live neighbour is retired", t);
+        continue;
+      }
+      const int32_t j = qvTriEdgeSlot(n, t->edg[i]);
+      const qvTri* back = j < 0 ? nullptr : (n->aux[j] ? n->aux[j] : n->adj[j]);
+      if (back != t) report("live neighbour doesn't see the triangle back", t);
+    }
+  }
+  for (const qvVtx* v = mesh->vtx; v; v = v->next) {
+    if ((v->flags & kVtxRetired) || !v->aux) continue;
+    const qvTri* t = static_cast<const qvTri*>(v->aux);
+    if (!tris.count(t) || (t->flags & kTriRetired)) {
+      report("live vertex enters the surface at a triangle that is not live", v);
+      continue;
+    }
+    double* c[3];
+    if (qvTriCorners(t, 0, c) != 0 || (c[0] != v->dat && c[1] != v->dat && c[2] != v->dat))
+      report("live vertex enters the surface at a triangle not at it", v);
+  }
+  return bad;
+}

@@ -1,0 +1,663 @@
+// Vertex removal and refilling. The star of a vertex is copied into a small
+// qvMesh of its own; the chosen spoke is collapsed in the copy, which closes
+// the hole with a fan from the surviving neighbour; the fan may be improved by
+// Delaunay flips; and for a commit the copy is grafted into the mesh in place
+// of the star. A trial runs the same steps and throws the copy away.
+//
+// The surface a pass started from stays whole inside the mesh beside the live
+// one: a triangle that a commit replaces is retired (kept, reached through adj
+// only) when it was a base triangle, and freed when it was itself a
+// replacement. Each replacement triangle lists the removed vertices buried
+// under it, so that a later trial can find the starting surface under a star
+// through the old fans of those vertices, however deep the removals went.
+#include <cstdlib>
+#include <initializer_list>
+#include <new>
+
+#include "kernels/kernels.h"
+#include "reduce/reduce_internal.h"
+
+namespace {
+
+constexpr int32_t kValenceMin = 3;      // the fewest triangles round a vertex
+constexpr int32_t kFlipApexMin = 4;     // an apex of a flipped diagonal, after the flip
+constexpr double kSpreadTol = 1e-6;     // length tolerance of pointTriDist2
+constexpr uint32_t kFanMarkMode = kFanMoveEdg | kFanMoveTri;
+
+inline qvTri* liveAcross(const qvTri* t, int32_t i) { return t->aux[i] ? t->aux[i] : t->adj[i]; }
+
+inline double* otherEnd(const qvEdg* e, const double* h) {
+  if (e->ends[0] == h) return e->ends[1];
+  if (e->ends[1] == h) return e->ends[0];
+  return nullptr;
+}
+
+bool inEdgeList(const qvEdg* head, const qvEdg* e) {
+  for (const qvEdg* x = head; x; x = x->next)
+    if (x == e) return true;
+  return false;
+}
+
+// Clears the marks a star copy sets: kTriMarkVisit on the head triangles and
+// kEdgMarkVisit on the head edges.
+void unmarkCopyHeads(qvMesh* mesh) {
+  const uint32_t edgBits[2] = {kEdgMarkVisit, kEdgMarkVisit};
+  qvHeadUnmark(mesh, kTriMarkVisit, edgBits, 0);
+}
+
+// Tells the triangle across e from a copy triangle that its neighbour is now
+// `now` instead of `was`, when it saw `was` through aux (a triangle of the
+// copy). Mesh triangles beyond the ring are told by the graft.
+void retell(qvEdg* e, qvTri* across, const qvTri* was, qvTri* now) {
+  if (!across) return;
+  const int32_t j = qvTriEdgeSlot(across, e);
+  if (j >= 0 && across->aux[j] == was) across->aux[j] = now;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// The star copy
+
+qvMesh* qvStarCopy(qvMesh* mesh, qvTri* t, const double* p, uint32_t outerMark, int32_t keep) {
+  if (!mesh || !t || !p || keep != 1) return nullptr;
+  // The star's triangles and spokes become head runs of their lists.
+  qvSpokeMarkCtx ctx{mesh, p, kTriMarkVisit, kEdgMarkVisit};
+  if (qvFanWalk(t, p, qvFanMarkSpokes, &ctx) != 0) {
+    unmarkCopyHeads(mesh);
+    return nullptr;
+  }
+  qvMesh* copy = qvMeshNew(nullptr, nullptr, nullptr, 0);
+  bool ok = copy != nullptr;
+
+  // One new edge per spoke, left in the source's link.
+  for (qvEdg* e = mesh->edg; e && (e->flags & kEdgMarkVisit); e = e->next) {
+    e->flags &= ~kEdgMarkVisit;
+    if (!ok) continue;
+    qvEdg* c = qvEdgNew(e->ends[0], e->ends[1], e->flags, e->tag);
+    if (!c) {
+      ok = false;
+      continue;
+    }
+    e->link = c;
+    copy->edg = qvEdgConcat(c, copy->edg);
+  }
+
+  // One new triangle per star triangle; each inner edge notes its two
+  // triangles (link, then own), each ring edge is the mesh's.
+  for (qvTri* s = mesh->tri; s && (s->flags & kTriMarkVisit); s = s->next) {
+    s->flags &= ~kTriMarkVisit;
+    if (!ok) continue;
+    qvEdg* ce[3];
+    for (int32_t i = 0; i < 3; ++i) ce[i] = s->edg[i]->link ? static_cast<qvEdg*>(s->edg[i]->link) : s->edg[i];
+    qvTri* c = qvTriNew(ce[0], ce[1], ce[2], 0);
+    if (!c) {
+      ok = false;
+      continue;
+    }
+    c->link = s;
+    copy->tri = qvTriConcat(c, copy->tri);
+    for (int32_t i = 0; i < 3; ++i) {
+      if (ce[i] != s->edg[i]) {
+        if (!ce[i]->link) ce[i]->link = c;
+        else if (!ce[i]->own) ce[i]->own = c;
+        else ok = false;
+      } else if (outerMark) {
+        s->edg[i]->flags |= outerMark;
+        c->adj[i] = s->adj[i];
+        c->aux[i] = s->aux[i];
+      }
+    }
+  }
+  if (!copy) return nullptr;
+
+  // The sources' links go back to null; the inner edges join their triangles.
+  for (qvTri* c = copy->tri; c; c = c->next)
+    for (qvEdg* e : static_cast<qvTri*>(c->link)->edg) e->link = nullptr;
+  for (qvEdg* e = copy->edg; e; e = e->next) {
+    qvTri* a = static_cast<qvTri*>(e->link);
+    qvTri* b = e->own;
+    e->link = nullptr;
+    e->own = nullptr;
+    if (!ok) continue;
+    const int32_t ia = qvTriEdgeSlot(a, e);
+    const int32_t ib = qvTriEdgeSlot(b, e);
+    if (!a || !b || a == b || ia < 0 || ib < 0 || a->aux[ia] || b->aux[ib]) {
+      ok = false;
+      continue;
+    }
+    a->aux[ia] = b;
+    b->aux[ib] = a;
+  }
+  if (ok) return copy;
+  // A spoke whose triangles both failed to copy may still hold its copy.
+  for (qvEdg* e = mesh->edg; e; e = e->next) e->link = nullptr;
+  qvMeshFree(copy);
+  return nullptr;
+}
+
+// ---------------------------------------------------------------------------
+// The collapse
+
+int32_t qvValenceCollapse(qvVtx* v, qvVtx* w, qvVtx* a, qvVtx* b) {
+  if (!v || !w || !a || !b) return -1;
+  if (v->tag < kValenceMin || w->tag < kValenceMin || v->tag + w->tag < 2 * kValenceMin + 1) return -1;
+  if (a->tag - 1 < kValenceMin || b->tag - 1 < kValenceMin) return -1;
+  w->tag += v->tag - 4;  // w loses the two triangles on the spoke and gains v's others
+  --a->tag;
+  --b->tag;
+  return 0;
+}
+
+int32_t qvCollapse(qvMesh* copy, qvVtx* v, uint32_t mark) {
+  if (!copy || !v) return -1;
+  qvEdg* e = copy->edg;
+  while (e && !(e->flags & mark)) e = e->next;
+  if (!e) return -1;
+  e->flags &= ~mark;
+  double* const p = v->dat;
+  double* const wh = otherEnd(e, p);
+  if (!wh || (e->flags & kEdgCap) || (v->flags & kVtxHub) || (qvVtxOf(wh)->flags & kVtxHub)) return -1;
+  qvVtx* w = qvVtxOf(wh);
+
+  // The two triangles on the spoke, and the corners opposite it, read before
+  // any handle changes.
+  qvTri* pair[2] = {copy->tri, nullptr};
+  while (pair[0] && qvTriEdgeSlot(pair[0], e) < 0) pair[0] = pair[0]->next;
+  if (!pair[0]) return -1;
+  pair[1] = pair[0]->aux[qvTriEdgeSlot(pair[0], e)];
+  if (!pair[1] || qvTriEdgeSlot(pair[1], e) < 0) return -1;
+  double* opp[2] = {qvTriOpposite(pair[0], e), qvTriOpposite(pair[1], e)};
+  if (!opp[0] || !opp[1]) return -1;
+  if (v->tag != 0 && qvValenceCollapse(v, w, qvVtxOf(opp[0]), qvVtxOf(opp[1])) != 0) return -1;
+
+  v->flags |= kVtxMarkCollapse;
+  qvVtxReplace(copy, w, v);
+  int32_t status = 0;
+  for (qvTri* t : pair) {
+    const int32_t s = qvTriEdgeSlot(t, e);
+    const int32_t k1 = (s + 1) % 3;
+    const int32_t k2 = (s + 2) % 3;
+    // The ring edge stays; the spoke, now a double of it, goes. Of two
+    // copied edges the second goes.
+    const bool in2 = inEdgeList(copy->edg, t->edg[k2]);
+    const int32_t kd = in2 ? k2 : k1;
+    const int32_t kk = in2 ? k1 : k2;
+    qvEdg* drop = t->edg[kd];
+    qvEdg* keep = t->edg[kk];
+    qvTri* n = liveAcross(t, kd);
+    const int32_t nd = n ? qvTriEdgeSlot(n, drop) : -1;
+    if (nd < 0 || !inEdgeList(copy->edg, drop)) {
+      status = -1;
+      break;
+    }
+    // The neighbour across the dropped edge takes the kept one with its links.
+    n->edg[nd] = keep;
+    n->adj[nd] = t->adj[kk];
+    n->aux[nd] = t->aux[kk];
+    if (inEdgeList(copy->edg, keep)) retell(keep, t->aux[kk], t, n);
+    copy->edg = qvEdgDelete(copy->edg, drop);
+    copy->tri = qvTriDelete(copy->tri, t);
+  }
+  if (status == 0) copy->edg = qvEdgDelete(copy->edg, e);
+  v->flags &= ~kVtxMarkCollapse;
+  return status;
+}
+
+// ---------------------------------------------------------------------------
+// Flips
+
+int32_t qvFlipOp(qvMesh* copy, const qvFlipRec* rec) {
+  if (!copy || !rec || !rec->tri[0] || !rec->tri[1]) return -1;
+  qvTri* t0 = rec->tri[0];
+  qvTri* t1 = rec->tri[1];
+  const int32_t s0 = rec->slot[0];
+  const int32_t s1 = rec->slot[1];
+  if (s0 < 0 || s0 > 2 || s1 < 0 || s1 > 2) return -1;
+  qvEdg* e = t0->edg[s0];
+  double* c0[3];
+  double* c1[3];
+  if (e != t1->edg[s1] || qvTriCorners(t0, 0, c0) != 0 || qvTriCorners(t1, 0, c1) != 0) return -1;
+  // t0 runs x -> y -> a0 with e from x to y, t1 runs y -> x -> a1.
+  double* x = c0[s0];
+  double* y = c0[(s0 + 1) % 3];
+  double* a0 = c0[(s0 + 2) % 3];
+  double* a1 = c1[(s1 + 2) % 3];
+  if (c1[s1] != y || c1[(s1 + 1) % 3] != x) return -1;
+  qvVtx* vx = qvVtxOf(x);
+  qvVtx* vy = qvVtxOf(y);
+  qvVtx* va0 = qvVtxOf(a0);
+  qvVtx* va1 = qvVtxOf(a1);
+  if (vx->tag - 1 < kValenceMin || vy->tag - 1 < kValenceMin || va0->tag + 1 < kFlipApexMin ||
+      va1->tag + 1 < kFlipApexMin)
+    return -1;
+  qvEdg* d = qvEdgNew(a0, a1, 0, 0);
+  if (!d) return -1;
+  d->flags |= kEdgMarkVisit;
+  copy->edg = qvEdgConcat(d, copy->edg);
+
+  // t0 becomes x -> a1 -> a0: it takes t1's edge x-a1 with its links, and the
+  // diagonal; t1 becomes y -> a0 -> a1 likewise.
+  const int32_t p0 = (s0 + 1) % 3;
+  const int32_t p1 = (s1 + 1) % 3;
+  qvEdg* fromT0 = t0->edg[p0];
+  qvTri* fromT0Adj = t0->adj[p0];
+  qvTri* fromT0Aux = t0->aux[p0];
+  qvEdg* fromT1 = t1->edg[p1];
+  qvTri* fromT1Adj = t1->adj[p1];
+  qvTri* fromT1Aux = t1->aux[p1];
+  t0->edg[s0] = fromT1;
+  t0->adj[s0] = fromT1Adj;
+  t0->aux[s0] = fromT1Aux;
+  t0->edg[p0] = d;
+  t0->adj[p0] = nullptr;
+  t0->aux[p0] = t1;
+  t1->edg[s1] = fromT0;
+  t1->adj[s1] = fromT0Adj;
+  t1->aux[s1] = fromT0Aux;
+  t1->edg[p1] = d;
+  t1->adj[p1] = nullptr;
+  t1->aux[p1] = t0;
+  retell(fromT1, fromT1Aux, t1, t0);
+  retell(fromT0, fromT0Aux, t0, t1);
+  --vx->tag;
+  --vy->tag;
+  ++va0->tag;
+  ++va1->tag;
+  copy->edg = qvEdgDelete(copy->edg, e);
+
+  // The quad's sides are examined again, unless they are the ring of a commit.
+  for (qvEdg* side : {t0->edg[s0], t0->edg[(s0 + 2) % 3], t1->edg[s1], t1->edg[(s1 + 2) % 3]})
+    if (!(side->flags & kEdgMarkOuter)) side->flags &= ~kEdgMarkVisit;
+  return 0;
+}
+
+int32_t qvFlipSweep(qvMesh* copy) {
+  if (!copy) return -1;
+  int32_t flips = 0;
+  for (bool again = true; again;) {
+    again = false;
+    for (qvTri* t = copy->tri; t; t = t->next) {
+      for (int32_t i = 0; i < 3; ++i) {
+        qvEdg* e = t->edg[i];
+        if (e->flags & kEdgFlipDone) continue;
+        qvTri* n = liveAcross(t, i);
+        if (!n || (e->flags & kEdgNoFlipSet)) continue;
+        e->flags |= kEdgMarkVisit;
+        const qvFlipRec rec = {{t, n}, {i, qvTriEdgeSlot(n, e)}};
+        const int32_t r = qvFlipTest(&rec);
+        if (r < 0) return -1;
+        if (r == 0) continue;
+        if (qvFlipOp(copy, &rec) != 0) return -1;
+        ++flips;
+        again = true;
+        i = -1;  // the triangle has new edges: from slot 0 again
+      }
+    }
+  }
+  for (qvEdg* e = copy->edg; e; e = e->next)
+    if (!(e->flags & kEdgMarkOuter)) e->flags &= ~kEdgMarkVisit;
+  return flips;
+}
+
+// ---------------------------------------------------------------------------
+// What lies under and around a star
+
+namespace {
+
+struct LnkTail {
+  qvLnk* head;
+  qvLnk* tail;
+  bool ok;
+};
+
+void lnkAppend(LnkTail& l, void* item) {
+  qvLnk* n = qvLnkNew(0, item);
+  if (!n) {
+    l.ok = false;
+    return;
+  }
+  n->prev = l.tail;
+  if (l.tail) l.tail->next = n;
+  else l.head = n;
+  l.tail = n;
+}
+
+qvLnk* finishList(LnkTail& l, int32_t* err) {
+  *err = l.ok ? 0 : -1;
+  if (l.ok) return l.head;
+  qvLnkDeleteAll(l.head);
+  return nullptr;
+}
+
+struct GatherCtx {
+  uint32_t triMark;  // the star's triangles, left out
+  LnkTail* out;
+};
+
+int32_t gatherReplacement(qvTri* t, void* p) {
+  GatherCtx& c = *static_cast<GatherCtx*>(p);
+  if ((t->flags & kTriReplace) && !(t->flags & (c.triMark | kTriMarkGathered))) {
+    t->flags |= kTriMarkGathered;
+    lnkAppend(*c.out, t);
+  }
+  return 0;
+}
+
+}  // namespace
+
+qvLnk* qvOldPatch(qvMesh* mesh, uint32_t m, int32_t* err) {
+  int32_t local;
+  int32_t* status = err ? err : &local;
+  *status = -1;
+  if (!mesh || !m) return nullptr;
+  const uint32_t star = kMarkSet.tri;
+  LnkTail out{nullptr, nullptr, true};
+  // Base triangles of the star are marked; under each replacement triangle,
+  // the old fans of the vertices buried there.
+  for (qvTri* t = mesh->tri; t && (t->flags & star) && out.ok;) {
+    qvTri* next = t->next;  // read before t may move
+    if (t->flags & kTriReplace) {
+      for (qvLnk* l = static_cast<qvLnk*>(t->link); l && out.ok; l = l->next) {
+        qvVtx* x = static_cast<qvVtx*>(l->item);
+        out.ok = (x->flags & kVtxRetired) &&
+                 qvFanMarkOld(mesh, static_cast<qvTri*>(x->link), x->dat, m, 0, 0, kFanMoveTri) >= 0;
+      }
+    } else if (t->link) {
+      out.ok = false;
+    } else {
+      qvTriToHead(mesh, t);
+      t->flags |= m;
+    }
+    t = next;
+  }
+  // The marked triangles are a head run: gather them, and put the star's own
+  // triangles back at the head.
+  qvTri* t = mesh->tri;
+  while (t && (t->flags & m)) {
+    qvTri* next = t->next;
+    t->flags &= ~m;
+    if (t->flags & kTriReplace) out.ok = false;
+    else if (!(t->flags & kTriCap) && out.ok) lnkAppend(out, t);
+    if (t->flags & star) qvTriToHead(mesh, t);
+    t = next;
+  }
+  while (t && (t->flags & star)) {
+    qvTri* next = t->next;
+    qvTriToHead(mesh, t);
+    t = next;
+  }
+  return finishList(out, status);
+}
+
+qvLnk* qvNewNeighbours(qvMesh* mesh, qvVtx* v, const qvMarkSet* marks, int32_t* err) {
+  int32_t local;
+  int32_t* status = err ? err : &local;
+  *status = -1;
+  if (!mesh || !v || !marks) return nullptr;
+  LnkTail out{nullptr, nullptr, true};
+  GatherCtx ctx{marks->tri, &out};
+  for (qvTri* t = mesh->tri; t && (t->flags & marks->tri) && out.ok; t = t->next) {
+    qvEdg* r = qvTriFarEdge(t, v->dat);
+    if (!r || !(r->flags & marks->edg)) {
+      out.ok = false;
+      break;
+    }
+    for (double* h : r->ends) {
+      qvVtx* x = qvVtxOf(h);
+      if (!(x->flags & marks->vtx)) continue;
+      x->flags &= ~marks->vtx;
+      if (qvFanWalk(t, h, gatherReplacement, &ctx) != 0) out.ok = false;
+    }
+  }
+  for (qvLnk* l = out.head; l; l = l->next) {
+    qvTri* t = static_cast<qvTri*>(l->item);
+    t->flags &= ~kTriMarkGathered;
+    if (t->flags & kTriRetired) out.ok = false;
+  }
+  return finishList(out, status);
+}
+
+qvLnk* qvRingVertices(qvMesh* mesh, const qvMarkSet* marks, int32_t* err) {
+  int32_t local;
+  int32_t* status = err ? err : &local;
+  *status = -1;
+  if (!mesh || !marks) return nullptr;
+  LnkTail out{nullptr, nullptr, true};
+  for (qvEdg* e = mesh->edg; e && (e->flags & marks->edg); e = e->next)
+    for (double* h : e->ends) {
+      qvVtx* x = qvVtxOf(h);
+      if (!(x->flags & marks->vtx)) continue;
+      x->flags &= ~marks->vtx;
+      if (x->flags & kVtxRetired) out.ok = false;
+      else if (!(x->flags & kVtxHub) && out.ok) lnkAppend(out, x);
+    }
+  return finishList(out, status);
+}
+
+// ---------------------------------------------------------------------------
+// Commit: retire, spread, graft
+
+void qvTriReap(qvMesh* mesh, qvLnk* list) {
+  // An edge met in two reaped triangles was inner to the replaced group: it
+  // goes with them. One met once still borders a live triangle.
+  qvEdg* inner = nullptr;
+  for (qvLnk* l = list; l; l = l->next) {
+    qvTri* t = static_cast<qvTri*>(l->item);
+    for (int32_t i = 0; i < 3; ++i) {
+      qvEdg* e = t->edg[i];
+      if (!(e->flags & kEdgReplace)) continue;
+      t->adj[i] = nullptr;
+      if ((e->flags & kEdgReapCount) == kEdgReapCount) continue;
+      e->flags |= (e->flags & kEdgReapOnce) ? kEdgReapTwice : kEdgReapOnce;
+      if ((e->flags & kEdgReapCount) == kEdgReapCount) {
+        mesh->edg = qvEdgUnlink(mesh->edg, e);
+        inner = qvEdgConcat(e, inner);
+      }
+    }
+  }
+  for (qvLnk* l = list; l; l = l->next)
+    for (qvEdg* e : static_cast<qvTri*>(l->item)->edg) e->flags &= ~kEdgReapCount;
+  for (qvLnk* l = list; l;) {
+    qvLnk* next = l->next;
+    qvTri* t = static_cast<qvTri*>(l->item);
+    qvLnkDeleteAll(static_cast<qvLnk*>(t->link));
+    qvTriFree(t);
+    qvLnkFree(l);
+    l = next;
+  }
+  qvEdgDeleteAll(inner);
+}
+
+qvLnk* qvStarRetire(qvMesh* mesh, qvMesh* copy, qvVtx* v, int32_t* err) {
+  int32_t local;
+  int32_t* status = err ? err : &local;
+  *status = -1;
+  if (!mesh || !copy || !v) return nullptr;
+  qvLnk* removed = nullptr;
+  qvLnk* reaped = nullptr;
+  bool ok = true;
+  for (qvTri* c = copy->tri; c; c = c->next) {
+    qvTri* o = static_cast<qvTri*>(c->link);
+    c->link = nullptr;
+    if (!o) {
+      ok = false;
+      continue;
+    }
+    removed = qvLnkConcat(static_cast<qvLnk*>(o->link), removed);
+    o->link = nullptr;
+    if (o->flags & kTriReplace) {
+      mesh->tri = qvTriUnlinkList(mesh->tri, o);
+      qvLnk* n = qvLnkNew(0, o);
+      if (n) reaped = qvLnkConcat(n, reaped);
+      else ok = false;  // o is out of every list now: the run is given up anyway
+    } else {
+      o->flags |= kTriRetired;
+      o->aux[0] = o->aux[1] = o->aux[2] = nullptr;
+    }
+  }
+  qvLnk* self = qvLnkNew(0, v);
+  if (self) removed = qvLnkConcat(self, removed);
+  else ok = false;
+  qvTriReap(mesh, reaped);
+  if (ok) {
+    *status = 0;
+    return removed;
+  }
+  qvLnkDeleteAll(removed);
+  return nullptr;
+}
+
+int32_t qvRemovedSpread(qvMesh* copy, qvLnk* removed) {
+  if (!copy) {
+    qvLnkDeleteAll(removed);
+    return -1;
+  }
+  int32_t status = 0;
+  for (qvLnk* l = removed; l;) {
+    qvLnk* next = l->next;  // read before the node moves
+    l->prev = l->next = nullptr;
+    qvVtx* x = static_cast<qvVtx*>(l->item);
+    const double* p = qvVtxXyz(x);
+    qvTri* best = nullptr;
+    double bestD = 0.0;
+    for (qvTri* t = copy->tri; t && p && status == 0; t = t->next) {
+      double* h[3];
+      if (qvTriCorners(t, 0, h) != 0) {
+        status = -1;
+        break;
+      }
+      double d = 0.0;
+      if (h[0] != x->dat && h[1] != x->dat && h[2] != x->dat) {
+        if (!t->cache) {
+          void* mem = std::malloc(sizeof(qvTriCache));
+          if (!mem) {
+            status = -1;
+            break;
+          }
+          t->cache = new (mem) qvTriCache{};
+        }
+        const double* a = qvVtxXyz(qvVtxOf(h[0]));
+        const double* b = qvVtxXyz(qvVtxOf(h[1]));
+        const double* c = qvVtxXyz(qvVtxOf(h[2]));
+        d = pointTriDist2(t->cache, a, b, c, p, kSpreadTol, nullptr, nullptr);
+      }
+      if (!best || d < bestD) {
+        best = t;
+        bestD = d;
+      }
+    }
+    if (!best || !(x->flags & kVtxRetired) || status != 0) {
+      status = -1;
+      qvLnkFree(l);
+    } else {
+      best->link = qvLnkConcat(l, static_cast<qvLnk*>(best->link));
+      x->aux = best;
+    }
+    l = next;
+  }
+  if (status != 0) return -1;
+  for (qvTri* t = copy->tri; t; t = t->next) {
+    qvVtx* c[3];
+    if (qvTriCornerVtx(t, 0, c) != 0) return -1;
+    for (qvVtx* x : c) {
+      if (x->flags & kVtxRetired) return -1;
+      x->aux = t;
+    }
+  }
+  return 0;
+}
+
+int32_t qvStarGraft(qvMesh* copy, qvMesh* mesh, uint32_t m) {
+  if (!copy || !mesh) return -1;
+  int32_t status = 0;
+  for (qvTri* c = copy->tri; c; c = c->next)
+    for (int32_t i = 0; i < 3; ++i) {
+      qvEdg* e = c->edg[i];
+      if (!(e->flags & m)) continue;
+      for (qvTri* n : {c->adj[i], c->aux[i]}) {
+        if (!n) continue;
+        const int32_t j = qvTriEdgeSlot(n, e);
+        if (j < 0) status = -1;
+        else n->aux[j] = c;
+      }
+      e->flags &= ~m;
+    }
+  mesh->tri = qvTriConcat(copy->tri, mesh->tri);
+  mesh->edg = qvEdgConcat(copy->edg, mesh->edg);
+  copy->tri = nullptr;
+  copy->edg = nullptr;
+  qvMeshFree(copy);
+  return status;
+}
+
+// ---------------------------------------------------------------------------
+// The commit
+
+namespace {
+
+int32_t removeVertex(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvRedOrder* order, bool full) {
+  if (!mesh || !v || !params || !v->aux) return -1;
+  double* const p = v->dat;
+  qvTri* const start = static_cast<qvTri*>(v->aux);
+  int32_t blocked = 0;
+  qvEdg* e = qvSpokePick(mesh, start, v, &blocked);
+  if (blocked < 0) return -1;
+  if (!e) return 1;
+  bool clean = blocked == 0;
+
+  const int32_t ring = qvFanMark(mesh, start, p, kMarkSet.tri, kMarkSet.edg, kMarkSet.vtx, kFanMarkMode);
+  const uint32_t edgBits[2] = {kMarkSet.edg, kMarkSet.edg};
+  int32_t err = ring < kValenceMin ? -1 : 0;
+  if (err == 0 && clean) {
+    const int32_t r = qvRingProject(mesh, start, p, ring);
+    if (r < 0) err = -1;
+    clean = r == 0;
+    if (err == 0 && clean && qvValenceFill(mesh, kMarkSet.tri) < 0) err = -1;
+  }
+  qvLnk* ringList = err == 0 ? qvRingVertices(mesh, &kMarkSet, &err) : nullptr;
+  qvHeadUnmark(mesh, kMarkSet.tri, edgBits, kMarkSet.vtx);
+  if (err != 0) return -1;
+
+  e->flags |= kEdgMarkSpoke;
+  qvMesh* copy = qvStarCopy(mesh, start, p, kEdgMarkOuter, 1);
+  e->flags &= ~kEdgMarkSpoke;
+  if (!copy) {
+    qvLnkDeleteAll(ringList);
+    return -1;
+  }
+  qvTriOrAll(copy->tri, kTriReplace);
+  qvEdgOrAll(copy->edg, kEdgReplace);
+
+  // From here on the mesh has lost the star: a failure leaves it given up.
+  qvLnk* removed = qvStarRetire(mesh, copy, v, &err);
+  if (err == 0 && qvCollapse(copy, v, kEdgMarkSpoke) != 0) err = -1;
+  if (err == 0 && clean) {
+    if (qvFlipSweep(copy) < 0) err = -1;
+    v->tag = 0;
+    if (qvValenceClear(copy) < 0) err = -1;
+  }
+  if (err != 0) {
+    qvLnkDeleteAll(removed);
+    qvLnkDeleteAll(ringList);
+    qvMeshFree(copy);
+    return -1;
+  }
+  v->flags |= kVtxRetired;
+  if (qvRemovedSpread(copy, removed) != 0 || qvStarGraft(copy, mesh, kEdgMarkOuter) != 0) {
+    qvLnkDeleteAll(ringList);
+    return -1;
+  }
+  const int32_t r = full ? qvRingRescore(mesh, order, ringList, params) : qvRingDefer(order, ringList);
+  return r < 0 ? -1 : 0;
+}
+
+}  // namespace
+
+int32_t qvVtxRemoveFull(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvRedOrder* order) {
+  return removeVertex(mesh, v, params, order, true);
+}
+
+int32_t qvVtxRemoveFast(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvRedOrder* order) {
+  return removeVertex(mesh, v, params, order, false);
+}
