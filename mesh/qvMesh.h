@@ -26,7 +26,11 @@
 //     the two triangles of an edge are joined by adj across it.
 //  8. Working fields are clear at rest: vertex link (except the owner of a
 //     derived vertex), tag and aux; edge link and own; triangle link, tag,
-//     cache and aux. The operation that uses them clears them again.
+//     cache and aux. The operation that uses them clears them again. A vertex
+//     in the reduction's data form (kVtxHasParam) is the one exception: its
+//     link and aux stay from the last pass, may name records that are gone,
+//     and are reset by the next preparation, so they are neither checked nor
+//     followed.
 //  9. No mark at rest: bits of kMarkMask are clear on every vertex, edge and
 //     triangle. (The mesh's own kMeshCapDone has the same value and is not a
 //     mark.)
