@@ -9,7 +9,9 @@
 // their triangles (step 5) in link; edges hold qvLnk lists of their
 // triangles in link, except in edgHeld after step 4, where link is the one
 // triangle itself. Whatever the outcome, all of them are released before
-// qvMeshStitch returns.
+// qvMeshStitch returns. Their nodes come from a pool that the stitch owns
+// (RefPool below), so releasing a list is clearing a link, and the pool goes
+// as a whole at the end.
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -97,30 +99,115 @@ T* newArray(int32_t n) {
   return static_cast<T*>(std::malloc(sizeof(T) * static_cast<size_t>(n)));
 }
 
-// Where the working lists stand, so that a failure can release them.
-struct Stitch {
-  qvMesh* mesh;
-  bool heldAllLists;    // every edge of edgHeld still holds a qvLnk list
-  qvEdg* heldListFrom;  // otherwise the first that does (null: none)
+// The nodes of the working lists. Millions of them are made and let go in
+// one stitch, so they come from large blocks rather than one heap allocation
+// each: a node let go waits on a free list for the next one made, and the
+// blocks are freed together when the stitch ends. A node of the pool must
+// therefore never reach qvLnkFree, and no list of it may outlive the stitch.
+class RefPool {
+ public:
+  RefPool() = default;
+  RefPool(const RefPool&) = delete;
+  RefPool& operator=(const RefPool&) = delete;
+  ~RefPool() {
+    while (blocks_) {
+      Block* next = blocks_->next;
+      std::free(blocks_);
+      blocks_ = next;
+    }
+  }
+
+  // A node for item in front of the list in slot; false if memory ran out.
+  bool push(void*& slot, void* item) {
+    qvLnk* node = spare_;
+    if (node) {
+      spare_ = node->next;
+    } else {
+      if (used_ == kBlockNodes && !grow()) return false;
+      node = &blocks_->nodes[used_++];
+    }
+    *node = qvLnk{0, 0, nullptr, nullptr, item};
+    slot = ftmesh::listPrepend(lnkOf(slot), node);
+    return true;
+  }
+
+  // Lets go of one node that is in no list any more.
+  void drop(qvLnk* l) {
+    l->next = spare_;
+    spare_ = l;
+  }
+
+  // Lets go of a whole list.
+  void dropAll(qvLnk* head) {
+    while (head) {
+      qvLnk* next = head->next;  // read before the node joins the spares
+      drop(head);
+      head = next;
+    }
+  }
+
+ private:
+  static constexpr int32_t kBlockNodes = 8192;
+  struct Block {
+    Block* next;               // the block made before this one
+    qvLnk nodes[kBlockNodes];  // handed out from the front
+  };
+
+  bool grow() {
+    Block* b = static_cast<Block*>(std::malloc(sizeof(Block)));
+    if (!b) return false;
+    b->next = blocks_;
+    blocks_ = b;
+    used_ = 0;
+    return true;
+  }
+
+  Block* blocks_ = nullptr;
+  int32_t used_ = kBlockNodes;  // nodes handed out of the newest block
+  qvLnk* spare_ = nullptr;      // nodes let go, chained through next
 };
 
-// Releases every working list and mark a failed stitch may have left.
+// Where a stitch stands: the mesh and the pool of its working lists.
+struct Stitch {
+  qvMesh* mesh;
+  RefPool refs;
+};
+
+// The working lists, built in the order of the library's routines of the
+// same purpose (each node in front of its list, records in list order): the
+// triangles of each edge, the edges at each vertex, the triangles at each
+// vertex.
+bool edgTriLists(Stitch& s) {
+  for (qvTri* t = s.mesh->tri; t; t = t->next)
+    for (qvEdg* e : t->edg)
+      if (e && !s.refs.push(e->link, t)) return false;
+  return true;
+}
+
+bool vtxEdgLists(Stitch& s) {
+  for (qvEdg* e = s.mesh->edg; e; e = e->next)
+    for (double* h : e->ends)
+      if (h && !s.refs.push(qvVtxOf(h)->link, e)) return false;
+  return true;
+}
+
+bool vtxTriLists(Stitch& s) {
+  for (qvTri* t = s.mesh->tri; t; t = t->next) {
+    double* c[3];
+    if (qvTriCorners(t, 0, c) != 0) return false;
+    for (double* h : c)
+      if (!s.refs.push(qvVtxOf(h)->link, t)) return false;
+  }
+  return true;
+}
+
+// Clears every working list and mark a failed stitch may have left; the
+// nodes go with the pool.
 void stitchRelease(Stitch& s) {
   qvMesh* mesh = s.mesh;
-  for (qvVtx* v = mesh->vtx; v; v = v->next) {
-    qvLnkDeleteAll(lnkOf(v->link));
-    v->link = nullptr;
-  }
-  for (qvEdg* e = mesh->edg; e; e = e->next) {
-    qvLnkDeleteAll(lnkOf(e->link));
-    e->link = nullptr;
-  }
-  bool lists = s.heldAllLists;
-  for (qvEdg* e = mesh->edgHeld; e; e = e->next) {
-    if (e == s.heldListFrom) lists = true;
-    if (lists) qvLnkDeleteAll(lnkOf(e->link));
-    e->link = nullptr;
-  }
+  for (qvVtx* v = mesh->vtx; v; v = v->next) v->link = nullptr;
+  for (qvEdg* e = mesh->edg; e; e = e->next) e->link = nullptr;
+  for (qvEdg* e = mesh->edgHeld; e; e = e->next) e->link = nullptr;
   qvTriAndAll(mesh->tri, kMarkKeep);
   qvTriAndAll(mesh->triHeld, kMarkKeep);
 }
@@ -216,7 +303,8 @@ void weldExact(qvMesh* mesh) {
   }
 }
 
-bool mergeVertices(qvMesh* mesh, const double* tol) {
+bool mergeVertices(Stitch& s, const double* tol) {
+  qvMesh* mesh = s.mesh;
   // The merge walks the list in x order: it must really be sorted by x.
   if (mesh->vtx && qvMeshSortVtx(mesh, kMeshSortX, nullptr) != 0) return false;
   if (tol) weldNear(mesh, tol);
@@ -236,7 +324,7 @@ bool mergeVertices(qvMesh* mesh, const double* tol) {
     v = next;
   }
   mesh->flags &= ~kMeshSortedSet;
-  return qvVtxEdgLists(mesh) == 0;
+  return vtxEdgLists(s);
 }
 
 // ---------------------------------------------------------------------------
@@ -260,7 +348,7 @@ bool mergePair(qvMesh* mesh, qvEdg* a, qvEdg* b) {
     if (slot < 0) return false;
     triOf(l)->edg[slot] = stays;
   }
-  stays->link = qvLnkConcat(lnkOf(stays->link), lnkOf(gives->link));
+  stays->link = ftmesh::listConcat(lnkOf(stays->link), lnkOf(gives->link));
   gives->link = nullptr;
   mesh->edg = listMoveToHead(mesh->edg, gives);
   return true;
@@ -272,7 +360,8 @@ bool mergePair(qvMesh* mesh, qvEdg* a, qvEdg* b) {
 // at the head without a list are deleted. Each vertex list is walked once
 // for all the edges, not once per edge: at a vertex with thousands of edges
 // the latter would be quadratic.
-void purgeEdges(qvMesh* mesh) {
+void purgeEdges(Stitch& s) {
+  qvMesh* mesh = s.mesh;
   qvEdg* e = mesh->edg;
   for (; e && !e->link; e = e->next) e->flags |= kEdgMarkVisit;
   if (e == mesh->edg) return;
@@ -282,7 +371,10 @@ void purgeEdges(qvMesh* mesh) {
     const bool had = list != nullptr;
     for (qvLnk* l = list; l;) {
       qvLnk* after = l->next;  // read before the node is freed
-      if (edgOf(l)->flags & kEdgMarkVisit) list = qvLnkDelete(list, l);
+      if (edgOf(l)->flags & kEdgMarkVisit) {
+        list = listUnlink(list, l);
+        s.refs.drop(l);
+      }
       l = after;
     }
     v->link = list;
@@ -297,13 +389,14 @@ void purgeEdges(qvMesh* mesh) {
 }
 
 // Takes every node naming item out of the list in link; whether one was there.
-bool dropAll(void*& link, const void* item) {
+bool dropAll(RefPool& refs, void*& link, const void* item) {
   bool found = false;
   qvLnk* list = lnkOf(link);
   for (qvLnk* l = list; l;) {
     qvLnk* next = l->next;  // read before the node is freed
     if (l->item == item) {
-      list = qvLnkDelete(list, l);
+      list = listUnlink(list, l);
+      refs.drop(l);
       found = true;
     }
     l = next;
@@ -364,7 +457,8 @@ bool markDoubled(qvMesh* mesh, qvEdg* e, int32_t& marked) {
 // Removes triangles on a degenerate edge, and the second of two triangles on
 // the same three vertices, whichever its orientation. Three different
 // vertices in a line are no degeneracy here: that triangle stays.
-bool removeDegenerate(qvMesh* mesh) {
+bool removeDegenerate(Stitch& s) {
+  qvMesh* mesh = s.mesh;
   int32_t marked = 0;
   for (qvEdg* e = mesh->edg; e; e = e->next) {
     if (e->ends[0] != e->ends[1]) continue;
@@ -380,7 +474,7 @@ bool removeDegenerate(qvMesh* mesh) {
   while (mesh->tri && (mesh->tri->flags & kTriMarkVisit)) {
     qvTri* t = mesh->tri;
     for (qvEdg* e : t->edg) {
-      if (!dropAll(e->link, t) || e->link) continue;
+      if (!dropAll(s.refs, e->link, t) || e->link) continue;
       mesh->edg = listMoveToHead(mesh->edg, e);
       emptied = true;
     }
@@ -389,7 +483,7 @@ bool removeDegenerate(qvMesh* mesh) {
     ++deleted;
   }
   if (deleted != marked) return false;
-  if (emptied) purgeEdges(mesh);
+  if (emptied) purgeEdges(s);
   return true;
 }
 
@@ -446,8 +540,9 @@ int32_t mergeAt(qvMesh* mesh, qvVtx* v) {
   return merged;
 }
 
-bool mergeEdges(qvMesh* mesh) {
-  if (qvEdgTriLists(mesh) != 0) return false;
+bool mergeEdges(Stitch& s) {
+  qvMesh* mesh = s.mesh;
+  if (!edgTriLists(s)) return false;
   // The merged-away edges gather at the head of the edge list. They are
   // deleted once all vertices are through, not after each vertex: a pair
   // with an edge that has no triangles does nothing, and no vertex loses its
@@ -456,12 +551,12 @@ bool mergeEdges(qvMesh* mesh) {
   // neighbours.
   for (qvVtx* v = mesh->vtx; v; v = v->next)
     if (mergeAt(mesh, v) < 0) return false;
-  purgeEdges(mesh);
-  if (!removeDegenerate(mesh)) return false;
+  purgeEdges(s);
+  if (!removeDegenerate(s)) return false;
   for (qvVtx* v = mesh->vtx; v;) {
     qvVtx* next = v->next;  // read before v is freed
     if (v->link) {
-      qvLnkDeleteAll(lnkOf(v->link));
+      s.refs.dropAll(lnkOf(v->link));
       v->link = nullptr;
     } else {
       mesh->vtx = qvVtxDelete(mesh->vtx, v);
@@ -489,12 +584,17 @@ bool mergeEdges(qvMesh* mesh) {
 // ---------------------------------------------------------------------------
 // Step 3: link triangles
 
-bool linkTriangles(qvMesh* mesh) {
+// The lists of the edges in the mesh's list are not read after this step:
+// each is let go here, once its triangles are linked, rather than in a walk
+// of its own at the end (step 7), which would visit every edge once more.
+bool linkTriangles(Stitch& s) {
+  qvMesh* mesh = s.mesh;
   for (qvEdg* e = mesh->edg; e; e = e->next) {
-    const qvLnk* l = lnkOf(e->link);
+    qvLnk* l = lnkOf(e->link);
     if (!l) return false;
-    if (!l->next) continue;
-    if (l->next->next || qvTriLink(triOf(l), triOf(l->next), e) != 0) return false;
+    if (l->next && (l->next->next || qvTriLink(triOf(l), triOf(l->next), e) != 0)) return false;
+    s.refs.dropAll(l);
+    e->link = nullptr;
   }
   // The triangles of non-manifold edges wait apart, in reverse order.
   bool moved = false;
@@ -520,16 +620,14 @@ bool linkTriangles(qvMesh* mesh) {
 // of the walk. A piece's link is then its one triangle, not a list.
 bool pullApart(Stitch& s) {
   qvMesh* mesh = s.mesh;
-  s.heldAllLists = false;
   for (qvEdg* e = mesh->edgHeld; e; e = e->next) {
-    s.heldListFrom = e;
     qvLnk* list = lnkOf(e->link);
     for (qvLnk* l = list; l; l = l->next) {
       qvTri* t = triOf(l);
       const int32_t slot = qvTriEdgeSlot(t, e);
       if (slot < 0 || t->adj[slot]) return false;
       if (!l->next) {
-        qvLnkDeleteAll(list);
+        s.refs.dropAll(list);
         e->link = t;
         break;
       }
@@ -541,7 +639,6 @@ bool pullApart(Stitch& s) {
       piece->link = t;
     }
   }
-  s.heldListFrom = nullptr;
   mesh->tri = qvTriConcat(mesh->triHeld, mesh->tri);
   mesh->triHeld = nullptr;
   return mesh->held == nullptr;
@@ -605,13 +702,12 @@ bool splitFans(qvMesh* mesh, qvVtx* v) {
   return ok;
 }
 
-bool splitVertices(qvMesh* mesh) {
-  bool ok = qvVtxTriLists(mesh) == 0;
+bool splitVertices(Stitch& s) {
+  qvMesh* mesh = s.mesh;
+  bool ok = vtxTriLists(s);
   for (qvVtx* v = mesh->vtx; v && ok; v = v->next) ok = splitFans(mesh, v);
-  for (qvVtx* v = mesh->vtx; v; v = v->next) {
-    qvLnkDeleteAll(lnkOf(v->link));
-    v->link = nullptr;
-  }
+  // Nothing is made from the pool after this step: the nodes stay with it.
+  for (qvVtx* v = mesh->vtx; v; v = v->next) v->link = nullptr;
   if (!ok) qvTriAndAll(mesh->tri, kMarkKeep);
   return ok;
 }
@@ -701,14 +797,16 @@ bool orient(qvMesh* mesh) {
 
 int32_t qvMeshStitch(qvMesh* mesh, const double* tol) {
   if (!mesh || !stitchable(mesh)) return -1;
-  Stitch s{mesh, true, nullptr};
-  const bool ok = mergeVertices(mesh, tol) && mergeEdges(mesh) && linkTriangles(mesh) && pullApart(s) &&
-                  splitVertices(mesh) && rejoin(mesh);
+  Stitch s{mesh, {}};
+  const bool ok = mergeVertices(s, tol) && mergeEdges(s) && linkTriangles(s) && pullApart(s) &&
+                  splitVertices(s) && rejoin(mesh);
   if (!ok) {
     stitchRelease(s);
     return -1;
   }
-  qvEdgListsFree(mesh, qvLnkListFree);
+  // Step 7: the edge lists of this mesh went in step 3; those of meshes
+  // chained behind it are their own.
+  qvEdgListsFree(mesh->next, qvLnkListFree);
   if (!orient(mesh)) return -1;
   mesh->flags |= kMeshStitched;
   return 0;

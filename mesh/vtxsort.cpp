@@ -1,40 +1,76 @@
 // The order of a vertex list, and bounding boxes of vertex lists and triangles.
+#include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <cstdlib>
+#include <cstring>
 
 #include "mesh/qvMesh.h"
 
 namespace {
 
-// The axis and direction the comparator reads. The library's quicksort
-// passes no context, so they live outside the call; per thread, so that two
-// threads sorting different meshes at once can't disturb each other.
-thread_local int tSortAxis = 0;
-thread_local bool tSortDescending = false;
-
-// A total order on doubles, NaN after every number, so that a hostile
-// coordinate can't make the comparator inconsistent.
-int compareCoord(double a, double b) {
-  if (a < b) return -1;
-  if (a > b) return 1;
-  return static_cast<int>(std::isnan(a)) - static_cast<int>(std::isnan(b));
+// The order of a vertex list: by the sort axis, then the next axes
+// cyclically, ascending or descending; a vertex without coordinates comes
+// after those with them (before them, descending). Vertices that compare
+// equal keep their order in the list, so the order is fully determined.
+// Coordinates compare as numbers in a total order: 0.0 and -0.0 are equal,
+// and NaN comes after every number, so that a hostile coordinate can't make
+// the order inconsistent.
+//
+// Each vertex's coordinates are resolved once, into an integer key per axis
+// that orders as the numbers do; the sort then compares keys alone.
+uint64_t coordKey(double d) {
+  if (std::isnan(d)) return UINT64_MAX;
+  if (d == 0.0) d = 0.0;  // -0.0 orders as 0.0
+  uint64_t bits;
+  std::memcpy(&bits, &d, sizeof bits);
+  const uint64_t sign = uint64_t{1} << 63;
+  return (bits & sign) ? ~bits : (bits | sign);
 }
 
-// By the sort axis, then the next axes cyclically; a vertex without
-// coordinates comes after those with them. Equal vertices compare 0.
-int compareVtx(const void* pa, const void* pb) {
-  const double* a = qvVtxXyz(*static_cast<qvVtx* const*>(pa));
-  const double* b = qvVtxXyz(*static_cast<qvVtx* const*>(pb));
-  int c = 0;
-  if (!a || !b) {
-    c = static_cast<int>(!a) - static_cast<int>(!b);
-  } else {
-    for (int k = 0; k < 3 && c == 0; ++k) {
-      const int axis = (tSortAxis + k) % 3;
-      c = compareCoord(a[axis], b[axis]);
-    }
+struct SortKey {
+  uint64_t k[3];  // the coordinate keys in comparison order, complemented descending
+  int32_t pos;    // place in the list: the last word of the order
+};
+
+bool keyBefore(const SortKey& a, const SortKey& b) {
+  if (a.k[0] != b.k[0]) return a.k[0] < b.k[0];
+  if (a.k[1] != b.k[1]) return a.k[1] < b.k[1];
+  if (a.k[2] != b.k[2]) return a.k[2] < b.k[2];
+  return a.pos < b.pos;
+}
+
+// Puts the n vertices of order into sorted order; false if memory ran out,
+// with order as it was.
+bool sortVertices(qvVtx** order, int32_t n, int axis, bool descending) {
+  SortKey* keys = static_cast<SortKey*>(std::malloc(static_cast<size_t>(n) * sizeof(SortKey)));
+  qvVtx** sorted = static_cast<qvVtx**>(std::malloc(static_cast<size_t>(n) * sizeof(qvVtx*)));
+  if (!keys || !sorted) {
+    std::free(keys);
+    std::free(sorted);
+    return false;
   }
-  return tSortDescending ? -c : c;
+  const uint64_t flip = descending ? UINT64_MAX : 0;
+  int32_t m = 0;
+  for (int32_t i = 0; i < n; ++i) {
+    const double* p = qvVtxXyz(order[i]);
+    if (!p) continue;
+    SortKey& key = keys[m++];
+    for (int k = 0; k < 3; ++k) key.k[k] = coordKey(p[(axis + k) % 3]) ^ flip;
+    key.pos = i;
+  }
+  std::sort(keys, keys + m, keyBefore);
+  // The vertices without coordinates keep list order, behind the others or,
+  // descending, in front of them.
+  const int32_t keyedFrom = descending ? n - m : 0;
+  int32_t bare = descending ? 0 : m;
+  for (int32_t i = 0; i < n; ++i)
+    if (!qvVtxXyz(order[i])) sorted[bare++] = order[i];
+  for (int32_t i = 0; i < m; ++i) sorted[keyedFrom + i] = order[keys[i].pos];
+  std::memcpy(order, sorted, static_cast<size_t>(n) * sizeof(qvVtx*));
+  std::free(sorted);
+  std::free(keys);
+  return true;
 }
 
 void boxClear(qvBox* box) {
@@ -121,9 +157,11 @@ int32_t qvMeshSortVtx(qvMesh* mesh, uint32_t request, qvBox* box) {
     }
   }
 
-  tSortAxis = bit == kMeshSortX ? 0 : bit == kMeshSortY ? 1 : 2;
-  tSortDescending = (request & kMeshSortDesc) != 0;
-  std::qsort(order, static_cast<size_t>(n), sizeof(qvVtx*), compareVtx);
+  const int axis = bit == kMeshSortX ? 0 : bit == kMeshSortY ? 1 : 2;
+  if (!sortVertices(order, n, axis, (request & kMeshSortDesc) != 0)) {
+    std::free(order);
+    return -1;
+  }
 
   for (i = 0; i < n; ++i) {
     order[i]->prev = i > 0 ? order[i - 1] : nullptr;

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <random>
 #include <thread>
 #include <vector>
@@ -120,5 +121,48 @@ TEST(VtxSort, TwoThreadsOnDifferentAxesSortAsEachWouldAlone) {
       EXPECT_EQ(numbers(m[i]), alone[i]) << "round " << round << " mesh " << i;
       qvMeshFree(m[i]);
     }
+  }
+}
+
+// Vertices that compare equal keep their list order, ascending and
+// descending; 0.0 and -0.0 compare equal, NaN comes after every number, and a
+// derived vertex without an owner (no coordinates) after every vertex that
+// has them, each reversed when descending. The expected order is that of
+// std::stable_sort over the points with the order written out by hand.
+TEST(VtxSort, EqualsKeepListOrderWithSignedZerosNanAndNoCoordinates) {
+  const double nan = std::nan("");
+  const double pattern[] = {1.0, -0.0, nan, 0.0, 1.0, -2.0, nan, 0.0, -0.0, 1.0, -2.0, 0.5};
+  // Sixty vertices, long enough for any sort to leave its simple short-list
+  // path; two of them bare, at the head and in the middle of the list.
+  const int n = 60;
+  auto isBare = [](int i) { return i == 0 || i == 31; };
+  auto xOf = [&](int i) { return pattern[i % 12]; };
+  auto rank = [](double x) { return std::isnan(x) ? 1e300 : x; };  // NaN last, zeros as one
+  for (const bool descending : {false, true}) {
+    qvMesh* m = qvMeshNew(nullptr, nullptr, nullptr, kMeshOwnsVtx);
+    std::vector<int> want;
+    for (int i = 0; i < n; ++i) {
+      qvVtx* v = qvVtxNew(isBare(i) ? kVtxDerived | kVtxHasNormal : kVtxHasNormal, nullptr);
+      if (isBare(i)) {
+        v->dat[0] = i;  // the creation number, in the normal slot
+      } else {
+        v->dat[0] = xOf(i);
+        v->dat[1] = 0.0;
+        v->dat[2] = 0.0;
+        v->dat[3] = i;
+      }
+      m->vtx = qvVtxConcat(m->vtx, v);
+      want.push_back(i);
+    }
+    std::stable_sort(want.begin(), want.end(), [&](int a, int b) {
+      if (isBare(a) || isBare(b)) return descending ? isBare(a) && !isBare(b) : !isBare(a) && isBare(b);
+      return descending ? rank(xOf(a)) > rank(xOf(b)) : rank(xOf(a)) < rank(xOf(b));
+    });
+    ASSERT_EQ(qvMeshSortVtx(m, kMeshSortX | (descending ? kMeshSortDesc : 0), nullptr), 0);
+    std::vector<int> got;
+    for (const qvVtx* v = m->vtx; v; v = v->next)
+      got.push_back(static_cast<int>((v->flags & kVtxDerived) ? v->dat[0] : v->dat[3]));
+    EXPECT_EQ(got, want) << (descending ? "descending" : "ascending");
+    qvMeshFree(m);
   }
 }
