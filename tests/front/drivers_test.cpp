@@ -12,17 +12,10 @@
 
 #include <algorithm>
 #include <csignal>
-#include <fstream>
-#include <iterator>
 
 namespace {
 
 using Method = int (*)(const char *, const char *, double, const double *, int32_t *);
-
-std::string fileBytes(const std::string &path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
 
 // The count field of a file, or "none" for a file shorter than a header.
 std::string countField(const std::string &path) {

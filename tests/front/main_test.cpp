@@ -3,18 +3,13 @@
 // part.stl and sub/part.stl, a broken file, and the folders res_MQ_0.10_sub and
 // outdir. The low method may print progress lines, so only -qm and -qh runs
 // check that success prints nothing.
+#include "support.h"
+
 #include <gtest/gtest.h>
 
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdio>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <set>
-#include <string>
-#include <vector>
 
 namespace fs = std::filesystem;
 
@@ -27,11 +22,6 @@ const char *const kSyntax = "WRONG SYNTAX. " FT_USAGE;
 const char *const kMissing = "MISSING INPUT FILE. " FT_USAGE;
 const char *const kMethod = "WRONG METHOD. " FT_USAGE;
 const char *const kFailed = "ERROR: REDUCTION NOT POSSIBLE !\n";
-
-std::string readFile(const fs::path &path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
 
 // True when line is prefix, a whole number right-aligned in at least width
 // characters, and suffix.
@@ -74,14 +64,7 @@ protected:
     std::string command = "cd '" + dir_.string() + "' && '" FT_BINARY_DIR "/FacetTrim'";
     for (const std::string &arg : args)
       command += " '" + arg + "'";
-    FILE *pipe = popen(command.c_str(), "r");
-    out->clear();
-    char buffer[4096];
-    size_t got;
-    while ((got = fread(buffer, 1, sizeof buffer, pipe)) > 0)
-      out->append(buffer, got);
-    const int status = pclose(pipe);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return runCommand(command, out);
   }
 
   // Files under the folder other than STL files, outputs named otherwise
@@ -156,7 +139,7 @@ TEST_F(Tool, SuccessWritesTheReportWhereTheNamesSay) {
 }
 
 TEST_F(Tool, NoReportOverwritesTheInputOutputOrSolidFile) {
-  const std::string input = readFile(dir_ / "part.stl");
+  const std::string input = fileBytes(dir_ / "part.stl");
   checkCases({
       {{"part.stl", "-qm", "-oresult.log"}, "", 0, {"result.log"}},
       {{"part.stl", "-qh", "-lpart.stl"}, "", 0, {}},
@@ -165,7 +148,7 @@ TEST_F(Tool, NoReportOverwritesTheInputOutputOrSolidFile) {
       {{"part.stl", "-qm", "-sbody.log", "-lbody.log"}, "", 0, {"body.log"}},
       {{"part.stl", "-qm", "-olog"}, "", 0, {"log"}},
   });
-  EXPECT_EQ(readFile(dir_ / "part.stl"), input);
+  EXPECT_EQ(fileBytes(dir_ / "part.stl"), input);
 }
 
 TEST_F(Tool, ReportLinesReadExactlyAlsoForNamesOfMoreThan1024Characters) {
@@ -183,7 +166,7 @@ TEST_F(Tool, ReportLinesReadExactlyAlsoForNamesOfMoreThan1024Characters) {
                             "    new tri count   :    4          \n"
                             "    tolerance       :    0.0500        \n"
                             "    reduction       :    0.00 %     \n";
-  const std::string report = readFile(dir_ / "outdir/run.log");
+  const std::string report = fileBytes(dir_ / "outdir/run.log");
   ASSERT_EQ(report.substr(0, fixed.size()), fixed);
   // The solid count and the seconds depend on the extraction and the clock;
   // their formats do not.

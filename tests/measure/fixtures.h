@@ -3,12 +3,7 @@
 #pragma once
 
 #include "measure/measure.h"
-
-#include <cstdint>
-#include <cstring>
-#include <fstream>
-#include <string>
-#include <vector>
+#include "support.h"
 
 namespace fixture {
 
@@ -83,19 +78,10 @@ struct Welded {
   ~Welded() { measureMeshFree(&mesh); }
 };
 
-// Writes a binary STL: 80-byte header, count, then 50-byte records (normal zero).
-// Assumes a little-endian host, as the test machines are.
-inline void writeStl(const std::string &path, const Soup &s) {
-  std::ofstream out(path, std::ios::binary);
-  const char header[80] = "measure fixture";
-  out.write(header, 80);
-  const uint32_t count = static_cast<uint32_t>(s.size() / 9);
-  out.write(reinterpret_cast<const char *>(&count), 4);
-  for (uint32_t f = 0; f < count; ++f) {
-    char record[50] = {};
-    std::memcpy(record + 12, s.data() + 9 * f, 36);
-    out.write(record, 50);
-  }
+inline std::vector<Facet> facets(const Soup &s) {
+  return {reinterpret_cast<const Facet *>(s.data()), reinterpret_cast<const Facet *>(s.data() + s.size())};
 }
+
+inline void writeStl(const std::string &path, const Soup &s) { writeBytes(path, binaryStl(facets(s))); }
 
 } // namespace fixture

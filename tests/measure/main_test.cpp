@@ -5,43 +5,23 @@
 
 #include <gtest/gtest.h>
 
-#include <sys/wait.h>
-
 #include <cmath>
-#include <cstdio>
 #include <limits>
-#include <string>
 
 namespace {
 
-// A file name of the running test's own, since CTest runs the tests side by side.
-std::string scratch(const char *name) {
-  return testing::TempDir() + "ft_measure_" +
-         testing::UnitTest::GetInstance()->current_test_info()->name() + "_" + name;
-}
-
-// Runs FacetMeasure with `args`; returns the exit status, standard output in `out`.
 int run(const std::string &args, std::string *out = nullptr) {
-  const std::string command = std::string(FT_BINARY_DIR) + "/FacetMeasure " + args + " 2>/dev/null";
-  FILE *pipe = popen(command.c_str(), "r");
-  if (!pipe) return -1;
-  std::string text;
-  char buffer[4096];
-  size_t n;
-  while ((n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) text.append(buffer, n);
-  const int status = pclose(pipe);
-  if (out) *out = text;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return runCommand(std::string(FT_BINARY_DIR) + "/FacetMeasure " + args + " 2>/dev/null", out);
 }
 
 class Program : public testing::Test {
 protected:
   void SetUp() override {
-    bump_ = scratch("bump.stl");
-    flat_ = scratch("flat.stl");
-    empty_ = scratch("empty.stl");
-    moved_ = scratch("moved.stl");
-    nan_ = scratch("nan.stl");
+    bump_ = tempPath("bump.stl");
+    flat_ = tempPath("flat.stl");
+    empty_ = tempPath("empty.stl");
+    moved_ = tempPath("moved.stl");
+    nan_ = tempPath("nan.stl");
     fixture::writeStl(bump_, fixture::square(0.5f));
     fixture::writeStl(flat_, fixture::square(0));
     fixture::writeStl(empty_, {});
@@ -58,7 +38,7 @@ protected:
 } // namespace
 
 TEST_F(Program, ExitStatusForUsageBadInputAndTolerance) {
-  const std::string broken = std::string(FT_TEST_DATA) + "/broken-count-field.stl";
+  const std::string broken = dataPath("broken-count-field.stl");
   const struct {
     std::string args;
     int status;
@@ -70,7 +50,7 @@ TEST_F(Program, ExitStatusForUsageBadInputAndTolerance) {
       {bump_ + " " + flat_ + " --step 0", 2},
       {bump_ + " " + flat_ + " --tolerance", 2},
       {bump_ + " " + flat_ + " --threads 0", 2},
-      {scratch("missing.stl") + " " + flat_, 2},
+      {tempPath("missing.stl") + " " + flat_, 2},
       {bump_ + " " + broken, 2},
       {nan_ + " " + flat_, 2},
       {bump_ + " " + flat_, 0},
@@ -99,8 +79,8 @@ TEST_F(Program, JsonLineCarriesTheFiguresAndNullForInfinity) {
 }
 
 TEST_F(Program, SameJsonTextForAnyThreadCount) {
-  const std::string bunny = std::string(FT_TEST_DATA) + "/bunny.stl";
-  const std::string torus = std::string(FT_TEST_DATA) + "/torus.stl";
+  const std::string bunny = dataPath("bunny.stl");
+  const std::string torus = dataPath("torus.stl");
   std::string one, many;
   ASSERT_EQ(run(bunny + " " + torus + " --json --step 0.2 --threads 1", &one), 0);
   for (const char *threads : {"2", "5"}) {

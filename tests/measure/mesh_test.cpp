@@ -5,22 +5,12 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstdio>
 #include <limits>
-#include <string>
 
 using fixture::Soup;
 using fixture::Welded;
 
 namespace {
-
-std::string data(const char *name) {
-  return std::string(FT_TEST_DATA) + "/" + name;
-}
-
-std::string scratch(const char *name) {
-  return testing::TempDir() + "ft_measure_" + name;
-}
 
 // Expected counts: facets, vertices, edges, shells, closed shells, boundary,
 // non-manifold and degenerate.
@@ -48,7 +38,7 @@ TEST(Topology, CountsOnRealAndBuiltModels) {
     SCOPED_TRACE(c.file);
     MeasureMesh mesh;
     MeasureTopo t;
-    ASSERT_EQ(measureRead(data(c.file).c_str(), &mesh), c.f);
+    ASSERT_EQ(measureRead(dataPath(c.file).c_str(), &mesh), c.f);
     ASSERT_EQ(measureTopology(&mesh, &t), 0);
     EXPECT_EQ(t.facets, c.f);
     EXPECT_EQ(t.vertices, c.v);
@@ -136,21 +126,8 @@ TEST(Subset, BitwiseMembership) {
 }
 
 TEST(Read, BothFormatsAndEveryKindOfBadFile) {
-  const std::string ascii = scratch("cube.stl");
-  {
-    FILE *f = std::fopen(ascii.c_str(), "w");
-    const Soup s = fixture::box(-1, 1);
-    std::fprintf(f, "solid cube\n");
-    for (size_t i = 0; i < s.size(); i += 9) {
-      std::fprintf(f, "facet normal 0 0 0\nouter loop\n");
-      for (int k = 0; k < 3; ++k)
-        std::fprintf(f, "vertex %.9g %.9g %.9g\n", s[i + 3 * k], s[i + 3 * k + 1],
-                     s[i + 3 * k + 2]);
-      std::fprintf(f, "endloop\nendfacet\n");
-    }
-    std::fprintf(f, "endsolid cube\n");
-    std::fclose(f);
-  }
+  const std::string ascii = tempPath("cube.stl");
+  writeBytes(ascii, asciiStl(fixture::facets(fixture::box(-1, 1))));
   MeasureMesh mesh;
   MeasureTopo t;
   ASSERT_EQ(measureRead(ascii.c_str(), &mesh), 12);
@@ -159,15 +136,15 @@ TEST(Read, BothFormatsAndEveryKindOfBadFile) {
   EXPECT_NEAR(t.volume, 8, 1e-12);
   measureMeshFree(&mesh);
 
-  const std::string nan = scratch("nan.stl"), empty = scratch("empty.stl");
+  const std::string nan = tempPath("nan.stl"), empty = tempPath("empty.stl");
   Soup s = fixture::box(0, 1);
   s[40] = std::numeric_limits<float>::quiet_NaN();
   fixture::writeStl(nan, s);
   fixture::writeStl(empty, Soup{});
   EXPECT_EQ(measureRead(nan.c_str(), &mesh), -1);
   EXPECT_EQ(mesh.xyz, nullptr);
-  EXPECT_EQ(measureRead(data("broken-count-field.stl").c_str(), &mesh), -1);
-  EXPECT_EQ(measureRead(scratch("missing.stl").c_str(), &mesh), -2);
+  EXPECT_EQ(measureRead(dataPath("broken-count-field.stl").c_str(), &mesh), -1);
+  EXPECT_EQ(measureRead(tempPath("missing.stl").c_str(), &mesh), -2);
   EXPECT_EQ(measureRead(empty.c_str(), &mesh), 0);
   EXPECT_EQ(mesh.vertexCount, 0);
   measureMeshFree(&mesh);

@@ -1,10 +1,8 @@
 #include "soup.h"
+#include "support.h"
 
 #include <algorithm>
 #include <cmath>
-#include <cstdint>
-#include <cstdio>
-#include <cstring>
 #include <map>
 #include <numeric>
 #include <set>
@@ -36,23 +34,8 @@ std::vector<Corners> cornersOf(const Shape& s) {
 
 std::vector<Corners> readStl(const std::string& name) {
   std::vector<Corners> out;
-  FILE* f = std::fopen((std::string(FT_TEST_DATA) + "/" + name).c_str(), "rb");
-  if (!f) return out;
-  unsigned char head[84];
-  if (std::fread(head, 1, 84, f) == 84) {
-    const uint32_t n = head[80] | head[81] << 8 | head[82] << 16 | uint32_t(head[83]) << 24;
-    unsigned char rec[50];
-    for (uint32_t i = 0; i < n && std::fread(rec, 1, 50, f) == 50; ++i) {
-      Corners c;
-      for (int k = 0; k < 9; ++k) {
-        float v;
-        std::memcpy(&v, rec + 12 + 4 * k, 4);  // little-endian host
-        c[k] = v;
-      }
-      out.push_back(c);
-    }
-  }
-  std::fclose(f);
+  for (const Facet& f : readBinaryFacets(dataPath(name.c_str())))
+    out.push_back({f[0], f[1], f[2], f[3], f[4], f[5], f[6], f[7], f[8]});
   return out;
 }
 
@@ -106,6 +89,13 @@ Shape tubeShape(int n, double r0, double r1) {
     s.faces.push_back({a, c, d});
     s.faces.push_back({a, d, b});
   }
+  return s;
+}
+
+Shape stripShape(int n) {
+  Shape s;
+  for (int i = 0; i < n + 2; ++i) s.pts.push_back({double(i), double(i % 2), 0});
+  for (int i = 0; i < n; ++i) s.faces.push_back({i, i + 1 + i % 2, i + 2 - i % 2});
   return s;
 }
 

@@ -22,6 +22,9 @@ std::vector<Corners> readStl(const std::string& name);
 Shape torusShape(int n, int m);
 Shape moebiusShape(int n);
 Shape tubeShape(int n, double r0, double r1);
+// Triangle strip along x: faces (i, i+1, i+2), turned on odd i. Sorted by the
+// low corner the faces stay in strip order, so every cut falls between them.
+Shape stripShape(int n);
 // Two shapes side by side in one.
 Shape joined(const Shape& a, const Shape& b, double dx);
 

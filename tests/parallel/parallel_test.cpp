@@ -18,18 +18,8 @@
 
 namespace {
 
-// Triangle strip along x: faces (i, i+1, i+2), turned on odd i. Sorted by
-// the low corner the faces stay in strip order, so every cut falls cleanly
-// between them and no half breaks into pieces.
-Shape strip(int n) {
-  Shape s;
-  for (int i = 0; i < n + 2; ++i) s.pts.push_back({double(i), double(i % 2), 0});
-  for (int i = 0; i < n; ++i) s.faces.push_back({i, i + 1 + i % 2, i + 2 - i % 2});
-  return s;
-}
-
 qvMesh* stripMesh(int n) {
-  Fixture f(strip(n));
+  Fixture f(stripShape(n));
   return std::exchange(f.mesh, nullptr);
 }
 
@@ -203,7 +193,7 @@ TEST(ParallelRecursion, ZeroIsSuccessFromTheFirstSectionAndFailureFromTheSecond)
 
 TEST(ParallelRecursion, FailedCutGivesUpBeforeAnyForkAndKeepsEveryRecord) {
   // Not one shell: the cut fails after it has chained the pieces.
-  Fixture f(joined(strip(5000), kBowTie, -5));
+  Fixture f(joined(stripShape(5000), kBowTie, -5));
   EXPECT_EQ(run(f.mesh, 1), -1);
   EXPECT_EQ(gLog.leaves, 0);
   EXPECT_EQ(f.mesh->next, nullptr);

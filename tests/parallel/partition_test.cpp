@@ -30,14 +30,6 @@ Corners cornersOf(const qvTri* t) {
   return c;
 }
 
-// Triangle strip along x: faces (i, i+1, i+2), turned on odd i.
-Shape strip(int n) {
-  Shape s;
-  for (int i = 0; i < n + 2; ++i) s.pts.push_back({double(i), double(i % 2), 0});
-  for (int i = 0; i < n; ++i) s.faces.push_back({i, i + 1 + i % 2, i + 2 - i % 2});
-  return s;
-}
-
 qvMesh* loadModel(const char* name) {
   qvMesh* m = soupOf(readStl(name));
   EXPECT_EQ(qvMeshAssemble(m, nullptr), 1) << name;
@@ -184,7 +176,7 @@ TEST(Halve, CutsAlongTheLongestAxisXBeforeYBeforeZ) {
 }
 
 TEST(Halve, MarkedTriangleWithoutNeighbourFailsTheCut) {
-  Fixture f(joined(strip(4), kBowTie, -5));  // the bow tie's faces sort first
+  Fixture f(joined(stripShape(4), kBowTie, -5));  // the bow tie's faces sort first
   EXPECT_EQ(qvMeshHalve(f.mesh, -1, kTriMarkVisit), -1);
   EXPECT_EQ(validateText(f.mesh), "");  // the side mark is cleared
   qvMeshPair pair{};
@@ -193,7 +185,7 @@ TEST(Halve, MarkedTriangleWithoutNeighbourFailsTheCut) {
 }
 
 TEST(Cut, OddCountLeavesTheExtraTriangleOnTheUpperSide) {
-  Fixture f(strip(5001));
+  Fixture f(stripShape(5001));
   const CutCounts n = cutChecked(f.mesh);
   EXPECT_EQ(n.tris[0], 2501);
   EXPECT_EQ(n.tris[1], 2500);
@@ -203,7 +195,7 @@ TEST(Cut, LoneTrianglesChangeSidesOrBecomePieces) {
   // Strip T0..T5 placed so that T0, T3, T4 sort lowest: T0, with no marked
   // neighbour, changes sides; T5, with marked neighbours only, stays, cut off
   // from T0-T2. Seams: T2|T3 on points 3, 4 and T4|T5 on points 5, 6.
-  Shape s = strip(6);
+  Shape s = stripShape(6);
   const double x[8] = {-10, 5, 6, 7, 0, 8, 9, 10};
   for (int i = 0; i < 8; ++i) s.pts[i] = {x[i], i == 5 ? -5.0 : i % 2, 0.1 * i};
   Fixture f(s);

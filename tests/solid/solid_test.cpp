@@ -9,11 +9,7 @@
 
 #include <gtest/gtest.h>
 
-#include <sys/wait.h>
-
 #include <cmath>
-#include <fstream>
-#include <iterator>
 
 namespace fs = std::filesystem;
 
@@ -54,11 +50,6 @@ const std::vector<Facet> kNudgedCube = [] {
   facets[0][0] = std::nextafter(facets[0][0], 100.0f);
   return facets;
 }();
-
-std::string textOf(const fs::path &path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
 
 TEST(ExtractSolids, LimitsAreStrictCapsCloseAndOpenShellsGoAtTheEnd) {
   struct Case {
@@ -147,10 +138,7 @@ TEST(SelectShells, OpenShellsCountAndAChainedMeshIsRefused) {
 
 // Runs the tool in dir; the exit status, with standard output in out.txt.
 int runTool(const fs::path &dir, const std::string &args) {
-  const std::string command =
-      "cd '" + dir.string() + "' && '" FT_BINARY_DIR "/FacetTrim' " + args + " > out.txt";
-  const int status = std::system(command.c_str());
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return runCommand("cd '" + dir.string() + "' && '" FT_BINARY_DIR "/FacetTrim' " + args + " > out.txt");
 }
 
 TEST(SolidTool, ReportCountsSolidsAndFailuresKeepTheReducedFile) {
@@ -185,12 +173,12 @@ TEST(SolidTool, ReportCountsSolidsAndFailuresKeepTheReducedFile) {
     EXPECT_EQ(runTool(dir, "part.stl -oout.stl " + c.args), c.solids < 0 ? 255 : 0) << where;
     EXPECT_TRUE(fs::exists(dir / "out.stl")) << where;
     if (c.solids < 0) {
-      EXPECT_EQ(textOf(dir / "out.txt"), "ERROR: REDUCTION NOT POSSIBLE !\n") << where;
+      EXPECT_EQ(fileBytes(dir / "out.txt"), "ERROR: REDUCTION NOT POSSIBLE !\n") << where;
       EXPECT_FALSE(fs::exists(dir / "out.log")) << where;
       continue;
     }
     const std::string line = "    number of solids:    " + std::to_string(c.solids) + " \n";
-    EXPECT_NE(textOf(dir / "out.log").find(line), std::string::npos) << where;
+    EXPECT_NE(fileBytes(dir / "out.log").find(line), std::string::npos) << where;
     if (c.facets >= 0) {
       EXPECT_EQ(fs::file_size(dir / "solid.stl"), 84u + 50u * c.facets) << where;
     }
@@ -206,10 +194,10 @@ TEST(SolidTool, SolidFileReplacesTheReducedFileWhenTheNamesAreEqual) {
                        box({100, 100, 0}, {102, 102, 0.25f}, true)));
   ASSERT_EQ(runTool(dir, "part.stl -t0.01 -qh -oapart.stl -ssolid.stl"), 0);
   ASSERT_EQ(runTool(dir, "part.stl -t0.01 -qh -s"), 0);
-  const std::string solid = textOf(dir / "solid.stl");
-  EXPECT_EQ(textOf(dir / "res_HQ_0.01_part.stl"), solid);
-  EXPECT_NE(textOf(dir / "apart.stl"), solid);
-  EXPECT_NE(textOf(dir / "res_HQ_0.01_part.log").find("number of solids:    2 \n"),
+  const std::string solid = fileBytes(dir / "solid.stl");
+  EXPECT_EQ(fileBytes(dir / "res_HQ_0.01_part.stl"), solid);
+  EXPECT_NE(fileBytes(dir / "apart.stl"), solid);
+  EXPECT_NE(fileBytes(dir / "res_HQ_0.01_part.log").find("number of solids:    2 \n"),
             std::string::npos);
 }
 

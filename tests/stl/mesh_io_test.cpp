@@ -79,24 +79,4 @@ TEST(MeshFromFacets, RunsBuildInRunOrderFromPointersAndFromKeysInBothFormats) {
   }
 }
 
-TEST(MeshFromFacets, RealModelsAssembleIntoValidShells) {
-  const struct {
-    const char *file;
-    int shells;
-    int triangles;
-  } cases[] = {{"bunny.stl", 1, 3674}, {"two-cubes-edge.stl", 2, 384}};
-  for (const auto &c : cases) {
-    int64_t status;
-    qvMesh *chain = stlReadMesh(dataPath(c.file).c_str(), &status);
-    ASSERT_EQ(qvMeshAssemble(chain, nullptr), c.shells) << c.file;
-    int triangles = 0;
-    for (const qvMesh *shell = chain; shell; shell = shell->next) {
-      EXPECT_EQ(qvMeshValidate(shell, stdout), 0) << c.file;
-      triangles += qvTriCount(shell->tri);
-    }
-    EXPECT_EQ(triangles, c.triangles) << c.file;
-    qvMeshDeleteAll(chain);
-  }
-}
-
 } // namespace

@@ -7,9 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <iterator>
-
 namespace {
 
 qvMesh *soupOf(const std::vector<Facet> &facets) {
@@ -30,8 +27,7 @@ std::string written(int (*writer)(const qvMesh *, int, FILE *), qvMesh *mesh, in
   EXPECT_EQ(writer(mesh, 0, file), count);
   std::fclose(file);
   qvMeshFree(mesh);
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
+  return fileBytes(path);
 }
 
 TEST(StlWriteMesh, NormalIsUnitOrZeroByTheCrossProductsLength) {

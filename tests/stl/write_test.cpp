@@ -1,21 +1,10 @@
-// File-level writing: the exact header, the provisional count and its patch.
+// File-level writing: the exact header, the provisional count and its patch,
+// the ASCII first line, and the refusals.
 #include "stl_files.h"
 
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <iterator>
-
-namespace {
-
-std::string fileBytes(const std::string &path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
-} // namespace
-
-TEST(StlWrite, BinaryHeaderIsExactAndThePatchedCountIsRead) {
+TEST(StlWrite, ExactHeadersPatchedCountAndFailures) {
   const std::string path = tempPath("written.stl");
   std::string header = " ---   QUAY VANE Fabrications SE   ---              <binary stl-data>          ";
   header.push_back('\0');
@@ -36,12 +25,9 @@ TEST(StlWrite, BinaryHeaderIsExactAndThePatchedCountIsRead) {
   EXPECT_EQ(stlScan(path.c_str(), nullptr, &format), 2);
   EXPECT_EQ(format, kStlBinary);
 
-}
-
-TEST(StlWrite, AsciiFirstLineAndFailures) {
-  const std::string path = tempPath("written-ascii.stl");
-  std::fclose(stlCreateAscii(path.c_str()));
-  EXPECT_EQ(fileBytes(path), "solid ascii\n");
+  const std::string ascii = tempPath("written-ascii.stl");
+  std::fclose(stlCreateAscii(ascii.c_str()));
+  EXPECT_EQ(fileBytes(ascii), "solid ascii\n");
   EXPECT_EQ(stlCreateBinary(tempPath("no/such/dir.stl").c_str(), 0), nullptr);
   EXPECT_EQ(stlCreateAscii(tempPath("no/such/dir.stl").c_str()), nullptr);
   EXPECT_EQ(stlPatchCount(1, nullptr), -1);
