@@ -16,9 +16,7 @@
 
 namespace {
 
-constexpr int32_t kValenceMin = 3;    // a closed fan has at least three triangles
 constexpr int32_t kStackSort = 16;    // lists up to this length are sorted on the stack
-constexpr uint32_t kFanMarkMode = kFanMoveEdg | kFanMoveTri;
 
 inline double scoreOf(const qvVtx* v) { return *qvScoreOf(v); }
 inline void scoreSet(qvVtx* v, double s) { *qvScoreOf(v) = s; }
@@ -121,23 +119,15 @@ int32_t qvVtxScore(qvMesh* mesh, qvVtx* v, const qvRedParams* params) {
   if (v->flags & kVtxKeepSet) return 0;
   if (!v->link || !v->aux) return -1;
   double* const p = v->dat;
-  qvTri* const start = static_cast<qvTri*>(v->aux);
-  int32_t blocked = 0;
-  qvEdg* e = qvSpokePick(mesh, start, v, &blocked);
-  if (blocked < 0) return -1;
-  if (!e) return 1;
-  bool clean = blocked == 0;
-
   // The star marked again: projection, valences, and what lies under and
   // around it.
-  const int32_t ring = qvFanMark(mesh, start, p, kMarkSet.tri, kMarkSet.edg, kMarkSet.vtx, kFanMarkMode);
-  int32_t err = ring < kValenceMin ? -1 : 0;
-  if (err == 0 && clean) {
-    const int32_t r = qvRingProject(mesh, start, p, ring);
-    if (r < 0) err = -1;
-    clean = r == 0;
-    if (err == 0 && clean && qvValenceFill(mesh, kMarkSet.tri) < 0) err = -1;
-  }
+  qvStarView star;
+  int32_t err = 0;
+  const int32_t opened = qvStarOpen(mesh, v, &star, &err);
+  if (opened != 0) return opened;
+  qvTri* const start = star.start;
+  qvEdg* const e = star.spoke;
+  bool clean = star.clean;
   qvLnk* old = err == 0 ? qvOldPatch(mesh, kTriMarkOld, &err) : nullptr;
   qvLnk* near = err == 0 ? qvNewNeighbours(mesh, v, &kMarkSet, &err) : nullptr;
   unmarkStar(mesh);

@@ -6,7 +6,6 @@ namespace {
 
 constexpr double kLeafDivisor = 1.5773502691896257;  // 1 + 1/sqrt(3)
 constexpr double kFarFactor = 9.0;                   // far2 = (3 t)^2
-constexpr int32_t kValenceMin = 3;                   // the fewest triangles round a vertex
 
 void clearEntries(qvMesh* mesh) {
   for (qvVtx* v = mesh->vtx; v; v = v->next) {

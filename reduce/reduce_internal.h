@@ -7,6 +7,25 @@
 
 #include "reduce/reduce.h"
 
+// ---- Opening a star -------------------------------------------------------------
+
+constexpr int32_t kValenceMin = 3;  // the fewest triangles round a vertex: a closed fan
+constexpr uint32_t kFanMarkMode = kFanMoveEdg | kFanMoveTri;  // marked star at the list heads
+
+// The star of a vertex as a trial or a removal opens it.
+struct qvStarView {
+  qvTri *start;  // the triangle the vertex's fan is entered at (its aux)
+  qvEdg *spoke;  // the spoke the vertex collapses along
+  bool clean;    // every spoke considered passed and the ring projects simply
+};
+
+// Picks the spoke of v, marks its star with kMarkSet at the list heads and,
+// while the star is clean, projects the ring and fills the valences. Returns
+// -1 for a failure before anything was marked, 1 when no spoke qualifies
+// (nothing marked), and 0 when the star is marked: *err then says whether
+// the marking, projection or valences failed, and the caller unmarks.
+int32_t qvStarOpen(qvMesh *mesh, qvVtx *v, qvStarView *star, int32_t *err);
+
 // ---- Ring projection ------------------------------------------------------------
 
 // Results of a plane row.

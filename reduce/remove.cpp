@@ -19,10 +19,8 @@
 
 namespace {
 
-constexpr int32_t kValenceMin = 3;      // the fewest triangles round a vertex
 constexpr int32_t kFlipApexMin = 4;     // an apex of a flipped diagonal, after the flip
 constexpr double kSpreadTol = 1e-6;     // length tolerance of pointTriDist2
-constexpr uint32_t kFanMarkMode = kFanMoveEdg | kFanMoveTri;
 
 inline qvTri* liveAcross(const qvTri* t, int32_t i) { return t->aux[i] ? t->aux[i] : t->adj[i]; }
 
@@ -594,27 +592,42 @@ int32_t qvStarGraft(qvMesh* copy, qvMesh* mesh, uint32_t m) {
 // ---------------------------------------------------------------------------
 // The commit
 
+int32_t qvStarOpen(qvMesh* mesh, qvVtx* v, qvStarView* star, int32_t* err) {
+  if (!mesh || !v || !star || !err || !v->aux) return -1;
+  double* const p = v->dat;
+  star->start = static_cast<qvTri*>(v->aux);
+  int32_t blocked = 0;
+  star->spoke = qvSpokePick(mesh, star->start, v, &blocked);
+  if (blocked < 0) return -1;
+  if (!star->spoke) return 1;
+  star->clean = blocked == 0;
+
+  const int32_t ring =
+      qvFanMark(mesh, star->start, p, kMarkSet.tri, kMarkSet.edg, kMarkSet.vtx, kFanMarkMode);
+  *err = ring < kValenceMin ? -1 : 0;
+  if (*err == 0 && star->clean) {
+    const int32_t r = qvRingProject(mesh, star->start, p, ring);
+    if (r < 0) *err = -1;
+    star->clean = r == 0;
+    if (*err == 0 && star->clean && qvValenceFill(mesh, kMarkSet.tri) < 0) *err = -1;
+  }
+  return 0;
+}
+
 namespace {
 
 int32_t removeVertex(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvRedOrder* order, bool full) {
   if (!mesh || !v || !params || !v->aux) return -1;
   double* const p = v->dat;
-  qvTri* const start = static_cast<qvTri*>(v->aux);
-  int32_t blocked = 0;
-  qvEdg* e = qvSpokePick(mesh, start, v, &blocked);
-  if (blocked < 0) return -1;
-  if (!e) return 1;
-  bool clean = blocked == 0;
+  qvStarView star;
+  int32_t err = 0;
+  const int32_t opened = qvStarOpen(mesh, v, &star, &err);
+  if (opened != 0) return opened;
+  qvTri* const start = star.start;
+  qvEdg* const e = star.spoke;
+  bool clean = star.clean;
 
-  const int32_t ring = qvFanMark(mesh, start, p, kMarkSet.tri, kMarkSet.edg, kMarkSet.vtx, kFanMarkMode);
   const uint32_t edgBits[2] = {kMarkSet.edg, kMarkSet.edg};
-  int32_t err = ring < kValenceMin ? -1 : 0;
-  if (err == 0 && clean) {
-    const int32_t r = qvRingProject(mesh, start, p, ring);
-    if (r < 0) err = -1;
-    clean = r == 0;
-    if (err == 0 && clean && qvValenceFill(mesh, kMarkSet.tri) < 0) err = -1;
-  }
   qvLnk* ringList = err == 0 ? qvRingVertices(mesh, &kMarkSet, &err) : nullptr;
   qvHeadUnmark(mesh, kMarkSet.tri, edgBits, kMarkSet.vtx);
   if (err != 0) return -1;
