@@ -62,23 +62,6 @@ void triFill(qvTriCache& w, const double* a, const double* b, const double* c, u
   w.have |= missing;
 }
 
-// A working copy of the caller's cache, or an empty block.
-qvTriCache triOpen(const qvTriCache* cache) {
-  qvTriCache w;
-  if (cache != nullptr) {
-    w = *cache;
-  } else {
-    w.have = 0;
-  }
-  return w;
-}
-
-void triClose(qvTriCache* cache, const qvTriCache& w) {
-  if (cache != nullptr) {
-    *cache = w;
-  }
-}
-
 // ---------------------------------------------------------------------------
 // Point to triangle
 
@@ -260,10 +243,12 @@ double pointSegDist2d(const double* a, const double* b, const double* p, double 
 
 double pointTriDist2(qvTriCache* cache, const double* a, const double* b, const double* c,
                      const double* p, double tol, double* raw, double* clamped) {
-  qvTriCache w = triOpen(cache);
-  double dist = pointTriMeasure(w, a, b, c, p, std::fabs(tol), raw, clamped);
-  triClose(cache, w);
-  return dist;
+  if (cache != nullptr) {
+    return pointTriMeasure(*cache, a, b, c, p, std::fabs(tol), raw, clamped);
+  }
+  qvTriCache w;
+  w.have = 0;
+  return pointTriMeasure(w, a, b, c, p, std::fabs(tol), raw, clamped);
 }
 
 int32_t segSegDist2(const double* a0, const double* a1, const double* b0, const double* b1,
@@ -324,9 +309,10 @@ int32_t segSegDist2(const double* a0, const double* a1, const double* b0, const 
 
 double segTriDist2(qvTriCache* cache, const double* a, const double* b, const double* c,
                    const double* p, const double* q, double tol) {
-  qvTriCache w = triOpen(cache);
+  qvTriCache own;
+  own.have = 0;
+  qvTriCache& w = cache != nullptr ? *cache : own;
   triFill(w, a, b, c, kTriHaveAb | kTriHaveBc | kTriHaveN);
-  triClose(cache, w);
   double pq[3];
   sub3(q, p, pq);
   double den = dot3(pq, w.n);

@@ -10,6 +10,7 @@
 // to triangles shorter than leaf. Corners that lie on the new surface pin the
 // measure to the reference triangles round them. The early stop at tol2 runs
 // through every level: most trials that fail do so long before the maximum.
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -69,30 +70,48 @@ qvTri* pairTri(const double* h) {
   return t;
 }
 
-// The nearest triangle of p in list: distance 0.0 to a triangle that has p as
-// a corner by address, else pointTriDist2 through the triangle's cache,
-// allocated on first use. The first triangle, or one strictly nearer, is
-// kept. false when a triangle's corners can't be read or a cache can't be had.
-bool findNearest(qvDevPt* p, qvLnk* list) {
+// The distance from p to the triangle of entry e, through the triangle's
+// cache, allocated on first use; 0.0 when p is a corner by address. -1.0 when
+// no cache can be had.
+double refDist(const qvDevPt* p, const qvDevRef& e) {
+  if (p->h && (p->h == e.h[0] || p->h == e.h[1] || p->h == e.h[2])) return 0.0;
+  qvTri* t = e.tri;
+  if (!t->cache) {
+    void* mem = std::malloc(sizeof(qvTriCache));
+    if (!mem) return -1.0;  // a failed allocation fails the measure
+    t->cache = new (mem) qvTriCache{};
+  }
+  return orFar(pointTriDist2(t->cache, e.xyz[0], e.xyz[1], e.xyz[2], p->xyz, kDevTol, nullptr, nullptr));
+}
+
+// Whether pointTriDist2 must give p at least best for the triangle of e:
+// when p lies beyond the ball round the triangle by more than the root of
+// best. Every point that routine measures to (a projection, a point of an
+// edge, a midpoint, the centroid) lies in the ball up to rounding of a few
+// units in the last place of the coordinates; the slack of 1e-12 of the
+// largest coordinate, and the relative 1e-12 on top, cover that many times
+// over. A value that isn't finite rules nothing out.
+bool refBeyond(const qvDevRef& e, double pd2, double pscale, double root) {
+  const double s = e.scale > pscale ? e.scale : pscale;
+  const double reach = e.radius + 1e-12 * s + root * (1.0 + 1e-12);
+  return pd2 > reach * reach * (1.0 + 1e-12) && std::isfinite(pd2);
+}
+
+// The nearest triangle of p in list, read from the records: distance 0.0 to
+// a triangle that has p as a corner by address, else pointTriDist2. The
+// first triangle, or one strictly nearer, is kept. false when a triangle's
+// corners can't be read or a cache can't be had.
+bool findNearestRecords(qvDevPt* p, qvLnk* list) {
   p->near = nullptr;
   p->dist = 0.0;
   for (qvLnk* l = list; l; l = l->next) {
     qvTri* t = triOf(l);
     double* c[3];
     if (!t || qvTriCorners(t, 0, c) != 0) return false;
-    double d = 0.0;
-    if (!p->h || (p->h != c[0] && p->h != c[1] && p->h != c[2])) {
-      const double* a = xyzOf(c[0]);
-      const double* b = xyzOf(c[1]);
-      const double* e = xyzOf(c[2]);
-      if (!a || !b || !e) return false;
-      if (!t->cache) {
-        void* mem = std::malloc(sizeof(qvTriCache));
-        if (!mem) return false;  // a failed allocation fails the measure
-        t->cache = new (mem) qvTriCache{};
-      }
-      d = orFar(pointTriDist2(t->cache, a, b, e, p->xyz, kDevTol, nullptr, nullptr));
-    }
+    qvDevRef e{t, {c[0], c[1], c[2]}, {xyzOf(c[0]), xyzOf(c[1]), xyzOf(c[2])}, {}, 0.0, 0.0, 0};
+    if (!e.xyz[0] || !e.xyz[1] || !e.xyz[2]) return false;
+    const double d = refDist(p, e);
+    if (d < 0.0) return false;
     if (!p->near || d < p->dist) {
       p->near = t;
       p->dist = d;
@@ -101,17 +120,118 @@ bool findNearest(qvDevPt* p, qvLnk* list) {
   return true;
 }
 
-// How many corners of t are the handle h: -1 when they can't be read.
-int32_t cornerCount(const qvTri* t, const double* h) {
-  double* c[3];
-  if (!t || qvTriCorners(t, 0, c) != 0) return -1;
+// The same through the table of run. It finds the same triangle as the walk
+// in list order, the first of the nearest: the triangle whose ball lies
+// nearest is measured first, a triangle that lies beyond the best distance
+// can't be nearer and is passed over, and an equal distance goes to
+// whichever comes first in the list.
+bool findNearest(qvDevPt* p, qvLnk* list, const qvDevRun* run) {
+  if (!run || !run->refs) return findNearestRecords(p, list);
+  const qvDevRef* entry[kDevRefMax];
+  double pd2[kDevRefMax];  // squared distance from p to the entry's centre
+  int32_t n = 0;
+  int32_t first = -1;
+  double firstKey = 0.0;
+  for (qvLnk* l = list; l; l = l->next) {
+    if (l->flags == 0 || l->flags > static_cast<uint32_t>(run->nRefs) || n == kDevRefMax) return false;
+    entry[n] = &run->refs[l->flags - 1];
+    pd2[n] = dist2(p->xyz, entry[n]->centre);
+    const double key = pd2[n] - entry[n]->radius * entry[n]->radius;
+    if (first < 0 || key < firstKey) {
+      first = n;
+      firstKey = key;
+    }
+    ++n;
+  }
+  p->near = nullptr;
+  p->dist = 0.0;
+  if (n == 0) return true;
+  double best = refDist(p, *entry[first]);
+  if (best < 0.0) return false;
+  int32_t at = first;
+  const double pscale = std::fmax(std::fabs(p->xyz[0]), std::fmax(std::fabs(p->xyz[1]), std::fabs(p->xyz[2])));
+  double root = std::sqrt(best);
+  for (int32_t i = 0; i < n; ++i) {
+    if (i == first || refBeyond(*entry[i], pd2[i], pscale, root)) continue;
+    const double d = refDist(p, *entry[i]);
+    if (d < 0.0) return false;
+    if (d < best || (d == best && i < at)) {
+      best = d;
+      at = i;
+      root = std::sqrt(best);
+    }
+  }
+  p->near = entry[at]->tri;
+  p->dist = best;
+  return true;
+}
+
+// Fills run's table from ref and numbers its nodes. false, with nothing
+// changed, when ref is too long for the table (the measure then reads the
+// records) or a triangle's corners can't be read.
+bool refOpen(qvLnk* ref, qvDevRef* table, qvDevRun* run) {
+  run->refs = nullptr;
+  run->nRefs = 0;
+  int32_t n = 0;
+  for (qvLnk* l = ref; l; l = l->next) {
+    qvTri* t = triOf(l);
+    double* c[3];
+    if (n == kDevRefMax || !t || qvTriCorners(t, 0, c) != 0) return false;
+    qvDevRef& e = table[n++];
+    e.tri = t;
+    e.scale = 0.0;
+    for (int k = 0; k < 3; ++k) {
+      e.h[k] = c[k];
+      e.xyz[k] = xyzOf(c[k]);
+      if (!e.xyz[k]) return false;
+      for (int i = 0; i < 3; ++i) {
+        const double a = std::fabs(e.xyz[k][i]);
+        if (a > e.scale) e.scale = a;
+      }
+    }
+    for (int i = 0; i < 3; ++i) e.centre[i] = (e.xyz[0][i] + e.xyz[1][i] + e.xyz[2][i]) / 3.0;
+    e.radius = 0.0;
+    for (int k = 0; k < 3; ++k) {
+      const double r = std::sqrt(dist2(e.centre, e.xyz[k]));
+      if (r > e.radius) e.radius = r;
+    }
+    e.flags = l->flags;
+  }
+  int32_t i = 0;
+  for (qvLnk* l = ref; l; l = l->next) l->flags = static_cast<uint32_t>(++i);
+  run->refs = table;
+  run->nRefs = n;
+  return true;
+}
+
+// Gives the nodes of the reference list their own flags back.
+void refClose(qvLnk* ref, qvDevRun* run) {
+  if (!run->refs) return;
+  for (qvLnk* l = ref; l; l = l->next)
+    if (l->flags >= 1 && l->flags <= static_cast<uint32_t>(run->nRefs)) l->flags = run->refs[l->flags - 1].flags;
+  run->refs = nullptr;
+  run->nRefs = 0;
+}
+
+// How many corners of the triangle of node l are the handle h: -1 when they
+// can't be read.
+int32_t cornerCount(const qvLnk* l, const double* h, const qvDevRun* run) {
+  const double* const* c;
+  double* own[3];
+  if (run && run->refs) {
+    if (l->flags == 0 || l->flags > static_cast<uint32_t>(run->nRefs)) return -1;
+    c = run->refs[l->flags - 1].h;
+  } else {
+    if (!l->item || qvTriCorners(triOf(l), 0, own) != 0) return -1;
+    c = own;
+  }
   return (c[0] == h) + (c[1] == h) + (c[2] == h);
 }
 
 // 1 if some triangle of ref has h as a corner, 0 if none, -1 on failure.
-int32_t onRef(const double* h, const qvLnk* ref) {
+int32_t onRef(const double* h, const qvLnk* ref, const qvDevRun* run) {
   for (const qvLnk* l = ref; l; l = l->next) {
-    const int32_t n = cornerCount(triOf(l), h);
+    const int32_t n = cornerCount(l, h, run);
     if (n != 0) return n < 0 ? -1 : 1;
   }
   return 0;
@@ -165,7 +285,7 @@ double splitFour(qvDevPt c[3], qvLnk* ref, qvDevRun* run, int32_t depth, PartFn 
     const double* b = c[(k + 1) % 3].xyz;
     for (int i = 0; i < 3; ++i) pts[k][i] = kHalf * (a[i] + b[i]);
     m[k] = qvDevPt{nullptr, pts[k], nullptr, 0.0};
-    if (!findNearest(&m[k], ref)) return fail(run);
+    if (!findNearest(&m[k], ref, run)) return fail(run);
   }
   qvDevPt parts[4][3] = {{m[2], c[0], m[0]}, {m[0], c[1], m[1]}, {m[1], c[2], m[2]}, {m[0], m[1], m[2]}};
   double best = -1.0;
@@ -203,7 +323,9 @@ void joinBehind(LnkRun& a, const LnkRun& b) {
 // ---------------------------------------------------------------------------
 // Nearest triangles of the corners
 
-int32_t qvDevNearest(qvLnk* old, qvLnk* ref) {
+namespace {
+
+int32_t nearestAll(qvLnk* old, qvLnk* ref, const qvDevRun* run) {
   bool ok = true;
   for (qvLnk* l = old; l && ok; l = l->next) {
     qvVtx* c[3];
@@ -224,7 +346,7 @@ int32_t qvDevNearest(qvLnk* old, qvLnk* ref) {
       if (!(x->flags & kVtxMarkNearest)) continue;
       x->flags &= ~kVtxMarkNearest;
       qvDevPt p{x->dat, qvVtxXyz(x), nullptr, 0.0};
-      if (!findNearest(&p, ref)) {
+      if (!findNearest(&p, ref, run)) {
         ok = false;
         break;
       }
@@ -238,6 +360,10 @@ int32_t qvDevNearest(qvLnk* old, qvLnk* ref) {
   }
   return ok ? 0 : -1;
 }
+
+}  // namespace
+
+int32_t qvDevNearest(qvLnk* old, qvLnk* ref) { return nearestAll(old, ref, nullptr); }
 
 // ---------------------------------------------------------------------------
 // Classification
@@ -294,7 +420,7 @@ double qvDevTri(qvDevPt c[3], qvLnk* ref, qvDevRun* run, int32_t depth) {
   int32_t shared = 0;
   for (int32_t k = 0; k < 3; ++k) {
     if (!c[k].h) continue;
-    const int32_t on = onRef(c[k].h, ref);
+    const int32_t on = onRef(c[k].h, ref, run);
     if (on < 0) return fail(run);
     if (on) {
       mask |= 1 << k;
@@ -374,7 +500,7 @@ double qvDevOneShared(qvDevPt c[3], int32_t index, qvLnk* ref, qvDevRun* run, in
   bool ok = true;
   for (qvLnk* l = ref; l;) {
     qvLnk* next = l->next;  // read before l is relinked
-    const int32_t n = cornerCount(triOf(l), s);
+    const int32_t n = cornerCount(l, s, run);
     if (n < 0 || n > 1) ok = false;
     append(n == 1 ? inner : outer, l);
     l = next;
@@ -392,7 +518,7 @@ double qvDevOneShared(qvDevPt c[3], int32_t index, qvLnk* ref, qvDevRun* run, in
     // among those at s, in this private copy.
     for (int32_t k = 0; k < 3 && ok; ++k) {
       if (k == index || !outer.head || inList(p[k].near, inner.head)) continue;
-      ok = inList(p[k].near, outer.head) && findNearest(&p[k], inner.head);
+      ok = inList(p[k].near, outer.head) && findNearest(&p[k], inner.head, run);
     }
     if (ok) d = qvDevPinned(p, index, inner.head, run, depth);
   }
@@ -429,7 +555,7 @@ double qvDevBisect(qvDevPt c[3], int32_t pin, qvLnk* list, qvDevRun* run, int32_
   double mid[3];
   for (int i = 0; i < 3; ++i) mid[i] = kHalf * (a.xyz[i] + b.xyz[i]);
   qvDevPt m{nullptr, mid, nullptr, 0.0};
-  if (!findNearest(&m, list)) return fail(run);
+  if (!findNearest(&m, list, run)) return fail(run);
   qvDevPt toA[3] = {c[pin], m, a};
   const double da = qvDevPinned(toA, 0, list, run, depth + 1);
   if (*run->err != 0 || da > run->params->tol2) return da;
@@ -456,6 +582,32 @@ double qvDevPinnedPair(const qvDevPt c[3], int32_t pin, qvDevRun* run) {
 // ---------------------------------------------------------------------------
 // Entry point
 
+namespace {
+
+double measureAll(qvLnk* old, qvLnk* ref, qvDevRun* run) {
+  if (nearestAll(old, ref, run) != 0) {
+    *run->err = -1;
+    return -1.0;
+  }
+  double best = -1.0;
+  for (const qvLnk* l = old; l; l = l->next) {
+    qvDevPt c[3];
+    if (!cornersOf(triOf(l), c)) {
+      *run->err = -1;
+      return -1.0;
+    }
+    const double d = qvDevTri(c, ref, run, 0);
+    if (*run->err != 0) return -1.0;
+    if (d > best) {
+      if (d > run->params->tol2) return d;
+      best = d;
+    }
+  }
+  return best;
+}
+
+}  // namespace
+
 double qvDevList(qvLnk* old, qvLnk* ref, const qvRedParams* params, int32_t* err) {
   int32_t local = 0;
   int32_t* status = err ? err : &local;
@@ -466,24 +618,12 @@ double qvDevList(qvLnk* old, qvLnk* ref, const qvRedParams* params, int32_t* err
     return -1.0;
   }
   if (!old) return -1.0;
-  if (qvDevNearest(old, ref) != 0) {
-    *status = -1;
-    return -1.0;
-  }
-  qvDevRun run{params, status, 0};
-  double best = -1.0;
-  for (const qvLnk* l = old; l; l = l->next) {
-    qvDevPt c[3];
-    if (!cornersOf(triOf(l), c)) {
-      *status = -1;
-      return -1.0;
-    }
-    const double d = qvDevTri(c, ref, &run, 0);
-    if (*status != 0) return -1.0;
-    if (d > best) {
-      if (d > params->tol2) return d;
-      best = d;
-    }
-  }
-  return best;
+  qvDevRef table[kDevRefMax];
+  qvDevRun run{params, status, 0, nullptr, 0};
+  refOpen(ref, table, &run);
+  // The levels regroup ref's nodes but keep them all, with its head in
+  // front, so every numbered node is in the list when the flags go back.
+  const double d = measureAll(old, ref, &run);
+  refClose(ref, &run);
+  return d;
 }

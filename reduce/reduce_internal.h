@@ -91,11 +91,31 @@ struct qvDevPt {
   double dist;        // squared distance to near
 };
 
+// A reference triangle as one measure sees it: its corners read once, and a
+// ball that holds it, which bounds its distance from below so that most
+// triangles of a search need no distance at all.
+struct qvDevRef {
+  qvTri *tri;
+  const double *h[3];    // corner handles
+  const double *xyz[3];  // corner coordinates
+  double centre[3];      // centroid
+  double radius;         // largest distance from centre to a corner
+  double scale;          // largest coordinate magnitude of the corners
+  uint32_t flags;        // the list node's own flags, given back at the end
+};
+// Reference lists up to this long get the table; longer ones (stars of very
+// high valence) are read from the records as they stand.
+constexpr int32_t kDevRefMax = 64;
+
 // What one measure carries through its levels.
 struct qvDevRun {
   const qvRedParams *params;  // tol2 for the early stop, leaf2 for the split limit
   int32_t *err;               // set to -1 on failure; every level stops when it is
   int32_t calls;              // levels entered so far, against kDevCallBudget
+  qvDevRef *refs;             // the reference table, or null; while it is set,
+                              // each node of the reference list holds its
+                              // entry's index + 1 in flags
+  int32_t nRefs;
 };
 
 // A level this deep measures its triangle at the corners only: 64 halvings
