@@ -339,6 +339,8 @@ int reduceStreamed(const char *input, const char *output, int engineKind, const 
 
 // ---- Method entries ----------------------------------------------------------------
 
+void (*gAfterScanHook)(const char *inputName) = nullptr;
+
 namespace {
 
 // The scan, shared by the two block methods; then the route by size.
@@ -354,6 +356,9 @@ int reduceBlockMethod(const char *input, const char *output, int engineKind, dou
     return -1;
   }
   const int count = static_cast<int>(scanned);
+  if (gAfterScanHook) {
+    gAfterScanHook(input);
+  }
   const int result = count < kStreamedFrom
                          ? reduceInMemory(input, output, engineKind, &box, tolerance, angle, count)
                          : reduceStreamed(input, output, engineKind, &box, tolerance, angle, count);

@@ -94,6 +94,13 @@ int reduceMedium(const char *inputName, const char *outputName, double tolerance
 int reduceHigh(const char *inputName, const char *outputName, double tolerance,
                const double *angle, int32_t *oldCount);
 
+// Test hook, null in the product: when set, the block methods call it with the
+// input name after the scan and before the load (or the key read, on the
+// streamed route), so that a test can change or remove the file in the one
+// window where a file read twice can change. Set it only from a test, before a
+// run, and clear it afterwards.
+extern void (*gAfterScanHook)(const char *inputName);
+
 // ---- Reduction drivers (drivers.cpp) ---------------------------------------------
 
 // engineKind: which engine entry reduces a shell; it runs the opposite way to method.

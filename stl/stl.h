@@ -121,8 +121,8 @@ int facetBoxOfBlocks(FacetBlock *const *blocks, int count, FacetBox *box);
 FacetRec **sortFacetPointers(FacetBlock *const *blocks, int count, int axis);
 // New key table in file order, or null. Free with free(). count: the expected
 // count in (ASCII counts the file when it is negative), the count or a negative
-// status out; an ASCII file whose terminator stands before its last facet is
-// refused with -1.
+// status out; an ASCII file whose terminator stands before its last facet, or
+// that holds more facets than a count given, is refused with -1.
 FacetKey *readFacetKeys(const char *name, int axis, int *count, int *format);
 // Orders by key, equal keys by ordinal. count, or -1 for a negative count.
 int sortFacetKeys(FacetKey *keys, int count);

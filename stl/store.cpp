@@ -160,6 +160,8 @@ FacetKey *readBinaryKeys(const char *name, int axis, int *count) {
 // Makes exactly `*count` facet reads, counting the file first when the count
 // given is negative. Every read must give a facet: a terminator before the
 // last facet would leave a key slot without a facet, so such a file is refused.
+// So is a file with a facet after the last one read: it holds more facets than
+// the count says, and is never read in part.
 FacetKey *readAsciiKeys(const char *name, int axis, int *count) {
   int64_t wanted = *count;
   if (wanted < 0) {
@@ -196,7 +198,19 @@ FacetKey *readAsciiKeys(const char *name, int axis, int *count) {
     }
     keys[ordinal] = {ordinal, facetKeyOf(wire.v + 3, axis)};
   }
+  // Only terminators may follow: a facet more means the file holds more than
+  // the count it was read for (it grew since it was counted), and its keys
+  // would cover part of it.
+  int rest = 1;
+  while (rest == 1) {
+    rest = stlReadAsciiFacet(file, &wire);
+  }
   std::fclose(file);
+  if (rest != 2) {
+    std::free(keys);
+    *count = rest == 0 ? -1 : rest;
+    return nullptr;
+  }
   *count = total;
   return keys;
 }

@@ -6,12 +6,9 @@
 
 #include <gtest/gtest.h>
 
-#include <sys/resource.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <csignal>
 
 namespace {
 
@@ -164,37 +161,6 @@ TEST(Drivers, OutputOverTheInputReplacesItOnlyAfterSuccess) {
   for (const auto &entry : std::filesystem::directory_iterator(input.substr(0, input.rfind('/')))) {
     EXPECT_EQ(entry.path().string().find("self.stl."), std::string::npos) << entry.path();
   }
-}
-
-// A write that fails once the output exists (a file size limit in a child):
-// the block routes delete the output, reduceHigh leaves it with count 0, and
-// an output that is the input leaves the input as it was.
-TEST(Drivers, WriteFailureDeletesBlockOutputAndLeavesHighOutputWithCountZero) {
-  const std::string output = tempPath("limited.stl"), input = tempPath("bunny.stl");
-  writeBytes(input, fileBytes(dataPath("bunny.stl")));
-  const struct {
-    Method method;
-    std::string output;
-    std::string count; // the count field left behind
-  } cases[] = {{reduceMedium, output, "none"},
-               {reduceHigh, output, std::string(4, '\0')},
-               {reduceHigh, input, fileBytes(input).substr(80, 4)}};
-  for (const auto &c : cases) {
-    std::remove(output.c_str());
-    const pid_t child = fork();
-    if (child == 0) {
-      std::signal(SIGXFSZ, SIG_IGN);
-      const rlimit limit = {1000, 1000};
-      setrlimit(RLIMIT_FSIZE, &limit);
-      int32_t old;
-      _exit(c.method(input.c_str(), c.output.c_str(), 0.1, nullptr, &old) == -1 ? 0 : 1);
-    }
-    int status;
-    waitpid(child, &status, 0);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << &c - cases;
-    EXPECT_EQ(countField(c.output), c.count) << &c - cases;
-  }
-  EXPECT_EQ(fileBytes(input), fileBytes(dataPath("bunny.stl")));
 }
 
 } // namespace

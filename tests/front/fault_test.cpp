@@ -1,0 +1,360 @@
+// Faults around the files of a run: a full disk, a missing folder, a file that
+// can't be written, an input that vanishes or changes between the scan and the
+// load. The built tool must print the one failure message and end with 255 (the
+// method entries return -1), leave no output on the block methods (-qm, -ql), on
+// -qh at most an output with a count of 0 (the documented behaviour), no report,
+// and never change its input.
+//
+// The tool is run in a child of its own so that a file size limit or another
+// user applies to it alone. A full disk is a file size limit (RLIMIT_FSIZE)
+// with SIGXFSZ ignored, which makes every write past it fail with EFBIG; root
+// writes any file, so the unwritable cases run the child as nobody (uid 65534)
+// when the tests run as root. The tool is copied into the test folder, which
+// every user can read, so that it runs whatever user the child is.
+#include "front/front.h"
+#include "support.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+const char *const kFailed = "ERROR: REDUCTION NOT POSSIBLE !\n";
+constexpr uid_t kNobody = 65534;
+constexpr int kCannotBecomeNobody = 126; // exit status of a child that can't change user
+constexpr int kCannotRun = 127;          // exit status of a child whose exec failed
+
+std::vector<Facet> tetrahedron(float base = 0) {
+  const float b = base + 1;
+  return {{base, 0, 0, base, 1, 0, b, 0, 0}, {base, 0, 0, b, 0, 0, base, 0, 1},
+          {b, 0, 0, base, 1, 0, base, 0, 1}, {base, 0, 0, base, 0, 1, base, 1, 0}};
+}
+
+// Four tetrahedra: 16 facets that no method thins, 884 bytes as binary.
+std::vector<Facet> fourTetrahedra() {
+  std::vector<Facet> facets;
+  for (int i = 0; i < 4; ++i)
+    for (const Facet &facet : tetrahedron(2.0f * i)) facets.push_back(facet);
+  return facets;
+}
+
+// The count field of a file, or -1 for a file shorter than a header.
+int64_t countOf(const std::string &path) {
+  const std::string bytes = fileBytes(path);
+  if (bytes.size() < 84) return -1;
+  uint32_t count;
+  std::memcpy(&count, bytes.data() + 80, 4);
+  return count;
+}
+
+bool complete(const std::string &path) {
+  const int64_t count = countOf(path);
+  return count >= 0 && fileBytes(path).size() == 84 + 50 * static_cast<uint64_t>(count);
+}
+
+struct Limits {
+  rlim_t fileSize = RLIM_INFINITY; // RLIMIT_FSIZE of the child
+  bool nobody = false;             // run as uid 65534 when running as root
+};
+
+// A folder every user can enter, with the tool copied in and the input as
+// part.stl, removed at the end.
+class Fault : public ::testing::Test {
+protected:
+  void SetUp() override {
+    char pattern[] = "/tmp/ft_fault_XXXXXX";
+    ASSERT_NE(mkdtemp(pattern), nullptr);
+    dir_ = pattern;
+    fs::permissions(dir_, fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec |
+                              fs::perms::others_read | fs::perms::others_exec);
+    fs::copy_file(FT_BINARY_DIR "/FacetTrim", dir_ / "FacetTrim");
+    input_ = binaryStl(fourTetrahedra());
+    writeBytes(path("part.stl"), input_);
+  }
+  void TearDown() override {
+    std::error_code ignored;
+    for (const auto &entry : fs::recursive_directory_iterator(dir_, ignored))
+      fs::permissions(entry.path(), fs::perms::owner_all, fs::perm_options::add, ignored);
+    fs::remove_all(dir_, ignored);
+  }
+
+  std::string path(const std::string &leaf) const { return (dir_ / leaf).string(); }
+
+  // Runs the tool in the folder under limits: its exit status (-1 for a
+  // signal) and standard output, read through a pipe that no size limit reaches.
+  int run(const std::vector<std::string> &args, const Limits &limits, std::string *out) const {
+    int pipeEnds[2];
+    if (pipe(pipeEnds) != 0) return -1;
+    const pid_t child = fork();
+    if (child == 0) {
+      close(pipeEnds[0]);
+      dup2(pipeEnds[1], STDOUT_FILENO);
+      close(pipeEnds[1]);
+      if (chdir(dir_.c_str()) != 0) _exit(kCannotRun);
+      if (limits.fileSize != RLIM_INFINITY) {
+        // Ignored stays ignored across exec.
+        std::signal(SIGXFSZ, SIG_IGN);
+        const rlimit limit = {limits.fileSize, limits.fileSize};
+        if (setrlimit(RLIMIT_FSIZE, &limit) != 0) _exit(kCannotRun);
+      }
+      if (limits.nobody && geteuid() == 0 && (setgid(kNobody) != 0 || setuid(kNobody) != 0))
+        _exit(kCannotBecomeNobody);
+      std::vector<char *> argv = {const_cast<char *>("./FacetTrim")};
+      for (const std::string &arg : args) argv.push_back(const_cast<char *>(arg.c_str()));
+      argv.push_back(nullptr);
+      execv("./FacetTrim", argv.data());
+      _exit(kCannotRun);
+    }
+    close(pipeEnds[1]);
+    std::string text;
+    char buffer[4096];
+    for (ssize_t got; (got = read(pipeEnds[0], buffer, sizeof buffer)) > 0;) text.append(buffer, got);
+    close(pipeEnds[0]);
+    int status = 0;
+    waitpid(child, &status, 0);
+    if (out) *out = text;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+
+  // Expects the one failure message and 255, no report and the input as it was.
+  void expectFailure(const std::vector<std::string> &args, const Limits &limits,
+                     const std::string &where) const {
+    std::string out;
+    const int status = run(args, limits, &out);
+    if (status == kCannotBecomeNobody) GTEST_SKIP() << "cannot run a child as uid 65534";
+    EXPECT_EQ(status, 255) << where;
+    // The low method may print progress lines before the message.
+    EXPECT_TRUE(out.size() >= std::strlen(kFailed) && out.compare(out.size() - std::strlen(kFailed),
+                                                                  std::string::npos, kFailed) == 0)
+        << where << ": " << out;
+    EXPECT_EQ(out.find(kFailed), out.size() - std::strlen(kFailed)) << where;
+    for (const auto &entry : fs::recursive_directory_iterator(dir_))
+      EXPECT_NE(entry.path().extension(), ".log") << where << ": " << entry.path();
+    EXPECT_EQ(fileBytes(path("part.stl")), input_) << where;
+  }
+
+  fs::path dir_;
+  std::string input_;
+};
+
+const char *const kMethods[] = {"-ql", "-qm", "-qh"};
+
+// A full disk: the block methods delete their output, -qh leaves it with a
+// count of 0, and an output that is the input leaves the input whole and no
+// sibling beside it. 400 bytes hold the header and six records, not sixteen.
+TEST_F(Fault, FullDiskFailsWithoutPartialOutputOnTheBlockMethods) {
+  Limits full;
+  full.fileSize = 400;
+  for (const char *method : kMethods) {
+    for (const bool solid : {false, true}) {
+      std::vector<std::string> args = {"part.stl", method, "-oout.stl"};
+      if (solid) args.push_back("-ssolid.stl");
+      const std::string where = std::string(method) + (solid ? " -s" : "");
+      expectFailure(args, full, where);
+      EXPECT_FALSE(fs::exists(path("solid.stl"))) << where;
+      if (method[2] == 'h') {
+        EXPECT_EQ(countOf(path("out.stl")), 0) << where;
+        EXPECT_LE(fileBytes(path("out.stl")).size(), 400u) << where;
+      } else {
+        EXPECT_FALSE(fs::exists(path("out.stl"))) << where;
+      }
+      fs::remove(path("out.stl"));
+    }
+    expectFailure({"part.stl", method, "-opart.stl"}, full, std::string(method) + " over the input");
+    for (const auto &entry : fs::directory_iterator(dir_))
+      EXPECT_EQ(entry.path().filename().string().rfind("part.stl.", 0), std::string::npos) << entry.path();
+  }
+  // Without the limit the same runs succeed.
+  for (const char *method : kMethods) {
+    std::string out;
+    EXPECT_EQ(run({"part.stl", method, "-oout.stl", "-ssolid.stl"}, {}, &out), 0) << method;
+    EXPECT_TRUE(complete(path("out.stl")) && countOf(path("out.stl")) == 16) << method;
+  }
+}
+
+// A missing folder for the output fails before anything is written; one for
+// the solid file fails the extraction after the reduction, which leaves the
+// reduced file complete.
+TEST_F(Fault, MissingFolderFailsAndTheSolidCaseKeepsTheReducedFile) {
+  for (const char *method : kMethods) {
+    expectFailure({"part.stl", method, "-onodir/out.stl"}, {}, method);
+    EXPECT_FALSE(fs::exists(path("nodir"))) << method;
+    expectFailure({"part.stl", method, "-oout.stl", "-snodir/solid.stl"}, {}, std::string(method) + " -s");
+    EXPECT_TRUE(complete(path("out.stl")) && countOf(path("out.stl")) == 16) << method;
+    fs::remove(path("out.stl"));
+  }
+}
+
+// A file or folder the user can't write: an existing read-only output stays as
+// it was, nothing appears in a read-only folder, and an output over the input
+// in a read-only folder (no sibling can be made) leaves the input whole.
+TEST_F(Fault, UnwritableOutputFailsAndLeavesEveryFileAsItWas) {
+  Limits nobody;
+  nobody.nobody = true;
+  const std::string old = "an older file that must stay";
+  writeBytes(path("old.stl"), old);
+  fs::permissions(path("old.stl"), fs::perms::owner_read | fs::perms::group_read | fs::perms::others_read);
+  fs::create_directory(path("locked"));
+  writeBytes(path("locked/part.stl"), input_);
+  fs::permissions(path("locked"), fs::perms::owner_read | fs::perms::owner_exec | fs::perms::group_read |
+                                      fs::perms::group_exec | fs::perms::others_read |
+                                      fs::perms::others_exec);
+  for (const char *method : kMethods) {
+    expectFailure({"part.stl", method, "-oold.stl"}, nobody, method);
+    EXPECT_EQ(fileBytes(path("old.stl")), old) << method;
+    expectFailure({"part.stl", method, "-olocked/out.stl"}, nobody, std::string(method) + " locked");
+    EXPECT_FALSE(fs::exists(path("locked/out.stl"))) << method;
+    expectFailure({"locked/part.stl", method, "-olocked/part.stl"}, nobody,
+                  std::string(method) + " over the input");
+    EXPECT_EQ(fileBytes(path("locked/part.stl")), input_) << method;
+    EXPECT_EQ(std::distance(fs::directory_iterator(path("locked")), fs::directory_iterator()), 1) << method;
+  }
+}
+
+// ---- The window between the scan and the load -----------------------------------
+
+// What the hook does to the input, once, between the scan and the load.
+std::string gChangedBytes;
+bool gRemoveInput = false;
+int gHookCalls = 0;
+
+void changeInput(const char *name) {
+  ++gHookCalls;
+  if (gRemoveInput) {
+    std::remove(name);
+  } else {
+    writeBytes(name, gChangedBytes);
+  }
+}
+
+struct HookGuard {
+  HookGuard() { gAfterScanHook = changeInput; }
+  ~HookGuard() { gAfterScanHook = nullptr; }
+};
+
+using Method = int (*)(const char *, const char *, double, const double *, int32_t *);
+
+// An input that vanishes, shrinks, is cut, grows or turns into the other
+// format between the scan and the load fails both block methods (and
+// runReduction) without an output; the changed input is left as the change
+// made it.
+TEST(FaultWindow, InputChangedBetweenScanAndLoadFailsTheBlockMethods) {
+  const std::vector<Facet> facets = fourTetrahedra();
+  const std::string binary = binaryStl(facets), ascii = asciiStl(facets);
+  std::vector<Facet> more = facets;
+  for (const Facet &facet : tetrahedron(20)) more.push_back(facet);
+  const struct {
+    std::string before; // the input as scanned
+    bool remove;        // the input vanishes
+    std::string after;  // else the input as loaded
+    const char *what;
+  } cases[] = {
+      {binary, true, "", "binary vanishes"},
+      {ascii, true, "", "ASCII vanishes"},
+      {binary, false, binaryStl({facets.begin(), facets.begin() + 8}), "binary shrinks"},
+      {binary, false, binary.substr(0, 84 + 50 * 8 + 17), "binary is cut"},
+      {binary, false, binaryStl(more), "binary grows"},
+      {ascii, false, asciiStl({facets.begin(), facets.end() - 1}), "ASCII loses a facet"},
+      {ascii, false, ascii.substr(0, ascii.size() / 2), "ASCII is cut"},
+      {ascii, false, asciiStl(more), "ASCII grows"},
+      {binary, false, asciiStl({facets.begin(), facets.begin() + 15}), "binary turns ASCII"},
+      {binary, false, "", "binary is emptied"},
+  };
+  const std::string input = tempPath("window.stl"), output = tempPath("window-out.stl");
+  HookGuard hook;
+  for (const auto &c : cases) {
+    for (Method method : {reduceLow, reduceMedium}) {
+      writeBytes(input, c.before);
+      std::remove(output.c_str());
+      gRemoveInput = c.remove;
+      gChangedBytes = c.after;
+      gHookCalls = 0;
+      int32_t old = -1;
+      EXPECT_EQ(method(input.c_str(), output.c_str(), 0.1, nullptr, &old), -1) << c.what;
+      EXPECT_EQ(gHookCalls, 1) << c.what;
+      EXPECT_FALSE(fs::exists(output)) << c.what;
+      EXPECT_EQ(fs::exists(input), !c.remove) << c.what;
+      if (!c.remove) {
+        EXPECT_EQ(fileBytes(input), c.after) << c.what;
+      }
+    }
+    // The same through the run entry of the command line, with -s.
+    writeBytes(input, c.before);
+    ReduceOptions options;
+    fillDefaultOptions(&options);
+    options.inputName = input;
+    options.outputName = output;
+    options.solidWanted = true;
+    options.solidName = tempPath("window-solid.stl");
+    options.method = kMethodMedium;
+    int32_t old = 0, removed = 0, solids = 0;
+    EXPECT_EQ(runReduction(&options, &old, &removed, &solids), 0) << c.what;
+    EXPECT_LT(removed, 0) << c.what;
+    EXPECT_EQ(solids, -1) << c.what;
+    EXPECT_FALSE(fs::exists(output) || fs::exists(options.solidName)) << c.what;
+  }
+  // An output that is the input: no sibling is made, nothing is left.
+  writeBytes(input, binary);
+  gRemoveInput = false;
+  gChangedBytes = binaryStl({facets.begin(), facets.begin() + 4});
+  int32_t old;
+  EXPECT_EQ(reduceMedium(input.c_str(), input.c_str(), 0.1, nullptr, &old), -1);
+  EXPECT_EQ(fileBytes(input), gChangedBytes);
+  for (const auto &entry : fs::directory_iterator(fs::path(input).parent_path()))
+    EXPECT_EQ(entry.path().filename().string().rfind("window.stl.", 0), std::string::npos) << entry.path();
+  // With the file as it was scanned, the same runs succeed and the hook is
+  // called once per block method and never by -qh, which reads its input once.
+  gChangedBytes = binary;
+  gHookCalls = 0;
+  writeBytes(input, binary);
+  EXPECT_EQ(reduceLow(input.c_str(), output.c_str(), 0.1, nullptr, &old), 0);
+  EXPECT_EQ(reduceMedium(input.c_str(), output.c_str(), 0.1, nullptr, &old), 0);
+  EXPECT_EQ(reduceHigh(input.c_str(), output.c_str(), 0.1, nullptr, &old), 0);
+  EXPECT_EQ(gHookCalls, 2);
+}
+
+// The streamed route reads its keys and then its facets from the file, for
+// the count of the scan. A file that holds fewer or more facets than that
+// count fails without an output; an ASCII file with more facets used to be
+// read in part, its first `count` facets reduced as if they were all.
+TEST(FaultWindow, StreamedRouteRefusesAFileWhoseCountChanged) {
+  const std::vector<Facet> facets = fourTetrahedra();
+  const std::string input = tempPath("streamed.stl"), output = tempPath("streamed-out.stl");
+  for (const std::string &bytes : {binaryStl(facets), asciiStl(facets)}) {
+    writeBytes(input, bytes);
+    for (int count : {15, 17, 4, 100}) {
+      std::remove(output.c_str());
+      EXPECT_EQ(reduceStreamed(input.c_str(), output.c_str(), kEngineMedium, nullptr, 0.1, nullptr, count), -1)
+          << count << (bytes[0] == 's' ? " ASCII" : " binary");
+      EXPECT_FALSE(fs::exists(output)) << count;
+      EXPECT_EQ(fileBytes(input), bytes);
+    }
+    EXPECT_EQ(reduceStreamed(input.c_str(), output.c_str(), kEngineMedium, nullptr, 0.1, nullptr, 16), 0);
+    EXPECT_EQ(countOf(output), 16);
+  }
+}
+
+// -qh reads its input in one pass: a missing or unreadable input fails before
+// the output is created, so none is left.
+TEST_F(Fault, HighMethodLeavesNoOutputWhenTheInputCannotBeRead) {
+  expectFailure({"missing.stl", "-qh", "-oout.stl"}, {}, "missing");
+  EXPECT_FALSE(fs::exists(path("out.stl")));
+  Limits nobody;
+  nobody.nobody = true;
+  writeBytes(path("secret.stl"), input_);
+  fs::permissions(path("secret.stl"), fs::perms::owner_read | fs::perms::owner_write);
+  for (const char *method : kMethods) {
+    if (geteuid() != 0 && access(path("secret.stl").c_str(), R_OK) == 0) break;
+    expectFailure({"secret.stl", method, "-oout.stl"}, nobody, std::string(method) + " unreadable");
+    EXPECT_FALSE(fs::exists(path("out.stl"))) << method;
+  }
+}
+
+} // namespace
