@@ -1,6 +1,7 @@
 // Benchmark helpers for the reduction drivers; run them through bench/passthrough.sh.
 //
 //   drivers_bench gen FILE COUNT   a binary height field of about COUNT facets
+//   drivers_bench plate FILE COUNT a flat plate, the same grid at height 0
 //   drivers_bench block FILE [N]   block N (default 0): meshFromPointers, then qvMeshAssemble
 //
 // `block` sorts the file's facets as the in-memory route does, takes run N of
@@ -25,7 +26,7 @@ namespace {
 // The facets go to the file row by row along x, so the sort along x gathers
 // every run from all over the file, as for a scan stored along its longest
 // extent: the hard case for the streamed route's fetches.
-int generate(const char *name, int64_t count) {
+int generate(const char *name, int64_t count, double amplitude) {
   const int64_t ny = std::max<int64_t>(1, static_cast<int64_t>(std::sqrt(count / 8.0)));
   const int64_t nx = std::max<int64_t>(1, count / (2 * ny));
   FILE *file = std::fopen(name, "wb");
@@ -36,8 +37,8 @@ int generate(const char *name, int64_t count) {
   const uint32_t facets = static_cast<uint32_t>(2 * nx * ny);
   std::memcpy(head + 80, &facets, 4);
   bool ok = std::fwrite(head, 1, sizeof head, file) == sizeof head;
-  auto height = [](int64_t x, int64_t y) {
-    return static_cast<float>(std::sin(0.01 * static_cast<double>(x)) * std::cos(0.013 * static_cast<double>(y)) * 5.0);
+  auto height = [amplitude](int64_t x, int64_t y) {
+    return static_cast<float>(std::sin(0.01 * static_cast<double>(x)) * std::cos(0.013 * static_cast<double>(y)) * amplitude);
   };
   unsigned char record[50] = {};
   auto put = [&](int64_t ax, int64_t ay, int64_t bx, int64_t by, int64_t cx, int64_t cy) {
@@ -145,11 +146,14 @@ int block(const char *name, int index) {
 
 int main(int argc, char **argv) {
   if (argc == 4 && std::strcmp(argv[1], "gen") == 0) {
-    return generate(argv[2], std::atoll(argv[3]));
+    return generate(argv[2], std::atoll(argv[3]), 5.0);
+  }
+  if (argc == 4 && std::strcmp(argv[1], "plate") == 0) {
+    return generate(argv[2], std::atoll(argv[3]), 0.0);
   }
   if ((argc == 3 || argc == 4) && std::strcmp(argv[1], "block") == 0) {
     return block(argv[2], argc == 4 ? std::atoi(argv[3]) : 0);
   }
-  std::fprintf(stderr, "usage: drivers_bench gen FILE COUNT | block FILE\n");
+  std::fprintf(stderr, "usage: drivers_bench gen|plate FILE COUNT | block FILE [N]\n");
   return 2;
 }

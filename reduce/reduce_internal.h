@@ -124,7 +124,7 @@ constexpr int32_t kDevDepthMax = 64;
 // Splits one measure may make. With leaf2 zero (a tolerance of 0) splitting
 // need not end; a measure that spends its budget returns kDevTooFar, which
 // refuses the removal. A distance that isn't a number counts as kDevTooFar too.
-constexpr int32_t kDevCallBudget = 1 << 20;
+constexpr int32_t kDevCallBudget = 1 << 14;
 constexpr double kDevTooFar = std::numeric_limits<double>::infinity();
 
 // Nearest reference triangle of each corner of old, stored in the corner's pair
