@@ -1,12 +1,13 @@
 // Assembly from facet soups: welding, doubled and degenerate facets,
 // non-manifold edges and vertices, orientation and shells. Expected counts
-// are hand counts, or for real models the counts of an exact weld worked out
-// here with std::map.
+// are hand counts, or for real models the counts of FacetMeasure's exact weld.
 #include <gtest/gtest.h>
 
 #include <cmath>
 
+#include "measure/measure.h"
 #include "soup.h"
+#include "support.h"
 
 namespace {
 
@@ -64,6 +65,40 @@ ChainSum assemble(const std::vector<Corners>& facets, const double* tol, int32_t
 
 const Corners kTri = {0, 0, 0, 1, 0, 0, 0, 1, 0};
 
+// The counts of a model's exact weld, by FacetMeasure's library rather than
+// by assembly.
+MeasureTopo weldOf(const char* name) {
+  MeasureMesh m = {};
+  MeasureTopo t = {};
+  EXPECT_GT(measureRead(dataPath(name).c_str(), &m), 0) << name;
+  EXPECT_EQ(measureTopology(&m, &t), 0) << name;
+  EXPECT_EQ(t.degenerateFacets, 0) << name;  // every facet of the file stays
+  measureMeshFree(&m);
+  return t;
+}
+
+// The octahedron with its corner at `from` written as `to` in the given facets.
+std::vector<Corners> octahedronWith(std::initializer_list<int> facets, std::array<double, 3> from,
+                                    std::array<double, 3> to) {
+  auto out = cornersOf(kOctahedron);
+  for (int f : facets)
+    for (int k = 0; k < 9; k += 3)
+      if (out[f][k] == from[0] && out[f][k + 1] == from[1] && out[f][k + 2] == from[2])
+        std::copy(to.begin(), to.end(), out[f].begin() + k);
+  return out;
+}
+
+// An open cone of six facets whose apex (0, 0, 1) has x = +0, +0, -0, -0, +0, +0 round the fan.
+std::vector<Corners> coneOfSignedZeros() {
+  std::vector<Corners> cone;
+  const double sign[6] = {1, 1, -1, -1, 1, 1};
+  for (int i = 0; i < 6; ++i) {
+    const double a = i * std::acos(-1.0) / 3, b = (i + 1) % 6 * std::acos(-1.0) / 3;
+    cone.push_back({std::copysign(0.0, sign[i]), 0, 1, std::cos(a), std::sin(a), 0, std::cos(b), std::sin(b), 0});
+  }
+  return cone;
+}
+
 }  // namespace
 
 TEST(Assemble, SmallSoupsComeOutAsHandCounted) {
@@ -72,7 +107,9 @@ TEST(Assemble, SmallSoupsComeOutAsHandCounted) {
     const char* name;
     std::vector<Corners> facets;
     std::array<long, 5> want;  // shells, vertices, edges, triangles, boundary edges
+    const double* tol = nullptr;
   };
+  const double e = 1e-6;
   const Case cases[] = {
       {"octahedron", cornersOf(kOctahedron), {1, 6, 12, 8, 0}},
       {"doubled facet", {kTri, kTri}, {1, 3, 3, 1, 3}},
@@ -98,49 +135,30 @@ TEST(Assemble, SmallSoupsComeOutAsHandCounted) {
       {"five pairs of solids along edges",
        copies(5, [](int i) { return moved(joined(kTetra, moved(kTetra, 0, 0, 0, -1, -1), 0), 3 * i, 0, 0); }),
        {10, 40, 60, 40, 0}},
+      // Vertex (0, 1, 0) written with x = -0.0 in the two facets on its edge
+      // to (0, 0, 1): without a tolerance two vertices, and the two edges
+      // that cross between them doubled.
+      {"signed zeros apart", octahedronWith({0, 1}, {0, 1, 0}, {-0.0, 1, 0}), {1, 7, 14, 8, 4}},
+      {"signed zeros within a tolerance", octahedronWith({0, 1}, {0, 1, 0}, {-0.0, 1, 0}), {1, 6, 12, 8, 0}, kPair},
+      // The sort sees all six apexes as equal and may interleave the signs;
+      // still the +0 apexes are one vertex, the -0 ones another. The two arcs
+      // share no spoke, only the ring vertices where they meet, which split.
+      {"cone apex of both signs", coneOfSignedZeros(), {2, 10, 14, 6, 10}},
+      // The solid output's pair: linear 1e-6, squared 1e-12.
+      {"0.5e-6 apart in x", octahedronWith({0}, {0, 0, 1}, {0.5 * e, 0, 1}), {1, 6, 12, 8, 0}, kPair},
+      {"2e-6 apart in x", octahedronWith({0}, {0, 0, 1}, {2 * e, 0, 1}), {1, 7, 14, 8, 4}, kPair},
+      {"0.7e-6 in x and y: squared 0.98e-12", octahedronWith({0}, {0, 0, 1}, {0.7 * e, 0.7 * e, 1}), {1, 6, 12, 8, 0}, kPair},
+      {"0.8e-6 in x, y, z: squared 1.92e-12", octahedronWith({0}, {0, 0, 1}, {0.8 * e, 0.8 * e, 1 + 0.8 * e}), {1, 7, 14, 8, 4}, kPair},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     int32_t shells = -9;
-    const ChainSum s = assemble(c.facets, nullptr, &shells);
+    const ChainSum s = assemble(c.facets, c.tol, &shells);
     EXPECT_EQ(shells, c.want[0]);
     EXPECT_EQ((std::array<long, 5>{s.shells, s.nVtx, s.nEdg, s.nTri, s.nBnd}), c.want);
     EXPECT_EQ(s.bad, 0);
     EXPECT_EQ(s.invalid, 0);
   }
-}
-
-TEST(Assemble, SignedZerosStayApartWithoutTolerance) {
-  // Vertex 2 of the octahedron, (0, 1, 0), written with x = -0.0 in the two
-  // facets that share its edge to vertex 4: without a tolerance it is two
-  // vertices, and the two edges that cross between them are doubled.
-  auto facets = cornersOf(kOctahedron);
-  for (int f : {0, 1})
-    for (int k = 0; k < 3; ++k)
-      if (facets[f][3 * k + 1] == 1.0) facets[f][3 * k] = -0.0;
-  ChainSum s = assemble(facets, nullptr);
-  EXPECT_EQ((std::array<long, 5>{s.shells, s.nVtx, s.nEdg, s.nTri, s.nBnd}),
-            (std::array<long, 5>{1, 7, 14, 8, 4}));
-  EXPECT_EQ(s.nLoop, 1);
-  s = assemble(facets, kPair);
-  EXPECT_EQ((std::array<long, 5>{s.shells, s.nVtx, s.nEdg, s.nTri, s.nBnd}),
-            (std::array<long, 5>{1, 6, 12, 8, 0}));
-
-  // An open cone of six facets whose apex (0, 0, 1) has x = +0, +0, -0, -0,
-  // +0, +0 round the fan. The sort sees all six apexes as equal and may
-  // interleave the signs; still the +0 apexes are one vertex, the -0 ones
-  // another. The two arcs share no spoke, only the ring vertices where they
-  // meet, which are split: two shells.
-  std::vector<Corners> cone;
-  const double sign[6] = {1, 1, -1, -1, 1, 1};
-  for (int i = 0; i < 6; ++i) {
-    const double a = i * std::acos(-1.0) / 3, b = (i + 1) % 6 * std::acos(-1.0) / 3;
-    cone.push_back(
-        {std::copysign(0.0, sign[i]), 0, 1, std::cos(a), std::sin(a), 0, std::cos(b), std::sin(b), 0});
-  }
-  s = assemble(cone, nullptr);
-  EXPECT_EQ((std::array<long, 5>{s.shells, s.nVtx, s.nEdg, s.nTri, s.nBnd}),
-            (std::array<long, 5>{2, 10, 14, 6, 10}));
 }
 
 TEST(Assemble, ToleranceChainMergesIntoTheFirstVertex) {
@@ -168,31 +186,6 @@ TEST(Assemble, ToleranceChainMergesIntoTheFirstVertex) {
 
   // Without a tolerance the facets meet only at corners: three shells.
   EXPECT_EQ(assemble(facets, nullptr).shells, 3);
-}
-
-TEST(Assemble, SolidOutputPairTestsLinearAndSquaredDistance) {
-  struct Case {
-    double dx, dy, dz;
-    bool closes;
-  };
-  const Case cases[] = {
-      {5e-7, 0, 0, true},        {2e-6, 0, 0, false},  // linear tolerance
-      {7e-7, 7e-7, 0, true},     // squared 9.8e-13
-      {8e-7, 8e-7, 8e-7, false}, // each within 1e-6, squared 1.92e-12
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.dx + c.dy + c.dz);
-    auto facets = cornersOf(kOctahedron);
-    for (int k = 0; k < 3; ++k)
-      if (facets[0][3 * k + 2] == 1.0) {
-        facets[0][3 * k] += c.dx;
-        facets[0][3 * k + 1] += c.dy;
-        facets[0][3 * k + 2] += c.dz;
-      }
-    const ChainSum s = assemble(facets, kPair);
-    EXPECT_EQ(s.nBnd == 0, c.closes);
-    EXPECT_EQ(s.invalid, 0);
-  }
 }
 
 TEST(Assemble, OrientsAndPutsBoundaryFirstAlongItsTriangle) {
@@ -249,23 +242,22 @@ TEST(Assemble, RealModelsMatchAnIndependentWeld) {
   for (const char* name : {"tetrahedron.stl", "cube.stl", "triangle.stl", "bunny.stl", "torus.stl",
                            "gearwheel.stl", "plate-hole.stl"}) {
     SCOPED_TRACE(name);
-    const auto facets = readStl(name);
-    ASSERT_FALSE(facets.empty());
-    const Welded w = weld(facets);
-    ASSERT_EQ(w.nOver, 0);
+    const MeasureTopo w = weldOf(name);
+    ASSERT_EQ(w.nonManifoldEdges, 0);
+    ASSERT_EQ(w.shells, 1);
     int32_t shells = 0;
-    const ChainSum s = assemble(facets, nullptr, &shells);
-    EXPECT_EQ(shells, w.shells);
+    const ChainSum s = assemble(readStl(name), nullptr, &shells);
+    EXPECT_EQ(shells, 1);
     EXPECT_EQ(s.bad, 0);
     EXPECT_EQ(s.invalid, 0);
     EXPECT_EQ((std::array<long, 4>{s.nVtx, s.nEdg, s.nTri, s.nBnd}),
-              (std::array<long, 4>{w.nVtx, w.nEdg, w.nTri, w.nBnd}));
-    ASSERT_EQ(w.shells, 1);
+              (std::array<long, 4>{w.vertices, w.edges, w.facets, w.boundaryEdges}));
     const qvTopo& t = s.topo[0];
-    EXPECT_EQ(t.euler, w.euler());
-    EXPECT_EQ(t.nLoop == 0, w.nBnd == 0);
-    if (w.nBnd == 0) {
-      EXPECT_EQ(t.genus, (2 - w.euler()) / 2);
+    const long euler = w.vertices - w.edges + w.facets;
+    EXPECT_EQ(t.euler, euler);
+    EXPECT_EQ(t.nLoop == 0, w.boundaryEdges == 0);
+    if (w.boundaryEdges == 0) {
+      EXPECT_EQ(t.genus, (2 - euler) / 2);
     }
   }
 }
@@ -277,17 +269,16 @@ TEST(Assemble, CubesSharingASubdividedEdgeComeApart) {
   // the pulled-apart segments, so that vertex splits four ways (each end of
   // the line two ways, as the cube's fan goes round it) and no piece pairs:
   // each cube is left open along a slit of 2k edges.
-  const auto facets = readStl("two-cubes-edge.stl");
-  const Welded w = weld(facets);
-  const long k = w.nOver;
+  const MeasureTopo w = weldOf("two-cubes-edge.stl");
+  const long k = w.nonManifoldEdges;
   ASSERT_GT(k, 1);
-  const ChainSum s = assemble(facets, nullptr);
+  const ChainSum s = assemble(readStl("two-cubes-edge.stl"), nullptr);
   EXPECT_EQ(s.shells, 2);
   EXPECT_EQ(s.shells, w.shells);
   EXPECT_EQ(s.invalid, 0);
   EXPECT_EQ(s.bad, 0);
   EXPECT_EQ((std::array<long, 4>{s.nVtx, s.nEdg, s.nTri, s.nBnd}),
-            (std::array<long, 4>{w.nVtx + 3 * (k - 1) + 2, w.nEdg + 3 * k, w.nTri, 4 * k}));
+            (std::array<long, 4>{w.vertices + 3 * (k - 1) + 2, w.edges + 3 * k, w.facets, 4 * k}));
   for (const qvTopo& t : s.topo) {
     EXPECT_EQ(t.nLoop, 1);
     EXPECT_EQ(t.genus, 0);

@@ -8,14 +8,6 @@
 
 namespace {
 
-// Length of the run of records at a list's head that bear bit.
-template <class T>
-int headRun(const T* head, uint32_t bit) {
-  int n = 0;
-  for (; head && (head->flags & bit); head = head->next) ++n;
-  return n;
-}
-
 struct Visits {
   std::vector<qvTri*> seen;  // triangles in the order fn saw them
   size_t stopAt = 0;         // call on which to stop, 0 for never

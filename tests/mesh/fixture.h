@@ -37,5 +37,13 @@ struct Fixture {
   qvEdg* e(int a, int b) const { return qvEdgFind(mesh->edg, h(a), h(b)); }
 };
 
+// Length of the run of records at a list's head that bear bit.
+template <class T>
+int headRun(const T* head, uint32_t bit) {
+  int n = 0;
+  for (; head && (head->flags & bit); head = head->next) ++n;
+  return n;
+}
+
 // The validator's messages, and its count through n.
 std::string validateText(const qvMesh* mesh, int32_t* n = nullptr);

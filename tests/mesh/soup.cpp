@@ -1,11 +1,7 @@
 #include "soup.h"
 #include "support.h"
 
-#include <algorithm>
 #include <cmath>
-#include <map>
-#include <numeric>
-#include <set>
 
 qvMesh* soupOf(const std::vector<Corners>& facets) {
   qvMesh* m = qvMeshNew(nullptr, nullptr, nullptr, kMeshOwnsVtx);
@@ -36,6 +32,22 @@ std::vector<Corners> readStl(const std::string& name) {
   std::vector<Corners> out;
   for (const Facet& f : readBinaryFacets(dataPath(name.c_str())))
     out.push_back({f[0], f[1], f[2], f[3], f[4], f[5], f[6], f[7], f[8]});
+  return out;
+}
+
+std::vector<Corners> refine(const std::vector<Corners>& facets) {
+  std::vector<Corners> out;
+  for (const Corners& f : facets) {
+    double p[6][3];
+    for (int k = 0; k < 9; ++k) p[k / 3][k % 3] = f[k];
+    for (int k = 0; k < 3; ++k)
+      for (int a = 0; a < 3; ++a) p[3 + k][a] = (p[k][a] + p[(k + 1) % 3][a]) * 0.5;
+    for (const auto& t : {std::array<int, 3>{0, 3, 5}, {3, 1, 4}, {5, 4, 2}, {3, 4, 5}}) {
+      Corners c;
+      for (int k = 0; k < 9; ++k) c[k] = p[t[k / 3]][k % 3];
+      out.push_back(c);
+    }
+  }
   return out;
 }
 
@@ -105,45 +117,6 @@ Shape joined(const Shape& a, const Shape& b, double dx) {
   for (auto p : b.pts) s.pts.push_back({p[0] + dx, p[1], p[2]});
   for (auto f : b.faces) s.faces.push_back({f[0] + off, f[1] + off, f[2] + off});
   return s;
-}
-
-Welded weld(const std::vector<Corners>& facets) {
-  std::map<std::array<double, 3>, int> id;
-  std::set<std::array<int, 3>> seen;
-  std::vector<std::array<int, 3>> tris;
-  for (const Corners& f : facets) {
-    std::array<int, 3> t;
-    for (int k = 0; k < 3; ++k) {
-      const std::array<double, 3> p = {f[3 * k], f[3 * k + 1], f[3 * k + 2]};
-      t[k] = id.emplace(p, static_cast<int>(id.size())).first->second;
-    }
-    std::array<int, 3> key = t;
-    std::sort(key.begin(), key.end());
-    if (key[0] == key[1] || key[1] == key[2] || !seen.insert(key).second) continue;
-    tris.push_back(t);
-  }
-  std::map<std::pair<int, int>, std::vector<int>> edges;
-  for (size_t i = 0; i < tris.size(); ++i)
-    for (int k = 0; k < 3; ++k) edges[std::minmax(tris[i][k], tris[i][(k + 1) % 3])].push_back(int(i));
-  std::vector<int> parent(tris.size());
-  std::iota(parent.begin(), parent.end(), 0);
-  auto root = [&](int x) {
-    while (parent[x] != x) x = parent[x] = parent[parent[x]];
-    return x;
-  };
-  Welded w;
-  std::set<int> used;
-  for (const auto& t : tris) used.insert(t.begin(), t.end());
-  w.nVtx = long(used.size());
-  w.nTri = long(tris.size());
-  w.nEdg = long(edges.size());
-  for (const auto& e : edges) {
-    if (e.second.size() == 1) ++w.nBnd;
-    if (e.second.size() > 2) ++w.nOver;
-    if (e.second.size() == 2) parent[root(e.second[0])] = root(e.second[1]);
-  }
-  for (size_t i = 0; i < tris.size(); ++i) w.shells += root(int(i)) == int(i);
-  return w;
 }
 
 ChainSum analyse(qvMesh* chain) {

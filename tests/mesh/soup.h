@@ -1,6 +1,5 @@
 // Facet soups for assembly tests, shapes made in code for the topology tests,
-// a binary STL reader of our own, and counts of a welded model worked out
-// apart from the code under test (std::map over exact coordinates).
+// a binary STL reader of our own, and sums over an assembled chain.
 #pragma once
 
 #include <array>
@@ -16,6 +15,10 @@ qvMesh* soupOf(const std::vector<Corners>& facets);
 std::vector<Corners> cornersOf(const Shape& s);
 // The facets of tests/data/<name>, as floats widened to double.
 std::vector<Corners> readStl(const std::string& name);
+// Each facet split in four at its edge midpoints: the same surface, four
+// times the facets, welded exactly, since a midpoint doesn't depend on the
+// order of its ends.
+std::vector<Corners> refine(const std::vector<Corners>& facets);
 
 // Shapes: a torus of n x m quads, a Moebius strip of n quads, an open
 // frustum of n quads between radius r0 at z 0 and r1 at z 1.
@@ -27,15 +30,6 @@ Shape tubeShape(int n, double r0, double r1);
 Shape stripShape(int n);
 // Two shapes side by side in one.
 Shape joined(const Shape& a, const Shape& b, double dx);
-
-// Counts of the welded model: distinct points, distinct facets (repeats and
-// facets with two equal corners left out), distinct edges, edges by number of
-// facets, and pieces joined across edges that have exactly two facets.
-struct Welded {
-  long nVtx = 0, nEdg = 0, nTri = 0, nBnd = 0, nOver = 0, shells = 0;
-  long euler() const { return nVtx - nEdg + nTri; }
-};
-Welded weld(const std::vector<Corners>& facets);
 
 // Sums over a mesh chain, each shell analysed (qvMeshTopo) and validated.
 struct ChainSum {

@@ -1,7 +1,8 @@
 // The recursion driven with test leaves whose results the tests choose, at
 // depths this machine's processor count wouldn't reach: leaf counts on a strip
 // whose cuts are known by hand, chains, the result tests of a fork, failures,
-// seams on closed models, progress lines, and the nesting setting.
+// seams on closed models, progress lines, and the nesting setting. The real
+// leaves on pieces are judged in seams_test.cpp.
 #include <gtest/gtest.h>
 #include <omp.h>
 
@@ -12,7 +13,6 @@
 #include <sstream>
 #include <utility>
 
-#include "kernels/predicates.h"
 #include "mesh/soup.h"
 #include "parallel/parallel_internal.h"
 
@@ -27,24 +27,6 @@ int32_t chainTris(const qvMesh* m) {
   int32_t n = 0;
   for (; m; m = m->next) n += qvTriCount(m->tri);
   return n;
-}
-
-// Each facet split in four at its edge midpoints: still closed, and welded
-// exactly, since a midpoint doesn't depend on the order of its ends.
-std::vector<Corners> refine(const std::vector<Corners>& in) {
-  std::vector<Corners> out;
-  for (const Corners& f : in) {
-    double p[6][3];
-    for (int k = 0; k < 9; ++k) p[k / 3][k % 3] = f[k];
-    for (int k = 0; k < 3; ++k)
-      for (int a = 0; a < 3; ++a) p[3 + k][a] = (p[k][a] + p[(k + 1) % 3][a]) * 0.5;
-    for (const auto& t : {std::array<int, 3>{0, 3, 5}, {3, 1, 4}, {5, 4, 2}, {3, 4, 5}}) {
-      Corners c;
-      for (int k = 0; k < 9; ++k) c[k] = p[t[k / 3]][k % 3];
-      out.push_back(c);
-    }
-  }
-  return out;
 }
 
 // A chain of three closed shells: the torus and the bunny refined (16384 and
@@ -255,22 +237,4 @@ TEST(ParallelEntry, ForksInsideForksRunNested) {
   EXPECT_GE(gLog.level, 2);
   EXPECT_EQ(omp_get_max_active_levels(), 1);
   qvMeshFree(m);
-}
-
-TEST(ParallelEntry, RealLeavesOnPiecesSideBySideLeaveOneMesh) {
-  // Only what holds for any leaf, whatever it removes: one mesh again, and no
-  // triangle added. Under ThreadSanitizer this runs the engine on pieces at
-  // the same time.
-  exactinit();
-  for (auto node : {reduceNodeMedium, reduceNodeLow}) {
-    qvMesh* m = soupOf(refine(readStl("torus.stl")));
-    ASSERT_EQ(qvMeshAssemble(m, nullptr), 1);
-    const int32_t before = qvTriCount(m->tri);
-    testing::internal::CaptureStdout();
-    node(m, 0.05, nullptr, -1, 1);
-    testing::internal::GetCapturedStdout();
-    EXPECT_EQ(m->next, nullptr);
-    EXPECT_LE(qvTriCount(m->tri), before);
-    qvMeshFree(m);
-  }
 }

@@ -7,21 +7,17 @@
 
 #include <cmath>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <string>
 
-#include "measure/measure.h"
+#include "measure/judge.h"
 #include "reduce/reduce_internal.h"
 #include "stl/stl.h"
+#include "support.h"
 
 namespace {
 
 const std::string kData = FT_TEST_DATA;
 const std::string kBin = FT_BINARY_DIR;
-// Samples per measured direction: enough for a step of a quarter of the
-// tolerance or less on these models at 0.5 % and 2 %, and for every vertex.
-constexpr int64_t kSampleCap = 2000000;
 
 typedef int32_t (*Leaf)(qvMesh*, double, const double*);
 
@@ -44,78 +40,33 @@ long reduceFile(const std::string& in, const std::string& out, Leaf leaf, double
   return sum;
 }
 
-std::string bytesOf(const std::string& name) {
-  std::ifstream f(name, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(f), {});
-}
-
-struct Judged {
-  int64_t facets, closed, notInput;
-  double distance;  // original -> reduced, over samples
-};
-
-Judged judge(const MeasureMesh& original, const std::string& reducedName, double step) {
-  MeasureMesh reduced{};
-  MeasureTopo topo{};
-  MeasureTree tree{};
-  MeasureDistance d{};
-  Judged j{-1, -1, -1, -1.0};
-  int64_t first = 0;
-  if (measureRead(reducedName.c_str(), &reduced) >= 0 && measureTopology(&reduced, &topo) == 0 &&
-      measureTreeBuild(&reduced, &tree) == 0) {
-    const MeasureSampling sampling = {step, kSampleCap, true, true};
-    if (measureDistance(&original, &tree, &sampling, 2, &d) == 0)
-      j = {topo.facets, topo.closedShells, measureSubset(&original, &reduced, &first), d.max};
-  }
-  measureTreeFree(&tree);
-  measureMeshFree(&reduced);
-  return j;
-}
-
 struct Model {
   const char* name;
-  double worst;  // largest measured / tolerance accepted; 1.01 but where the design falls short
+  Allowed allowed;  // the bound, or what the engine is known to reach instead
 };
 
-// Each model at 0.1 %, 0.5 % and 2 % of its diagonal, with both leaves.
+// Each model at 0.1 %, 0.5 % and 2 % of its diagonal, with both leaves; at
+// 0.5 % a rerun must write the same bytes.
 void checkGuarantees(const Model& model) {
-  MeasureMesh original{};
-  MeasureTopo topo{};
-  ASSERT_GT(measureRead((kData + "/" + model.name).c_str(), &original), 0);
-  ASSERT_EQ(measureTopology(&original, &topo), 0);
-  const double diagonal = std::hypot(topo.box[3] - topo.box[0], topo.box[4] - topo.box[1], topo.box[5] - topo.box[2]);
-  const std::string out = kBin + "/reduce_test_" + model.name;
-  struct {
+  const Original original(kData + "/" + model.name);
+  ASSERT_GT(original.diagonal, 0.0) << model.name;
+  const std::string out = tempPath(std::string("reduced-") + model.name);
+  const struct {
     const char* name;
     Leaf leaf;
   } leaves[] = {{"one pass", reduceOnePass}, {"stepped", reduceStepped}};
   for (const auto& leaf : leaves)
     for (double percent : {0.1, 0.5, 2.0}) {
-      const double tol = percent / 100.0 * diagonal;
+      const double tol = percent / 100.0 * original.diagonal;
       const std::string where = std::string(model.name) + " " + leaf.name + " " + std::to_string(percent) + "%";
       ASSERT_GE(reduceFile(kData + "/" + model.name, out, leaf.leaf, tol), 0) << where;
-      const Judged j = judge(original, out, tol / 4.0);
-      EXPECT_EQ(j.notInput, 0) << where;
-      EXPECT_EQ(j.closed, topo.closedShells) << where;
-      EXPECT_LE(j.distance, model.worst * tol) << where << ": " << j.distance / tol << " of the tolerance";
-      EXPECT_LE(j.facets, topo.facets) << where;
+      expectKept(original, out, tol, model.allowed, where);
       if (percent == 0.5) {
-        const std::string first = bytesOf(out);
+        const std::string first = fileBytes(out);
         ASSERT_GE(reduceFile(kData + "/" + model.name, out, leaf.leaf, tol), 0);
-        EXPECT_EQ(bytesOf(out), first) << where << ": a rerun wrote other bytes";
+        EXPECT_EQ(fileBytes(out), first) << where << ": a rerun wrote other bytes";
       }
     }
-  std::remove(out.c_str());
-  measureMeshFree(&original);
-}
-
-int32_t runTool(const std::string& args) { return std::system((kBin + "/FacetTrim " + args + " > /dev/null").c_str()); }
-
-int64_t facetsOf(const std::string& name) {
-  MeasureMesh m{};
-  const int64_t n = measureRead(name.c_str(), &m);
-  measureMeshFree(&m);
-  return n;
 }
 
 }  // namespace
@@ -165,30 +116,31 @@ TEST(Leaves, ToleranceZeroNegativeOrNanRemovesNothing) {
 }
 
 TEST(Guarantees, ClosedModels) {
-  checkGuarantees({"cube.stl", 1.01});
-  checkGuarantees({"torus.stl", 1.01});
-  checkGuarantees({"gearwheel.stl", 1.01});
-  checkGuarantees({"plate-hole.stl", 1.01});
+  checkGuarantees({"cube.stl", {}});
+  checkGuarantees({"torus.stl", {}});
+  checkGuarantees({"gearwheel.stl", {}});
+  checkGuarantees({"plate-hole.stl", {}});
 }
 
 TEST(Guarantees, ScannedBunny) {
   // Known shortfall of the design: the old surface under a replacement
   // triangle to which no removed vertex was given is not measured by a later
-  // trial (see the report of the measured excess).
-  checkGuarantees({"bunny.stl", 2.0});
+  // trial. Measured 1.78 times the tolerance at 0.1 %, 1.09 at 0.5 %.
+  checkGuarantees({"bunny.stl", {1.8}});
 }
 
 TEST(Guarantees, OpenModels) {
-  checkGuarantees({"terrain.stl", 1.01});
-  checkGuarantees({"flat-square.stl", 1.01});
+  checkGuarantees({"terrain.stl", {}});
+  // Known fault: the stepped leaf at 0.5 % lays one zero-area triangle over
+  // three collinear vertices of the plane, and the area grows from 10000 to
+  // 10011.6, so triangles overlap in the plane.
+  checkGuarantees({"flat-square.stl", {1.01, 1}});
 }
 
 TEST(Tool, FlatSquareGoesToAHandfulAndToleranceZeroKeepsTheSphere) {
-  const std::string out = kBin + "/reduce_tool_out.stl";
-  ASSERT_EQ(runTool(kData + "/flat-square.stl -o" + out + " -t3 -qh"), 0);
-  EXPECT_LE(facetsOf(out), 8);
-  ASSERT_EQ(runTool(kData + "/sphere.stl -o" + out + " -t0 -qh"), 0);
-  EXPECT_EQ(facetsOf(out), 20480);
-  std::remove(out.c_str());
-  std::remove((kBin + "/reduce_tool_out.log").c_str());
+  const std::string tool = kBin + "/FacetTrim ", out = tempPath("tool.stl");
+  ASSERT_EQ(runCommand(tool + kData + "/flat-square.stl -o" + out + " -t3 -qh"), 0);
+  EXPECT_LE(readBinaryFacets(out).size(), 8u);
+  ASSERT_EQ(runCommand(tool + kData + "/sphere.stl -o" + out + " -t0 -qh"), 0);
+  EXPECT_EQ(readBinaryFacets(out).size(), 20480u);
 }
