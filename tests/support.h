@@ -76,6 +76,22 @@ inline std::string asciiStl(const std::vector<Facet> &facets) {
   return text + "endsolid test\n";
 }
 
+// A closed tetrahedron whose four facets all have x = base as sort key.
+inline std::vector<Facet> tetrahedron(float base = 0) {
+  const float b = base + 1;
+  return {{base, 0, 0, base, 1, 0, b, 0, 0}, {base, 0, 0, b, 0, 0, base, 0, 1},
+          {b, 0, 0, base, 1, 0, base, 0, 1}, {base, 0, 0, base, 0, 1, base, 1, 0}};
+}
+
+// The count field of a binary STL, or -1 for a file shorter than a header.
+inline int64_t countField(const std::string &path) {
+  const std::string bytes = fileBytes(path);
+  if (bytes.size() < 84) return -1;
+  uint32_t count;
+  std::memcpy(&count, bytes.data() + 80, 4);
+  return count;
+}
+
 // The vertices of a binary STL, read without the library.
 inline std::vector<Facet> readBinaryFacets(const std::string &path) {
   const std::string bytes = fileBytes(path);

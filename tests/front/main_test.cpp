@@ -115,8 +115,6 @@ TEST_F(Tool, FaultsPrintTheirMessageAndExitWith255InArgumentOrder) {
       {{"broken.stl", "-qh", "-s"}, kFailed, 255, {}},
       {{"broken.stl"}, kFailed, 255, {}},
       {{"outdir", "-qm"}, kFailed, 255, {}},
-      // The output's folder res_HQ_0.10_sub does not exist.
-      {{"sub/part.stl", "-qh"}, kFailed, 255, {}},
   });
 }
 
