@@ -94,6 +94,15 @@ int32_t qvEdgCount(const qvEdg* head) { return listCount(head); }
 qvEdg* qvEdgTail(qvEdg* head) { return listTail(head); }
 
 qvTri* qvTriConcat(qvTri* a, qvTri* b) { return listConcat(a, b); }
+
+void qvMeshPrependLists(qvMesh* mesh, qvMesh* from) {
+  mesh->tri = listConcat(from->tri, mesh->tri);
+  mesh->edg = listConcat(from->edg, mesh->edg);
+  mesh->vtx = listConcat(from->vtx, mesh->vtx);
+  from->tri = nullptr;
+  from->edg = nullptr;
+  from->vtx = nullptr;
+}
 qvTri* qvTriUnlinkList(qvTri* head, qvTri* r) { return listUnlink(head, r); }
 qvTri* qvTriDelete(qvTri* head, qvTri* r) { return listDelete(head, r); }
 int32_t qvTriDeleteAll(qvTri* head) { return listDeleteAll(head); }

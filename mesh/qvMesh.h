@@ -307,6 +307,9 @@ int32_t qvEdgCount(const qvEdg* head);
 qvEdg* qvEdgTail(qvEdg* head);
 
 qvTri* qvTriConcat(qvTri* a, qvTri* b);
+// Puts the triangle, edge and vertex lists of from in front of those of
+// mesh and leaves from empty (not freed). Both must be non-null.
+void qvMeshPrependLists(qvMesh* mesh, qvMesh* from);
 // (Named apart from qvTriUnlink, which clears a triangle's adjacency.)
 qvTri* qvTriUnlinkList(qvTri* head, qvTri* r);
 qvTri* qvTriDelete(qvTri* head, qvTri* r);

@@ -893,12 +893,7 @@ int32_t qvMeshClose(qvMesh* mesh, const double* maxArea) {
   }
   if (accepted != mesh->topo->nLoop) qvCapRemove(cap);
 
-  mesh->tri = qvTriConcat(cap->tri, mesh->tri);
-  mesh->edg = qvEdgConcat(cap->edg, mesh->edg);
-  mesh->vtx = qvVtxConcat(cap->vtx, mesh->vtx);
-  cap->tri = nullptr;
-  cap->edg = nullptr;
-  cap->vtx = nullptr;
+  qvMeshPrependLists(mesh, cap);
   qvMeshFree(cap);
   if (accepted > 0) mesh->flags &= ~kMeshSortedSet;
 

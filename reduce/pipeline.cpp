@@ -53,12 +53,7 @@ int32_t qvRedCapOpen(qvMesh* mesh) {
     return -1;
   }
   if (cap && count > 0) {
-    mesh->tri = qvTriConcat(cap->tri, mesh->tri);
-    mesh->edg = qvEdgConcat(cap->edg, mesh->edg);
-    mesh->vtx = qvVtxConcat(cap->vtx, mesh->vtx);
-    cap->tri = nullptr;
-    cap->edg = nullptr;
-    cap->vtx = nullptr;
+    qvMeshPrependLists(mesh, cap);
     mesh->flags &= ~kMeshSortedSet;
   }
   qvMeshFree(cap);

@@ -35,12 +35,7 @@ Shape leaves(int r) {
 
 // Moves a cap's records into the mesh, as the callers that keep a cap do.
 void takeCap(qvMesh* mesh, qvMesh* cap) {
-  mesh->tri = qvTriConcat(cap->tri, mesh->tri);
-  mesh->edg = qvEdgConcat(cap->edg, mesh->edg);
-  mesh->vtx = qvVtxConcat(cap->vtx, mesh->vtx);
-  cap->tri = nullptr;
-  cap->edg = nullptr;
-  cap->vtx = nullptr;
+  qvMeshPrependLists(mesh, cap);
   qvMeshFree(cap);
 }
 
