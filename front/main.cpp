@@ -3,7 +3,9 @@
 // to standard output and ends with -1.
 #include "front/front.h"
 #include "kernels/predicates.h"
+#include "stl/stl.h"
 
+#include <csignal>
 #include <cstdio>
 #include <ctime>
 
@@ -35,6 +37,12 @@ int main(int argc, char **argv) {
   // The exact predicates derive their constants once, here on the main thread,
   // before any parallel region can ask for them.
   exactinit();
+
+  // A run ended by a signal leaves no partial output. A file size limit makes
+  // writes fail instead of ending the process, so it ends as any failed write:
+  // with the one message and no partial output either.
+  stlRemoveOutputOnSignal();
+  std::signal(SIGXFSZ, SIG_IGN);
 
   ReduceOptions options;
   fillDefaultOptions(&options);

@@ -29,7 +29,10 @@
 //     product shorter than kStlNormalMinLength is written as the zero vector.
 // 10. A writer deletes a file only while its name still names the regular file it
 //     had open, so a device given as output is never removed.
-// 11. A mesh made from facets is unassembled: one triangle per facet, each with
+// 11. Every file a writer creates here is removed, if its name still names it,
+//     when SIGHUP, SIGINT, SIGQUIT or SIGTERM ends the process between its
+//     creation and its close, once stlRemoveOutputOnSignal has run.
+// 12. A mesh made from facets is unassembled: one triangle per facet, each with
 //     three vertices of its own (kVtxHasNormal, normal slot zero), and its
 //     triangle list runs in reading order or in the order of the run.
 #pragma once
@@ -149,6 +152,10 @@ constexpr int kOutputDiscard = 2; // the file is deleted
 // Closes a file being written and, as mode says, deletes it (invariant 10).
 // 0 when the file was closed and kept, -1 when closing failed or it was discarded.
 int stlCloseOutput(FILE *file, const char *name, int mode);
+
+// Installs the handler of invariant 11 for each of those signals that isn't
+// ignored already; the number installed. Call it once, before any output exists.
+int stlRemoveOutputOnSignal();
 
 // One triangle as a 50-byte record: corners in cycle order (qvTriGeometry with
 // sign), a new normal, attribute 0. 0 or -1.

@@ -44,6 +44,11 @@ inline void storeF32(float value, unsigned char *bytes) {
 
 // Writes the fixed 80-byte header and the count, and flushes. False on failure.
 bool writeHeader(FILE *file, uint32_t count);
+// Enters a file just opened for writing, so that a signal that ends the process
+// removes it; a name of 4096 bytes or more, or a file that isn't regular, is
+// not entered. pendingDrop takes it out again before it is closed.
+void pendingAdd(FILE *file, const char *name);
+void pendingDrop(const FILE *file);
 
 // Decodes the nine vertex coordinates of a 50-byte record. False when one of
 // them is NaN or infinite: such a record makes the file malformed.

@@ -33,6 +33,7 @@ FILE *stlCreateBinary(const char *name, uint32_t count) {
   if (!file) {
     return nullptr;
   }
+  pendingAdd(file, name);
   if (!writeHeader(file, count)) {
     stlCloseOutput(file, name, kOutputDiscard);
     return nullptr;
@@ -45,6 +46,7 @@ FILE *stlCreateAscii(const char *name) {
   if (!file) {
     return nullptr;
   }
+  pendingAdd(file, name);
   if (std::fputs("solid ascii\n", file) < 0 || std::fflush(file) != 0) {
     stlCloseOutput(file, name, kOutputDiscard);
     return nullptr;
@@ -74,6 +76,7 @@ int stlCloseOutput(FILE *file, const char *name, int mode) {
   }
   struct stat opened;
   const bool regular = fstat(fileno(file), &opened) == 0 && S_ISREG(opened.st_mode);
+  pendingDrop(file);
   const bool closed = std::fclose(file) == 0;
   if (mode == kOutputKeep || (mode == kOutputCheck && closed)) {
     return closed ? 0 : -1;

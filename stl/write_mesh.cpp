@@ -113,6 +113,7 @@ int stlWriteMeshChain(const qvMesh *chain, int sign, const char *name) {
   if (!file) {
     return -1;
   }
+  pendingAdd(file, name);
   if (!writeHeader(file, 0)) {
     return stlCloseOutput(file, name, kOutputDiscard);
   }

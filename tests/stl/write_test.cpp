@@ -4,6 +4,12 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <fstream>
+
 TEST(StlWrite, ExactHeadersPatchedCountAndFailures) {
   const std::string path = tempPath("written.stl");
   std::string header = " ---   QUAY VANE Fabrications SE   ---              <binary stl-data>          ";
@@ -31,4 +37,72 @@ TEST(StlWrite, ExactHeadersPatchedCountAndFailures) {
   EXPECT_EQ(stlCreateBinary(tempPath("no/such/dir.stl").c_str(), 0), nullptr);
   EXPECT_EQ(stlCreateAscii(tempPath("no/such/dir.stl").c_str()), nullptr);
   EXPECT_EQ(stlPatchCount(1, nullptr), -1);
+}
+
+namespace {
+
+// Runs body in a child that first installs the signal cleanup; how the child
+// ended: the signal that ended it, or 0 for a normal exit.
+int endingSignal(void (*body)(const std::string &), const std::string &path) {
+  const pid_t child = fork();
+  if (child == 0) {
+    stlRemoveOutputOnSignal();
+    body(path);
+    _exit(0);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  return WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+}
+
+void killedWhileWriting(const std::string &path) {
+  FILE *file = stlCreateBinary(path.c_str(), 3);
+  std::fputs("part of a record", file);
+  std::fflush(file);
+  raise(SIGTERM);
+}
+
+void killedAfterKeeping(const std::string &path) {
+  stlCloseOutput(stlCreateBinary(path.c_str(), 0), path.c_str(), kOutputKeep);
+  raise(SIGINT);
+}
+
+// The open file moves away and another takes its name: neither is removed.
+void killedAfterNameTaken(const std::string &path) {
+  FILE *file = stlCreateAscii(path.c_str());
+  std::rename(path.c_str(), (path + ".moved").c_str());
+  std::fclose(std::fopen(path.c_str(), "w"));
+  raise(SIGHUP);
+  std::fclose(file);
+}
+
+void ignoredBeforeStart(const std::string &path) {
+  std::signal(SIGTERM, SIG_IGN);
+  // Installed again on purpose: a signal ignored at that moment stays ignored.
+  stlRemoveOutputOnSignal();
+  std::fclose(stlCreateBinary(path.c_str(), 0));
+  raise(SIGTERM);
+}
+
+} // namespace
+
+TEST(StlWrite, SignalRemovesOnlyTheFilesStillBeingWritten) {
+  const std::string path = tempPath("signalled.stl");
+  std::remove(path.c_str());
+  EXPECT_EQ(endingSignal(killedWhileWriting, path), SIGTERM);
+  EXPECT_FALSE(std::ifstream(path).good());
+
+  EXPECT_EQ(endingSignal(killedAfterKeeping, path), SIGINT);
+  EXPECT_EQ(countField(path), 0);
+
+  std::remove(path.c_str());
+  EXPECT_EQ(endingSignal(killedAfterNameTaken, path), SIGHUP);
+  EXPECT_EQ(fileBytes(path), "");
+  EXPECT_EQ(fileBytes(path + ".moved"), "solid ascii\n");
+  std::remove((path + ".moved").c_str());
+
+  std::remove(path.c_str());
+  EXPECT_EQ(endingSignal(ignoredBeforeStart, path), 0);
+  EXPECT_EQ(countField(path), 0);
+  std::remove(path.c_str());
 }
