@@ -49,13 +49,11 @@ extern "C" void removePendingAndDie(int signal) {
   raise(signal);
 }
 
-} // namespace
-
 // Writers run on one thread; the handler may interrupt it anywhere, so a slot
 // is filled first and marked used last, and cleared by its mark alone.
-void stl_detail::pendingAdd(FILE *file, const char *name) {
+void pendingAdd(FILE *file, const char *name) {
   struct stat opened;
-  const size_t length = name ? std::strlen(name) : kPendingName;
+  const size_t length = std::strlen(name);
   if (length >= kPendingName || fstat(fileno(file), &opened) != 0 || !S_ISREG(opened.st_mode)) {
     return;
   }
@@ -74,6 +72,16 @@ void stl_detail::pendingAdd(FILE *file, const char *name) {
       return;
     }
   }
+}
+
+} // namespace
+
+FILE *stl_detail::openOutputFile(const char *name, const char *mode) {
+  FILE *file = name ? std::fopen(name, mode) : nullptr;
+  if (file) {
+    pendingAdd(file, name);
+  }
+  return file;
 }
 
 void stl_detail::pendingDrop(const FILE *file) {

@@ -44,10 +44,13 @@ inline void storeF32(float value, unsigned char *bytes) {
 
 // Writes the fixed 80-byte header and the count, and flushes. False on failure.
 bool writeHeader(FILE *file, uint32_t count);
-// Enters a file just opened for writing, so that a signal that ends the process
-// removes it; a name of 4096 bytes or more, or a file that isn't regular, is
-// not entered. pendingDrop takes it out again before it is closed.
-void pendingAdd(FILE *file, const char *name);
+// fopen for writing, with the file entered so that a signal that ends the
+// process removes it (a name of 4096 bytes or more, or a file that isn't
+// regular, is not entered); null when name is null or the open fails. Every
+// writer creates its file through this, and stlCloseOutput takes it out again
+// through pendingDrop before closing it.
+FILE *openOutputFile(const char *name, const char *mode);
+void pendingDrop(const FILE *file);
 void pendingDrop(const FILE *file);
 
 // Decodes the nine vertex coordinates of a 50-byte record. False when one of

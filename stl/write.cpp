@@ -29,11 +29,10 @@ bool stl_detail::writeHeader(FILE *file, uint32_t count) {
 // the real count in at the end. A file whose header cannot be written is
 // removed again: opening it has emptied it already.
 FILE *stlCreateBinary(const char *name, uint32_t count) {
-  FILE *file = name ? std::fopen(name, "wb") : nullptr;
+  FILE *file = openOutputFile(name, "wb");
   if (!file) {
     return nullptr;
   }
-  pendingAdd(file, name);
   if (!writeHeader(file, count)) {
     stlCloseOutput(file, name, kOutputDiscard);
     return nullptr;
@@ -42,11 +41,10 @@ FILE *stlCreateBinary(const char *name, uint32_t count) {
 }
 
 FILE *stlCreateAscii(const char *name) {
-  FILE *file = name ? std::fopen(name, "w") : nullptr;
+  FILE *file = openOutputFile(name, "w");
   if (!file) {
     return nullptr;
   }
-  pendingAdd(file, name);
   if (std::fputs("solid ascii\n", file) < 0 || std::fflush(file) != 0) {
     stlCloseOutput(file, name, kOutputDiscard);
     return nullptr;

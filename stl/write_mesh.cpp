@@ -109,11 +109,10 @@ int stlWriteMeshAscii(const qvMesh *mesh, int sign, FILE *file) {
 
 // The file belongs to this routine from open to close; any failure deletes it.
 int stlWriteMeshChain(const qvMesh *chain, int sign, const char *name) {
-  FILE *file = name ? std::fopen(name, "wb") : nullptr;
+  FILE *file = openOutputFile(name, "wb");
   if (!file) {
     return -1;
   }
-  pendingAdd(file, name);
   if (!writeHeader(file, 0)) {
     return stlCloseOutput(file, name, kOutputDiscard);
   }
