@@ -1,5 +1,5 @@
 // Geometric kernels: vector and plane helpers, planar crossing, polynomial
-// and eigen solvers, and the point, segment and triangle distances.
+// and eigen solvers.
 //
 // Contracts
 //  1. A vector or point is three doubles given by pointer (two for the 2d
@@ -7,17 +7,9 @@
 //  2. A vector shorter than a routine's length limit is the zero vector.
 //     Coincidence of points is decided on the stored bits (bitsEqual2d,
 //     bitsEqual3d), so 0.0 and -0.0 differ.
-//  3. Every distance is squared and computed in plain IEEE double. Each
-//     distance routine takes a length tolerance: an edge shorter than it
-//     counts as a point and a triangle with a short normal as a sliver, so
-//     degenerate input gets a distance and never a failure.
-//  4. A qvTriCache describes one triangle with fixed corners. A field is
-//     valid exactly when its bit is set in have; a routine fills what it
-//     needs and writes have back. Every routine taking a cache accepts null.
-//  5. Nothing here allocates, prints or keeps state between calls; all
-//     routines may run on several threads at once (a cache belongs to the
-//     thread that owns its triangle).
-//  6. The planar crossing uses the turning tests of kernels/predicates.h.
+//  3. Nothing here allocates, prints or keeps state between calls; all
+//     routines may run on several threads at once.
+//  4. The planar crossing uses the turning tests of kernels/predicates.h.
 #pragma once
 
 #include <cstdint>
@@ -67,69 +59,6 @@ int32_t bitsEqual3d(const double* p, const double* q);
 // origin.
 double tetVolume(const double* p0, const double* p1, const double* p2, const double* p3);
 double tetVolumeOrigin(const double* p0, const double* p1, const double* p2);
-
-// ---------------------------------------------------------------------------
-// Distance kernels
-
-// Bits of qvTriCache.have.
-constexpr uint32_t kTriHaveAb = 1u;     // ab is valid
-constexpr uint32_t kTriHaveBc = 2u;     // bc is valid
-constexpr uint32_t kTriHaveAc = 4u;     // ac is valid
-constexpr uint32_t kTriHaveN = 8u;      // n is valid
-constexpr uint32_t kTriHaveAb2 = 16u;   // ab2 is valid
-constexpr uint32_t kTriHaveBc2 = 32u;   // bc2 is valid
-constexpr uint32_t kTriHaveAc2 = 64u;   // ac2 is valid
-constexpr uint32_t kTriHaveN2 = 128u;   // n2 is valid
-constexpr uint32_t kTriHaveVol = 256u;  // vol is valid
-
-// Working block of one triangle a, b, c for the distance routines.
-struct qvTriCache {
-  uint32_t have;  // kTriHave bits: which fields below are valid
-  double ab2;     // |ab|^2
-  double bc2;     // |bc|^2
-  double ac2;     // |ac|^2
-  double n2;      // |n|^2
-  double vol;     // vecTriple(ab, bc, n)
-  double ab[3];   // b - a
-  double bc[3];   // c - b
-  double ac[3];   // c - a
-  double n[3];    // ab x bc
-};
-static_assert(sizeof(qvTriCache) == 144, "qvTriCache is a word and seventeen doubles");
-
-// Squared distance from p to the segment a, b. t receives the position of the
-// nearest point of the line, not clamped. A segment shorter than tol counts as
-// its midpoint, with t = 0. t may be null.
-double pointSegDist2(const double* a, const double* b, const double* p, double tol, double* t);
-// The same on x and y.
-double pointSegDist2d(const double* a, const double* b, const double* p, double tol, double* t);
-
-// Squared distance from p to the triangle a, b, c, the set a + s ab + t bc
-// with 0 <= t <= s <= 1. raw and clamped receive (s, t) of the nearest point,
-// before and after limiting to 0 and 1. Degenerate triangles, in this order:
-// ab and bc shorter than tol (squared lengths at or below tol^2) and ac too:
-// the centroid, with all four numbers 0.5; ab and bc short: the segment ac,
-// (r, r); ab short: bc, (1, r); bc short: ab, (r, 0); |n|^2 at or below tol^2:
-// the nearest edge, ab before bc before ac on a tie, and when ac is the
-// nearest its pair carries the position found on ab. A regular triangle
-// whose projection misses it is measured to its nearest edge in the same
-// order. cache, raw and clamped may be null.
-double pointTriDist2(qvTriCache* cache, const double* a, const double* b, const double* c,
-                     const double* p, double tol, double* raw, double* clamped);
-
-// Distance of the segments a0, a1 and b0, b1: out receives the squared
-// distance and the positions along a and along b, each in 0 to 1. Returns 0
-// when the lines have a single closest pair, 1 when they count as parallel
-// (the squared length of their cross product at or below tol^2); the
-// distance is the true one either way.
-int32_t segSegDist2(const double* a0, const double* a1, const double* b0, const double* b1,
-                    double tol, double* out);
-
-// Squared distance of the segment p, q from the triangle a, b, c, 0.0 when
-// the segment pierces it. The distance of q to the triangle is computed (it
-// fills the cache) but does not enter the minimum.
-double segTriDist2(qvTriCache* cache, const double* a, const double* b, const double* c,
-                   const double* p, const double* q, double tol);
 
 // ---------------------------------------------------------------------------
 // Planar crossing and solvers

@@ -10,6 +10,7 @@
 
 #include <cfloat>
 #include <cmath>
+#include <initializer_list>
 
 // Double arithmetic must be evaluated in double: with extended intermediate
 // precision (x87) the rounding errors computed below would be wrong.
@@ -723,4 +724,48 @@ int32_t turn2dFast(const double* a, const double* b, const double* c, int32_t gi
   }
   return ac[0] * ac[0] + ac[1] * ac[1] > ab[0] * ab[0] + ab[1] * ab[1] ? kTurnBeyond
                                                                        : kTurnBetween;
+}
+
+// ---------------------------------------------------------------------------
+// orient3d, exact and unfiltered: it serves the rare tests that must decide
+// exact coplanarity, so no floating-point filter is worth its code.
+
+namespace {
+
+// p . (q x r) as an expansion of at most 24 components; h needs 24.
+int tripleExpansion(const double* p, const double* q, const double* r, double* h) {
+  double m[3][4];
+  crossExpansion(q[1], r[2], q[2], r[1], m[0]);
+  crossExpansion(q[2], r[0], q[0], r[2], m[1]);
+  crossExpansion(q[0], r[1], q[1], r[0], m[2]);
+  double s[3][8];
+  int sl[3];
+  for (int k = 0; k < 3; ++k) sl[k] = scale_expansion_zeroelim(4, m[k], p[k], s[k]);
+  double t[16];
+  const int tl = fast_expansion_sum_zeroelim(sl[0], s[0], sl[1], s[1], t);
+  return fast_expansion_sum_zeroelim(tl, t, sl[2], s[2], h);
+}
+
+}  // namespace
+
+int32_t orient3dSign(const double* pa, const double* pb, const double* pc, const double* pd) {
+  ensureInit();
+  // The determinant of the rows (p, 1) for p = a, b, c, d, expanded along
+  // its column of ones: [abc] - [abd] + [acd] - [bcd].
+  double t[4][24];
+  int tl[4];
+  tl[0] = tripleExpansion(pa, pb, pc, t[0]);
+  tl[1] = tripleExpansion(pa, pb, pd, t[1]);
+  tl[2] = tripleExpansion(pa, pc, pd, t[2]);
+  tl[3] = tripleExpansion(pb, pc, pd, t[3]);
+  for (int k : {1, 3})
+    for (int i = 0; i < tl[k]; ++i) t[k][i] = -t[k][i];
+  double u[48];
+  double w[48];
+  double all[96];
+  const int ul = fast_expansion_sum_zeroelim(tl[0], t[0], tl[1], t[1], u);
+  const int wl = fast_expansion_sum_zeroelim(tl[2], t[2], tl[3], t[3], w);
+  const int n = fast_expansion_sum_zeroelim(ul, u, wl, w, all);
+  const double top = all[n - 1];
+  return top > 0.0 ? 1 : (top < 0.0 ? -1 : 0);
 }

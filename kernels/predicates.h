@@ -78,3 +78,9 @@ int32_t turn2d(const double* a, const double* b, const double* c, int32_t given,
 // The same question in plain floating point. ab and ac hold dx and dy only.
 int32_t turn2dFast(const double* a, const double* b, const double* c, int32_t given, double* ab,
                    double* ac);
+
+// The sign of the determinant of the rows (a, 1), (b, 1), (c, 1), (d, 1):
+// 0 exactly when the four points are coplanar, and otherwise the side of the
+// plane through a, b, c on which d lies. Exact for finite input whose products
+// neither overflow nor underflow; slow, as it has no filter.
+[[nodiscard]] int32_t orient3dSign(const double* a, const double* b, const double* c, const double* d);

@@ -27,12 +27,18 @@ void setOut(double* out, const double* point, double s, double t) {
   out[3] = t;
 }
 
-// Position of x along the segment a, b, limited to 0 and 1.
-double refit(const double* a, const double* b, const double* x) {
-  double r = 0.0;
-  pointSegDist2d(a, b, x, kRefitLimit, &r);
-  return clamp01(r);
+// Position of p along the line of a, b (1 at b), not limited; 0 for a
+// segment shorter than tol.
+double segPosition2d(const double* a, const double* b, const double* p, double tol) {
+  const double dx = b[0] - a[0];
+  const double dy = b[1] - a[1];
+  const double d2 = dx * dx + dy * dy;
+  if (tol * tol > d2) return 0.0;
+  return ((p[0] - a[0]) * dx + (p[1] - a[1]) * dy) / d2;
 }
+
+// Position of x along the segment a, b, limited to 0 and 1.
+double refit(const double* a, const double* b, const double* x) { return clamp01(segPosition2d(a, b, x, kRefitLimit)); }
 
 // Pairs of ends equal by bits, in the order q0 on p0, q1 on p0, q0 on p1,
 // q1 on p1. Returns their number and writes the first one to out.
@@ -62,9 +68,8 @@ inline bool oneSide(int32_t c0, int32_t c1) {
 // Collinear segments: the positions r0, r1 of p0, p1 along q decide.
 int32_t collinearContact(const double* p0, const double* p1, const double* q0, const double* q1,
                          double* out) {
-  double r0 = 0.0, r1 = 0.0;
-  pointSegDist2d(q0, q1, p0, kRefitLimit, &r0);
-  pointSegDist2d(q0, q1, p1, kRefitLimit, &r1);
+  const double r0 = segPosition2d(q0, q1, p0, kRefitLimit);
+  const double r1 = segPosition2d(q0, q1, p1, kRefitLimit);
   double lo = std::fmax(std::fmin(r0, r1), 0.0);
   double hi = std::fmin(std::fmax(r0, r1), 1.0);
   if (lo > hi) {

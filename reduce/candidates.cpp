@@ -57,7 +57,7 @@ int32_t spokeLink(qvMesh* mesh, qvTri* t, qvEdg* e, const double* w) {
 // ---------------------------------------------------------------------------
 // The spoke
 
-qvEdg* qvSpokePick(qvMesh* mesh, qvTri* t, qvVtx* v, int32_t* blocked) {
+qvEdg* qvSpokePick(qvMesh* mesh, qvTri* t, qvVtx* v, int32_t* blocked, const qvSpokeSkip* skip) {
   int32_t local;
   int32_t* status = blocked ? blocked : &local;
   *status = 0;
@@ -95,6 +95,9 @@ qvEdg* qvSpokePick(qvMesh* mesh, qvTri* t, qvVtx* v, int32_t* blocked) {
       if ((v->flags & kVtxRim) && !(e->flags & kEdgRim)) continue;
       if ((v->flags & kVtxFeatureEnd) && !(e->flags & kEdgFeatureSet)) continue;
       if ((e->flags & kEdgCap) || ok == 0) continue;
+      bool tried = false;
+      for (int32_t k = 0; skip && k < skip->n; ++k) tried = tried || skip->e[k] == e;
+      if (tried) continue;
       const double len2 = qvEdgLen2(e);
       if (!choice || best > len2) {
         choice = e;
@@ -113,67 +116,16 @@ qvEdg* qvSpokePick(qvMesh* mesh, qvTri* t, qvVtx* v, int32_t* blocked) {
 // ---------------------------------------------------------------------------
 // The trial
 
-int32_t qvVtxScore(qvMesh* mesh, qvVtx* v, const qvRedParams* params) {
-  if (!mesh || !v || !params || !qvScoreOf(v)) return -1;
+int32_t qvVtxScore(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvTrial* tr) {
+  if (!mesh || !v || !params || !tr || !qvScoreOf(v)) return -1;
   scoreSet(v, kRedScoreNone);
   if (v->flags & kVtxKeepSet) return 0;
   if (!v->link || !v->aux) return -1;
-  double* const p = v->dat;
-  // The star marked again: projection, valences, and what lies under and
-  // around it.
-  qvStarView star;
-  int32_t err = 0;
-  const int32_t opened = qvStarOpen(mesh, v, &star, &err);
-  if (opened != 0) return opened;
-  qvTri* const start = star.start;
-  qvEdg* const e = star.spoke;
-  bool clean = star.clean;
-  qvLnk* old = err == 0 ? qvOldPatch(mesh, kTriMarkOld, &err) : nullptr;
-  qvLnk* near = err == 0 ? qvNewNeighbours(mesh, v, &kMarkSet, &err) : nullptr;
-  unmarkStar(mesh);
-
-  qvMesh* copy = nullptr;
-  if (err == 0) {
-    e->flags |= kEdgMarkSpoke;
-    copy = qvStarCopy(mesh, start, p, 0, 1);
-    e->flags &= ~kEdgMarkSpoke;
-    if (!copy) err = -1;
-  }
-  if (err == 0) {
-    qvTriOrAll(copy->tri, kTriReplace);
-    qvEdgOrAll(copy->edg, kEdgReplace);
-    if (qvCollapse(copy, v, kEdgMarkSpoke) != 0) err = -1;
-  }
-  if (err == 0 && clean) {
-    if (qvFlipSweep(copy) < 0) err = -1;
-    v->tag = 0;
-    if (qvValenceClear(copy) < 0) err = -1;
-  }
-  if (err == 0) {
-    // The new surface: the replacement triangles round the ring and the fan.
-    qvLnk* tail = qvLnkTail(near);
-    for (qvTri* c = copy->tri; c && err == 0; c = c->next) {
-      qvLnk* n = qvLnkNew(0, c);
-      if (!n) {
-        err = -1;
-        break;
-      }
-      n->prev = tail;
-      if (tail) tail->next = n;
-      else near = n;
-      tail = n;
-    }
-  }
-  if (err == 0) {
-    const double s = qvDevList(old, near, params, &err);
-    if (err == 0) scoreSet(v, s);
-  }
-  // The copy's triangles take their caches with them.
-  qvMeshFree(copy);
-  qvLnkDeleteAll(old);
-  qvLnkDeleteAll(near);
-  if (err != 0 && clean) qvValenceClear(mesh);
-  return err == 0 ? 0 : -1;
+  const int32_t r = qvTrialRun(mesh, v, params, tr);
+  if (r != 0) return r;
+  scoreSet(v, tr->score);
+  qvTrialDrop(tr);
+  return 0;
 }
 
 // ---------------------------------------------------------------------------
@@ -208,9 +160,8 @@ qvVtx* qvVtxSortScore(qvVtx* head, int32_t n, int32_t* err) {
   }
   int32_t i = 0;
   for (qvVtx* v = head; v; v = v->next) arr[i++] = v;
-  // std::sort's result is a function of the array alone, so equal scores come
-  // out the same way on every run.
-  std::sort(arr, arr + n, [](const qvVtx* a, const qvVtx* b) { return qvVtxScoreCmp(a, b) < 0; });
+  // Stable: equal scores keep the order of the list, on any standard library.
+  std::stable_sort(arr, arr + n, [](const qvVtx* a, const qvVtx* b) { return qvVtxScoreCmp(a, b) < 0; });
   for (i = 0; i < n; ++i) {
     arr[i]->prev = i > 0 ? arr[i - 1] : nullptr;
     arr[i]->next = i + 1 < n ? arr[i + 1] : nullptr;
@@ -220,11 +171,11 @@ qvVtx* qvVtxSortScore(qvVtx* head, int32_t n, int32_t* err) {
   return first;
 }
 
-int32_t qvRedScoreAll(qvMesh* mesh, const qvRedParams* params) {
+int32_t qvRedScoreAll(qvMesh* mesh, const qvRedParams* params, qvTrial* tr) {
   if (!mesh || !params) return -1;
   int32_t n = 0;
   for (qvVtx* v = mesh->vtx; v; v = v->next, ++n)
-    if (qvVtxScore(mesh, v, params) < 0) return -1;
+    if (qvVtxScore(mesh, v, params, tr) < 0) return -1;
   int32_t err = 0;
   mesh->vtx = qvVtxSortScore(mesh->vtx, n, &err);
   mesh->flags &= ~kMeshSortedSet;
@@ -385,62 +336,36 @@ qvVtx* orderList(qvRedOrder* o) {
   return head;
 }
 
-// The vertices of a ring list, freeing its nodes; their number through n, or
-// null with n -1 when no memory can be had.
-qvVtx** ringArray(qvLnk* ring, int32_t* n, qvVtx* onStack[kStackSort]) {
-  *n = qvLnkCount(ring);
-  qvVtx** arr = *n <= kStackSort ? onStack
-                                 : static_cast<qvVtx**>(std::malloc(sizeof(qvVtx*) * static_cast<size_t>(*n)));
-  int32_t i = 0;
-  for (qvLnk* l = ring; l;) {
-    qvLnk* next = l->next;
-    if (arr) arr[i++] = static_cast<qvVtx*>(l->item);
-    qvLnkFree(l);
-    l = next;
-  }
-  if (!arr) *n = -1;
-  return arr;
-}
-
 }  // namespace
 
-int32_t qvRingMerge(qvRedOrder* order, qvLnk* ring) {
+int32_t qvRingMerge(qvRedOrder* order, qvVtx* const* ring, int32_t n) {
   qvVtx* onStack[kStackSort];
-  int32_t n = 0;
-  qvVtx** arr = ringArray(ring, &n, onStack);
-  if (n < 0) return -1;
-  // Sorted first, as qvVtxSortScore would: equal scores then enter in the
-  // order of the sort, each behind the one before.
-  std::sort(arr, arr + n, [](const qvVtx* a, const qvVtx* b) { return qvVtxScoreCmp(a, b) < 0; });
+  qvVtx** arr = n <= kStackSort ? onStack : static_cast<qvVtx**>(std::malloc(sizeof(qvVtx*) * static_cast<size_t>(n)));
+  if (!arr) return -1;
+  std::copy(ring, ring + n, arr);
+  // Sorted first, stably: equal scores then enter in ring order, each behind
+  // the one before.
+  std::stable_sort(arr, arr + n, [](const qvVtx* a, const qvVtx* b) { return qvVtxScoreCmp(a, b) < 0; });
   bool ok = true;
   for (int32_t i = 0; i < n && order && ok; ++i) ok = orderPlace(order, arr[i]);
   if (arr != onStack) std::free(arr);
   return ok ? 0 : -1;
 }
 
-int32_t qvRingRescore(qvMesh* mesh, qvRedOrder* order, qvLnk* ring, const qvRedParams* params) {
-  for (qvLnk* l = ring; l; l = l->next)
-    if (qvVtxScore(mesh, static_cast<qvVtx*>(l->item), params) < 0) {
-      qvLnkDeleteAll(ring);
-      return -1;
-    }
-  return qvRingMerge(order, ring);
+int32_t qvRingRescore(qvMesh* mesh, qvRedOrder* order, qvVtx* const* ring, int32_t n, const qvRedParams* params,
+                      qvTrial* tr) {
+  for (int32_t i = 0; i < n; ++i)
+    if (qvVtxScore(mesh, ring[i], params, tr) < 0) return -1;
+  return qvRingMerge(order, ring, n);
 }
 
-int32_t qvRingPark(qvRedOrder* order, qvLnk* ring) {
-  qvVtx* onStack[kStackSort];
-  int32_t n = 0;
-  qvVtx** arr = ringArray(ring, &n, onStack);
-  if (n < 0) return -1;
+int32_t qvRingDefer(qvRedOrder* order, qvVtx* const* ring, int32_t n) {
   bool ok = true;
-  for (int32_t i = 0; i < n && order && ok; ++i) ok = orderPlace(order, arr[i]);
-  if (arr != onStack) std::free(arr);
+  for (int32_t i = 0; i < n && ok; ++i) {
+    scoreSet(ring[i], kRedScoreNone);
+    if (order) ok = orderPlace(order, ring[i]);
+  }
   return ok ? 0 : -1;
-}
-
-int32_t qvRingDefer(qvRedOrder* order, qvLnk* ring) {
-  for (qvLnk* l = ring; l; l = l->next) scoreSet(static_cast<qvVtx*>(l->item), kRedScoreNone);
-  return qvRingPark(order, ring);
 }
 
 // ---------------------------------------------------------------------------
@@ -448,7 +373,7 @@ int32_t qvRingDefer(qvRedOrder* order, qvLnk* ring) {
 
 namespace {
 
-int32_t sweep(qvMesh* mesh, const qvRedParams* params, bool full) {
+int32_t sweep(qvMesh* mesh, const qvRedParams* params, bool full, qvTrial* tr) {
   if (!mesh || !params) return -1;
   if (!mesh->vtx) return 0;
   qvRedOrder order;
@@ -460,7 +385,8 @@ int32_t sweep(qvMesh* mesh, const qvRedParams* params, bool full) {
   for (qvVtx* v = orderFront(&order); v; v = orderFront(&order)) {
     const double s = scoreOf(v);
     if (noScore(s) || s > params->tol2) break;
-    const int32_t r = full ? qvVtxRemoveFull(mesh, v, params, &order) : qvVtxRemoveFast(mesh, v, params, &order);
+    const int32_t r =
+        full ? qvVtxRemoveFull(mesh, v, params, &order, tr) : qvVtxRemoveFast(mesh, v, params, &order, tr);
     if (r < 0) {
       removed = -1;
       break;
@@ -482,13 +408,17 @@ int32_t sweep(qvMesh* mesh, const qvRedParams* params, bool full) {
   }
   orderFree(&order);
 #ifndef NDEBUG
-  if (removed >= 0) assert(qvRedPassCheck(mesh, stderr) == 0);
+  if (removed >= 0) assert(qvRedPassCheck(mesh, stderr) == 0 && qvCoverCheck(mesh, params, stderr) == 0);
 #endif
   return removed;
 }
 
 }  // namespace
 
-int32_t qvRedSweepFull(qvMesh* mesh, const qvRedParams* params) { return sweep(mesh, params, true); }
+int32_t qvRedSweepFull(qvMesh* mesh, const qvRedParams* params, qvTrial* tr) {
+  return sweep(mesh, params, true, tr);
+}
 
-int32_t qvRedSweepFast(qvMesh* mesh, const qvRedParams* params) { return sweep(mesh, params, false); }
+int32_t qvRedSweepFast(qvMesh* mesh, const qvRedParams* params, qvTrial* tr) {
+  return sweep(mesh, params, false, tr);
+}

@@ -8,7 +8,7 @@ namespace {
 
 constexpr double kDefaultFold2 = 0.96984631;  // cos^2 of 10 degrees, to eight places
 constexpr double kDegToRad = 0.017453292519943295;
-constexpr double kPairFloorShare = 0.25;  // a pair is too small to judge below tol2 * 0.25
+constexpr double kPairFloorShare = 0.25;  // a pair is too small to judge when both |n| < tol2 * 0.25
 
 inline double dot3(const double* a, const double* b) {
   return a[0] * b[0] + a[1] * b[1] + a[2] * b[2];
@@ -59,9 +59,11 @@ int32_t qvRedFeatures(qvMesh* mesh, const double* angle, const qvRedParams* para
     const double c = std::cos(*angle * kDegToRad);
     c2 = c * c;
   }
-  // The limit compares a squared cross product (a length to the fourth) with
-  // a squared length: the mix of dimensions is the rule as it stands.
-  const double eps = params->tol2 * kPairFloorShare;
+  // A triangle is too small to fold visibly at this tolerance when twice its
+  // area, |n|, is below a quarter of tol^2; judged on squares, both sides are
+  // lengths to the fourth power, so the rule holds at any scale.
+  const double floor = params->tol2 * kPairFloorShare;
+  const double eps = floor * floor;
 
   int32_t count = 0;
   bool failed = false;

@@ -4,8 +4,6 @@
 
 namespace {
 
-constexpr double kLeafDivisor = 1.5773502691896257;  // 1 + 1/sqrt(3)
-constexpr double kFarFactor = 9.0;                   // far2 = (3 t)^2
 
 void clearEntries(qvMesh* mesh) {
   for (qvVtx* v = mesh->vtx; v; v = v->next) {
@@ -75,9 +73,9 @@ int32_t qvRedParamsSet(double t, qvRedParams* params) {
   if (!params) return -1;
   params->tol = t;
   params->tol2 = t * t;
-  params->leaf = t / kLeafDivisor;
-  params->leaf2 = params->leaf * params->leaf;
-  params->far2 = t * t * kFarFactor;
+  params->eta = 0.0;
+  params->lim2 = t * t;
+  params->pool = nullptr;
   return 0;
 }
 

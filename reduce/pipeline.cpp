@@ -21,8 +21,8 @@ constexpr double kStepGrowth = 2.0;
 
 void clearPinned(qvMesh* mesh) { qvVtxAndAll(mesh->vtx, ~kVtxPinned); }
 
-// Steps 1 to 4 of both leaves: analysis, features, caps. The number of loops
-// capped, or -1.
+// What both leaves do first: analyse the surface, mark its features and cap
+// its open boundaries. The number of loops capped, or -1.
 int32_t leafStart(qvMesh* mesh, const qvRedParams* params, const double* angle) {
   qvTopo topo;
   if (!mesh || qvMeshTopo(mesh, &topo) != 0) return -1;
@@ -31,7 +31,7 @@ int32_t leafStart(qvMesh* mesh, const qvRedParams* params, const double* angle) 
   return qvRedCapOpen(mesh);
 }
 
-// The last step of both leaves: the caps go, and the count is taken against
+// What both leaves do last: the caps go, and the count is taken against
 // the triangles before the passes, caps included (so it is too high by the
 // cap triangles, which the callers read only for its sign).
 int32_t leafEnd(qvMesh* mesh, int32_t capped, int32_t before) {
@@ -81,8 +81,7 @@ int32_t qvRedCapDrop(qvMesh* mesh) {
         n->aux[j] = nullptr;
       }
     }
-    qvLnkDeleteAll(static_cast<qvLnk*>(t->link));
-    t->link = nullptr;
+    qvCoverFree(t);
     mesh->tri = qvTriDelete(mesh->tri, t);
     ++deleted;
     t = next;
@@ -124,8 +123,7 @@ int32_t qvRedFinishPass(qvMesh* mesh, int32_t keepFrozen) {
   int32_t count = 0;
   for (qvTri* t = mesh->tri; t;) {
     qvTri* next = t->next;  // read before t is freed
-    qvLnkDeleteAll(static_cast<qvLnk*>(t->link));
-    t->link = nullptr;
+    qvCoverFree(t);
     std::free(t->cache);
     t->cache = nullptr;
     if (t->flags & kTriRetired) {
@@ -170,15 +168,27 @@ int32_t qvRedFinishPass(qvMesh* mesh, int32_t keepFrozen) {
   return count;
 }
 
-int32_t qvRedPassFull(qvMesh* mesh, const qvRedParams* params) {
-  if (!mesh || qvRedScoreAll(mesh, params) < 0) return -1;
-  return qvRedSweepFull(mesh, params);
+namespace {
+
+// One pass over a prepared mesh: covers made, every vertex scored, the sweep,
+// covers released.
+int32_t runPass(qvMesh* mesh, const qvRedParams* given, bool full) {
+  if (!mesh || !given) return -1;
+  qvRedParams params = *given;
+  int32_t removed = -1;
+  qvTrial tr{};
+  if (qvCoverStart(mesh, &params) == 0 && qvRedScoreAll(mesh, &params, &tr) >= 0)
+    removed = full ? qvRedSweepFull(mesh, &params, &tr) : qvRedSweepFast(mesh, &params, &tr);
+  qvTrialFree(&tr);
+  qvCoverEnd(mesh, &params);
+  return removed;
 }
 
-int32_t qvRedPassFast(qvMesh* mesh, const qvRedParams* params) {
-  if (!mesh || qvRedScoreAll(mesh, params) < 0) return -1;
-  return qvRedSweepFast(mesh, params);
-}
+}  // namespace
+
+int32_t qvRedPassFull(qvMesh* mesh, const qvRedParams* params) { return runPass(mesh, params, true); }
+
+int32_t qvRedPassFast(qvMesh* mesh, const qvRedParams* params) { return runPass(mesh, params, false); }
 
 int32_t qvRedPasses(qvMesh* mesh, const qvRedParams* params) {
   if (!mesh || !params) return -1;
@@ -193,7 +203,7 @@ int32_t qvRedPasses(qvMesh* mesh, const qvRedParams* params) {
   while (qvRedBudgetNext(&budget)) {
     // The pass is judged by its step, not by the running total.
     qvRedParams pass;
-    qvRedParamsSet(budget.step, &pass);
+    if (qvRedParamsSet(budget.step, &pass) != 0) return -1;
     const int32_t n0 = qvTriCount(mesh->tri);
     if (qvRedPrepPass(mesh) < 0) return -1;
     const int32_t r = budget.spent >= total ? qvRedPassFull(mesh, &pass) : qvRedPassFast(mesh, &pass);
@@ -215,13 +225,14 @@ int32_t qvRedPasses(qvMesh* mesh, const qvRedParams* params) {
 
 int32_t reduceOnePass(qvMesh* mesh, double tol, const double* angle) {
   qvRedParams params;
-  qvRedParamsSet(tol, &params);
+  if (qvRedParamsSet(tol, &params) != 0) return -1;
   const int32_t capped = leafStart(mesh, &params, angle);
   if (capped < 0) return -1;
   const int32_t before = qvTriCount(mesh->tri);
-  // A tolerance that is 0, negative or not a number removes nothing: no pass
-  // runs, and the caps go again.
-  if (tol > 0.0) {
+  // A negative tolerance, or one that is not a number, removes nothing: no
+  // pass runs, and the caps go again. At exactly 0 the pass removes only
+  // what leaves the surface exactly as it was.
+  if (tol >= 0.0) {
     if (qvRedPrepFirst(mesh) < 0 || qvRedPassFull(mesh, &params) < 0) return -1;
     const int32_t after = qvRedFinishPass(mesh, 0);
     if (after < 0) return -1;
@@ -234,7 +245,7 @@ int32_t reduceOnePass(qvMesh* mesh, double tol, const double* angle) {
 
 int32_t reduceStepped(qvMesh* mesh, double tol, const double* angle) {
   qvRedParams params;
-  qvRedParamsSet(tol, &params);
+  if (qvRedParamsSet(tol, &params) != 0) return -1;
   const int32_t capped = leafStart(mesh, &params, angle);
   if (capped < 0) return -1;
   const int32_t before = qvTriCount(mesh->tri);

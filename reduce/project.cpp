@@ -3,6 +3,7 @@
 // Five planes are tried in turn; the first that gives a simple ring leaves its
 // (u, v) in the ring vertices' pairs, where the flip test reads them.
 #include <cmath>
+#include <algorithm>
 #include <cstdlib>
 #include <utility>
 
@@ -11,11 +12,15 @@
 
 namespace {
 
-constexpr double kNormalFloor2 = 1e-12;  // a plane normal with a smaller squared length is none
-constexpr double kUnitFloor = 1e-6;      // a triangle normal shorter than this counts as zero
-constexpr double kSolverZero = 1e-6;     // root floor of the cubic, zero limit of the elimination
-constexpr double kFrameTol = 1e-6;       // shortest normal the frame accepts
-constexpr double kCrossTol = 1e-6;       // contact distance of two projected ring edges
+// Every test below is relative, so that a model scaled by a power of two
+// projects, and so flips, exactly as before: normals are judged against the
+// sizes they were summed from, the scatter matrix against its trace, and the
+// ring is projected about its centroid in units of its radius.
+constexpr double kNormalFloor2 = 1e-12;  // a plane normal shorter than this share of its parts is none
+constexpr double kSolverZero = 1e-6;     // root floor of the cubic and zero limit of the elimination,
+                                         // on the scatter matrix divided by its trace
+constexpr double kFrameTol = 1e-6;       // shortest normal the frame accepts, on a unit normal
+constexpr double kCrossTol = 1e-6;       // contact distance of two projected ring edges, in ring radii
 constexpr int32_t kStackPoints = 16;     // rings up to this length are gathered on the stack
 
 inline double dot3(const double* a, const double* b) {
@@ -26,9 +31,10 @@ inline const double* xyzOf(const double* h) { return h ? qvVtxXyz(qvVtxOf(h)) : 
 
 inline bool inEngineForm(const double* h) { return h && (qvVtxOf(h)->flags & kVtxHasParam); }
 
-// The plane with normal n through point, unless n is too short.
-int32_t planeThrough(const double n[3], const double* point, double plane[4]) {
-  if (dot3(n, n) < kNormalFloor2) return kRowDegenerate;
+// The plane with normal n through point, unless n is short against mag, the
+// sum of the lengths of the vectors it was made from.
+int32_t planeThrough(const double n[3], const double* point, double mag, double plane[4]) {
+  if (!(dot3(n, n) >= kNormalFloor2 * mag * mag) || !(mag > 0.0)) return kRowDegenerate;
   for (int k = 0; k < 3; ++k) plane[k] = n[k];
   plane[3] = dot3(n, point);
   return kRowUsable;
@@ -41,16 +47,20 @@ int32_t normalSum(qvMesh* mesh, const double* p, int32_t ring, const qvMarkSet* 
   const double* centre = xyzOf(p);
   if (!mesh || !centre || !marks || !plane) return kRowBroken;
   double sum[3] = {0.0, 0.0, 0.0};
+  double mag = 0.0;
   int32_t count = 0;
   for (const qvTri* t = mesh->tri; t && (t->flags & marks->tri); t = t->next) {
     double n[3];
     if (qvTriNormal(t, nullptr, 0, nullptr, n) != 0) return kRowBroken;
-    if (unit) vecNormalize(n, kUnitFloor);
+    const double len = std::sqrt(dot3(n, n));
+    if (unit && len > 0.0)
+      for (double& c : n) c /= len;
+    mag += unit ? (len > 0.0 ? 1.0 : 0.0) : len;
     for (int k = 0; k < 3; ++k) sum[k] += n[k];
     ++count;
   }
   if (count != ring) return kRowBroken;
-  return planeThrough(sum, centre, plane);
+  return planeThrough(sum, centre, mag, plane);
 }
 
 // The ring's coordinates, in the order of the marked ring edges: room for ring
@@ -138,7 +148,12 @@ bool nullVector(double a[3][3], double n[3]) {
 // The normal of the least-squares plane of the scatter matrix m: the null
 // vector of m - x I for the smallest real root x of the characteristic cubic,
 // with a root below kSolverZero read as 0.
-bool cubicNormal(const double m[3][3], double n[3]) {
+bool cubicNormal(const double given[3][3], double n[3]) {
+  const double scale = given[0][0] + given[1][1] + given[2][2];
+  if (!(scale > 0.0)) return false;
+  double m[3][3];
+  for (int i = 0; i < 3; ++i)
+    for (int j = 0; j < 3; ++j) m[i][j] = given[i][j] / scale;
   const double tr = m[0][0] + m[1][1] + m[2][2];
   const double minors = m[0][0] * m[1][1] - m[0][1] * m[0][1] + m[0][0] * m[2][2] -
                         m[0][2] * m[0][2] + m[1][1] * m[2][2] - m[1][2] * m[1][2];
@@ -192,10 +207,12 @@ int32_t ringFit(qvMesh* mesh, int32_t ring, const qvMarkSet* marks, double plane
     for (int k = 0; k < 3; ++k) c[k] += pts[i][k];
   for (int k = 0; k < 3; ++k) c[k] /= ring;
   double n[3];
+  double mag = 1.0;  // a null vector of the elimination has an entry 1
   if (ring == 3) {
     const double u[3] = {pts[1][0] - pts[0][0], pts[1][1] - pts[0][1], pts[1][2] - pts[0][2]};
     const double v[3] = {pts[2][0] - pts[0][0], pts[2][1] - pts[0][1], pts[2][2] - pts[0][2]};
     vecCross(u, v, n);
+    mag = std::sqrt(dot3(u, u) * dot3(v, v));
   } else {
     double m[3][3] = {{0.0, 0.0, 0.0}, {0.0, 0.0, 0.0}, {0.0, 0.0, 0.0}};
     for (int32_t i = 0; i < ring; ++i) {
@@ -204,8 +221,9 @@ int32_t ringFit(qvMesh* mesh, int32_t ring, const qvMarkSet* marks, double plane
         for (int s = 0; s < 3; ++s) m[r][s] += d[r] * d[s];
     }
     if (!normalOf(m, n)) return kRowDegenerate;
+    if (normalOf == jacobiNormal) mag = std::sqrt(dot3(n, n));
   }
-  return planeThrough(n, c, plane);
+  return planeThrough(n, c, mag, plane);
 }
 
 bool shareEnd(const qvEdg* a, const qvEdg* b) {
@@ -238,6 +256,7 @@ int32_t qvPlaneSpokeSum(qvMesh* mesh, const double* p, int32_t ring, const qvMar
   const double* centre = xyzOf(p);
   if (!mesh || !centre || !marks || !plane) return kRowBroken;
   double sum[3] = {0.0, 0.0, 0.0};
+  double mag = 0.0;
   int32_t spokes = 0;
   for (const qvTri* t = mesh->tri; t && (t->flags & marks->tri); t = t->next) {
     qvEdg* pair[2];
@@ -245,12 +264,14 @@ int32_t qvPlaneSpokeSum(qvMesh* mesh, const double* p, int32_t ring, const qvMar
     for (const qvEdg* e : pair) {
       const double* q = xyzOf(e->ends[0] == p ? e->ends[1] : e->ends[0]);
       if (!q) return kRowBroken;
-      for (int k = 0; k < 3; ++k) sum[k] += centre[k] - q[k];
+      const double d[3] = {centre[0] - q[0], centre[1] - q[1], centre[2] - q[2]};
+      for (int k = 0; k < 3; ++k) sum[k] += d[k];
+      mag += std::sqrt(dot3(d, d));
       ++spokes;
     }
   }
   if (spokes != 2 * ring) return kRowBroken;
-  return planeThrough(sum, centre, plane);
+  return planeThrough(sum, centre, mag, plane);
 }
 
 int32_t qvPlaneRingJacobi(qvMesh* mesh, const double*, int32_t ring, const qvMarkSet* marks,
@@ -266,8 +287,24 @@ const qvPlaneFn qvPlaneTable[kPlaneRows] = {qvPlaneRingCubic, qvPlaneAreaSum, qv
 
 int32_t qvRingToPlane(qvMesh* mesh, const double plane[4], int32_t ring, const qvMarkSet* marks) {
   if (!mesh || !plane || !marks) return -1;
+  const double len = std::sqrt(dot3(plane, plane));
+  if (!(len > 0.0)) return -1;
+  const double unit[3] = {plane[0] / len, plane[1] / len, plane[2] / len};
   double u[3], v[3], w[3];
-  if (planeFrame(kFrameNormalW, plane, kFrameTol, u, v, w) != 0) return -1;
+  if (planeFrame(kFrameNormalW, unit, kFrameTol, u, v, w) != 0) return -1;
+  // The ring about its centroid, in units of its radius.
+  RingPoints rp(ring);
+  if (!gatherRing(mesh, ring, marks, rp)) return -1;
+  double c[3] = {0.0, 0.0, 0.0};
+  for (int32_t i = 0; i < ring; ++i)
+    for (int k = 0; k < 3; ++k) c[k] += rp.pts[i][k];
+  for (double& x : c) x /= ring;
+  double radius = 0.0;
+  for (int32_t i = 0; i < ring; ++i) {
+    const double d[3] = {rp.pts[i][0] - c[0], rp.pts[i][1] - c[1], rp.pts[i][2] - c[2]};
+    radius = std::max(radius, std::sqrt(dot3(d, d)));
+  }
+  if (!(radius > 0.0)) return -1;
   int32_t n = 0;
   bool ok = true;
   for (qvEdg* e = mesh->edg; e && (e->flags & marks->edg); e = e->next)
@@ -279,8 +316,9 @@ int32_t qvRingToPlane(qvMesh* mesh, const double plane[4], int32_t ring, const q
         ok = false;
         continue;
       }
-      x[kRedPairAt] = dot3(q, u);
-      x[kRedPairAt + 1] = dot3(q, v);
+      const double d[3] = {q[0] - c[0], q[1] - c[1], q[2] - c[2]};
+      x[kRedPairAt] = dot3(d, u) / radius;
+      x[kRedPairAt + 1] = dot3(d, v) / radius;
     }
   remarkRing(mesh, marks);
   return ok && n == ring ? 0 : -1;

@@ -1,6 +1,7 @@
 // Reduction engine: thins one stitched shell in place by removing vertices,
-// each removal accepted by a squared one-sided Hausdorff distance from the
-// surface as the pass found it to the surface the removal leaves.
+// each removal accepted only when a certificate proves that every point of the
+// surface the pass started from stays within the tolerance of the surface the
+// removal leaves.
 //
 // Invariants
 //  1. The engine works on the one mesh it is given and touches no other; it
@@ -11,6 +12,57 @@
 //  4. Results are a count that is not negative, or -1 for failure. A failure
 //     abandons the mesh without repair; the caller releases it.
 //  5. At the end of a leaf the seam mark of the piece's vertices is clear.
+//  6. No test in the engine compares a length with an absolute constant:
+//     degeneracy is judged against the sizes it is made of, the rounding
+//     allowance eta is a share of the largest coordinate, and the order of
+//     candidates breaks ties by their place in the list. A model scaled by a
+//     power of two, with its tolerance, reduces to the same model scaled.
+//
+// The bound, and why it holds
+//  During a pass, with tolerance t > 0, every live triangle that is not a cap
+//  holds a cover: a list of pieces of the pass's starting surface, each a
+//  starting triangle or a fragment of one cut at edge midpoints. With
+//  lim = t - eta, two invariants hold after every commit:
+//   (C) the pieces of all covers together tile the starting surface less its
+//       caps, and every cover belongs to a live non-cap triangle;
+//   (H) a piece P in the cover of T is single, every corner q of P having a
+//       computed squared distance D(q, T) <= lim^2; or it is a pair with the
+//       live non-cap neighbour U of T across one edge E: cut by a plane
+//       through E, the corners and crossings of P on T's side are within lim
+//       of T, those on the other side within lim of U.
+//  Proof of the bound from them: take x on the starting surface. By (C) x lies
+//  in a piece P of the cover of a live triangle T. The distance to a triangle
+//  is a convex function and P is the convex hull of its corners, so in the
+//  single case d(x, T) <= max over the corners <= lim; in the pair case the
+//  cut parts of P are convex hulls of the points listed, so the same holds
+//  with T or U. T and U are live and not caps, so they are in the result:
+//  d(x, result) <= lim + eta = t.
+//  Upkeep: a pass starts with each triangle covering itself. A removal of v
+//  destroys exactly its star; the pieces that may lose their home or partner
+//  are those of the star's covers and the pair pieces across a ring edge. The
+//  trial certifies each against the new fan and the live triangles round the
+//  ring (single, then pair, then 1:4 splits to depth 6 and 256 fragments; a
+//  limit reached refuses the removal), and the commit applies that very
+//  trial: the grafted fan and the plan are those certified. Every other piece
+//  keeps a live home and partner. So (C) and (H) hold after each commit.
+//  Stepped passes add up: each pass is bounded against the surface the last
+//  left, and the steps of the passes sum to at most t.
+//  At t = 0 a removal is made only when the star and its ring lie exactly in
+//  one plane (orient3d) and the old and new triangles all turn one way in a
+//  coordinate plane (orient2d): both then tile the polygon of the ring, so the
+//  union of the live non-cap triangles never changes.
+//
+// Floating point
+//  Coordinates are floats held exactly in doubles; S is the largest coordinate
+//  magnitude of the pass and u = 2^-53. A computed distance to a triangle that
+//  is not a needle (squared normal above 2^-20 of the largest product of two
+//  squared sides) differs from the true one by at most about 2^12 u S; needles
+//  are measured to their sides, which only overestimates. Midpoints and
+//  crossing points lie within a few u S of the segments they are made on, so
+//  the slivers that rounding leaves between pieces are that thin, and within
+//  that distance of a certified piece. eta = 2^-32 S (2^21 u S) covers all of
+//  these many times over, and lim^2 is rounded down by a further 4u. A
+//  distance that is not a number refuses the removal.
 #pragma once
 
 #include "mesh/qvMesh.h"
@@ -55,26 +107,28 @@ constexpr uint32_t kVtxPassDrop = kVtxMarkVisit | kVtxMarkBnd | kVtxMarkEngine |
 
 // ---- Parameters of a pass -------------------------------------------------------
 
-// Five numbers made from one tolerance t by qvRedParamsSet.
-struct qvRedParams {
-  double tol;    // t: the pass's budget as a length
-  double tol2;   // t * t: every acceptance test compares a squared distance with it
-  double leaf;   // t / (1 + 1/sqrt(3)); read only through leaf2
-  double leaf2;  // leaf * leaf: a measured triangle whose longest edge is shorter isn't split
-  double far2;   // t * t * 9: kept in the record, read by nothing
-};
-static_assert(sizeof(qvRedParams) == 40, "qvRedParams is five doubles");
+struct qvCoverPool;  // the fragment corners of a pass (reduce/cover.cpp)
 
-// Fills params from the tolerance t. 0, or -1 for a null params.
-int32_t qvRedParamsSet(double t, qvRedParams *params);
+// The numbers of a pass, made from one tolerance t by qvRedParamsSet and
+// completed by qvCoverStart.
+struct qvRedParams {
+  double tol;          // t: the pass's budget as a length
+  double tol2;         // t * t: the order's limit
+  double eta;          // the allowance for rounding, a share of the pass's largest coordinate
+  double lim2;         // (t - eta)^2, rounded down: every certified bound is held to it
+  qvCoverPool *pool;   // the pass's fragment corners; null outside a pass and at t = 0
+};
+
+// Fills params from the tolerance t (lim2 = t * t and no pool until
+// qvCoverStart). 0, or -1 for a null params.
+[[nodiscard]] int32_t qvRedParamsSet(double t, qvRedParams *params);
 
 // ---- The engine's data form of a vertex -----------------------------------------
 //
 // During a pass every vertex has kVtxHasParam and not kVtxHasNormal, and its
 // block reads: the parameter pair, x, y, z, score. The pair holds (u, v) from a
-// ring's projection to the end of its flips, and the nearest reference triangle
-// with its squared distance while the deviation is measured. The handle points
-// at the pair, so the planar tests read u and v straight through it.
+// ring's projection to the end of its flips. The handle points at the pair, so
+// the planar tests read u and v straight through it.
 
 constexpr int32_t kRedPairAt = 0;      // index of the parameter pair in the block
 constexpr int32_t kRedXyzAt = 2;       // index of x, y, z
@@ -129,8 +183,8 @@ int32_t qvValenceClear(qvMesh *mesh);
 // Marks the edges where the surface folds by more than the angle (degrees; null
 // for 10) as features (kEdgFeatureSet) and their ends with kVtxFeatureEnd. Each
 // edge is judged once, by its first triangle in the list; a boundary edge, a
-// pair whose squared normals are both below tol2 / 4, and a pair with a zero
-// normal are not features. Result: the number of feature edges, 0 for a null
+// pair whose normals (twice their areas) are both shorter than tol2 / 4, and a
+// pair with a zero normal are not features. Result: the number of feature edges, 0 for a null
 // mesh, -1 when a triangle's corners can't be read or params is null.
 int32_t qvRedFeatures(qvMesh *mesh, const double *angle, const qvRedParams *params);
 
@@ -158,13 +212,6 @@ typedef qvQuad qvFlipRec;
 // Whether the diagonal should be flipped, on the (u, v) of the quad's corners
 // and the tags of the diagonal's ends: 1 flip, 0 don't, -1 on failure.
 int32_t qvFlipTest(const qvFlipRec *rec);
-
-// The squared deviation of the triangles of old (a qvLnk list) from those of
-// ref: a maximum over sampled points, which returns at once the first value
-// above params->tol2. -1.0 for an empty old list. On failure *err is -1 (it is
-// set to 0 first) and the value has no meaning. The reference triangles keep
-// the cache they were given; the caller frees it.
-double qvDevList(qvLnk *old, qvLnk *ref, const qvRedParams *params, int32_t *err);
 
 // ---- Passes -----------------------------------------------------------------------
 

@@ -1,9 +1,9 @@
 // Helpers of the reduction engine, used only inside reduce/ and by its tests:
-// the five projection planes of a ring, the parts of the flip test, and the
-// levels of the deviation measure.
+// the five projection planes of a ring, the parts of the flip test, the
+// covers and the trial removal.
 #pragma once
 
-#include <limits>
+#include <cstdio>
 
 #include "reduce/reduce.h"
 
@@ -11,6 +11,13 @@
 
 constexpr int32_t kValenceMin = 3;  // the fewest triangles round a vertex: a closed fan
 constexpr uint32_t kFanMarkMode = kFanMoveEdg | kFanMoveTri;  // marked star at the list heads
+
+// Spokes already tried for one vertex, which a pick passes over.
+constexpr int32_t kSpokeTries = 3;  // the spokes a removal tries, shortest first
+struct qvSpokeSkip {
+  const qvEdg *e[kSpokeTries];
+  int32_t n;
+};
 
 // The star of a vertex as a trial or a removal opens it.
 struct qvStarView {
@@ -24,7 +31,7 @@ struct qvStarView {
 // -1 for a failure before anything was marked, 1 when no spoke qualifies
 // (nothing marked), and 0 when the star is marked: *err then says whether
 // the marking, projection or valences failed, and the caller unmarks.
-int32_t qvStarOpen(qvMesh *mesh, qvVtx *v, qvStarView *star, int32_t *err);
+int32_t qvStarOpen(qvMesh *mesh, qvVtx *v, qvStarView *star, int32_t *err, const qvSpokeSkip *skip);
 
 // ---- Ring projection ------------------------------------------------------------
 
@@ -80,84 +87,120 @@ int32_t qvFlipSafe(const qvFlipRec *rec);
 // or a degenerate quad included); -1 for a bad record.
 int32_t qvQuadDelaunay(const qvFlipRec *rec);
 
-// ---- Deviation measure ------------------------------------------------------------
+// ---- Covers -------------------------------------------------------------------------
 
-// A corner of a measured triangle: a vertex of the surface, or a point the
-// measure made (a midpoint), with its nearest reference triangle.
-struct qvDevPt {
-  const double *h;    // vertex handle; null for a point made by the measure
-  const double *xyz;  // coordinates
-  qvTri *near;        // nearest reference triangle, null when none is known
-  double dist;        // squared distance to near
+// A piece of the pass's starting surface: a starting triangle, or a fragment
+// of one cut at midpoints. Its corners point at vertex coordinates or at
+// points of the pass's pool; both live until the pass ends.
+constexpr int32_t kPieceSingle = -1;  // kind of a piece held by its home alone
+struct qvPiece {
+  const double *q[3];  // corners
+  const qvTri *src;    // the starting triangle it is part of
+  float bound;         // its certified squared bound, rounded up: the order of evaluation only
+  int32_t kind;        // kPieceSingle, or the home's slot across which its partner lies
 };
 
-// A reference triangle as one measure sees it: its corners read once, and a
-// ball that holds it, which bounds its distance from below so that most
-// triangles of a search need no distance at all.
-struct qvDevRef {
+// The pieces a live non-cap triangle answers for, hung on its link.
+struct qvCover {
+  qvPiece *p;
+  int32_t n;
+  int32_t cap;
+};
+
+// Adds a piece to t's cover, making the cover on first use. 0, or -1.
+[[nodiscard]] int32_t qvCoverAdd(qvTri *t, const qvPiece &piece);
+// Frees t's cover and clears its link.
+void qvCoverFree(qvTri *t);
+// Completes params for a pass over mesh: eta from the largest coordinate
+// magnitude, lim2, the pool, and a cover of itself for every triangle but
+// the caps (none at a tolerance of 0). 0, or -1.
+[[nodiscard]] int32_t qvCoverStart(qvMesh *mesh, qvRedParams *params);
+// Frees the covers of mesh and the pool of params.
+void qvCoverEnd(qvMesh *mesh, qvRedParams *params);
+
+// A triangle as a trial sees it: corners read once, its normal, and the
+// homes across its edges.
+struct qvHome {
   qvTri *tri;
-  const double *h[3];    // corner handles
-  const double *xyz[3];  // corner coordinates
-  double centre[3];      // centroid
-  double radius;         // largest distance from centre to a corner
-  double scale;          // largest coordinate magnitude of the corners
-  uint32_t flags;        // the list node's own flags, given back at the end
+  const double *h[3];  // corner handles in cycle order
+  const double *x[3];  // corner coordinates
+  double n[3];         // (x1 - x0) x (x2 - x0)
+  double nn;           // |n|^2
+  bool plane;          // not a needle: the distance may be taken to the plane inside
+  int32_t nb[3];       // index of the home across edg[k], or -1
 };
-// Reference lists up to this long get the table; longer ones (stars of very
-// high valence) are read from the records as they stand.
-constexpr int32_t kDevRefMax = 64;
+// Fills home from t. 0, or -1 when t's corners can't be read.
+[[nodiscard]] int32_t qvHomeSet(qvHome *home, qvTri *t);
+// The squared distance from p to the triangle of t, never below the true one
+// by more than the rounding that eta allows; +inf when it isn't a number.
+double qvHomeDist2(const qvHome &t, const double *p);
+// Sets the neighbours of n homes: nb[k] is the home that holds edg[k] too.
+void qvHomeLink(qvHome *homes, int32_t n);
+// The best bound of a piece with corners q held by one of n linked homes, or
+// by a pair of them across a shared edge, without splitting: the squared
+// distance the certificate proves for every point of the piece (+eta), or
+// +inf.
+double qvPieceBound(const double *const q[3], qvHome *homes, int32_t n);
 
-// What one measure carries through its levels.
-struct qvDevRun {
-  const qvRedParams *params;  // tol2 for the early stop, leaf2 for the split limit
-  int32_t *err;               // set to -1 on failure; every level stops when it is
-  int32_t calls;              // levels entered so far, against kDevCallBudget
-  qvDevRef *refs;             // the reference table, or null; while it is set,
-                              // each node of the reference list holds its
-                              // entry's index + 1 in flags
-  int32_t nRefs;
+// One piece placed by a trial, and one pair piece it takes from a cover
+// round the ring.
+struct qvPlanItem {
+  int32_t home;  // index into the trial's homes
+  qvPiece piece;
+};
+struct qvTaken {
+  qvTri *tri;
+  int32_t index;
 };
 
-// A level this deep measures its triangle at the corners only: 64 halvings
-// take an edge below the resolution of the doubles of its ends.
-constexpr int32_t kDevDepthMax = 64;
-// Splits one measure may make. With leaf2 zero (a tolerance of 0) splitting
-// need not end; a measure that spends its budget returns kDevTooFar, which
-// refuses the removal. A distance that isn't a number counts as kDevTooFar too.
-constexpr int32_t kDevCallBudget = 1 << 14;
-constexpr double kDevTooFar = std::numeric_limits<double>::infinity();
+// A trial removal: the star's copy with the spoke collapsed and the fan
+// flipped, the certificate of every piece it displaces, and the plan that a
+// commit applies. A trial is made on the current mesh and committed, or
+// dropped, before the mesh changes. Its arrays are kept for the next trial.
+struct qvTrial {
+  qvVtx *v;
+  qvTri *start;         // the triangle at v its star was entered at
+  qvMesh *copy;         // the new fan; ring edges bear kEdgMarkOuter while it lives
+  bool clean;           // the ring projected simply and the fan was flipped
+  double score;         // the largest certified squared bound; +inf when refused
+  int32_t err;          // -1 after a failure
+  qvTri **star;         // the star's triangles
+  int32_t nStar, starCap;
+  qvTri **near;         // the live non-cap triangles across the ring edges
+  int32_t nNear, nearCap;
+  qvVtx **ring;         // the ring's vertices, hubs left out, each once
+  int32_t nRing, ringCap;
+  qvHome *homes;        // the new fan, then near
+  int32_t nHomes, homesCap;
+  qvPlanItem *plan;
+  int32_t nPlan, planCap;
+  qvTaken *taken;
+  int32_t nTaken, takenCap;
+  const double **rowKey;  // corners whose distances to every home are known
+  double *rows;           // their distances, one row of nHomes each
+  int32_t nRows, rowKeyCap, rowsCap;
+  int32_t *slots;         // open-addressed index of rowKey
+  int32_t slotCount;
+  int32_t fragments;      // fragments made by this trial
+  double lim2;
+  qvCoverPool *pool;
+};
 
-// Nearest reference triangle of each corner of old, stored in the corner's pair
-// (the triangle's address, then the squared distance); each corner once. 0, or
-// -1 (no mark left behind).
-int32_t qvDevNearest(qvLnk *old, qvLnk *ref);
-// Measures one triangle by how many of its corners are corners of ref.
-double qvDevTri(qvDevPt c[3], qvLnk *ref, qvDevRun *run, int32_t depth);
-// How the nearest triangles of the corners relate: 1 all the same (or two and
-// none), 2 two that share an edge, 0 otherwise; -1 when a nearest triangle
-// isn't in ref or a pair to compare holds a null. With pin 0 to 2, three
-// different triangles are judged by the two corners other than pin.
-int32_t qvDevClass(const qvDevPt c[3], int32_t pin, qvLnk *ref);
-// 0 when no edge of a stands in b; otherwise 1 if neither triangle has
-// kTriReplace, 2 if both have, 3 if one has, and out (when not null) receives
-// the slot in a of the first such edge and the number of such edges. -1 for a
-// null triangle.
-int32_t qvTriShareKind(const qvTri *a, const qvTri *b, int32_t out[2]);
-// A triangle with no corner on ref: by the corners, by the edge between two
-// nearest triangles, or split in four.
-double qvDevFree(qvDevPt c[3], qvLnk *ref, qvDevRun *run, int32_t depth);
-double qvDevSplit4(qvDevPt c[3], qvLnk *ref, qvDevRun *run, int32_t depth);
-double qvDevPair(const qvDevPt c[3], qvDevRun *run);
-// Two corners on ref: always split in four, each part measured afresh.
-double qvDevTwoShared(qvDevPt c[3], qvLnk *ref, qvDevRun *run, int32_t depth);
-// One corner, c[index], on ref: measured against the reference triangles at
-// that corner only. ref's nodes are regrouped and its head stays its head.
-double qvDevOneShared(qvDevPt c[3], int32_t index, qvLnk *ref, qvDevRun *run, int32_t depth);
-double qvDevPinned(qvDevPt c[3], int32_t pin, qvLnk *list, qvDevRun *run, int32_t depth);
-// Halves the edge opposite c[pin]; *leaf = 1 instead when it is short.
-double qvDevBisect(qvDevPt c[3], int32_t pin, qvLnk *list, qvDevRun *run, int32_t depth,
-                   int32_t *leaf);
-double qvDevPinnedPair(const qvDevPt c[3], int32_t pin, qvDevRun *run);
+// Certifies the pieces the trial's removal displaces, against its fan and
+// the live triangles round its ring; sets score and fills the plan. At a
+// tolerance of 0 it tests instead whether the fan covers exactly what the
+// star covered. 0, or -1 on failure.
+[[nodiscard]] int32_t qvTrialCertify(qvTrial *tr, const qvRedParams *params);
+// Moves the pieces of a committed trial into their homes' covers. 0, or -1.
+[[nodiscard]] int32_t qvTrialApply(qvTrial *tr);
+// Releases the arrays of a trial that holds no copy.
+void qvTrialFree(qvTrial *tr);
+// 0 when the piece lies within lim of its home (and partner), 1 otherwise.
+int32_t qvCoverCheckPiece(const qvTri *home, const qvPiece &piece, const qvRedParams *params);
+// Whole-pass check, for tests and debug builds: every cover belongs to a
+// live non-cap triangle, every piece is certified afresh, and the pieces of
+// each starting triangle add up to its area. The number of violations.
+int32_t qvCoverCheck(const qvMesh *mesh, const qvRedParams *params, FILE *out);
 
 // ---- Vertex removal (star copies, collapse, flips, grafting) ----------------------
 //
@@ -165,96 +208,94 @@ double qvDevPinnedPair(const qvDevPt c[3], int32_t pin, qvDevRun *run);
 // collapses the chosen spoke in the copy, may improve the new fan by Delaunay
 // flips, and, for a commit, grafts the copy into the mesh in place of the star.
 // A triangle of a copy holds its source triangle in link until the copy is
-// retired or thrown away; a replacement triangle in the mesh holds in link a
-// qvLnk list of the removed vertices buried under it.
+// grafted or thrown away; a live triangle of the mesh holds its cover there.
 
 // Copies the star of the vertex with handle p (t a live triangle at it): one
 // new edge per spoke (same ends, tag and flags but marks), one new triangle per
 // star triangle with its source in link; inner edges join the copy's
-// triangles through aux, ring edges are the mesh's own. With outerMark, each
-// ring edge gets it and the copy's slot takes adj and aux from the source.
-// keep must be 1 (the engine always copies; moving the sources is not
-// supported). The copy, or null with the mesh's marks cleared again.
-qvMesh *qvStarCopy(qvMesh *mesh, qvTri *t, const double *p, uint32_t outerMark, int32_t keep);
+// triangles through aux, ring edges are the mesh's own: each gets outerMark
+// and the copy's slot takes adj and aux from the source. The copy, or null
+// with the mesh's marks cleared again.
+qvMesh *qvStarCopy(qvMesh *mesh, qvTri *t, const double *p, uint32_t outerMark);
 // The valences when v collapses onto w, with a and b the corners opposite the
 // spoke: w gains v.tag - 4, a and b lose one each. 0, or -1 when a valence
 // would fall below 3 (nothing is changed then).
-int32_t qvValenceCollapse(qvVtx *v, qvVtx *w, qvVtx *a, qvVtx *b);
+[[nodiscard]] int32_t qvValenceCollapse(qvVtx *v, qvVtx *w, qvVtx *a, qvVtx *b);
 // Collapses v along the first edge of the copy bearing mark onto the edge's
 // other end: the two triangles on the edge go, their neighbours in the copy
 // take over the ring edges. 0, or -1 for a missing or cap edge, a hub end, a
 // broken copy or a valence failure.
-int32_t qvCollapse(qvMesh *copy, qvVtx *v, uint32_t mark);
+[[nodiscard]] int32_t qvCollapse(qvMesh *copy, qvVtx *v, uint32_t mark);
 // Flips the diagonal of rec: each triangle takes one outer edge of the other
 // and the new diagonal (kEdgMarkVisit, at the head of the copy's edges)
 // replaces the old one, which is freed. 0, or -1 for a bad record or a
 // valence that the flip would break.
-int32_t qvFlipOp(qvMesh *copy, const qvFlipRec *rec);
-// Delaunay flips over the inner edges of the copy until none is made. The
-// number of flips, or -1.
-int32_t qvFlipSweep(qvMesh *copy);
-// The triangles of the starting surface under the marked star (kMarkSet.tri at
-// the head of the triangle list): the base triangles of the star and the old
-// fans of every vertex buried under its replacement triangles, caps left out.
-// m marks them meanwhile. The star's triangles stay a head run. Null with *err
-// -1 on failure, null with *err 0 for an empty patch.
-qvLnk *qvOldPatch(qvMesh *mesh, uint32_t m, int32_t *err);
-// The live replacement triangles round the ring of the marked star of v that
-// are not in the star. Clears the ring's vertex marks. *err as for qvOldPatch.
-qvLnk *qvNewNeighbours(qvMesh *mesh, qvVtx *v, const qvMarkSet *marks, int32_t *err);
-// The ring vertices of the marked star, hubs left out, each once (their vertex
-// marks are cleared). *err as for qvOldPatch; a retired ring vertex fails.
-qvLnk *qvRingVertices(qvMesh *mesh, const qvMarkSet *marks, int32_t *err);
-// Retires the sources of the copy's triangles (base ones keep their place with
-// kTriRetired, replacement ones die in qvTriReap) and gathers the vertices
-// buried under them, with a node for v in front. The list, or null with *err -1.
-qvLnk *qvStarRetire(qvMesh *mesh, qvMesh *copy, qvVtx *v, int32_t *err);
-// Frees replaced replacement triangles (a qvLnk list, freed too) with the edges
-// that only they shared.
-void qvTriReap(qvMesh *mesh, qvLnk *list);
-// Gives each removed vertex (a qvLnk list, consumed) to the nearest triangle
-// of the copy, and makes the copy's triangles the live entry (aux) of their
-// corners. 0, or -1.
-int32_t qvRemovedSpread(qvMesh *copy, qvLnk *removed);
+[[nodiscard]] int32_t qvFlipOp(qvMesh *copy, const qvFlipRec *rec);
+// Delaunay flips over the inner edges of the copy (ring edges, which bear
+// kEdgMarkOuter, stay) until none is made. The number of flips, or -1.
+[[nodiscard]] int32_t qvFlipSweep(qvMesh *copy);
+// Retires the n triangles of a star that copy replaces: base ones keep their
+// place with kTriRetired, replacement ones are freed with the edges only they
+// shared; the covers of both go, and the copy's triangles forget their
+// sources. 0, or -1.
+[[nodiscard]] int32_t qvStarRetire(qvMesh *mesh, qvTri *const *star, int32_t n, qvMesh *copy);
 // Writes the copy's triangles into aux of their neighbours across the edges
-// bearing m (clearing it), then moves the copy's records into the mesh and
-// frees the copy. 0, or -1 for a neighbour that doesn't hold the edge.
-int32_t qvStarGraft(qvMesh *copy, qvMesh *mesh, uint32_t m);
+// bearing m (clearing it) and into aux of their corners, then moves the
+// copy's records into the mesh and frees the copy. 0, or -1 for a neighbour
+// that doesn't hold the edge.
+[[nodiscard]] int32_t qvStarGraft(qvMesh *copy, qvMesh *mesh, uint32_t m);
+
+// Makes a trial removal of v on the current mesh into tr (whose arrays are
+// reused), along up to kSpokeTries spokes, shortest first, until one is
+// certified within lim2: 0 with tr->copy and tr->score set (the last spoke's
+// when none is), 1 when v is no candidate or has no further spoke (tr holds
+// no copy), -1 on failure. The mesh is unchanged apart
+// from the order of records at the list heads and the mark on the ring edges.
+[[nodiscard]] int32_t qvTrialRun(qvMesh *mesh, qvVtx *v, const qvRedParams *params, qvTrial *tr);
+// Throws the trial's copy away and clears the ring edges' mark.
+void qvTrialDrop(qvTrial *tr);
+// Commits the trial: the star is retired, the copy grafted, the plan
+// applied. 0, or -1 (the mesh is given up).
+[[nodiscard]] int32_t qvTrialCommit(qvMesh *mesh, qvTrial *tr, const qvRedParams *params);
 
 // The order of a sweep (candidates.cpp): the vertex list's order kept in an
 // index for the length of a sweep.
 struct qvRedOrder;
 
-// Removes v for good along its shortest admissible spoke: 0 removed, 1 no
-// spoke (nothing changed), -1 failure (the mesh is given up). Full rescores
-// the ring and merges it back into order; fast takes it out of the pass.
-// order may be null outside a sweep: the ring is then rescored or unscored
-// and the list stays as it is.
-int32_t qvVtxRemoveFull(qvMesh *mesh, qvVtx *v, const qvRedParams *params, qvRedOrder *order);
-int32_t qvVtxRemoveFast(qvMesh *mesh, qvVtx *v, const qvRedParams *params, qvRedOrder *order);
+// Removes v for good, by a trial on the current mesh committed when its
+// score is within lim2: 0 removed, 1 refused or no spoke (nothing changed),
+// -1 failure (the mesh is given up). Full rescores the ring and merges it
+// back into order; fast takes it out of the pass. order may be null outside
+// a sweep: the ring is then rescored or unscored and the list stays as it is.
+[[nodiscard]] int32_t qvVtxRemoveFull(qvMesh *mesh, qvVtx *v, const qvRedParams *params, qvRedOrder *order,
+                                      qvTrial *tr);
+[[nodiscard]] int32_t qvVtxRemoveFast(qvMesh *mesh, qvVtx *v, const qvRedParams *params, qvRedOrder *order,
+                                      qvTrial *tr);
 
 // ---- Removal candidates -----------------------------------------------------------
 
 // The spoke of v to collapse along, starting from t, a live triangle at v:
-// the shortest that passes the link test, not a cap edge, and for a feature
-// end a feature spoke (none at all when the ring has an odd number of feature
-// edges). *blocked gets the number of spokes that fail the link test, or -1
-// on failure (the result is then null). Leaves no mark.
-qvEdg *qvSpokePick(qvMesh *mesh, qvTri *t, qvVtx *v, int32_t *blocked);
-// Scores v by a trial removal on a copy of its star: its score becomes the
-// squared deviation, or kRedScoreNone. 0 scored or excluded, 1 no spoke, -1
-// failure. The mesh is unchanged apart from the score and the order of
-// marked records at the list heads.
-int32_t qvVtxScore(qvMesh *mesh, qvVtx *v, const qvRedParams *params);
+// the shortest that passes the link test, not a cap edge, not in skip (which
+// may be null), and for a feature end a feature spoke (none at all when the
+// ring has an odd number of feature edges). *blocked gets the number of
+// spokes that fail the link test, or -1 on failure (the result is then
+// null). Leaves no mark.
+qvEdg *qvSpokePick(qvMesh *mesh, qvTri *t, qvVtx *v, int32_t *blocked, const qvSpokeSkip *skip);
+// Scores v by a trial removal: its score becomes the certified squared
+// deviation (+inf when refused), or kRedScoreNone when it is no candidate.
+// 0 scored or excluded, 1 no spoke, -1 failure. The mesh is unchanged apart
+// from the score and the order of records at the list heads.
+[[nodiscard]] int32_t qvVtxScore(qvMesh *mesh, qvVtx *v, const qvRedParams *params, qvTrial *tr);
 // The order of candidates: ascending score, every vertex without a score
-// behind every vertex with one, and equal scores equal (no tie-break).
+// behind every vertex with one. Equal scores compare equal here; every sort
+// by it is stable, so that ties keep the order of the list (a fixed ordinal).
 int32_t qvVtxScoreCmp(const qvVtx *a, const qvVtx *b);
-// Sorts a list of n vertices (n < 0: counted first) by qvVtxScoreCmp and
-// relinks it. The new head; *err is set to -1 when n doesn't match the list
-// or no memory can be had, and the list then stands as it was.
+// Sorts a list of n vertices (n < 0: counted first) stably by qvVtxScoreCmp
+// and relinks it. The new head; *err is set to -1 when n doesn't match the
+// list or no memory can be had, and the list then stands as it was.
 qvVtx *qvVtxSortScore(qvVtx *head, int32_t n, int32_t *err);
 // Scores every vertex in list order and sorts the list. Vertices visited, or -1.
-int32_t qvRedScoreAll(qvMesh *mesh, const qvRedParams *params);
+[[nodiscard]] int32_t qvRedScoreAll(qvMesh *mesh, const qvRedParams *params, qvTrial *tr);
 // Remove vertices from the head of the order while the score is within tol2.
 // Removed count, or -1.
 //
@@ -263,19 +304,18 @@ int32_t qvRedScoreAll(qvMesh *mesh, const qvRedParams *params);
 // in the order they were sent there. During a sweep that order is kept in a
 // qvRedOrder, so that placing a vertex costs a logarithm rather than a walk,
 // and the list is relinked to it when the sweep ends.
-int32_t qvRedSweepFull(qvMesh *mesh, const qvRedParams *params);
-int32_t qvRedSweepFast(qvMesh *mesh, const qvRedParams *params);
-// After a full removal: rescores each ring vertex (a qvLnk list, consumed)
-// and merges the ring back into the order. 0, or -1.
-int32_t qvRingRescore(qvMesh *mesh, qvRedOrder *order, qvLnk *ring, const qvRedParams *params);
-// The ring (consumed), sorted by qvVtxScoreCmp, enters the order: each vertex
+[[nodiscard]] int32_t qvRedSweepFull(qvMesh *mesh, const qvRedParams *params, qvTrial *tr);
+[[nodiscard]] int32_t qvRedSweepFast(qvMesh *mesh, const qvRedParams *params, qvTrial *tr);
+// After a full removal: rescores each of the n ring vertices and merges the
+// ring back into the order. 0, or -1.
+[[nodiscard]] int32_t qvRingRescore(qvMesh *mesh, qvRedOrder *order, qvVtx *const *ring, int32_t n,
+                                    const qvRedParams *params, qvTrial *tr);
+// The ring, sorted stably by qvVtxScoreCmp, enters the order: each vertex
 // with a score behind its equals, the others at the tail. 0, or -1.
-int32_t qvRingMerge(qvRedOrder *order, qvLnk *ring);
-// After a fast removal: the ring (consumed) is out for the rest of the pass,
-// without a score, at the tail. 0, or -1.
-int32_t qvRingDefer(qvRedOrder *order, qvLnk *ring);
-// Sends the ring vertices (consumed) to the tail in ring order. 0, or -1.
-int32_t qvRingPark(qvRedOrder *order, qvLnk *ring);
+[[nodiscard]] int32_t qvRingMerge(qvRedOrder *order, qvVtx *const *ring, int32_t n);
+// After a fast removal: the ring is out for the rest of the pass, without a
+// score, at the tail in ring order. 0, or -1.
+[[nodiscard]] int32_t qvRingDefer(qvRedOrder *order, qvVtx *const *ring, int32_t n);
 
 // ---- The budget of a stepped run --------------------------------------------------
 

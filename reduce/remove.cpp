@@ -1,18 +1,19 @@
 // Vertex removal and refilling. The star of a vertex is copied into a small
 // qvMesh of its own; the chosen spoke is collapsed in the copy, which closes
 // the hole with a fan from the surviving neighbour; the fan may be improved by
-// Delaunay flips; and for a commit the copy is grafted into the mesh in place
-// of the star. A trial runs the same steps and throws the copy away.
+// Delaunay flips; the covers the removal displaces are certified against the
+// fan and the triangles round it; and a commit grafts that very copy into the
+// mesh in place of the star and hands the pieces to their new homes.
 //
 // The surface a pass started from stays whole inside the mesh beside the live
 // one: a triangle that a commit replaces is retired (kept, reached through adj
 // only) when it was a base triangle, and freed when it was itself a
-// replacement. Each replacement triangle lists the removed vertices buried
-// under it, so that a later trial can find the starting surface under a star
-// through the old fans of those vertices, however deep the removals went.
+// replacement.
+#include <algorithm>
+#include <cassert>
 #include <cstdlib>
 #include <initializer_list>
-#include <new>
+#include <limits>
 
 #include "kernels/kernels.h"
 #include "reduce/reduce_internal.h"
@@ -20,7 +21,6 @@
 namespace {
 
 constexpr int32_t kFlipApexMin = 4;     // an apex of a flipped diagonal, after the flip
-constexpr double kSpreadTol = 1e-6;     // length tolerance of pointTriDist2
 
 inline qvTri* liveAcross(const qvTri* t, int32_t i) { return t->aux[i] ? t->aux[i] : t->adj[i]; }
 
@@ -57,8 +57,8 @@ void retell(qvEdg* e, qvTri* across, const qvTri* was, qvTri* now) {
 // ---------------------------------------------------------------------------
 // The star copy
 
-qvMesh* qvStarCopy(qvMesh* mesh, qvTri* t, const double* p, uint32_t outerMark, int32_t keep) {
-  if (!mesh || !t || !p || keep != 1) return nullptr;
+qvMesh* qvStarCopy(qvMesh* mesh, qvTri* t, const double* p, uint32_t outerMark) {
+  if (!mesh || !t || !p) return nullptr;
   // The star's triangles and spokes become head runs of their lists.
   qvSpokeMarkCtx ctx{mesh, p, kTriMarkVisit, kEdgMarkVisit};
   if (qvFanWalk(t, p, qvFanMarkSpokes, &ctx) != 0) {
@@ -270,6 +270,36 @@ int32_t qvFlipOp(qvMesh* copy, const qvFlipRec* rec) {
   return 0;
 }
 
+namespace {
+
+struct CornerSeek {
+  const double* other;
+  bool found;
+};
+
+int32_t seekCorner(qvTri* t, void* ctx) {
+  auto& c = *static_cast<CornerSeek*>(ctx);
+  double* h[3];
+  if (qvTriCorners(t, 0, h) != 0 || h[0] == c.other || h[1] == c.other || h[2] == c.other) {
+    c.found = true;
+    return 1;
+  }
+  return 0;
+}
+
+// Whether an edge of the mesh, outside the copy, already joins the ends of a
+// new diagonal: the live fan of a at its entry triangle holds b. A flip to
+// such a diagonal would give the edge a third and fourth triangle.
+bool joinedOutside(const double* a, const double* b) {
+  qvTri* t = static_cast<qvTri*>(qvVtxOf(a)->aux);
+  if (!t) return true;
+  CornerSeek seek{b, false};
+  const int32_t r = qvFanWalk(t, a, seekCorner, &seek);
+  return seek.found || (r != 0 && r != 1 && r != -1);
+}
+
+}  // namespace
+
 int32_t qvFlipSweep(qvMesh* copy) {
   if (!copy) return -1;
   int32_t flips = 0;
@@ -286,6 +316,9 @@ int32_t qvFlipSweep(qvMesh* copy) {
         const int32_t r = qvFlipTest(&rec);
         if (r < 0) return -1;
         if (r == 0) continue;
+        double* quad[4];
+        if (qvEdgQuad(&rec, 0, quad) != 0) return -1;
+        if (joinedOutside(quad[1], quad[3])) continue;
         if (qvFlipOp(copy, &rec) != 0) return -1;
         ++flips;
         again = true;
@@ -299,144 +332,13 @@ int32_t qvFlipSweep(qvMesh* copy) {
 }
 
 // ---------------------------------------------------------------------------
-// What lies under and around a star
+// Commit: retire, graft
 
 namespace {
 
-struct LnkTail {
-  qvLnk* head;
-  qvLnk* tail;
-  bool ok;
-};
-
-void lnkAppend(LnkTail& l, void* item) {
-  qvLnk* n = qvLnkNew(0, item);
-  if (!n) {
-    l.ok = false;
-    return;
-  }
-  n->prev = l.tail;
-  if (l.tail) l.tail->next = n;
-  else l.head = n;
-  l.tail = n;
-}
-
-qvLnk* finishList(LnkTail& l, int32_t* err) {
-  *err = l.ok ? 0 : -1;
-  if (l.ok) return l.head;
-  qvLnkDeleteAll(l.head);
-  return nullptr;
-}
-
-struct GatherCtx {
-  uint32_t triMark;  // the star's triangles, left out
-  LnkTail* out;
-};
-
-int32_t gatherReplacement(qvTri* t, void* p) {
-  GatherCtx& c = *static_cast<GatherCtx*>(p);
-  if ((t->flags & kTriReplace) && !(t->flags & (c.triMark | kTriMarkGathered))) {
-    t->flags |= kTriMarkGathered;
-    lnkAppend(*c.out, t);
-  }
-  return 0;
-}
-
-}  // namespace
-
-qvLnk* qvOldPatch(qvMesh* mesh, uint32_t m, int32_t* err) {
-  int32_t local;
-  int32_t* status = err ? err : &local;
-  *status = -1;
-  if (!mesh || !m) return nullptr;
-  const uint32_t star = kMarkSet.tri;
-  LnkTail out{nullptr, nullptr, true};
-  // Base triangles of the star are marked; under each replacement triangle,
-  // the old fans of the vertices buried there.
-  for (qvTri* t = mesh->tri; t && (t->flags & star) && out.ok;) {
-    qvTri* next = t->next;  // read before t may move
-    if (t->flags & kTriReplace) {
-      for (qvLnk* l = static_cast<qvLnk*>(t->link); l && out.ok; l = l->next) {
-        qvVtx* x = static_cast<qvVtx*>(l->item);
-        out.ok = (x->flags & kVtxRetired) &&
-                 qvFanMarkOld(mesh, static_cast<qvTri*>(x->link), x->dat, m, 0, 0, kFanMoveTri) >= 0;
-      }
-    } else if (t->link) {
-      out.ok = false;
-    } else {
-      qvTriToHead(mesh, t);
-      t->flags |= m;
-    }
-    t = next;
-  }
-  // The marked triangles are a head run: gather them, and put the star's own
-  // triangles back at the head.
-  qvTri* t = mesh->tri;
-  while (t && (t->flags & m)) {
-    qvTri* next = t->next;
-    t->flags &= ~m;
-    if (t->flags & kTriReplace) out.ok = false;
-    else if (!(t->flags & kTriCap) && out.ok) lnkAppend(out, t);
-    if (t->flags & star) qvTriToHead(mesh, t);
-    t = next;
-  }
-  while (t && (t->flags & star)) {
-    qvTri* next = t->next;
-    qvTriToHead(mesh, t);
-    t = next;
-  }
-  return finishList(out, status);
-}
-
-qvLnk* qvNewNeighbours(qvMesh* mesh, qvVtx* v, const qvMarkSet* marks, int32_t* err) {
-  int32_t local;
-  int32_t* status = err ? err : &local;
-  *status = -1;
-  if (!mesh || !v || !marks) return nullptr;
-  LnkTail out{nullptr, nullptr, true};
-  GatherCtx ctx{marks->tri, &out};
-  for (qvTri* t = mesh->tri; t && (t->flags & marks->tri) && out.ok; t = t->next) {
-    qvEdg* r = qvTriFarEdge(t, v->dat);
-    if (!r || !(r->flags & marks->edg)) {
-      out.ok = false;
-      break;
-    }
-    for (double* h : r->ends) {
-      qvVtx* x = qvVtxOf(h);
-      if (!(x->flags & marks->vtx)) continue;
-      x->flags &= ~marks->vtx;
-      if (qvFanWalk(t, h, gatherReplacement, &ctx) != 0) out.ok = false;
-    }
-  }
-  for (qvLnk* l = out.head; l; l = l->next) {
-    qvTri* t = static_cast<qvTri*>(l->item);
-    t->flags &= ~kTriMarkGathered;
-    if (t->flags & kTriRetired) out.ok = false;
-  }
-  return finishList(out, status);
-}
-
-qvLnk* qvRingVertices(qvMesh* mesh, const qvMarkSet* marks, int32_t* err) {
-  int32_t local;
-  int32_t* status = err ? err : &local;
-  *status = -1;
-  if (!mesh || !marks) return nullptr;
-  LnkTail out{nullptr, nullptr, true};
-  for (qvEdg* e = mesh->edg; e && (e->flags & marks->edg); e = e->next)
-    for (double* h : e->ends) {
-      qvVtx* x = qvVtxOf(h);
-      if (!(x->flags & marks->vtx)) continue;
-      x->flags &= ~marks->vtx;
-      if (x->flags & kVtxRetired) out.ok = false;
-      else if (!(x->flags & kVtxHub) && out.ok) lnkAppend(out, x);
-    }
-  return finishList(out, status);
-}
-
-// ---------------------------------------------------------------------------
-// Commit: retire, spread, graft
-
-void qvTriReap(qvMesh* mesh, qvLnk* list) {
+// Frees replaced replacement triangles (a qvLnk list, freed too) with the
+// edges that only they shared.
+void triReap(qvMesh* mesh, qvLnk* list) {
   // An edge met in two reaped triangles was inner to the replaced group: it
   // goes with them. One met once still borders a live triangle.
   qvEdg* inner = nullptr;
@@ -459,7 +361,7 @@ void qvTriReap(qvMesh* mesh, qvLnk* list) {
   for (qvLnk* l = list; l;) {
     qvLnk* next = l->next;
     qvTri* t = static_cast<qvTri*>(l->item);
-    qvLnkDeleteAll(static_cast<qvLnk*>(t->link));
+    qvCoverFree(t);
     qvTriFree(t);
     qvLnkFree(l);
     l = next;
@@ -467,103 +369,28 @@ void qvTriReap(qvMesh* mesh, qvLnk* list) {
   qvEdgDeleteAll(inner);
 }
 
-qvLnk* qvStarRetire(qvMesh* mesh, qvMesh* copy, qvVtx* v, int32_t* err) {
-  int32_t local;
-  int32_t* status = err ? err : &local;
-  *status = -1;
-  if (!mesh || !copy || !v) return nullptr;
-  qvLnk* removed = nullptr;
+}  // namespace
+
+int32_t qvStarRetire(qvMesh* mesh, qvTri* const* star, int32_t n, qvMesh* copy) {
+  if (!mesh || !star || !copy) return -1;
+  for (qvTri* c = copy->tri; c; c = c->next) c->link = nullptr;
   qvLnk* reaped = nullptr;
   bool ok = true;
-  for (qvTri* c = copy->tri; c; c = c->next) {
-    qvTri* o = static_cast<qvTri*>(c->link);
-    c->link = nullptr;
-    if (!o) {
-      ok = false;
-      continue;
-    }
-    removed = qvLnkConcat(static_cast<qvLnk*>(o->link), removed);
-    o->link = nullptr;
+  for (int32_t i = 0; i < n; ++i) {
+    qvTri* o = star[i];
+    qvCoverFree(o);
     if (o->flags & kTriReplace) {
       mesh->tri = qvTriUnlinkList(mesh->tri, o);
-      qvLnk* n = qvLnkNew(0, o);
-      if (n) reaped = qvLnkConcat(n, reaped);
+      qvLnk* l = qvLnkNew(0, o);
+      if (l) reaped = qvLnkConcat(l, reaped);
       else ok = false;  // o is out of every list now: the run is given up anyway
     } else {
       o->flags |= kTriRetired;
       o->aux[0] = o->aux[1] = o->aux[2] = nullptr;
     }
   }
-  qvLnk* self = qvLnkNew(0, v);
-  if (self) removed = qvLnkConcat(self, removed);
-  else ok = false;
-  qvTriReap(mesh, reaped);
-  if (ok) {
-    *status = 0;
-    return removed;
-  }
-  qvLnkDeleteAll(removed);
-  return nullptr;
-}
-
-int32_t qvRemovedSpread(qvMesh* copy, qvLnk* removed) {
-  if (!copy) {
-    qvLnkDeleteAll(removed);
-    return -1;
-  }
-  int32_t status = 0;
-  for (qvLnk* l = removed; l;) {
-    qvLnk* next = l->next;  // read before the node moves
-    l->prev = l->next = nullptr;
-    qvVtx* x = static_cast<qvVtx*>(l->item);
-    const double* p = qvVtxXyz(x);
-    qvTri* best = nullptr;
-    double bestD = 0.0;
-    for (qvTri* t = copy->tri; t && p && status == 0; t = t->next) {
-      double* h[3];
-      if (qvTriCorners(t, 0, h) != 0) {
-        status = -1;
-        break;
-      }
-      double d = 0.0;
-      if (h[0] != x->dat && h[1] != x->dat && h[2] != x->dat) {
-        if (!t->cache) {
-          void* mem = std::malloc(sizeof(qvTriCache));
-          if (!mem) {
-            status = -1;
-            break;
-          }
-          t->cache = new (mem) qvTriCache{};
-        }
-        const double* a = qvVtxXyz(qvVtxOf(h[0]));
-        const double* b = qvVtxXyz(qvVtxOf(h[1]));
-        const double* c = qvVtxXyz(qvVtxOf(h[2]));
-        d = pointTriDist2(t->cache, a, b, c, p, kSpreadTol, nullptr, nullptr);
-      }
-      if (!best || d < bestD) {
-        best = t;
-        bestD = d;
-      }
-    }
-    if (!best || !(x->flags & kVtxRetired) || status != 0) {
-      status = -1;
-      qvLnkFree(l);
-    } else {
-      best->link = qvLnkConcat(l, static_cast<qvLnk*>(best->link));
-      x->aux = best;
-    }
-    l = next;
-  }
-  if (status != 0) return -1;
-  for (qvTri* t = copy->tri; t; t = t->next) {
-    qvVtx* c[3];
-    if (qvTriCornerVtx(t, 0, c) != 0) return -1;
-    for (qvVtx* x : c) {
-      if (x->flags & kVtxRetired) return -1;
-      x->aux = t;
-    }
-  }
-  return 0;
+  triReap(mesh, reaped);
+  return ok ? 0 : -1;
 }
 
 int32_t qvStarGraft(qvMesh* copy, qvMesh* mesh, uint32_t m) {
@@ -581,6 +408,13 @@ int32_t qvStarGraft(qvMesh* copy, qvMesh* mesh, uint32_t m) {
       }
       e->flags &= ~m;
     }
+  // The new triangles are the live entries of their corners.
+  for (qvTri* c = copy->tri; c; c = c->next) {
+    qvVtx* x[3];
+    if (qvTriCornerVtx(c, 0, x) != 0) status = -1;
+    else
+      for (qvVtx* k : x) k->aux = c;
+  }
   mesh->tri = qvTriConcat(copy->tri, mesh->tri);
   mesh->edg = qvEdgConcat(copy->edg, mesh->edg);
   copy->tri = nullptr;
@@ -592,12 +426,12 @@ int32_t qvStarGraft(qvMesh* copy, qvMesh* mesh, uint32_t m) {
 // ---------------------------------------------------------------------------
 // The commit
 
-int32_t qvStarOpen(qvMesh* mesh, qvVtx* v, qvStarView* star, int32_t* err) {
+int32_t qvStarOpen(qvMesh* mesh, qvVtx* v, qvStarView* star, int32_t* err, const qvSpokeSkip* skip) {
   if (!mesh || !v || !star || !err || !v->aux) return -1;
   double* const p = v->dat;
   star->start = static_cast<qvTri*>(v->aux);
   int32_t blocked = 0;
-  star->spoke = qvSpokePick(mesh, star->start, v, &blocked);
+  star->spoke = qvSpokePick(mesh, star->start, v, &blocked, skip);
   if (blocked < 0) return -1;
   if (!star->spoke) return 1;
   star->clean = blocked == 0;
@@ -614,63 +448,179 @@ int32_t qvStarOpen(qvMesh* mesh, qvVtx* v, qvStarView* star, int32_t* err) {
   return 0;
 }
 
+
+// ---------------------------------------------------------------------------
+// The trial and the commit
+
 namespace {
 
-int32_t removeVertex(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvRedOrder* order, bool full) {
-  if (!mesh || !v || !params || !v->aux) return -1;
-  double* const p = v->dat;
-  qvStarView star;
-  int32_t err = 0;
-  const int32_t opened = qvStarOpen(mesh, v, &star, &err);
-  if (opened != 0) return opened;
-  qvTri* const start = star.start;
-  qvEdg* const e = star.spoke;
-  bool clean = star.clean;
+template <class T>
+bool push(T*& arr, int32_t& n, int32_t& cap, T x) {
+  if (n == cap) {
+    const int32_t next = cap ? cap * 2 : 16;
+    void* mem = std::realloc(arr, sizeof(T) * static_cast<size_t>(next));
+    if (!mem) return false;
+    arr = static_cast<T*>(mem);
+    cap = next;
+  }
+  arr[n++] = x;
+  return true;
+}
 
+inline bool touches(const qvEdg* e, const double* h) { return e->ends[0] == h || e->ends[1] == h; }
+
+void unmarkStar(qvMesh* mesh) {
   const uint32_t edgBits[2] = {kMarkSet.edg, kMarkSet.edg};
-  qvLnk* ringList = err == 0 ? qvRingVertices(mesh, &kMarkSet, &err) : nullptr;
   qvHeadUnmark(mesh, kMarkSet.tri, edgBits, kMarkSet.vtx);
-  if (err != 0) return -1;
+}
 
-  e->flags |= kEdgMarkSpoke;
-  qvMesh* copy = qvStarCopy(mesh, start, p, kEdgMarkOuter, 1);
-  e->flags &= ~kEdgMarkSpoke;
-  if (!copy) {
-    qvLnkDeleteAll(ringList);
-    return -1;
+// The star, its ring and the live triangles across the ring, read while the
+// star bears kMarkSet at the list heads.
+bool gatherStar(qvMesh* mesh, qvTrial* tr) {
+  const double* p = tr->v->dat;
+  for (qvTri* t = mesh->tri; t && (t->flags & kMarkSet.tri); t = t->next)
+    if (!push(tr->star, tr->nStar, tr->starCap, t)) return false;
+  for (qvEdg* e = mesh->edg; e && (e->flags & kMarkSet.edg); e = e->next)
+    for (double* h : e->ends) {
+      qvVtx* x = qvVtxOf(h);
+      if (!(x->flags & kMarkSet.vtx)) continue;
+      x->flags &= ~kMarkSet.vtx;
+      if (x->flags & kVtxRetired) return false;
+      if (!(x->flags & kVtxHub) && !push(tr->ring, tr->nRing, tr->ringCap, x)) return false;
+    }
+  for (int32_t s = 0; s < tr->nStar; ++s) {
+    qvTri* t = tr->star[s];
+    for (int32_t i = 0; i < 3; ++i) {
+      if (touches(t->edg[i], p)) continue;
+      qvTri* n = liveAcross(t, i);
+      if (!n) return false;
+      if (n->flags & (kMarkSet.tri | kTriCap)) continue;
+      bool seen = false;
+      for (int32_t k = 0; k < tr->nNear && !seen; ++k) seen = tr->near[k] == n;
+      if (!seen && !push(tr->near, tr->nNear, tr->nearCap, n)) return false;
+    }
   }
-  qvTriOrAll(copy->tri, kTriReplace);
-  qvEdgOrAll(copy->edg, kEdgReplace);
-
-  // From here on the mesh has lost the star: a failure leaves it given up.
-  qvLnk* removed = qvStarRetire(mesh, copy, v, &err);
-  if (err == 0 && qvCollapse(copy, v, kEdgMarkSpoke) != 0) err = -1;
-  if (err == 0 && clean) {
-    if (qvFlipSweep(copy) < 0) err = -1;
-    v->tag = 0;
-    if (qvValenceClear(copy) < 0) err = -1;
-  }
-  if (err != 0) {
-    qvLnkDeleteAll(removed);
-    qvLnkDeleteAll(ringList);
-    qvMeshFree(copy);
-    return -1;
-  }
-  v->flags |= kVtxRetired;
-  if (qvRemovedSpread(copy, removed) != 0 || qvStarGraft(copy, mesh, kEdgMarkOuter) != 0) {
-    qvLnkDeleteAll(ringList);
-    return -1;
-  }
-  const int32_t r = full ? qvRingRescore(mesh, order, ringList, params) : qvRingDefer(order, ringList);
-  return r < 0 ? -1 : 0;
+  return true;
 }
 
 }  // namespace
 
-int32_t qvVtxRemoveFull(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvRedOrder* order) {
-  return removeVertex(mesh, v, params, order, true);
+void qvTrialDrop(qvTrial* tr) {
+  if (!tr || !tr->copy) return;
+  qvMeshFree(tr->copy);
+  tr->copy = nullptr;
+  for (int32_t s = 0; s < tr->nStar; ++s)
+    for (qvEdg* e : tr->star[s]->edg) e->flags &= ~kEdgMarkOuter;
 }
 
-int32_t qvVtxRemoveFast(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvRedOrder* order) {
-  return removeVertex(mesh, v, params, order, false);
+namespace {
+
+// One trial along the shortest spoke not in skip, which it joins. 0, 1 or -1
+// as for qvTrialRun.
+int32_t trialAlong(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvTrial* tr, qvSpokeSkip* skip) {
+  tr->copy = nullptr;
+  tr->err = 0;
+  tr->score = std::numeric_limits<double>::infinity();
+  tr->nStar = tr->nNear = tr->nRing = 0;
+  double* const p = v->dat;
+  qvStarView star;
+  int32_t err = 0;
+  const int32_t opened = qvStarOpen(mesh, v, &star, &err, skip);
+  if (opened != 0) return opened;
+  skip->e[skip->n++] = star.spoke;
+  tr->start = star.start;
+  tr->clean = star.clean;
+  bool ok = err == 0 && gatherStar(mesh, tr);
+  unmarkStar(mesh);
+
+  if (ok) {
+    star.spoke->flags |= kEdgMarkSpoke;
+    tr->copy = qvStarCopy(mesh, tr->start, p, kEdgMarkOuter);
+    star.spoke->flags &= ~kEdgMarkSpoke;
+    ok = tr->copy != nullptr;
+  }
+  if (ok) {
+    qvTriOrAll(tr->copy->tri, kTriReplace);
+    qvEdgOrAll(tr->copy->edg, kEdgReplace);
+    ok = qvCollapse(tr->copy, v, kEdgMarkSpoke) == 0;
+  }
+  if (ok && tr->clean) {
+    ok = qvFlipSweep(tr->copy) >= 0;
+    v->tag = 0;
+    ok = qvValenceClear(tr->copy) >= 0 && ok;
+  }
+  ok = ok && qvTrialCertify(tr, params) == 0;
+  if (ok) return 0;
+  qvTrialDrop(tr);
+  if (tr->clean) (void)qvValenceClear(mesh);
+  return -1;
+}
+
+}  // namespace
+
+int32_t qvTrialRun(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvTrial* tr) {
+  if (!mesh || !v || !params || !tr) return -1;
+  tr->v = v;
+  tr->copy = nullptr;
+  if (v->flags & (kVtxKeepSet | kVtxRetired)) return 1;
+  if (!v->aux) return -1;
+  qvSpokeSkip skip{};
+  int32_t r = trialAlong(mesh, v, params, tr, &skip);
+  while (r == 0 && !(tr->score <= params->lim2) && skip.n < kSpokeTries) {
+    qvTrialDrop(tr);
+    r = trialAlong(mesh, v, params, tr, &skip);
+  }
+  return r;
+}
+
+int32_t qvTrialCommit(qvMesh* mesh, qvTrial* tr, const qvRedParams* params) {
+  if (!mesh || !tr || !tr->copy) return -1;
+  qvMesh* copy = tr->copy;
+  tr->copy = nullptr;
+  if (qvStarRetire(mesh, tr->star, tr->nStar, copy) != 0) {
+    qvMeshFree(copy);
+    return -1;
+  }
+  tr->v->flags |= kVtxRetired;
+  if (qvStarGraft(copy, mesh, kEdgMarkOuter) != 0 || qvTrialApply(tr) != 0) return -1;
+#ifndef NDEBUG
+  for (int32_t i = 0; i < tr->nPlan; ++i)
+    assert(qvCoverCheckPiece(tr->homes[tr->plan[i].home].tri, tr->plan[i].piece, params) == 0);
+#else
+  (void)params;
+#endif
+  return 0;
+}
+
+namespace {
+
+int32_t removeVertex(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvRedOrder* order, bool full,
+                     qvTrial* tr) {
+  if (!mesh || !v || !params || !tr || !v->aux) return -1;
+  const int32_t r = qvTrialRun(mesh, v, params, tr);
+  if (r != 0) return r;
+  if (!(tr->score <= params->lim2)) {
+    qvTrialDrop(tr);
+    return 1;
+  }
+  if (qvTrialCommit(mesh, tr, params) != 0) return -1;
+  // The ring outlives the trial that rescoring it makes.
+  qvVtx* local[32];
+  const int32_t n = tr->nRing;
+  qvVtx** ring = n <= 32 ? local : static_cast<qvVtx**>(std::malloc(sizeof(qvVtx*) * static_cast<size_t>(n)));
+  if (!ring) return -1;
+  std::copy(tr->ring, tr->ring + n, ring);
+  const int32_t done = full ? qvRingRescore(mesh, order, ring, n, params, tr) : qvRingDefer(order, ring, n);
+  if (ring != local) std::free(ring);
+  return done < 0 ? -1 : 0;
+}
+
+}  // namespace
+
+int32_t qvVtxRemoveFull(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvRedOrder* order, qvTrial* tr) {
+  return removeVertex(mesh, v, params, order, true, tr);
+}
+
+int32_t qvVtxRemoveFast(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvRedOrder* order, qvTrial* tr) {
+  return removeVertex(mesh, v, params, order, false, tr);
 }

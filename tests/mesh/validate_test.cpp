@@ -46,7 +46,7 @@ TEST(Validate, FixturesAreValidWithHandCountedRecords) {
 // shape it names and returns how to mend it, so that the fixture can be freed.
 TEST(Validate, ReportsEachKindOfBreakageByItsInvariant) {
   static double elsewhere[6];
-  static qvTriCache someCache;
+  static double someCache[4];
   static qvMesh otherMesh;
   struct Case {
     const char* name;
@@ -78,7 +78,7 @@ TEST(Validate, ReportsEachKindOfBreakageByItsInvariant) {
       {"vertex tag", 8, [](Fixture& f) { return poke(f.v[2]->tag, 3); }},
       {"vertex aux", 8, [](Fixture& f) { return poke(f.v[2]->aux, f.t[0]); }},
       {"edge own", 8, [](Fixture& f) { return poke(f.mesh->edg->own, f.t[0]); }},
-      {"triangle cache", 8, [](Fixture& f) { return poke(f.t[3]->cache, &someCache); }},
+      {"triangle cache", 8, [](Fixture& f) { return poke(f.t[3]->cache, reinterpret_cast<qvTriCache*>(someCache)); }},
       {"triangle aux", 8, [](Fixture& f) { return poke(f.t[3]->aux[1], f.t[0]); }},
       {"vertex mark", 9, [](Fixture& f) { return poke(f.v[1]->flags, f.v[1]->flags | kVtxMarkVisit); }},
       {"triangle mark", 9, [](Fixture& f) { return poke(f.t[2]->flags, f.t[2]->flags | kTriMarkFlood); }},

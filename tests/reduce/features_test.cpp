@@ -41,7 +41,7 @@ Shape hinge(double fold, double r) {
 
 qvRedParams paramsOf(double tol) {
   qvRedParams p;
-  qvRedParamsSet(tol, &p);
+  EXPECT_EQ(qvRedParamsSet(tol, &p), 0);
   return p;
 }
 

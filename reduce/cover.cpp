@@ -1,0 +1,717 @@
+// Covers: the proof that a pass keeps its starting surface within the
+// tolerance of the live one. Every live non-cap triangle answers for pieces
+// of the starting surface (whole starting triangles, or fragments cut from
+// them at midpoints), each certified to lie within lim of its home triangle,
+// or of its home and the live neighbour across one of its edges. A trial
+// removal certifies again every piece whose home or partner the removal
+// destroys, against the new fan and the live triangles round the ring; the
+// largest certified bound is the removal's score. See reduce/reduce.h for the
+// invariants and the proof.
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <unordered_map>
+
+#include "kernels/predicates.h"
+#include "reduce/reduce_internal.h"
+
+namespace {
+
+constexpr double kInf = std::numeric_limits<double>::infinity();
+constexpr int32_t kPoolChunk = 4096;     // points per block of the pass's pool
+constexpr int32_t kSplitDepth = 24;      // a piece is split 1:4 at most this often within one trial
+constexpr int32_t kSplitFragments = 1024; // fragments one trial may make
+// A triangle whose squared normal is at most this share of the largest
+// product of two squared sides is measured as its three sides: the plane
+// distance of a needle would carry a rounding error out of proportion.
+constexpr double kNeedleShare = 0x1p-20;
+// eta, the allowance for rounding, as a share of the largest coordinate
+// magnitude of the pass (see reduce/reduce.h).
+constexpr double kEtaShare = 0x1p-32;
+constexpr double kUnit = 0x1p-53;
+
+inline double dot3(const double* a, const double* b) { return a[0] * b[0] + a[1] * b[1] + a[2] * b[2]; }
+inline void sub3(const double* a, const double* b, double* out) {
+  for (int k = 0; k < 3; ++k) out[k] = a[k] - b[k];
+}
+inline void cross3(const double* a, const double* b, double* out) {
+  out[0] = a[1] * b[2] - a[2] * b[1];
+  out[1] = a[2] * b[0] - a[0] * b[2];
+  out[2] = a[0] * b[1] - a[1] * b[0];
+}
+
+inline qvTri* liveAcross(const qvTri* t, int32_t i) { return t->aux[i] ? t->aux[i] : t->adj[i]; }
+
+// Squared distance from p to the segment a-b.
+double segDist2(const double* p, const double* a, const double* b) {
+  double ab[3], ap[3];
+  sub3(b, a, ab);
+  sub3(p, a, ap);
+  const double l2 = dot3(ab, ab);
+  double t = l2 > 0.0 ? dot3(ap, ab) / l2 : 0.0;
+  if (!(t > 0.0)) t = 0.0;  // NaN included: the end a
+  if (t > 1.0) t = 1.0;
+  double d[3];
+  for (int k = 0; k < 3; ++k) d[k] = p[k] - (a[k] + t * ab[k]);
+  return dot3(d, d);
+}
+
+// Orientation sign of three points in the coordinate plane that leaves out
+// axis drop, on the exact predicate.
+int32_t orient2dDrop(const double* a, const double* b, const double* c, int32_t drop) {
+  const int32_t i = (drop + 1) % 3;
+  const int32_t j = (drop + 2) % 3;
+  const double pa[2] = {a[i], a[j]};
+  const double pb[2] = {b[i], b[j]};
+  const double pc[2] = {c[i], c[j]};
+  const double d = orient2d(pa, pb, pc);
+  return d > 0.0 ? 1 : (d < 0.0 ? -1 : 0);
+}
+
+template <class T>
+bool reserve(T*& arr, int32_t& cap, int32_t need) {
+  if (need <= cap) return true;
+  int32_t next = cap ? cap * 2 : 32;
+  while (next < need) next *= 2;
+  void* mem = std::realloc(arr, sizeof(T) * static_cast<size_t>(next));
+  if (!mem) return false;
+  arr = static_cast<T*>(mem);
+  cap = next;
+  return true;
+}
+
+float roundUp(double d) {
+  const float f = static_cast<float>(d);
+  return static_cast<double>(f) >= d ? f : std::nextafter(f, std::numeric_limits<float>::infinity());
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// The pool of fragment corners
+
+struct qvCoverPool {
+  struct Chunk {
+    Chunk* next;
+    double pts[kPoolChunk][3];
+  };
+  Chunk* head;
+  int32_t used;  // points taken from head
+  double scale;  // the largest coordinate magnitude of the pass
+};
+
+namespace {
+
+double* poolPoint(qvCoverPool* pool) {
+  if (!pool->head || pool->used == kPoolChunk) {
+    auto* c = static_cast<qvCoverPool::Chunk*>(std::malloc(sizeof(qvCoverPool::Chunk)));
+    if (!c) return nullptr;
+    c->next = pool->head;
+    pool->head = c;
+    pool->used = 0;
+  }
+  return pool->head->pts[pool->used++];
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Covers
+
+void qvCoverFree(qvTri* t) {
+  auto* c = static_cast<qvCover*>(t->link);
+  if (c) {
+    std::free(c->p);
+    std::free(c);
+  }
+  t->link = nullptr;
+}
+
+int32_t qvCoverAdd(qvTri* t, const qvPiece& piece) {
+  auto* c = static_cast<qvCover*>(t->link);
+  if (!c) {
+    c = static_cast<qvCover*>(std::calloc(1, sizeof(qvCover)));
+    if (!c) return -1;
+    t->link = c;
+  }
+  if (!reserve(c->p, c->cap, c->n + 1)) return -1;
+  c->p[c->n++] = piece;
+  return 0;
+}
+
+int32_t qvCoverStart(qvMesh* mesh, qvRedParams* params) {
+  if (!mesh || !params) return -1;
+  double scale = 0.0;
+  for (const qvVtx* v = mesh->vtx; v; v = v->next) {
+    const double* x = qvVtxXyz(v);
+    if (!x) return -1;
+    for (int k = 0; k < 3; ++k) scale = std::max(scale, std::fabs(x[k]));
+  }
+  if (!std::isfinite(scale)) return -1;
+  params->pool = nullptr;
+  params->eta = kEtaShare * scale;
+  // At a tolerance of exactly 0 a removal must leave the surface as it was,
+  // which the exact test of a flat star decides without covers.
+  if (params->tol == 0.0) {
+    params->lim2 = 0.0;
+    return 0;
+  }
+  const double lim = params->tol - params->eta;
+  params->lim2 = lim > 0.0 ? lim * lim * (1.0 - 4.0 * kUnit) : -1.0;
+  auto* pool = static_cast<qvCoverPool*>(std::calloc(1, sizeof(qvCoverPool)));
+  if (!pool) return -1;
+  pool->scale = scale;
+  params->pool = pool;
+  for (qvTri* t = mesh->tri; t; t = t->next) {
+    if (t->flags & kTriCap) continue;
+    qvPiece whole{{nullptr, nullptr, nullptr}, t, 0.0f, kPieceSingle};
+    double* c[3];
+    if (t->link || qvTriCoords(t, 0, c) != 0) return -1;
+    for (int k = 0; k < 3; ++k) whole.q[k] = c[k];
+    if (qvCoverAdd(t, whole) != 0) return -1;
+  }
+  return 0;
+}
+
+void qvCoverEnd(qvMesh* mesh, qvRedParams* params) {
+  if (mesh)
+    for (qvTri* t = mesh->tri; t; t = t->next) qvCoverFree(t);
+  if (!params || !params->pool) return;
+  for (qvCoverPool::Chunk* c = params->pool->head; c;) {
+    qvCoverPool::Chunk* next = c->next;
+    std::free(c);
+    c = next;
+  }
+  std::free(params->pool);
+  params->pool = nullptr;
+}
+
+// ---------------------------------------------------------------------------
+// Homes: the triangles a trial may give a piece to
+
+int32_t qvHomeSet(qvHome* home, qvTri* t) {
+  double* h[3];
+  if (!t || qvTriCorners(t, 0, h) != 0) return -1;
+  home->tri = t;
+  for (int k = 0; k < 3; ++k) {
+    home->h[k] = h[k];
+    home->x[k] = qvVtxXyz(qvVtxOf(h[k]));
+    if (!home->x[k]) return -1;
+    home->nb[k] = -1;
+  }
+  double ab[3], ac[3], bc[3];
+  sub3(home->x[1], home->x[0], ab);
+  sub3(home->x[2], home->x[0], ac);
+  sub3(home->x[2], home->x[1], bc);
+  cross3(ab, ac, home->n);
+  home->nn = dot3(home->n, home->n);
+  const double lab = dot3(ab, ab);
+  const double lac = dot3(ac, ac);
+  const double lbc = dot3(bc, bc);
+  const double widest = std::max(lab * lac, std::max(lab * lbc, lac * lbc));
+  home->plane = home->nn > kNeedleShare * widest && std::isfinite(home->nn);
+  return 0;
+}
+
+double qvHomeDist2(const qvHome& t, const double* p) {
+  if (t.plane) {
+    // Inside the prism over the triangle: the distance to its plane.
+    bool inside = true;
+    for (int k = 0; k < 3 && inside; ++k) {
+      const double* a = t.x[k];
+      const double* b = t.x[(k + 1) % 3];
+      double ab[3], ap[3], c[3];
+      sub3(b, a, ab);
+      sub3(p, a, ap);
+      cross3(ab, ap, c);
+      inside = dot3(c, t.n) >= 0.0;
+    }
+    if (inside) {
+      double ap[3];
+      sub3(p, t.x[0], ap);
+      const double s = dot3(ap, t.n);
+      const double d = s * s / t.nn;
+      return d >= 0.0 ? d : kInf;
+    }
+  }
+  // Outside, or a needle: the nearest side. The sides are part of the
+  // triangle, so this never falls below the true distance.
+  double d = segDist2(p, t.x[0], t.x[1]);
+  d = std::min(d, segDist2(p, t.x[1], t.x[2]));
+  d = std::min(d, segDist2(p, t.x[2], t.x[0]));
+  return d >= 0.0 ? d : kInf;
+}
+
+void qvHomeLink(qvHome* homes, int32_t n) {
+  for (int32_t j = 0; j < n; ++j)
+    for (int32_t s = 0; s < 3; ++s) {
+      const qvEdg* e = homes[j].tri->edg[s];
+      homes[j].nb[s] = -1;
+      for (int32_t k = 0; k < n && homes[j].nb[s] < 0; ++k)
+        if (k != j && qvTriEdgeSlot(homes[k].tri, e) >= 0) homes[j].nb[s] = k;
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Certifying pieces
+
+namespace {
+
+// The index of the row of squared distances from a corner to every home,
+// made on first use; -1 on failure. Rows move as they grow: take pointers
+// to them only once every row needed exists.
+int32_t rowOf(qvTrial* tr, const double* x) {
+  const int32_t nh = tr->nHomes;
+  // Open addressing on the point's address; the table is kept at most half full.
+  if (2 * (tr->nRows + 1) > tr->slotCount) {
+    int32_t count = tr->slotCount ? tr->slotCount * 2 : 256;
+    while (2 * (tr->nRows + 1) > count) count *= 2;
+    auto* slots = static_cast<int32_t*>(std::malloc(sizeof(int32_t) * static_cast<size_t>(count)));
+    if (!slots) return -1;
+    std::free(tr->slots);
+    tr->slots = slots;
+    tr->slotCount = count;
+    std::fill(slots, slots + count, -1);
+    for (int32_t r = 0; r < tr->nRows; ++r) {
+      size_t i = (reinterpret_cast<uintptr_t>(tr->rowKey[r]) >> 3) & static_cast<size_t>(count - 1);
+      while (slots[i] >= 0) i = (i + 1) & static_cast<size_t>(count - 1);
+      slots[i] = r;
+    }
+  }
+  const size_t mask = static_cast<size_t>(tr->slotCount - 1);
+  size_t i = (reinterpret_cast<uintptr_t>(x) >> 3) & mask;
+  while (tr->slots[i] >= 0) {
+    if (tr->rowKey[tr->slots[i]] == x) return tr->slots[i];
+    i = (i + 1) & mask;
+  }
+  const int32_t r = tr->nRows;
+  if (!reserve(tr->rowKey, tr->rowKeyCap, r + 1)) return -1;
+  if (!reserve(tr->rows, tr->rowsCap, (r + 1) * nh)) return -1;
+  tr->rowKey[r] = x;
+  tr->slots[i] = r;
+  ++tr->nRows;
+  double* row = tr->rows + static_cast<size_t>(r) * nh;
+  for (int32_t j = 0; j < nh; ++j) {
+    const qvHome& t = tr->homes[j];
+    row[j] = (x == t.x[0] || x == t.x[1] || x == t.x[2]) ? 0.0 : qvHomeDist2(t, x);
+  }
+  return r;
+}
+
+// The bound of a piece split by the plane through the edge in slot s of home
+// t that bisects the angle between t and its neighbour u across it: the part
+// on t's side against t, the rest against u. Any plane through the edge gives
+// a sound bound, as the two parts together are the piece; the bisector gives
+// a good one. +inf when there is no such plane.
+double pairBound(const double* const q[3], const qvHome& t, int32_t s, const qvHome& u) {
+  const double* e0 = t.x[s];
+  const double* e1 = t.x[(s + 1) % 3];
+  const double* apex = t.x[(s + 2) % 3];
+  const double* apex2 = nullptr;
+  for (int k = 0; k < 3; ++k)
+    if (u.h[k] != t.h[s] && u.h[k] != t.h[(s + 1) % 3]) apex2 = u.x[k];
+  if (!apex2) return kInf;
+  double d[3];
+  sub3(e1, e0, d);
+  const double dd = dot3(d, d);
+  if (!(dd > 0.0)) return kInf;
+  double w[2][3];
+  const double* apexes[2] = {apex, apex2};
+  for (int side = 0; side < 2; ++side) {
+    double a[3];
+    sub3(apexes[side], e0, a);
+    const double f = dot3(a, d) / dd;
+    for (int k = 0; k < 3; ++k) w[side][k] = a[k] - f * d[k];
+    const double len = std::sqrt(dot3(w[side], w[side]));
+    if (!(len > 0.0)) return kInf;
+    for (int k = 0; k < 3; ++k) w[side][k] /= len;
+  }
+  double normal[3];
+  sub3(w[0], w[1], normal);
+  double sd[3];
+  bool plus[3];
+  int32_t nPlus = 0;
+  for (int k = 0; k < 3; ++k) {
+    double r[3];
+    sub3(q[k], e0, r);
+    sd[k] = dot3(r, normal);
+    if (!std::isfinite(sd[k])) return kInf;
+    plus[k] = sd[k] >= 0.0;
+    nPlus += plus[k];
+  }
+  double best = 0.0;
+  if (nPlus == 3 || nPlus == 0) {
+    const qvHome& h = nPlus == 3 ? t : u;
+    for (int k = 0; k < 3; ++k) best = std::max(best, qvHomeDist2(h, q[k]));
+    return best;
+  }
+  // One corner, i, lies alone on its side: the chord between the crossings on
+  // its two sides cuts the piece into a triangle and a quadrilateral.
+  int32_t i = 0;
+  while (plus[i] == (nPlus == 1 ? false : true)) ++i;
+  const qvHome& lone = plus[i] ? t : u;
+  const qvHome& rest = plus[i] ? u : t;
+  best = qvHomeDist2(lone, q[i]);
+  for (int k = 1; k <= 2; ++k) {
+    const double* o = q[(i + k) % 3];
+    const double den = sd[i] - sd[(i + k) % 3];
+    double f = den != 0.0 ? sd[i] / den : 0.0;
+    if (!(f > 0.0)) f = 0.0;
+    if (f > 1.0) f = 1.0;
+    double x[3];
+    for (int c = 0; c < 3; ++c) x[c] = q[i][c] + f * (o[c] - q[i][c]);
+    best = std::max(best, std::max(qvHomeDist2(lone, x), qvHomeDist2(rest, x)));
+    best = std::max(best, qvHomeDist2(rest, o));
+  }
+  return best;
+}
+
+struct Certified {
+  double bound;   // squared; +inf when nothing held
+  int32_t home;   // index into the homes
+  int32_t kind;   // kPieceSingle or the slot of the partner
+};
+
+// The best single or pair home of a piece whose corners have the rows r.
+Certified bestHome(const qvTrial* tr, const double* const q[3], double* const r[3]) {
+  const int32_t nh = tr->nHomes;
+  Certified best{kInf, -1, kPieceSingle};
+  int32_t nearest[3] = {0, 0, 0};
+  for (int32_t j = 0; j < nh; ++j) {
+    const double b = std::max(r[0][j], std::max(r[1][j], r[2][j]));
+    if (b < best.bound) best = Certified{b, j, kPieceSingle};
+    for (int k = 0; k < 3; ++k)
+      if (r[k][j] < r[k][nearest[k]]) nearest[k] = j;
+  }
+  if (best.bound <= tr->lim2) return best;
+  // Pairs across the edges of the corners' nearest homes and the best single one.
+  const int32_t tryHomes[4] = {best.home, nearest[0], nearest[1], nearest[2]};
+  for (int a = 0; a < 4; ++a) {
+    const int32_t j = tryHomes[a];
+    if (j < 0) continue;
+    bool seen = false;
+    for (int b = 0; b < a; ++b) seen = seen || tryHomes[b] == j;
+    if (seen) continue;
+    for (int32_t s = 0; s < 3; ++s) {
+      const int32_t m = tr->homes[j].nb[s];
+      if (m < 0) continue;
+      const double b = pairBound(q, tr->homes[j], s, tr->homes[m]);
+      if (b < best.bound) best = Certified{b, j, s};
+    }
+  }
+  return best;
+}
+
+// Certifies the piece with corners q (a fragment of src): a plan entry per
+// piece or fragment that holds, true when all hold; false when one can't be
+// certified within the limits, or on failure (tr->err).
+bool certify(qvTrial* tr, const double* const q[3], const qvTri* src, int32_t depth) {
+  int32_t at[3];
+  for (int k = 0; k < 3; ++k) {
+    at[k] = rowOf(tr, q[k]);
+    if (at[k] < 0) {
+      tr->err = -1;
+      return false;
+    }
+  }
+  double* r[3];
+  for (int k = 0; k < 3; ++k) r[k] = tr->rows + static_cast<size_t>(at[k]) * tr->nHomes;
+  const Certified c = bestHome(tr, q, r);
+  if (c.bound <= tr->lim2) {
+    if (!reserve(tr->plan, tr->planCap, tr->nPlan + 1)) {
+      tr->err = -1;
+      return false;
+    }
+    qvPlanItem& item = tr->plan[tr->nPlan++];
+    item.home = c.home;
+    item.piece = qvPiece{{q[0], q[1], q[2]}, src, roundUp(c.bound), c.kind};
+    if (c.bound > tr->score) tr->score = c.bound;
+    return true;
+  }
+  // A corner beyond lim of every home can't be helped by splitting.
+  for (int k = 0; k < 3; ++k) {
+    double nearest = kInf;
+    for (int32_t j = 0; j < tr->nHomes; ++j) nearest = std::min(nearest, r[k][j]);
+    if (!(nearest <= tr->lim2)) return false;
+  }
+  if (depth >= kSplitDepth || tr->fragments + 4 > kSplitFragments) return false;
+  tr->fragments += 4;
+  double* m[3];
+  for (int k = 0; k < 3; ++k) {
+    m[k] = poolPoint(tr->pool);
+    if (!m[k]) {
+      tr->err = -1;
+      return false;
+    }
+    const double* a = q[k];
+    const double* b = q[(k + 1) % 3];
+    for (int c2 = 0; c2 < 3; ++c2) m[k][c2] = 0.5 * (a[c2] + b[c2]);
+  }
+  const double* parts[4][3] = {{q[0], m[0], m[2]}, {m[0], q[1], m[1]}, {m[2], m[1], q[2]}, {m[0], m[1], m[2]}};
+  for (auto& part : parts)
+    if (!certify(tr, part, src, depth + 1)) return false;
+  return true;
+}
+
+// The homes: the new fan, then the live non-cap triangles round the ring.
+// Each home's neighbours among them, found by the edge they share.
+bool gatherHomes(qvTrial* tr) {
+  tr->nHomes = 0;
+  const int32_t n = qvTriCount(tr->copy->tri) + tr->nNear;
+  if (!reserve(tr->homes, tr->homesCap, n)) return false;
+  for (qvTri* c = tr->copy->tri; c; c = c->next)
+    if (qvHomeSet(&tr->homes[tr->nHomes++], c) != 0) return false;
+  for (int32_t i = 0; i < tr->nNear; ++i)
+    if (qvHomeSet(&tr->homes[tr->nHomes++], tr->near[i]) != 0) return false;
+  qvHomeLink(tr->homes, tr->nHomes);
+  return true;
+}
+
+// One piece that a trial must place again.
+struct Affected {
+  const qvPiece* piece;
+  int32_t order;  // place in the gathering: the tie-break of the worst-first order
+};
+
+// At a tolerance of 0: whether the new fan covers exactly what the star
+// covered. It does when the star and the ring lie in one plane (exactly) and,
+// in a coordinate plane onto which that plane projects one to one, the old and
+// the new triangles all turn the same way, strictly: both then tile the
+// polygon of the ring.
+bool flatStar(const qvTrial* tr) {
+  const double* p = qvVtxXyz(tr->v);
+  // A plane through v and two ring corners that are not collinear with it.
+  const double* a = nullptr;
+  const double* b = nullptr;
+  int32_t drop = -1;
+  for (int32_t i = 0; i < tr->nStar && drop < 0; ++i) {
+    double* c[3];
+    if (qvTriCoords(tr->star[i], 0, c) != 0) return false;
+    for (int32_t axis = 0; axis < 3 && drop < 0; ++axis)
+      if (orient2dDrop(c[0], c[1], c[2], axis) != 0) {
+        a = c[0] == p ? c[1] : c[0];
+        b = c[2] == p ? c[1] : c[2];
+        drop = axis;
+      }
+  }
+  if (drop < 0) return false;
+  int32_t sense = 0;
+  for (int32_t i = 0; i < tr->nStar; ++i) {
+    double* c[3];
+    if (qvTriCoords(tr->star[i], 0, c) != 0) return false;
+    for (const double* x : c)
+      if (orient3dSign(p, a, b, x) != 0) return false;
+    const int32_t o = orient2dDrop(c[0], c[1], c[2], drop);
+    if (o == 0 || (sense != 0 && o != sense)) return false;
+    sense = o;
+  }
+  for (qvTri* t = tr->copy->tri; t; t = t->next) {
+    double* c[3];
+    if (qvTriCoords(t, 0, c) != 0 || orient2dDrop(c[0], c[1], c[2], drop) != sense) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+double qvPieceBound(const double* const q[3], qvHome* homes, int32_t n) {
+  qvTrial tr{};
+  tr.homes = homes;
+  tr.nHomes = n;
+  tr.lim2 = -1.0;  // no early answer: the best of every single and pair bound
+  double* r[3] = {nullptr, nullptr, nullptr};
+  double bound = kInf;
+  bool ok = true;
+  for (int k = 0; k < 3 && ok; ++k) ok = (r[k] = static_cast<double*>(std::malloc(sizeof(double) * (n + 1)))) != nullptr;
+  if (ok) {
+    for (int k = 0; k < 3; ++k)
+      for (int32_t j = 0; j < n; ++j) r[k][j] = qvHomeDist2(homes[j], q[k]);
+    bound = bestHome(&tr, q, r).bound;
+  }
+  for (double* row : r) std::free(row);
+  return bound;
+}
+
+int32_t qvTrialCertify(qvTrial* tr, const qvRedParams* params) {
+  tr->score = 0.0;
+  tr->nPlan = 0;
+  tr->nTaken = 0;
+  tr->fragments = 0;
+  tr->nRows = 0;
+  if (tr->slots) std::fill(tr->slots, tr->slots + tr->slotCount, -1);
+  // A fan is refused whatever it costs when a triangle of it has exactly zero
+  // area (the result holds no degenerate triangle the input didn't), or lies
+  // along a seam: all corners pinned and two sides on the cut. The piece on
+  // the other side of the cut may lay the same triangle, and the joined
+  // surface would fold over on itself there.
+  for (const qvTri* t = tr->copy->tri; t; t = t->next) {
+    double* c[3];
+    if (qvTriCoords(t, 0, c) != 0) return -1;
+    qvVtx* x[3];
+    if (qvTriCornerVtx(t, 0, x) != 0) return -1;
+    const bool pinned = (x[0]->flags & x[1]->flags & x[2]->flags & kVtxPinned) != 0;
+    const int32_t rims = ((t->edg[0]->flags & kEdgRim) != 0) + ((t->edg[1]->flags & kEdgRim) != 0) +
+                         ((t->edg[2]->flags & kEdgRim) != 0);
+    const bool flat = orient2dDrop(c[0], c[1], c[2], 0) == 0 && orient2dDrop(c[0], c[1], c[2], 1) == 0 &&
+                      orient2dDrop(c[0], c[1], c[2], 2) == 0;
+    if (flat || (pinned && rims >= 2)) {
+      tr->score = kInf;
+      return 0;
+    }
+  }
+  if (params->tol == 0.0) {
+    if (!flatStar(tr)) tr->score = kInf;
+    return 0;
+  }
+  tr->pool = params->pool;
+  tr->lim2 = params->lim2;
+  if (!tr->pool || !(tr->lim2 >= 0.0)) {
+    tr->score = kInf;
+    return 0;
+  }
+  if (!gatherHomes(tr)) return -1;
+
+  // The pieces to place: every piece of the star's covers, and the pair
+  // pieces round the ring whose partner lies across a ring edge.
+  int32_t count = 0;
+  for (int32_t i = 0; i < tr->nStar; ++i) {
+    const qvCover* c = static_cast<const qvCover*>(tr->star[i]->link);
+    count += c ? c->n : 0;
+  }
+  for (int32_t i = 0; i < tr->nNear; ++i) {
+    const qvCover* c = static_cast<const qvCover*>(tr->near[i]->link);
+    count += c ? c->n : 0;
+  }
+  Affected* affected = static_cast<Affected*>(std::malloc(sizeof(Affected) * static_cast<size_t>(count + 1)));
+  if (!affected) return -1;
+  int32_t n = 0;
+  for (int32_t i = 0; i < tr->nStar; ++i) {
+    const qvCover* c = static_cast<const qvCover*>(tr->star[i]->link);
+    for (int32_t k = 0; c && k < c->n; ++k, ++n) affected[n] = Affected{&c->p[k], n};
+  }
+  bool ok = true;
+  for (int32_t i = 0; i < tr->nNear && ok; ++i) {
+    const qvCover* c = static_cast<const qvCover*>(tr->near[i]->link);
+    for (int32_t k = 0; c && k < c->n; ++k) {
+      const qvPiece& piece = c->p[k];
+      if (piece.kind == kPieceSingle || !(tr->near[i]->edg[piece.kind]->flags & kEdgMarkOuter)) continue;
+      if (!reserve(tr->taken, tr->takenCap, tr->nTaken + 1)) {
+        ok = false;
+        break;
+      }
+      tr->taken[tr->nTaken++] = qvTaken{tr->near[i], k};
+      affected[n] = Affected{&piece, n};
+      ++n;
+    }
+  }
+  // Worst first, so that a refusal comes early.
+  std::sort(affected, affected + n, [](const Affected& a, const Affected& b) {
+    return a.piece->bound > b.piece->bound || (a.piece->bound == b.piece->bound && a.order < b.order);
+  });
+  for (int32_t i = 0; i < n && ok; ++i) {
+    const qvPiece& piece = *affected[i].piece;
+    if (!certify(tr, piece.q, piece.src, 0)) {
+      tr->score = kInf;
+      break;
+    }
+  }
+  std::free(affected);
+  if (!ok || tr->err != 0) return -1;
+  return 0;
+}
+
+int32_t qvTrialApply(qvTrial* tr) {
+  // Pieces taken from the covers round the ring leave them first.
+  for (int32_t i = 0; i < tr->nTaken; ++i) {
+    auto* c = static_cast<qvCover*>(tr->taken[i].tri->link);
+    c->p[tr->taken[i].index].q[0] = nullptr;
+  }
+  for (int32_t i = 0; i < tr->nTaken; ++i) {
+    auto* c = static_cast<qvCover*>(tr->taken[i].tri->link);
+    if (!c) continue;
+    int32_t kept = 0;
+    for (int32_t k = 0; k < c->n; ++k)
+      if (c->p[k].q[0]) c->p[kept++] = c->p[k];
+    c->n = kept;
+  }
+  for (int32_t i = 0; i < tr->nPlan; ++i)
+    if (qvCoverAdd(tr->homes[tr->plan[i].home].tri, tr->plan[i].piece) != 0) return -1;
+  return 0;
+}
+
+void qvTrialFree(qvTrial* tr) {
+  std::free(tr->star);
+  std::free(tr->near);
+  std::free(tr->ring);
+  std::free(tr->homes);
+  std::free(tr->plan);
+  std::free(tr->taken);
+  std::free(tr->rowKey);
+  std::free(tr->rows);
+  std::free(tr->slots);
+  *tr = qvTrial{};
+}
+
+// ---------------------------------------------------------------------------
+// The check of the covers, for tests and debug builds
+
+namespace {
+
+double pieceArea(const qvPiece& p) {
+  double ab[3], ac[3], n[3];
+  sub3(p.q[1], p.q[0], ab);
+  sub3(p.q[2], p.q[0], ac);
+  cross3(ab, ac, n);
+  return 0.5 * std::sqrt(dot3(n, n));
+}
+
+}  // namespace
+
+int32_t qvCoverCheckPiece(const qvTri* home, const qvPiece& piece, const qvRedParams* params) {
+  if (!home || (home->flags & (kTriCap | kTriRetired))) return 1;
+  qvHome t;
+  if (qvHomeSet(&t, const_cast<qvTri*>(home)) != 0) return 1;
+  double b = 0.0;
+  if (piece.kind == kPieceSingle) {
+    for (const double* x : piece.q) b = std::max(b, qvHomeDist2(t, x));
+  } else {
+    const qvTri* partner = liveAcross(home, piece.kind);
+    qvHome u;
+    if (!partner || (partner->flags & (kTriCap | kTriRetired)) || qvHomeSet(&u, const_cast<qvTri*>(partner)) != 0)
+      return 1;
+    b = pairBound(piece.q, t, piece.kind, u);
+  }
+  return b <= params->lim2 ? 0 : 1;
+}
+
+int32_t qvCoverCheck(const qvMesh* mesh, const qvRedParams* params, FILE* out) {
+  if (!mesh || !params || !params->pool) return 0;
+  int32_t bad = 0;
+  auto report = [&](const char* what, const void* rec) {
+    ++bad;
+    if (out) std::fprintf(out, "covers: %s (%p)\n", what, rec);
+  };
+  std::unordered_map<const qvTri*, double> area;
+  for (const qvTri* t = mesh->tri; t; t = t->next) {
+    const auto* c = static_cast<const qvCover*>(t->link);
+    if (!c) continue;
+    if (t->flags & (kTriCap | kTriRetired)) {
+      report("a cap or a retired triangle holds a cover", t);
+      continue;
+    }
+    for (int32_t k = 0; k < c->n; ++k) {
+      if (qvCoverCheckPiece(t, c->p[k], params) != 0) report("a piece is not within the limit of its home", t);
+      area[c->p[k].src] += pieceArea(c->p[k]);
+    }
+  }
+  for (const qvTri* t = mesh->tri; t; t = t->next) {
+    if ((t->flags & kTriCap) || (t->flags & kTriReplace)) continue;
+    const double want = qvTriArea(t);
+    const auto it = area.find(t);
+    const double have = it == area.end() ? 0.0 : it->second;
+    if (std::fabs(have - want) > 1e-9 * want) report("the pieces of a starting triangle don't tile it", t);
+  }
+  return bad;
+}
