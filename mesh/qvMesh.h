@@ -120,7 +120,6 @@ constexpr uint32_t kMeshSortX = 0x200u;           // vertex list sorted by x
 constexpr uint32_t kMeshSortY = 0x400u;           // vertex list sorted by y
 constexpr uint32_t kMeshSortZ = 0x800u;           // vertex list sorted by z
 constexpr uint32_t kMeshSortDesc = 0x1000u;       // sort request only: descending; never stored
-constexpr uint32_t kMeshVtxEdgLists = 0x4000u;    // vertices hold their edge lists; never set here
 constexpr uint32_t kMeshEdgExtra = 0x400000u;     // edges carry an extra record in own; never set here
 constexpr uint32_t kMeshCapDone = 0x10000000u;    // cap building ended on its plain path; read by nobody
 constexpr uint32_t kMeshSortedSet = kMeshSortX | kMeshSortY | kMeshSortZ;
@@ -268,7 +267,8 @@ void qvLnkFree(qvLnk* l);
 qvTopo* qvTopoNew();
 
 // ---------------------------------------------------------------------------
-// Lists, one set per record type. Prepending r to a list is Concat(r, head):
+// Lists: the routines below, for each record type whose lists need them.
+// Prepending r to a list is Concat(r, head):
 // one step, whereas Concat(head, r) walks the whole list.
 //
 //   Concat(a, b)           appends b to a; the new head (b if a is empty)
@@ -290,7 +290,6 @@ qvVtx* qvVtxDelete(qvVtx* head, qvVtx* r);
 int32_t qvVtxDeleteAll(qvVtx* head);
 qvVtx* qvVtxDeleteFlagged(qvVtx* head, uint32_t mask, int32_t* count = nullptr);
 int32_t qvVtxAndAll(qvVtx* head, uint32_t mask);
-int32_t qvVtxOrAll(qvVtx* head, uint32_t bits);
 int32_t qvVtxCount(const qvVtx* head);
 qvVtx* qvVtxTail(qvVtx* head);
 // Sets tag to value on each vertex of the list; 0.
@@ -324,22 +323,13 @@ qvTri* qvTriTail(qvTri* head);
 qvTri* qvTriReverse(qvTri* head);
 
 qvMesh* qvMeshConcat(qvMesh* a, qvMesh* b);
-qvMesh* qvMeshUnlink(qvMesh* head, qvMesh* r);
-qvMesh* qvMeshDelete(qvMesh* head, qvMesh* r);
 int32_t qvMeshDeleteAll(qvMesh* head);
-qvMesh* qvMeshDeleteFlagged(qvMesh* head, uint32_t mask, int32_t* count = nullptr);
-int32_t qvMeshAndAll(qvMesh* head, uint32_t mask);
-int32_t qvMeshOrAll(qvMesh* head, uint32_t bits);
 int32_t qvMeshCount(const qvMesh* head);
-qvMesh* qvMeshTail(qvMesh* head);
 
 qvLnk* qvLnkConcat(qvLnk* a, qvLnk* b);
 qvLnk* qvLnkUnlink(qvLnk* head, qvLnk* r);
 qvLnk* qvLnkDelete(qvLnk* head, qvLnk* r);
 int32_t qvLnkDeleteAll(qvLnk* head);
-qvLnk* qvLnkDeleteFlagged(qvLnk* head, uint32_t mask, int32_t* count = nullptr);
-int32_t qvLnkAndAll(qvLnk* head, uint32_t mask);
-int32_t qvLnkOrAll(qvLnk* head, uint32_t bits);
 int32_t qvLnkCount(const qvLnk* head);
 qvLnk* qvLnkTail(qvLnk* head);
 // Frees a qvLnk list given as void*, the form qvEdgListsFree passes on.
@@ -420,8 +410,7 @@ int32_t qvTriUnlink(qvTri* t);
 // Reverses t: exchanges edg[1] and edg[2], and on a linked triangle adj[1]
 // with adj[2] and aux[1] with aux[2], which belong to those slots. 1 for null.
 int32_t qvTriFlip(qvTri* t);
-// Turns every edge end that is drop's handle into keep's. With
-// kMeshVtxEdgLists it moves drop's edge list instead. The number of ends
+// Turns every edge end that is drop's handle into keep's. The number of ends
 // rewritten, or -1.
 int32_t qvVtxReplace(qvMesh* mesh, qvVtx* keep, qvVtx* drop);
 
@@ -624,13 +613,6 @@ int32_t qvTopoMark(qvMesh* mesh, uint32_t vtxBit, uint32_t bndBit, uint32_t inBi
 // and loses it, edges lose edgBits, vertices lose vtxBit and have tag zeroed.
 // 0, or -1 for a null mesh.
 int32_t qvTopoUnmark(qvMesh* mesh, uint32_t vtxBit, uint32_t edgBits, uint32_t swapBit);
-// The directed boundary walk. From start, whose tag counts its marked edges
-// (an odd tag is refused), leaves each vertex by the edge in its link, or else
-// by the first edge from first on that has mask and starts at the vertex,
-// clearing mask on each edge taken and lowering the tags of both ends; a stack
-// brings it back to vertices with edges left. Uses up every marked edge
-// reachable from start. The number of edges walked, or -1.
-int32_t qvLoopWalk(qvEdg* first, qvVtx* start, uint32_t mask);
 // Boundary loops: connected boundary circuits, a vertex where loops touch
 // counted in nExtra (through extra, which may be null) and not as a split.
 // Directed walks on a consistent mesh, undirected ones (nExtra then 0) when

@@ -433,10 +433,6 @@ int32_t countUndirected(qvMesh* mesh) {
 
 }  // namespace
 
-int32_t qvLoopWalk(qvEdg* first, qvVtx* start, uint32_t mask) {
-  return walkDirected(first, start, mask, nullptr, nullptr);
-}
-
 int32_t qvLoopCount(qvMesh* mesh, int32_t* extra) {
   if (extra) *extra = 0;
   if (!mesh) return -1;

@@ -51,7 +51,6 @@ bool writeHeader(FILE *file, uint32_t count);
 // through pendingDrop before closing it.
 FILE *openOutputFile(const char *name, const char *mode);
 void pendingDrop(const FILE *file);
-void pendingDrop(const FILE *file);
 
 // Decodes the nine vertex coordinates of a 50-byte record. False when one of
 // them is NaN or infinite: such a record makes the file malformed.
