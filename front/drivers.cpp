@@ -11,13 +11,11 @@
 // Read order: the output file, the walk over a mesh chain, the block loop, the
 // two block routes, then the three method entries.
 #include "front/front.h"
+#include "front/front_internal.h"
 
 #include "mesh/qvMesh.h"
 #include "parallel/parallel.h"
 #include "reduce/reduce.h"
-
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -26,71 +24,9 @@
 #include <malloc.h>
 #endif
 
-namespace {
-
-// ---- The output file ------------------------------------------------------------
-
-constexpr mode_t kPermissionBits = 07777; // the mode bits a replacement takes over
-
-bool sameFile(const char *a, const char *b) {
-  struct stat infoA;
-  struct stat infoB;
-  return stat(a, &infoA) == 0 && stat(b, &infoB) == 0 && infoA.st_dev == infoB.st_dev &&
-         infoA.st_ino == infoB.st_ino;
-}
-
-// The file a route creates. Normally the output itself; when the output is the
-// input file, a new sibling in the same folder with the input's permissions,
-// which replaces the output name only after success (settleOutput). A route
-// that reads its input whole before it creates the output could write over it
-// directly, but a failure after that would leave the input emptied.
-struct OutputTarget {
-  std::string name; // file the route creates
-  bool sibling;     // name is a temporary sibling of the output
-};
-
-// False when a sibling is needed and can't be made.
-bool planOutput(const char *input, const char *output, OutputTarget *target) {
-  target->name = output;
-  target->sibling = false;
-  struct stat info;
-  if (!sameFile(input, output) || stat(input, &info) != 0) {
-    return true;
-  }
-  std::string pattern = target->name + ".XXXXXX";
-  const int descriptor = mkstemp(pattern.data());
-  if (descriptor < 0) {
-    return false;
-  }
-  const bool permitted = fchmod(descriptor, info.st_mode & kPermissionBits) == 0;
-  close(descriptor);
-  if (!permitted) {
-    std::remove(pattern.c_str());
-    return false;
-  }
-  target->name = pattern;
-  target->sibling = true;
-  return true;
-}
-
-// A sibling replaces the output after success and is removed after failure.
-// The route's result, or -1 when the replacement fails.
-int settleOutput(const OutputTarget &target, const char *output, int result) {
-  if (!target.sibling) {
-    return result;
-  }
-  if (result >= 0 && std::rename(target.name.c_str(), output) == 0) {
-    return result;
-  }
-  std::remove(target.name.c_str());
-  return -1;
-}
-
-} // namespace
-
 // ---- One mesh and a chain of meshes ---------------------------------------------
 
-int reduceOneMesh(qvMesh *mesh, FILE *file, int format, int engineKind, double tolerance,
+int reduceOneMesh(qvMesh *mesh, FILE *file, int format, int method, double tolerance,
                   const double *angle, int32_t *oldCount) {
   int32_t unused;
   int32_t &old = oldCount ? *oldCount : unused;
@@ -106,11 +42,11 @@ int reduceOneMesh(qvMesh *mesh, FILE *file, int format, int engineKind, double t
   // Only the sign of the engine's result counts: the number removed is taken
   // from the triangles written.
   int32_t engine;
-  switch (engineKind) {
-  case kEngineLow:
+  switch (method) {
+  case kMethodLow:
     engine = reduceParallelLow(mesh, tolerance, angle);
     break;
-  case kEngineMedium:
+  case kMethodMedium:
     engine = reduceParallelMedium(mesh, tolerance, angle);
     break;
   default:
@@ -133,7 +69,7 @@ int reduceOneMesh(qvMesh *mesh, FILE *file, int format, int engineKind, double t
   return written;
 }
 
-int reduceMeshChain(qvMesh *chain, FILE *file, const char *name, int format, int engineKind,
+int reduceMeshChain(qvMesh *chain, FILE *file, const char *name, int format, int method,
                     double tolerance, const double *angle, int32_t *oldCount) {
   int32_t unused;
   int32_t &old = oldCount ? *oldCount : unused;
@@ -154,7 +90,7 @@ int reduceMeshChain(qvMesh *chain, FILE *file, const char *name, int format, int
     chain = qvMeshUnchain(chain, mesh);
     int32_t meshOld = 0;
     const int written =
-        reduceOneMesh(mesh, output, format, engineKind, tolerance, angle, &meshOld);
+        reduceOneMesh(mesh, output, format, method, tolerance, angle, &meshOld);
     oldSum += meshOld;
     done = written >= 0;
     writtenSum += done ? written : 0;
@@ -166,9 +102,8 @@ int reduceMeshChain(qvMesh *chain, FILE *file, const char *name, int format, int
                  ? stlPatchCount(static_cast<uint32_t>(writtenSum), output) == 0
                  : std::fputs("endsolid\n", output) >= 0;
     }
-    // The file stays also after a failure: the caller learns of it from the
-    // result alone.
-    done = stlCloseOutput(output, name, kOutputKeep) == 0 && done;
+    // A failure leaves no file, as on the block routes.
+    done = stlCloseOutput(output, name, done ? kOutputCheck : kOutputDiscard) == 0;
   }
   old = static_cast<int32_t>(oldSum);
   return done ? static_cast<int>(oldSum - writtenSum) : -1;
@@ -210,7 +145,7 @@ void releaseBlockMemory() {
 // The block loop: each run of at most kFacetBlockSize facets becomes a mesh,
 // is assembled into a chain of shells and reduced into the open output, and
 // the count is patched at the end. The number of triangles written, or -1.
-int64_t reduceBlocks(const FacetSource &source, int count, FILE *output, int engineKind,
+int64_t reduceBlocks(const FacetSource &source, int count, FILE *output, int method,
                      double tolerance, const double *angle) {
   int64_t oldSum = 0;
   int64_t removedSum = 0;
@@ -225,7 +160,7 @@ int64_t reduceBlocks(const FacetSource &source, int count, FILE *output, int eng
       return -1;
     }
     int32_t old = 0;
-    const int removed = reduceMeshChain(mesh, output, nullptr, kStlBinary, engineKind, tolerance,
+    const int removed = reduceMeshChain(mesh, output, nullptr, kStlBinary, method, tolerance,
                                         angle, &old);
     if (removed < 0) {
       return -1;
@@ -286,7 +221,7 @@ FacetRec **buildSortedFacets(FacetBlock *const *blocks, const FacetBox *box, int
 
 // The load and the sort come before the output is created, so an input that
 // fails them leaves nothing behind.
-int reduceInMemory(const char *input, const char *output, int engineKind, const FacetBox *box,
+int reduceInMemory(const char *input, const char *output, int method, const FacetBox *box,
                    double tolerance, const double *angle, int count) {
   FacetBlock *blocks[kFacetBlockMax] = {};
   int blockCount = 0;
@@ -294,22 +229,22 @@ int reduceInMemory(const char *input, const char *output, int engineKind, const 
   FacetRec **table = loaded == count ? buildSortedFacets(blocks, box, count) : nullptr;
   OutputTarget target = {output ? output : "", false};
   int result = -1;
-  if (table && output && planOutput(input, output, &target)) {
+  if (table && output && planOutput(output, sameFile(input, output), &target)) {
     FILE *file = stlCreateBinary(target.name.c_str(), static_cast<uint32_t>(count));
     if (file) {
       const FacetSource source = {table, nullptr, nullptr, kStlUnknown};
-      const int64_t written = reduceBlocks(source, count, file, engineKind, tolerance, angle);
+      const int64_t written = reduceBlocks(source, count, file, method, tolerance, angle);
       result = closeBlockOutput(file, target.name, written, count);
     }
   }
   std::free(table);
   freeFacetBlocks(blocks, blockCount);
-  return settleOutput(target, output, result);
+  return output ? settleOutput(target, output, result) : -1;
 }
 
 // The same blocks as the in-memory route, from a key per facet: the same axis
 // and the same order, so the same file.
-int reduceStreamed(const char *input, const char *output, int engineKind, const FacetBox *box,
+int reduceStreamed(const char *input, const char *output, int method, const FacetBox *box,
                    double tolerance, const double *angle, int count) {
   // The route reads the input while it writes the output: the same file would
   // be read after creating the output had emptied it.
@@ -327,7 +262,7 @@ int reduceStreamed(const char *input, const char *output, int engineKind, const 
       int64_t written = -1;
       if (source) {
         const FacetSource run = {nullptr, keys, source, format};
-        written = reduceBlocks(run, count, file, engineKind, tolerance, angle);
+        written = reduceBlocks(run, count, file, method, tolerance, angle);
         std::fclose(source);
       }
       result = closeBlockOutput(file, output, written, count);
@@ -344,7 +279,7 @@ void (*gAfterScanHook)(const char *inputName) = nullptr;
 namespace {
 
 // The scan, shared by the two block methods; then the route by size.
-int reduceBlockMethod(const char *input, const char *output, int engineKind, double tolerance,
+int reduceBlockMethod(const char *input, const char *output, int method, double tolerance,
                       const double *angle, int32_t *oldCount) {
   int32_t unused;
   int32_t &old = oldCount ? *oldCount : unused;
@@ -360,8 +295,8 @@ int reduceBlockMethod(const char *input, const char *output, int engineKind, dou
     gAfterScanHook(input);
   }
   const int result = count < kStreamedFrom
-                         ? reduceInMemory(input, output, engineKind, &box, tolerance, angle, count)
-                         : reduceStreamed(input, output, engineKind, &box, tolerance, angle, count);
+                         ? reduceInMemory(input, output, method, &box, tolerance, angle, count)
+                         : reduceStreamed(input, output, method, &box, tolerance, angle, count);
   old = count;
   return result;
 }
@@ -370,12 +305,12 @@ int reduceBlockMethod(const char *input, const char *output, int engineKind, dou
 
 int reduceLow(const char *inputName, const char *outputName, double tolerance,
               const double *angle, int32_t *oldCount) {
-  return reduceBlockMethod(inputName, outputName, kEngineLow, tolerance, angle, oldCount);
+  return reduceBlockMethod(inputName, outputName, kMethodLow, tolerance, angle, oldCount);
 }
 
 int reduceMedium(const char *inputName, const char *outputName, double tolerance,
                  const double *angle, int32_t *oldCount) {
-  return reduceBlockMethod(inputName, outputName, kEngineMedium, tolerance, angle, oldCount);
+  return reduceBlockMethod(inputName, outputName, kMethodMedium, tolerance, angle, oldCount);
 }
 
 // No count and no box: nothing is sorted or cut, so the model must fit in
@@ -388,7 +323,8 @@ int reduceHigh(const char *inputName, const char *outputName, double tolerance,
   qvMesh *chain = stlReadMesh(inputName, &status);
   const int shells = chain && status >= 0 ? qvMeshAssemble(chain, nullptr) : -1;
   OutputTarget target;
-  if (shells < 0 || !outputName || !planOutput(inputName, outputName, &target)) {
+  if (shells < 0 || !outputName ||
+      !planOutput(outputName, sameFile(inputName, outputName), &target)) {
     qvMeshDeleteAll(chain);
     return -1;
   }
@@ -396,7 +332,7 @@ int reduceHigh(const char *inputName, const char *outputName, double tolerance,
     qvMeshDeleteAll(chain);
     chain = nullptr;
   }
-  const int result = reduceMeshChain(chain, nullptr, target.name.c_str(), kStlBinary, kEngineHigh,
+  const int result = reduceMeshChain(chain, nullptr, target.name.c_str(), kStlBinary, kMethodHigh,
                                      tolerance, angle, oldCount);
   return settleOutput(target, outputName, result);
 }

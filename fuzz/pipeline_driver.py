@@ -8,9 +8,9 @@ sometimes -s<solid file>, and judged:
   * no signal, no sanitizer report, no hang (the case is killed after
     --timeout seconds), and exit status 0 or 255;
   * a failure prints "ERROR: REDUCTION NOT POSSIBLE !" once (after the low
-    method's progress lines, if any), writes no report, leaves no output on
-    the block methods and at most an output with count 0 or a complete one on
-    -qh (a solid extraction that fails after a good reduction leaves it);
+    method's progress lines, if any), writes no report and leaves no output,
+    except the complete output that a solid extraction failing after a good
+    reduction leaves;
   * a success writes a complete output (header count equals its records) and
     a report; FacetMeasure finds every output vertex bitwise among the input's
     vertices, and the original -> reduced distance, measured from the facets
@@ -570,13 +570,10 @@ class Judge:
                 problems.append(("leftover", "a failed run wrote a report"))
             if present["out.stl"]:
                 parsed = read_binary(open(os.path.join(work, "out.stl"), "rb").read())
-                if case["method"] in "lm" and not case["solid"]:
-                    problems.append(("leftover", "a failed block method left its output"))
-                elif parsed is None or (parsed[0] != 0 and parsed[0] != len(parsed[1])):
-                    problems.append(("leftover", "a failed run left an output that is neither "
-                                     "complete nor counted 0"))
-                elif case["method"] in "lm" and parsed[0] != len(parsed[1]):
-                    problems.append(("leftover", "a block method left an incomplete output"))
+                if not case["solid"]:
+                    problems.append(("leftover", "a failed reduction left its output"))
+                elif parsed is None or parsed[0] != len(parsed[1]):
+                    problems.append(("leftover", "a failed extraction left an incomplete output"))
             return problems
         # Success.
         if rest:

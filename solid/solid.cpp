@@ -103,8 +103,8 @@ int extractSolids(const char *reducedName, const char *solidName, const double *
                   const double *areaLimit, const double *holeLimit) {
   if (!reducedName || !solidName)
     return -1;
-  // Read whole and closed before anything is written: solidName may be
-  // reducedName. An empty binary file is refused here.
+  // Read whole and closed before anything is written. An empty binary file is
+  // refused here.
   int64_t status = 0;
   qvMesh *mesh = stlReadMesh(reducedName, &status);
   if (status < 0 || !mesh)
@@ -126,8 +126,7 @@ int extractSolids(const char *reducedName, const char *solidName, const double *
     }
   }
 
-  // A failed write deletes the solid file, and with it the reduced file when
-  // the two names are one.
+  // A failed write deletes the solid file.
   if (stlWriteMeshChain(chain, kWriteAsStored, solidName) < 0)
     return extractionFailed(chain);
   qvMeshDeleteAll(chain);

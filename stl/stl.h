@@ -162,8 +162,7 @@ int stlRemoveOutputOnSignal();
 int stlWriteTriBinary(const qvTri *tri, int sign, FILE *file);
 // The triangles of mesh from the head of its list: the number written, or -1.
 int stlWriteMeshBinary(const qvMesh *mesh, int sign, FILE *file);
-// The same as text, one facet statement per triangle; standard error when file
-// is null.
+// The same as text, one facet statement per triangle.
 int stlWriteMeshAscii(const qvMesh *mesh, int sign, FILE *file);
 // A binary file of its own holding every mesh of chain, its count patched: the
 // number of triangles written, or -1 with the file deleted. An empty chain gives

@@ -93,13 +93,12 @@ int stlWriteMeshBinary(const qvMesh *mesh, int sign, FILE *file) {
 }
 
 int stlWriteMeshAscii(const qvMesh *mesh, int sign, FILE *file) {
-  if (!mesh) {
+  if (!mesh || !file) {
     return -1;
   }
-  FILE *out = file ? file : stderr;
   int written = 0;
   for (const qvTri *tri = mesh->tri; tri; tri = tri->next) {
-    if (writeTriAscii(tri, sign, out) != 0) {
+    if (writeTriAscii(tri, sign, file) != 0) {
       return -1;
     }
     ++written;

@@ -52,8 +52,8 @@ TEST(Drivers, BothRoutesSplitBlocksAt500000AndWriteIdenticalFiles) {
   FacetBox box;
   ASSERT_EQ(stlScan(input.c_str(), &box, nullptr), 500001);
   const std::string memory = tempPath("memory.stl"), streamed = tempPath("streamed.stl");
-  EXPECT_EQ(reduceInMemory(input.c_str(), memory.c_str(), kEngineMedium, nullptr, 0.1, nullptr, 500001), 0);
-  EXPECT_EQ(reduceStreamed(input.c_str(), streamed.c_str(), kEngineMedium, &box, 0.1, nullptr, 500001), 0);
+  EXPECT_EQ(reduceInMemory(input.c_str(), memory.c_str(), kMethodMedium, nullptr, 0.1, nullptr, 500001), 0);
+  EXPECT_EQ(reduceStreamed(input.c_str(), streamed.c_str(), kMethodMedium, &box, 0.1, nullptr, 500001), 0);
   EXPECT_EQ(fileBytes(memory), fileBytes(streamed));
   const std::vector<Facet> written = checkedOutput(memory);
   ASSERT_EQ(written.size(), order.size());
@@ -87,10 +87,10 @@ TEST(Drivers, ShellsFollowInChainOrderFromEitherFormat) {
   const std::vector<Facet> second = sorted({written.begin() + 4, written.begin() + 8});
   EXPECT_TRUE(second == sorted(tetrahedron(0.1f)) || second == sorted(tetrahedron(0.2f)));
   for (auto route : {reduceInMemory, reduceStreamed}) {
-    EXPECT_EQ(route(ascii.c_str(), twin.c_str(), kEngineLow, nullptr, 0.1, nullptr, 12), 0);
+    EXPECT_EQ(route(ascii.c_str(), twin.c_str(), kMethodLow, nullptr, 0.1, nullptr, 12), 0);
     EXPECT_EQ(fileBytes(twin), fileBytes(output));
   }
-  EXPECT_EQ(reduceStreamed(ascii.c_str(), ascii.c_str(), kEngineLow, nullptr, 0.1, nullptr, 12), -1);
+  EXPECT_EQ(reduceStreamed(ascii.c_str(), ascii.c_str(), kMethodLow, nullptr, 0.1, nullptr, 12), -1);
   EXPECT_EQ(fileBytes(ascii), asciiStl(facets));
 }
 
