@@ -11,6 +11,7 @@
 // Read order: the output file, the walk over a mesh chain, the block loop, the
 // two block routes, then the three method entries.
 #include "front/front.h"
+#include "kernels/failure.h"
 #include "front/front_internal.h"
 
 #include "mesh/qvMesh.h"
@@ -36,7 +37,7 @@ int reduceOneMesh(qvMesh *mesh, FILE *file, int format, int method, double toler
     if (file) {
       std::fflush(file);
     }
-    return -1;
+    return FT_FAIL(-1);
   }
   old += qvTriCount(mesh->tri);
   // Only the sign of the engine's result counts: the number removed is taken
@@ -56,7 +57,7 @@ int reduceOneMesh(qvMesh *mesh, FILE *file, int format, int method, double toler
   if (engine < 0) {
     qvMeshFree(mesh);
     std::fflush(file);
-    return -1;
+    return FT_FAIL(-1);
   }
   const int written = format == kStlBinary ? stlWriteMeshBinary(mesh, 0, file)
                                            : stlWriteMeshAscii(mesh, 0, file);
@@ -64,7 +65,7 @@ int reduceOneMesh(qvMesh *mesh, FILE *file, int format, int method, double toler
   // Finished output reaches the disk before the next mesh is built; a flush
   // that fails is a failed write.
   if (std::fflush(file) != 0) {
-    return -1;
+    return FT_FAIL(-1);
   }
   return written;
 }
@@ -80,7 +81,7 @@ int reduceMeshChain(qvMesh *chain, FILE *file, const char *name, int format, int
   }
   if (!output || (file && name)) {
     qvMeshDeleteAll(chain);
-    return -1;
+    return FT_FAIL(-1);
   }
   int64_t oldSum = 0;
   int64_t writtenSum = 0;
@@ -157,13 +158,13 @@ int64_t reduceBlocks(const FacetSource &source, int count, FILE *output, int met
     // triangle fails the whole run.
     if (!mesh || status != 0 || qvMeshAssemble(mesh, nullptr) < 1) {
       qvMeshDeleteAll(mesh);
-      return -1;
+      return FT_FAIL(-1);
     }
     int32_t old = 0;
     const int removed = reduceMeshChain(mesh, output, nullptr, kStlBinary, method, tolerance,
                                         angle, &old);
     if (removed < 0) {
-      return -1;
+      return FT_FAIL(-1);
     }
     if (count - start > kFacetBlockSize) {
       releaseBlockMemory();
@@ -173,7 +174,7 @@ int64_t reduceBlocks(const FacetSource &source, int count, FILE *output, int met
   }
   const int64_t written = oldSum - removedSum;
   if (written < 0 || written > count || stlPatchCount(static_cast<uint32_t>(written), output) != 0) {
-    return -1;
+    return FT_FAIL(-1);
   }
   return written;
 }
@@ -184,10 +185,10 @@ int64_t reduceBlocks(const FacetSource &source, int count, FILE *output, int met
 int closeBlockOutput(FILE *output, const std::string &name, int64_t written, int count) {
   if (written < 0) {
     stlCloseOutput(output, name.c_str(), kOutputDiscard);
-    return -1;
+    return FT_FAIL(-1);
   }
   if (stlCloseOutput(output, name.c_str(), kOutputCheck) != 0) {
-    return -1;
+    return FT_FAIL(-1);
   }
   return static_cast<int>(count - written);
 }
@@ -239,7 +240,8 @@ int reduceInMemory(const char *input, const char *output, int method, const Face
   }
   std::free(table);
   freeFacetBlocks(blocks, blockCount);
-  return output ? settleOutput(target, output, result) : -1;
+  result = output ? settleOutput(target, output, result) : -1;
+  return result < 0 ? FT_FAIL(result) : result;
 }
 
 // The same blocks as the in-memory route, from a key per facet: the same axis
@@ -249,7 +251,7 @@ int reduceStreamed(const char *input, const char *output, int method, const Face
   // The route reads the input while it writes the output: the same file would
   // be read after creating the output had emptied it.
   if (!input || !output || sameFile(input, output)) {
-    return -1;
+    return FT_FAIL(-1);
   }
   int keyCount = count;
   int format = kStlUnknown;
@@ -269,7 +271,7 @@ int reduceStreamed(const char *input, const char *output, int method, const Face
     }
   }
   std::free(keys);
-  return result;
+  return result < 0 ? FT_FAIL(result) : result;
 }
 
 // ---- Method entries ----------------------------------------------------------------
@@ -283,12 +285,22 @@ int reduceBlockMethod(const char *input, const char *output, int method, double 
                       const double *angle, int32_t *oldCount) {
   int32_t unused;
   int32_t &old = oldCount ? *oldCount : unused;
+  // A binary header states the count before a record is read: a file above
+  // the limit is refused without the scan, which would read it whole.
+  int64_t stated = 0;
+  if (FILE *binary = stlOpenBinary(input, &stated)) {
+    std::fclose(binary);
+    if (stated > kBlockFacetLimit) {
+      old = 0;
+      return FT_FAIL(-1);
+    }
+  }
   FacetBox box = {};
   const int64_t scanned = stlScan(input, &box, nullptr);
   // Taken as unsigned, one test refuses an over-long file and every negative status.
   if (static_cast<uint64_t>(scanned) > static_cast<uint64_t>(kBlockFacetLimit)) {
     old = 0;
-    return -1;
+    return FT_FAIL(-1);
   }
   const int count = static_cast<int>(scanned);
   if (gAfterScanHook) {
@@ -326,7 +338,7 @@ int reduceHigh(const char *inputName, const char *outputName, double tolerance,
   if (shells < 0 || !outputName ||
       !planOutput(outputName, sameFile(inputName, outputName), &target)) {
     qvMeshDeleteAll(chain);
-    return -1;
+    return FT_FAIL(-1);
   }
   if (shells == 0) {
     qvMeshDeleteAll(chain);
@@ -334,5 +346,6 @@ int reduceHigh(const char *inputName, const char *outputName, double tolerance,
   }
   const int result = reduceMeshChain(chain, nullptr, target.name.c_str(), kStlBinary, kMethodHigh,
                                      tolerance, angle, oldCount);
-  return settleOutput(target, outputName, result);
+  const int settled = settleOutput(target, outputName, result);
+  return settled < 0 ? FT_FAIL(settled) : settled;
 }

@@ -2,6 +2,7 @@
 // extraction with limits derived from the tolerance.
 #include "front/front.h"
 #include "front/front_internal.h"
+#include "kernels/failure.h"
 #include "solid/solid.h"
 
 #include <cmath>
@@ -56,7 +57,7 @@ int runReduction(const ReduceOptions *options, int32_t *oldCount, int32_t *remov
       solids = settleOutput(target, solidName,
                             extractSolids(output, target.name.c_str(), &volumeLimit, &areaLimit,
                                           &areaLimit));
-    *solidCount = solids < 0 ? -2 : solids;
+    *solidCount = solids < 0 ? FT_FAIL(-2) : solids;
   }
   return 0;
 }

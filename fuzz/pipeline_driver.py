@@ -38,6 +38,7 @@ import argparse
 import json
 import math
 import os
+import re
 import random
 import shutil
 import signal
@@ -544,6 +545,9 @@ class Judge:
         case["argv"] = argv[1:]
         status, sig, out, err, seconds = self.run(argv, work, self.timeout)
         case["seconds"] = seconds
+        # With FT_TRACE=1 in the environment a failed run names where it failed.
+        traced = re.search(r"first failure at (\S+)", err)
+        case["place"] = traced.group(1) if traced else None
         if any(mark in err for mark in SANITIZER_MARKS):
             problems.append(("sanitizer", err.strip()[-3000:]))
         if status is None:
@@ -777,6 +781,7 @@ def main():
     tally = {"cases": 0, "success": 0, "refused": 0}
     kinds = {}
     refused_by_family = {}
+    refused_by_place = {}
     worst = (0.0, None)
     slowest = (0.0, None)
     with ThreadPoolExecutor(max_workers=max(1, opts.jobs)) as pool:
@@ -789,6 +794,8 @@ def main():
                 tally["refused"] += 1
                 key = case["family"] + ("/corrupt" if case["corrupt"] else "")
                 refused_by_family[key] = refused_by_family.get(key, 0) + 1
+                if case.get("place"):
+                    refused_by_place[case["place"]] = refused_by_place.get(case["place"], 0) + 1
             if case.get("distance") and case["tolerance"]:
                 ratio = case["distance"] / abs(case["tolerance"])
                 if ratio > worst[0]:
@@ -807,6 +814,9 @@ def main():
         tally["cases"], tally["success"], tally["refused"],
         ", ".join("%s %d" % kv for kv in sorted(kinds.items())) or "none"))
     print("refusals by family: %s" % (", ".join("%s %d" % kv for kv in sorted(refused_by_family.items())) or "none"))
+    if refused_by_place:
+        print("refusals by first failure (FT_TRACE=1): %s" % ", ".join(
+            "%s %d" % kv for kv in sorted(refused_by_place.items(), key=lambda kv: -kv[1])))
     print("largest distance / |t| on unit-scale successes: %.4g (%s); slowest case %.2f s (%s); %.0f s in all" % (
         worst[0], worst[1], slowest[0], slowest[1], time.monotonic() - start))
     return 1 if failed else 0

@@ -10,6 +10,7 @@
 // analysed at the same time.
 #include <utility>
 
+#include "kernels/failure.h"
 #include "mesh/mesh_internal.h"
 
 using ftmesh::listMoveToHead;
@@ -516,7 +517,7 @@ int32_t qvMeshTopoMake(qvMesh* mesh) {
   const int32_t code = qvMeshTopo(mesh, topo);
   topo->result = code;
   mesh->topo = topo;
-  return code == 0 ? 0 : -1;
+  return code == 0 ? 0 : FT_FAIL(-1);
 }
 
 // ---------------------------------------------------------------------------
@@ -895,5 +896,5 @@ int32_t qvMeshClose(qvMesh* mesh, const double* maxArea) {
 
   const int32_t code = qvMeshTopo(mesh, mesh->topo);
   mesh->topo->result = code;
-  return code == 0 ? accepted : -1;
+  return code == 0 ? accepted : FT_FAIL(-1);
 }

@@ -141,4 +141,31 @@ TEST(Drivers, OutputOverTheInputReplacesItOnlyAfterSuccess) {
     EXPECT_EQ(entry.path().string().find("self.stl."), std::string::npos) << entry.path();
 }
 
+// A binary file whose header states more facets than the block methods take
+// is refused from its header: a sparse file of 100,000,001 records (5 GB on
+// paper, nothing on disk) fails with next to nothing read.
+TEST(Drivers, BlockMethodsRefuseAnOverLongBinaryFileBeforeReadingIt) {
+  const std::string input = tempPath("huge.stl"), output = tempPath("huge-out.stl");
+  std::string head = binaryStl({});
+  head[80] = '\x01', head[81] = '\xe1', head[82] = '\xf5', head[83] = '\x05'; // 100,000,001
+  writeBytes(input, head);
+  std::filesystem::resize_file(input, 84 + 50 * uint64_t{100000001});
+  auto bytesRead = [] {
+    std::ifstream io("/proc/self/io");
+    std::string key;
+    for (long long value; io >> key >> value;)
+      if (key == "rchar:") return value;
+    return -1LL;
+  };
+  for (Method method : {reduceLow, reduceMedium}) {
+    const long long before = bytesRead();
+    int32_t old = -1;
+    EXPECT_EQ(method(input.c_str(), output.c_str(), 0.1, nullptr, &old), -1);
+    EXPECT_EQ(old, 0);
+    EXPECT_LT(bytesRead() - before, 1 << 20);
+    EXPECT_FALSE(std::filesystem::exists(output));
+  }
+  std::filesystem::remove(input);
+}
+
 } // namespace
