@@ -184,7 +184,7 @@ int64_t reduceBlocks(const FacetSource &source, int count, FILE *output, int met
 // minus the triangles written, or -1.
 int closeBlockOutput(FILE *output, const std::string &name, int64_t written, int count) {
   if (written < 0) {
-    stlCloseOutput(output, name.c_str(), kOutputDiscard);
+    (void)stlCloseOutput(output, name.c_str(), kOutputDiscard); // always -1: the failure is known
     return FT_FAIL(-1);
   }
   if (stlCloseOutput(output, name.c_str(), kOutputCheck) != 0) {

@@ -10,7 +10,7 @@ std::string formatText(const char *format, ...) __attribute__((format(printf, 1,
 // Two names are one file when both exist with the same device and inode, which
 // sees through "./", links and other spellings; names of which one does not
 // exist are compared as text.
-bool sameFile(const std::string &a, const std::string &b);
+[[nodiscard]] bool sameFile(const std::string &a, const std::string &b);
 
 // The file a route creates for a result named name. Normally name itself; when
 // name is an existing file that a failure must leave as it was (the input, or
@@ -25,7 +25,7 @@ struct OutputTarget {
 
 // Fills target for name; keep asks for a sibling when name exists. False when
 // a sibling is needed and can't be made.
-bool planOutput(const std::string &name, bool keep, OutputTarget *target);
+[[nodiscard]] bool planOutput(const std::string &name, bool keep, OutputTarget *target);
 // A sibling replaces name after success (result >= 0) and is removed after a
 // failure. The result, or -1 when the replacement fails.
-int settleOutput(const OutputTarget &target, const std::string &name, int result);
+[[nodiscard]] int settleOutput(const OutputTarget &target, const std::string &name, int result);

@@ -91,6 +91,6 @@ int main(int argc, char **argv) {
 
   // A report that cannot be written, or would overwrite a file of this run, is
   // left out without a word: the run itself succeeded.
-  writeRunReport(&options, oldCount, removedCount, solidCount, std::difftime(end, start));
+  (void)writeRunReport(&options, oldCount, removedCount, solidCount, std::difftime(end, start));
   return 0;
 }

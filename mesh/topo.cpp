@@ -875,7 +875,7 @@ int32_t capAccept(qvMesh* cap, const double* maxArea) {
 
 int32_t qvMeshClose(qvMesh* mesh, const double* maxArea) {
   if (!mesh) return -1;
-  if (!mesh->topo) qvMeshTopoMake(mesh);
+  if (!mesh->topo) (void)qvMeshTopoMake(mesh);  // its code is read from topo below
   if (!mesh->topo || mesh->topo->result != 0) return -1;
   if (mesh->topo->nLoop == 0) return 0;
 
@@ -888,7 +888,10 @@ int32_t qvMeshClose(qvMesh* mesh, const double* maxArea) {
     capDiscard(cap);
     return -1;
   }
-  if (accepted != mesh->topo->nLoop) qvCapRemove(cap);
+  if (accepted != mesh->topo->nLoop && qvCapRemove(cap) < 0) {
+    capDiscard(cap);
+    return FT_FAIL(-1);
+  }
 
   qvMeshPrependLists(mesh, cap);
   qvMeshFree(cap);

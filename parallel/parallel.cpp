@@ -61,7 +61,8 @@ void gatherPieces(qvMesh *mesh, qvMeshPair *pair) {
     rest = rest->next;
     back.second->prev = nullptr;
     back.second->next = nullptr;
-    qvMeshJoin(&back);
+    // A join refuses only before it moves anything: the piece is then freed here.
+    if (qvMeshJoin(&back) != 0) qvMeshFree(back.second);
   }
   pair->first = mesh;
   pair->second = nullptr;

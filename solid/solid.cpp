@@ -64,7 +64,7 @@ qvMesh *selectAssembled(qvMesh *chain, const double *volumeLimit, const double *
     // A shell without an analysis gets one, its code in result. A failed
     // analysis or a code other than 0 ends the whole selection.
     if (!shell->topo)
-      qvMeshTopoMake(shell);
+      (void)qvMeshTopoMake(shell); // its code is read from topo below
     if (!shell->topo || shell->topo->result != 0)
       return FT_FAIL(selectionFailed(head, kept));
     if (areaLimit && *areaLimit > qvMeshArea(shell)) {

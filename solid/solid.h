@@ -22,7 +22,7 @@ struct qvMesh;
 // volume of a closed shell, areaLimit the total area of a shell, holeLimit the
 // area of a cap over one boundary loop. The reduced file is welded with fixed
 // tolerances, independent of the limits.
-int extractSolids(const char *reducedName, const char *solidName, const double *volumeLimit,
+[[nodiscard]] int extractSolids(const char *reducedName, const char *solidName, const double *volumeLimit,
                   const double *areaLimit, const double *holeLimit);
 
 // Assembles mesh, an unassembled soup that stands alone (no prev, no next),

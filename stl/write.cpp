@@ -35,7 +35,7 @@ FILE *stlCreateBinary(const char *name, uint32_t count) {
     return FT_FAIL(nullptr);
   }
   if (!writeHeader(file, count)) {
-    stlCloseOutput(file, name, kOutputDiscard);
+    (void)stlCloseOutput(file, name, kOutputDiscard); // always -1: the failure is already known
     return nullptr;
   }
   return file;
@@ -47,7 +47,7 @@ FILE *stlCreateAscii(const char *name) {
     return FT_FAIL(nullptr);
   }
   if (std::fputs("solid ascii\n", file) < 0 || std::fflush(file) != 0) {
-    stlCloseOutput(file, name, kOutputDiscard);
+    (void)stlCloseOutput(file, name, kOutputDiscard); // always -1: the failure is already known
     return nullptr;
   }
   return file;
