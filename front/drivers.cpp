@@ -11,13 +11,12 @@
 // Read order: the output file, the walk over a mesh chain, the block loop, the
 // two block routes, then the three method entries.
 #include "front/front.h"
+#include "kernels/failure.h"
+#include "front/front_internal.h"
 
 #include "mesh/qvMesh.h"
 #include "parallel/parallel.h"
 #include "reduce/reduce.h"
-
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -26,71 +25,9 @@
 #include <malloc.h>
 #endif
 
-namespace {
-
-// ---- The output file ------------------------------------------------------------
-
-constexpr mode_t kPermissionBits = 07777; // the mode bits a replacement takes over
-
-bool sameFile(const char *a, const char *b) {
-  struct stat infoA;
-  struct stat infoB;
-  return stat(a, &infoA) == 0 && stat(b, &infoB) == 0 && infoA.st_dev == infoB.st_dev &&
-         infoA.st_ino == infoB.st_ino;
-}
-
-// The file a route creates. Normally the output itself; when the output is the
-// input file, a new sibling in the same folder with the input's permissions,
-// which replaces the output name only after success (settleOutput). A route
-// that reads its input whole before it creates the output could write over it
-// directly, but a failure after that would leave the input emptied.
-struct OutputTarget {
-  std::string name; // file the route creates
-  bool sibling;     // name is a temporary sibling of the output
-};
-
-// False when a sibling is needed and can't be made.
-bool planOutput(const char *input, const char *output, OutputTarget *target) {
-  target->name = output;
-  target->sibling = false;
-  struct stat info;
-  if (!sameFile(input, output) || stat(input, &info) != 0) {
-    return true;
-  }
-  std::string pattern = target->name + ".XXXXXX";
-  const int descriptor = mkstemp(pattern.data());
-  if (descriptor < 0) {
-    return false;
-  }
-  const bool permitted = fchmod(descriptor, info.st_mode & kPermissionBits) == 0;
-  close(descriptor);
-  if (!permitted) {
-    std::remove(pattern.c_str());
-    return false;
-  }
-  target->name = pattern;
-  target->sibling = true;
-  return true;
-}
-
-// A sibling replaces the output after success and is removed after failure.
-// The route's result, or -1 when the replacement fails.
-int settleOutput(const OutputTarget &target, const char *output, int result) {
-  if (!target.sibling) {
-    return result;
-  }
-  if (result >= 0 && std::rename(target.name.c_str(), output) == 0) {
-    return result;
-  }
-  std::remove(target.name.c_str());
-  return -1;
-}
-
-} // namespace
-
 // ---- One mesh and a chain of meshes ---------------------------------------------
 
-int reduceOneMesh(qvMesh *mesh, FILE *file, int format, int engineKind, double tolerance,
+int reduceOneMesh(qvMesh *mesh, FILE *file, int format, int method, double tolerance,
                   const double *angle, int32_t *oldCount) {
   int32_t unused;
   int32_t &old = oldCount ? *oldCount : unused;
@@ -100,17 +37,17 @@ int reduceOneMesh(qvMesh *mesh, FILE *file, int format, int engineKind, double t
     if (file) {
       std::fflush(file);
     }
-    return -1;
+    return FT_FAIL(-1);
   }
   old += qvTriCount(mesh->tri);
   // Only the sign of the engine's result counts: the number removed is taken
   // from the triangles written.
   int32_t engine;
-  switch (engineKind) {
-  case kEngineLow:
+  switch (method) {
+  case kMethodLow:
     engine = reduceParallelLow(mesh, tolerance, angle);
     break;
-  case kEngineMedium:
+  case kMethodMedium:
     engine = reduceParallelMedium(mesh, tolerance, angle);
     break;
   default:
@@ -120,7 +57,7 @@ int reduceOneMesh(qvMesh *mesh, FILE *file, int format, int engineKind, double t
   if (engine < 0) {
     qvMeshFree(mesh);
     std::fflush(file);
-    return -1;
+    return FT_FAIL(-1);
   }
   const int written = format == kStlBinary ? stlWriteMeshBinary(mesh, 0, file)
                                            : stlWriteMeshAscii(mesh, 0, file);
@@ -128,12 +65,12 @@ int reduceOneMesh(qvMesh *mesh, FILE *file, int format, int engineKind, double t
   // Finished output reaches the disk before the next mesh is built; a flush
   // that fails is a failed write.
   if (std::fflush(file) != 0) {
-    return -1;
+    return FT_FAIL(-1);
   }
   return written;
 }
 
-int reduceMeshChain(qvMesh *chain, FILE *file, const char *name, int format, int engineKind,
+int reduceMeshChain(qvMesh *chain, FILE *file, const char *name, int format, int method,
                     double tolerance, const double *angle, int32_t *oldCount) {
   int32_t unused;
   int32_t &old = oldCount ? *oldCount : unused;
@@ -144,7 +81,7 @@ int reduceMeshChain(qvMesh *chain, FILE *file, const char *name, int format, int
   }
   if (!output || (file && name)) {
     qvMeshDeleteAll(chain);
-    return -1;
+    return FT_FAIL(-1);
   }
   int64_t oldSum = 0;
   int64_t writtenSum = 0;
@@ -154,7 +91,7 @@ int reduceMeshChain(qvMesh *chain, FILE *file, const char *name, int format, int
     chain = qvMeshUnchain(chain, mesh);
     int32_t meshOld = 0;
     const int written =
-        reduceOneMesh(mesh, output, format, engineKind, tolerance, angle, &meshOld);
+        reduceOneMesh(mesh, output, format, method, tolerance, angle, &meshOld);
     oldSum += meshOld;
     done = written >= 0;
     writtenSum += done ? written : 0;
@@ -166,9 +103,8 @@ int reduceMeshChain(qvMesh *chain, FILE *file, const char *name, int format, int
                  ? stlPatchCount(static_cast<uint32_t>(writtenSum), output) == 0
                  : std::fputs("endsolid\n", output) >= 0;
     }
-    // The file stays also after a failure: the caller learns of it from the
-    // result alone.
-    done = stlCloseOutput(output, name, kOutputKeep) == 0 && done;
+    // A failure leaves no file, as on the block routes.
+    done = stlCloseOutput(output, name, done ? kOutputCheck : kOutputDiscard) == 0;
   }
   old = static_cast<int32_t>(oldSum);
   return done ? static_cast<int>(oldSum - writtenSum) : -1;
@@ -210,7 +146,7 @@ void releaseBlockMemory() {
 // The block loop: each run of at most kFacetBlockSize facets becomes a mesh,
 // is assembled into a chain of shells and reduced into the open output, and
 // the count is patched at the end. The number of triangles written, or -1.
-int64_t reduceBlocks(const FacetSource &source, int count, FILE *output, int engineKind,
+int64_t reduceBlocks(const FacetSource &source, int count, FILE *output, int method,
                      double tolerance, const double *angle) {
   int64_t oldSum = 0;
   int64_t removedSum = 0;
@@ -222,13 +158,13 @@ int64_t reduceBlocks(const FacetSource &source, int count, FILE *output, int eng
     // triangle fails the whole run.
     if (!mesh || status != 0 || qvMeshAssemble(mesh, nullptr) < 1) {
       qvMeshDeleteAll(mesh);
-      return -1;
+      return FT_FAIL(-1);
     }
     int32_t old = 0;
-    const int removed = reduceMeshChain(mesh, output, nullptr, kStlBinary, engineKind, tolerance,
+    const int removed = reduceMeshChain(mesh, output, nullptr, kStlBinary, method, tolerance,
                                         angle, &old);
     if (removed < 0) {
-      return -1;
+      return FT_FAIL(-1);
     }
     if (count - start > kFacetBlockSize) {
       releaseBlockMemory();
@@ -238,7 +174,7 @@ int64_t reduceBlocks(const FacetSource &source, int count, FILE *output, int eng
   }
   const int64_t written = oldSum - removedSum;
   if (written < 0 || written > count || stlPatchCount(static_cast<uint32_t>(written), output) != 0) {
-    return -1;
+    return FT_FAIL(-1);
   }
   return written;
 }
@@ -248,11 +184,11 @@ int64_t reduceBlocks(const FacetSource &source, int count, FILE *output, int eng
 // minus the triangles written, or -1.
 int closeBlockOutput(FILE *output, const std::string &name, int64_t written, int count) {
   if (written < 0) {
-    stlCloseOutput(output, name.c_str(), kOutputDiscard);
-    return -1;
+    (void)stlCloseOutput(output, name.c_str(), kOutputDiscard); // always -1: the failure is known
+    return FT_FAIL(-1);
   }
   if (stlCloseOutput(output, name.c_str(), kOutputCheck) != 0) {
-    return -1;
+    return FT_FAIL(-1);
   }
   return static_cast<int>(count - written);
 }
@@ -286,7 +222,7 @@ FacetRec **buildSortedFacets(FacetBlock *const *blocks, const FacetBox *box, int
 
 // The load and the sort come before the output is created, so an input that
 // fails them leaves nothing behind.
-int reduceInMemory(const char *input, const char *output, int engineKind, const FacetBox *box,
+int reduceInMemory(const char *input, const char *output, int method, const FacetBox *box,
                    double tolerance, const double *angle, int count) {
   FacetBlock *blocks[kFacetBlockMax] = {};
   int blockCount = 0;
@@ -294,27 +230,28 @@ int reduceInMemory(const char *input, const char *output, int engineKind, const 
   FacetRec **table = loaded == count ? buildSortedFacets(blocks, box, count) : nullptr;
   OutputTarget target = {output ? output : "", false};
   int result = -1;
-  if (table && output && planOutput(input, output, &target)) {
+  if (table && output && planOutput(output, sameFile(input, output), &target)) {
     FILE *file = stlCreateBinary(target.name.c_str(), static_cast<uint32_t>(count));
     if (file) {
       const FacetSource source = {table, nullptr, nullptr, kStlUnknown};
-      const int64_t written = reduceBlocks(source, count, file, engineKind, tolerance, angle);
+      const int64_t written = reduceBlocks(source, count, file, method, tolerance, angle);
       result = closeBlockOutput(file, target.name, written, count);
     }
   }
   std::free(table);
   freeFacetBlocks(blocks, blockCount);
-  return settleOutput(target, output, result);
+  result = output ? settleOutput(target, output, result) : -1;
+  return result < 0 ? FT_FAIL(result) : result;
 }
 
 // The same blocks as the in-memory route, from a key per facet: the same axis
 // and the same order, so the same file.
-int reduceStreamed(const char *input, const char *output, int engineKind, const FacetBox *box,
+int reduceStreamed(const char *input, const char *output, int method, const FacetBox *box,
                    double tolerance, const double *angle, int count) {
   // The route reads the input while it writes the output: the same file would
   // be read after creating the output had emptied it.
   if (!input || !output || sameFile(input, output)) {
-    return -1;
+    return FT_FAIL(-1);
   }
   int keyCount = count;
   int format = kStlUnknown;
@@ -327,14 +264,14 @@ int reduceStreamed(const char *input, const char *output, int engineKind, const 
       int64_t written = -1;
       if (source) {
         const FacetSource run = {nullptr, keys, source, format};
-        written = reduceBlocks(run, count, file, engineKind, tolerance, angle);
+        written = reduceBlocks(run, count, file, method, tolerance, angle);
         std::fclose(source);
       }
       result = closeBlockOutput(file, output, written, count);
     }
   }
   std::free(keys);
-  return result;
+  return result < 0 ? FT_FAIL(result) : result;
 }
 
 // ---- Method entries ----------------------------------------------------------------
@@ -344,24 +281,34 @@ void (*gAfterScanHook)(const char *inputName) = nullptr;
 namespace {
 
 // The scan, shared by the two block methods; then the route by size.
-int reduceBlockMethod(const char *input, const char *output, int engineKind, double tolerance,
+int reduceBlockMethod(const char *input, const char *output, int method, double tolerance,
                       const double *angle, int32_t *oldCount) {
   int32_t unused;
   int32_t &old = oldCount ? *oldCount : unused;
+  // A binary header states the count before a record is read: a file above
+  // the limit is refused without the scan, which would read it whole.
+  int64_t stated = 0;
+  if (FILE *binary = stlOpenBinary(input, &stated)) {
+    std::fclose(binary);
+    if (stated > kBlockFacetLimit) {
+      old = 0;
+      return FT_FAIL(-1);
+    }
+  }
   FacetBox box = {};
   const int64_t scanned = stlScan(input, &box, nullptr);
   // Taken as unsigned, one test refuses an over-long file and every negative status.
   if (static_cast<uint64_t>(scanned) > static_cast<uint64_t>(kBlockFacetLimit)) {
     old = 0;
-    return -1;
+    return FT_FAIL(-1);
   }
   const int count = static_cast<int>(scanned);
   if (gAfterScanHook) {
     gAfterScanHook(input);
   }
   const int result = count < kStreamedFrom
-                         ? reduceInMemory(input, output, engineKind, &box, tolerance, angle, count)
-                         : reduceStreamed(input, output, engineKind, &box, tolerance, angle, count);
+                         ? reduceInMemory(input, output, method, &box, tolerance, angle, count)
+                         : reduceStreamed(input, output, method, &box, tolerance, angle, count);
   old = count;
   return result;
 }
@@ -370,12 +317,12 @@ int reduceBlockMethod(const char *input, const char *output, int engineKind, dou
 
 int reduceLow(const char *inputName, const char *outputName, double tolerance,
               const double *angle, int32_t *oldCount) {
-  return reduceBlockMethod(inputName, outputName, kEngineLow, tolerance, angle, oldCount);
+  return reduceBlockMethod(inputName, outputName, kMethodLow, tolerance, angle, oldCount);
 }
 
 int reduceMedium(const char *inputName, const char *outputName, double tolerance,
                  const double *angle, int32_t *oldCount) {
-  return reduceBlockMethod(inputName, outputName, kEngineMedium, tolerance, angle, oldCount);
+  return reduceBlockMethod(inputName, outputName, kMethodMedium, tolerance, angle, oldCount);
 }
 
 // No count and no box: nothing is sorted or cut, so the model must fit in
@@ -388,15 +335,17 @@ int reduceHigh(const char *inputName, const char *outputName, double tolerance,
   qvMesh *chain = stlReadMesh(inputName, &status);
   const int shells = chain && status >= 0 ? qvMeshAssemble(chain, nullptr) : -1;
   OutputTarget target;
-  if (shells < 0 || !outputName || !planOutput(inputName, outputName, &target)) {
+  if (shells < 0 || !outputName ||
+      !planOutput(outputName, sameFile(inputName, outputName), &target)) {
     qvMeshDeleteAll(chain);
-    return -1;
+    return FT_FAIL(-1);
   }
   if (shells == 0) {
     qvMeshDeleteAll(chain);
     chain = nullptr;
   }
-  const int result = reduceMeshChain(chain, nullptr, target.name.c_str(), kStlBinary, kEngineHigh,
+  const int result = reduceMeshChain(chain, nullptr, target.name.c_str(), kStlBinary, kMethodHigh,
                                      tolerance, angle, oldCount);
-  return settleOutput(target, outputName, result);
+  const int settled = settleOutput(target, outputName, result);
+  return settled < 0 ? FT_FAIL(settled) : settled;
 }

@@ -9,8 +9,8 @@
 //     whenever solidWanted is.
 //  3. Names have no length limit. Every derived name is exactly the text that
 //     snprintf would write with unlimited room.
-//  4. method is 0 (low), 1 (medium) or 2 (high); it runs the opposite way to the
-//     drivers' engine kind.
+//  4. method is 0 (low), 1 (medium) or 2 (high), in the options and in the
+//     drivers alike.
 //  5. Only the process entry (main) prints. Every routine here reports by its
 //     result: 0 or a count for success, a negative number for failure.
 //  6. The method entries return the triangles removed or -1. When the input is
@@ -20,12 +20,12 @@
 //  8. The drivers hold at most one block's meshes at a time: each mesh is built,
 //     assembled, reduced, written, flushed and released before the next exists.
 //  9. After a successful run the output's header count equals its records. A
-//     failed block method leaves no output; a failed reduceHigh leaves the
-//     meshes written so far under a count of 0.
-// 10. A failed run never changes the input. An output that is the input file
-//     itself (same device and inode) is written as a sibling that replaces it
-//     only after success; the streamed route, which reads the input while it
-//     writes, refuses such a run before it creates anything.
+//     failed method leaves no output.
+// 10. A failed run never changes the input, and a failed solid extraction
+//     never changes the reduced file. A result that would replace one of them
+//     (same device and inode) is written as a sibling that replaces it only
+//     after success; the streamed route, which reads the input while it
+//     writes, refuses an output over the input before it creates anything.
 #pragma once
 
 #include <cstdint>
@@ -59,7 +59,7 @@ constexpr int32_t kMethodHigh = 2;
 // Empty names, tolerance 0.1, angle 30.0, both flags clear, method low.
 void fillDefaultOptions(ReduceOptions *options);
 // 0 go on, -1 syntax fault, -2 missing input, -3 bad method.
-int parseCommandLine(ReduceOptions *options, int argCount, const char *const *args);
+[[nodiscard]] int parseCommandLine(ReduceOptions *options, int argCount, const char *const *args);
 // The stem (name less an exact ".stl" or ".STL") followed by "_RED.stl".
 std::string provisionalOutputName(const std::string &inputName);
 // "res_<tag>_<tolerance %.2lf>_<inputName>", tag LQ, MQ or HQ for the method.
@@ -77,7 +77,7 @@ const double *methodAngle(const ReduceOptions *options, double *copy);
 // Runs the method and, with -s, the solid extraction. Always returns 0.
 // removedCount < 0: the reduction failed. solidCount: -1 no extraction ran,
 // -2 it failed, otherwise the solids written.
-int runReduction(const ReduceOptions *options, int32_t *oldCount, int32_t *removedCount,
+[[nodiscard]] int runReduction(const ReduceOptions *options, int32_t *oldCount, int32_t *removedCount,
                  int32_t *solidCount);
 
 // ---- Method entries (drivers.cpp) ------------------------------------------------
@@ -87,11 +87,11 @@ int runReduction(const ReduceOptions *options, int32_t *oldCount, int32_t *remov
 // the facets of the file (0 when refused at the scan), so facets that assembly
 // drops count as removed; for reduceHigh the triangles after assembly, so those
 // facets count in neither figure (not set when reading or assembly fails).
-int reduceLow(const char *inputName, const char *outputName, double tolerance,
+[[nodiscard]] int reduceLow(const char *inputName, const char *outputName, double tolerance,
               const double *angle, int32_t *oldCount);
-int reduceMedium(const char *inputName, const char *outputName, double tolerance,
+[[nodiscard]] int reduceMedium(const char *inputName, const char *outputName, double tolerance,
                  const double *angle, int32_t *oldCount);
-int reduceHigh(const char *inputName, const char *outputName, double tolerance,
+[[nodiscard]] int reduceHigh(const char *inputName, const char *outputName, double tolerance,
                const double *angle, int32_t *oldCount);
 
 // Test hook, null in the product: when set, the block methods call it with the
@@ -102,11 +102,11 @@ int reduceHigh(const char *inputName, const char *outputName, double tolerance,
 extern void (*gAfterScanHook)(const char *inputName);
 
 // ---- Reduction drivers (drivers.cpp) ---------------------------------------------
-
-// engineKind: which engine entry reduces a shell; it runs the opposite way to method.
-constexpr int kEngineHigh = 0;   // reduceOnePass on the whole shell, serial
-constexpr int kEngineMedium = 1; // reduceParallelMedium, one pass on pieces
-constexpr int kEngineLow = 2;    // reduceParallelLow, stepped passes on pieces
+//
+// method picks the engine entry that reduces a shell: kMethodLow
+// reduceParallelLow (stepped passes on pieces), kMethodMedium
+// reduceParallelMedium (one pass on pieces), kMethodHigh reduceOnePass (the
+// whole shell, serial).
 
 constexpr int kBlockFacetLimit = 100000000; // facets the block methods take
 constexpr int kStreamedFrom = 10000000;     // facet count from which the streamed route runs
@@ -114,23 +114,23 @@ constexpr int kStreamedFrom = 10000000;     // facet count from which the stream
 // The block routes, for a scanned count and box (box may be null: it is then
 // computed from the facets). Both write byte-identical files for one input.
 // Triangles removed (count minus records written), or -1 with no output left.
-int reduceInMemory(const char *input, const char *output, int engineKind, const FacetBox *box,
+[[nodiscard]] int reduceInMemory(const char *input, const char *output, int method, const FacetBox *box,
                    double tolerance, const double *angle, int count);
-int reduceStreamed(const char *input, const char *output, int engineKind, const FacetBox *box,
+[[nodiscard]] int reduceStreamed(const char *input, const char *output, int method, const FacetBox *box,
                    double tolerance, const double *angle, int count);
 // Pointers to the facets of blocks ordered along the box's longest axis, or
 // null (always for a count below 1). Free with free().
 FacetRec **buildSortedFacets(FacetBlock *const *blocks, const FacetBox *box, int count);
 // Reduces and writes every mesh of chain, which it consumes. Exactly one of file
-// and name: a name makes it create, finish and close that file (kept also after a
+// and name: a name makes it create, finish and close that file (deleted after a
 // failure), a file is the caller's. oldCount receives the triangles of the meshes
 // taken on. Old minus written, or -1.
-int reduceMeshChain(qvMesh *chain, FILE *file, const char *name, int format, int engineKind,
+[[nodiscard]] int reduceMeshChain(qvMesh *chain, FILE *file, const char *name, int format, int method,
                     double tolerance, const double *angle, int32_t *oldCount);
 // Reduces one mesh, with null next, writes it to file (format kStlBinary, or
 // text), releases it and flushes. oldCount: its triangles before. Triangles
 // written, or -1.
-int reduceOneMesh(qvMesh *mesh, FILE *file, int format, int engineKind, double tolerance,
+[[nodiscard]] int reduceOneMesh(qvMesh *mesh, FILE *file, int format, int method, double tolerance,
                   const double *angle, int32_t *oldCount);
 
 // ---- Run report (report.cpp) -------------------------------------------------------
@@ -140,10 +140,10 @@ std::string formatRunReport(const ReduceOptions *options, int32_t oldCount,
                             int32_t removedCount, int32_t solidCount, double elapsedSeconds);
 // Writes the report to logName. 0 written, 1 skipped because logName is the same
 // file as the input, output or solid file, -1 the file could not be written.
-int writeRunReport(const ReduceOptions *options, int32_t oldCount, int32_t removedCount,
+[[nodiscard]] int writeRunReport(const ReduceOptions *options, int32_t oldCount, int32_t removedCount,
                    int32_t solidCount, double elapsedSeconds);
 
 // ---- Licence gate (licence.cpp) ------------------------------------------------------
 
 // 1 when the run is licensed, 0 when it is refused.
-int licenceGranted();
+[[nodiscard]] int licenceGranted();

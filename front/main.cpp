@@ -2,11 +2,14 @@
 // report beside it. Exit status 0 on success; every failure prints one message
 // to standard output and ends with -1.
 #include "front/front.h"
+#include "kernels/failure.h"
 #include "kernels/predicates.h"
 #include "stl/stl.h"
 
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <ctime>
 
 namespace {
@@ -22,6 +25,16 @@ const char *const kWrongMethod = "WRONG METHOD. Usage: FacetTrim <input-file> [ 
 const char *const kReductionFailed = "ERROR: REDUCTION NOT POSSIBLE !\n";
 
 constexpr int kExitFailure = -1;
+
+// With FT_TRACE=1 in the environment, a failed run also names on standard
+// error the place in the source where it first failed.
+void traceFailure() {
+  const char *trace = std::getenv("FT_TRACE");
+  char place[256];
+  if (trace && std::strcmp(trace, "1") == 0)
+    std::fprintf(stderr, "FacetTrim: first failure at %s\n",
+                 ftFailPlace(place, sizeof place) ? place : "an unmarked place");
+}
 
 const char *parseMessage(int status) {
   if (status == -2)
@@ -72,11 +85,12 @@ int main(int argc, char **argv) {
   // limits, a failed write or a failed solid extraction.
   if (result != 0 || removedCount < 0 || solidCount < -1) {
     std::fputs(kReductionFailed, stdout);
+    traceFailure();
     return kExitFailure;
   }
 
   // A report that cannot be written, or would overwrite a file of this run, is
   // left out without a word: the run itself succeeded.
-  writeRunReport(&options, oldCount, removedCount, solidCount, std::difftime(end, start));
+  (void)writeRunReport(&options, oldCount, removedCount, solidCount, std::difftime(end, start));
   return 0;
 }

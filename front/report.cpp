@@ -2,8 +2,6 @@
 #include "front/front.h"
 #include "front/front_internal.h"
 
-#include <sys/stat.h>
-
 #include <cstdio>
 
 namespace {
@@ -18,18 +16,6 @@ const char *methodLine(int32_t method) {
     return "    method          :    low quality \n";
   }
 }
-
-// Two names are one file when both exist with the same device and inode, which
-// sees through "./", links and other spellings. A name that does not exist yet
-// can only be compared as text.
-bool sameFile(const std::string &a, const std::string &b) {
-  struct stat statA;
-  struct stat statB;
-  if (stat(a.c_str(), &statA) == 0 && stat(b.c_str(), &statB) == 0)
-    return statA.st_dev == statB.st_dev && statA.st_ino == statB.st_ino;
-  return a == b;
-}
-
 } // namespace
 
 std::string formatRunReport(const ReduceOptions *options, int32_t oldCount,

@@ -1,6 +1,8 @@
 // runReduction: the angle handed to the method, the method call, and the solid
 // extraction with limits derived from the tolerance.
 #include "front/front.h"
+#include "front/front_internal.h"
+#include "kernels/failure.h"
 #include "solid/solid.h"
 
 #include <cmath>
@@ -43,9 +45,19 @@ int runReduction(const ReduceOptions *options, int32_t *oldCount, int32_t *remov
     const double d = options->tolerance * 3.0;
     const double areaLimit = d * d;
     const double volumeLimit = (d * d) * d;
-    const int solids = extractSolids(output, options->solidName.c_str(), &volumeLimit,
-                                     &areaLimit, &areaLimit);
-    *solidCount = solids < 0 ? -2 : solids;
+    // A solid file that is the reduced file or the input is written beside
+    // it and takes its place only after success, so that a failed write
+    // leaves both as they were.
+    const std::string &solidName = options->solidName;
+    OutputTarget target;
+    int solids = -1;
+    if (planOutput(solidName, sameFile(solidName, options->outputName) ||
+                                  sameFile(solidName, options->inputName),
+                   &target))
+      solids = settleOutput(target, solidName,
+                            extractSolids(output, target.name.c_str(), &volumeLimit, &areaLimit,
+                                          &areaLimit));
+    *solidCount = solids < 0 ? FT_FAIL(-2) : solids;
   }
   return 0;
 }

@@ -8,9 +8,9 @@ sometimes -s<solid file>, and judged:
   * no signal, no sanitizer report, no hang (the case is killed after
     --timeout seconds), and exit status 0 or 255;
   * a failure prints "ERROR: REDUCTION NOT POSSIBLE !" once (after the low
-    method's progress lines, if any), writes no report, leaves no output on
-    the block methods and at most an output with count 0 or a complete one on
-    -qh (a solid extraction that fails after a good reduction leaves it);
+    method's progress lines, if any), writes no report and leaves no output,
+    except the complete output that a solid extraction failing after a good
+    reduction leaves;
   * a success writes a complete output (header count equals its records) and
     a report; FacetMeasure finds every output vertex bitwise among the input's
     vertices, and the original -> reduced distance, measured from the facets
@@ -38,6 +38,7 @@ import argparse
 import json
 import math
 import os
+import re
 import random
 import shutil
 import signal
@@ -544,6 +545,9 @@ class Judge:
         case["argv"] = argv[1:]
         status, sig, out, err, seconds = self.run(argv, work, self.timeout)
         case["seconds"] = seconds
+        # With FT_TRACE=1 in the environment a failed run names where it failed.
+        traced = re.search(r"first failure at (\S+)", err)
+        case["place"] = traced.group(1) if traced else None
         if any(mark in err for mark in SANITIZER_MARKS):
             problems.append(("sanitizer", err.strip()[-3000:]))
         if status is None:
@@ -570,13 +574,10 @@ class Judge:
                 problems.append(("leftover", "a failed run wrote a report"))
             if present["out.stl"]:
                 parsed = read_binary(open(os.path.join(work, "out.stl"), "rb").read())
-                if case["method"] in "lm" and not case["solid"]:
-                    problems.append(("leftover", "a failed block method left its output"))
-                elif parsed is None or (parsed[0] != 0 and parsed[0] != len(parsed[1])):
-                    problems.append(("leftover", "a failed run left an output that is neither "
-                                     "complete nor counted 0"))
-                elif case["method"] in "lm" and parsed[0] != len(parsed[1]):
-                    problems.append(("leftover", "a block method left an incomplete output"))
+                if not case["solid"]:
+                    problems.append(("leftover", "a failed reduction left its output"))
+                elif parsed is None or parsed[0] != len(parsed[1]):
+                    problems.append(("leftover", "a failed extraction left an incomplete output"))
             return problems
         # Success.
         if rest:
@@ -780,6 +781,7 @@ def main():
     tally = {"cases": 0, "success": 0, "refused": 0}
     kinds = {}
     refused_by_family = {}
+    refused_by_place = {}
     worst = (0.0, None)
     slowest = (0.0, None)
     with ThreadPoolExecutor(max_workers=max(1, opts.jobs)) as pool:
@@ -792,6 +794,8 @@ def main():
                 tally["refused"] += 1
                 key = case["family"] + ("/corrupt" if case["corrupt"] else "")
                 refused_by_family[key] = refused_by_family.get(key, 0) + 1
+                if case.get("place"):
+                    refused_by_place[case["place"]] = refused_by_place.get(case["place"], 0) + 1
             if case.get("distance") and case["tolerance"]:
                 ratio = case["distance"] / abs(case["tolerance"])
                 if ratio > worst[0]:
@@ -810,6 +814,9 @@ def main():
         tally["cases"], tally["success"], tally["refused"],
         ", ".join("%s %d" % kv for kv in sorted(kinds.items())) or "none"))
     print("refusals by family: %s" % (", ".join("%s %d" % kv for kv in sorted(refused_by_family.items())) or "none"))
+    if refused_by_place:
+        print("refusals by first failure (FT_TRACE=1): %s" % ", ".join(
+            "%s %d" % kv for kv in sorted(refused_by_place.items(), key=lambda kv: -kv[1])))
     print("largest distance / |t| on unit-scale successes: %.4g (%s); slowest case %.2f s (%s); %.0f s in all" % (
         worst[0], worst[1], slowest[0], slowest[1], time.monotonic() - start))
     return 1 if failed else 0

@@ -44,16 +44,16 @@ double vecNormalize(double* v, double minLen);
 // says so. cos2 = sign(dot) dot^2 / (|u|^2 |v|^2), the division unguarded.
 // Returns kCosShortU and kCosShortV for vectors whose squared length is
 // below tiny.
-int32_t vecCos2(int32_t given, double* u, double* v, double tiny, double* cos2);
+[[nodiscard]] int32_t vecCos2(int32_t given, double* u, double* v, double tiny, double* cos2);
 
 // A right-handed orthonormal frame u, v, w with the unit normal in the
 // vector that mode names. 0, or 1 when normal is shorter than eps.
-int32_t planeFrame(int32_t mode, const double* normal, double eps, double* u, double* v,
+[[nodiscard]] int32_t planeFrame(int32_t mode, const double* normal, double eps, double* u, double* v,
                    double* w);
 
 // 1 if the two (three) doubles of p and q have equal bits, else 0.
-int32_t bitsEqual2d(const double* p, const double* q);
-int32_t bitsEqual3d(const double* p, const double* q);
+[[nodiscard]] int32_t bitsEqual2d(const double* p, const double* q);
+[[nodiscard]] int32_t bitsEqual3d(const double* p, const double* q);
 
 // Signed volume of the tetrahedron p0, p1, p2, p3, and of p0, p1, p2 with the
 // origin.
@@ -73,7 +73,7 @@ constexpr int32_t kCrossOverlap = 2;  // the segments overlap (or share both end
 // along q, each in 0 to 1. A segment shorter than tol counts as a point;
 // ends are shared when bitsEqual2d says so; a crossing up to tol beyond an
 // end counts as contact and is moved onto that end.
-int32_t segSegIntersect2d(const double* p0, const double* p1, const double* q0, const double* q1,
+[[nodiscard]] int32_t segSegIntersect2d(const double* p0, const double* p1, const double* q0, const double* q1,
                           double tol, double* out);
 
 // Kinds of roots reported by the polynomial solvers.
@@ -82,12 +82,12 @@ constexpr int32_t kRootsComplex = 2;  // a complex pair among the roots
 
 // Roots of a2 x^2 + a1 x + a0: their number, 0 to 2. re and im take up to two
 // roots; kind is kRootsReal or kRootsComplex.
-int32_t solveQuadratic(double a2, double a1, double a0, double tol, double* re, double* im,
+[[nodiscard]] int32_t solveQuadratic(double a2, double a1, double a0, double tol, double* re, double* im,
                        int32_t* kind);
 
 // Roots of a3 x^3 + a2 x^2 + a1 x + a0: their number, or -1 on failure. re and
 // im take up to three roots; kind is kRootsReal or kRootsComplex.
-int32_t solveCubic(double a3, double a2, double a1, double a0, double tol, double* re,
+[[nodiscard]] int32_t solveCubic(double a3, double a2, double a1, double a0, double tol, double* re,
                    double* im, int32_t* kind);
 
 // Largest matrix order jacobiEigen accepts.
@@ -99,4 +99,4 @@ constexpr int32_t kJacobiMaxOrder = 32;
 // number of rotations: 0 means the matrix was diagonal already and nothing
 // was done (vectors is the unit matrix). -1 if n is outside 1 to
 // kJacobiMaxOrder or the sweeps do not converge.
-int32_t jacobiEigen(double** m, int32_t n, double** vectors);
+[[nodiscard]] int32_t jacobiEigen(double** m, int32_t n, double** vectors);

@@ -18,6 +18,7 @@
 #include <utility>
 
 #include "mesh/mesh_internal.h"
+#include "kernels/failure.h"
 
 using ftmesh::listMoveToHead;
 using ftmesh::listPrepend;
@@ -498,7 +499,7 @@ int32_t mergePairs(qvMesh* mesh, qvLnk* const* node, int32_t n) {
     for (int32_t j = i + 1; j < n && a->link; ++j) {
       qvEdg* b = edgOf(node[j]);
       if (a == b || !sameEnds(a, b) || !b->link) continue;
-      if (!mergePair(mesh, a, b)) return -1;
+      if (!mergePair(mesh, a, b)) return FT_FAIL(-1);
       merged = 1;
     }
   }
@@ -796,18 +797,18 @@ bool orient(qvMesh* mesh) {
 }  // namespace
 
 int32_t qvMeshStitch(qvMesh* mesh, const double* tol) {
-  if (!mesh || !stitchable(mesh)) return -1;
+  if (!mesh || !stitchable(mesh)) return FT_FAIL(-1);
   Stitch s{mesh, {}};
   const bool ok = mergeVertices(s, tol) && mergeEdges(s) && linkTriangles(s) && pullApart(s) &&
                   splitVertices(s) && rejoin(mesh);
   if (!ok) {
     stitchRelease(s);
-    return -1;
+    return FT_FAIL(-1);
   }
   // Step 7: the edge lists of this mesh went in step 3; those of meshes
   // chained behind it are their own.
   qvEdgListsFree(mesh->next, qvLnkListFree);
-  if (!orient(mesh)) return -1;
+  if (!orient(mesh)) return FT_FAIL(-1);
   mesh->flags |= kMeshStitched;
   return 0;
 }
@@ -968,7 +969,7 @@ bool splitVtx(qvMesh* mesh, qvMesh* last, qvVtx* (*clone)(const qvVtx*)) {
 }  // namespace
 
 int32_t qvMeshShells(qvMesh* mesh, qvVtx* (*clone)(const qvVtx*)) {
-  if (!mesh || !clone) return -1;
+  if (!mesh || !clone) return FT_FAIL(-1);
   qvMesh* last = mesh;
   int32_t shells = splitTriangles(mesh, last);
   if (shells <= 1 && last == mesh) return shells;
@@ -991,6 +992,6 @@ int32_t qvMeshShells(qvMesh* mesh, qvVtx* (*clone)(const qvVtx*)) {
 }
 
 int32_t qvMeshAssemble(qvMesh* mesh, const double* tol) {
-  if (qvMeshStitch(mesh, tol) != 0) return -1;
+  if (qvMeshStitch(mesh, tol) != 0) return FT_FAIL(-1);
   return qvMeshShells(mesh, qvVtxClone);
 }

@@ -74,19 +74,6 @@ int32_t qvVtxReplace(qvMesh* mesh, qvVtx* keep, qvVtx* drop) {
   double* const from = drop->dat;
   double* const to = keep->dat;
   int32_t n = 0;
-  if (mesh->flags & kMeshVtxEdgLists) {
-    // Each vertex holds the list of its edges: only drop's edges change.
-    qvLnk* list = static_cast<qvLnk*>(drop->link);
-    for (qvLnk* l = list; l; l = l->next) {
-      qvEdg* e = static_cast<qvEdg*>(l->item);
-      for (double*& end : e->ends)
-        if (end == from) end = to, ++n;
-    }
-    keep->link = qvLnkConcat(list, static_cast<qvLnk*>(keep->link));
-    drop->link = nullptr;
-    keep->tag += drop->tag;
-    return n;
-  }
   for (qvEdg* e = mesh->edg; e; e = e->next)
     for (double*& end : e->ends)
       if (end == from) end = to, ++n;

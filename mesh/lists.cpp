@@ -72,7 +72,6 @@ qvVtx* qvVtxDeleteFlagged(qvVtx* head, uint32_t mask, int32_t* count) {
   return listDeleteFlagged(head, mask, count);
 }
 int32_t qvVtxAndAll(qvVtx* head, uint32_t mask) { return listAndAll(head, mask); }
-int32_t qvVtxOrAll(qvVtx* head, uint32_t bits) { return listOrAll(head, bits); }
 int32_t qvVtxCount(const qvVtx* head) { return listCount(head); }
 qvVtx* qvVtxTail(qvVtx* head) { return listTail(head); }
 
@@ -127,16 +126,8 @@ qvTri* qvTriReverse(qvTri* head) {
 }
 
 qvMesh* qvMeshConcat(qvMesh* a, qvMesh* b) { return listConcat(a, b); }
-qvMesh* qvMeshUnlink(qvMesh* head, qvMesh* r) { return listUnlink(head, r); }
-qvMesh* qvMeshDelete(qvMesh* head, qvMesh* r) { return listDelete(head, r); }
 int32_t qvMeshDeleteAll(qvMesh* head) { return listDeleteAll(head); }
-qvMesh* qvMeshDeleteFlagged(qvMesh* head, uint32_t mask, int32_t* count) {
-  return listDeleteFlagged(head, mask, count);
-}
-int32_t qvMeshAndAll(qvMesh* head, uint32_t mask) { return listAndAll(head, mask); }
-int32_t qvMeshOrAll(qvMesh* head, uint32_t bits) { return listOrAll(head, bits); }
 int32_t qvMeshCount(const qvMesh* head) { return listCount(head); }
-qvMesh* qvMeshTail(qvMesh* head) { return listTail(head); }
 
 qvMesh* qvMeshUnchain(qvMesh* head, qvMesh* m) { return listUnlink(head, m); }
 qvMesh* qvMeshDropChained(qvMesh* head, qvMesh* m) { return listDelete(head, m); }
@@ -145,11 +136,6 @@ qvLnk* qvLnkConcat(qvLnk* a, qvLnk* b) { return listConcat(a, b); }
 qvLnk* qvLnkUnlink(qvLnk* head, qvLnk* r) { return listUnlink(head, r); }
 qvLnk* qvLnkDelete(qvLnk* head, qvLnk* r) { return listDelete(head, r); }
 int32_t qvLnkDeleteAll(qvLnk* head) { return listDeleteAll(head); }
-qvLnk* qvLnkDeleteFlagged(qvLnk* head, uint32_t mask, int32_t* count) {
-  return listDeleteFlagged(head, mask, count);
-}
-int32_t qvLnkAndAll(qvLnk* head, uint32_t mask) { return listAndAll(head, mask); }
-int32_t qvLnkOrAll(qvLnk* head, uint32_t bits) { return listOrAll(head, bits); }
 int32_t qvLnkCount(const qvLnk* head) { return listCount(head); }
 qvLnk* qvLnkTail(qvLnk* head) { return listTail(head); }
 

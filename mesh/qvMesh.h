@@ -120,7 +120,6 @@ constexpr uint32_t kMeshSortX = 0x200u;           // vertex list sorted by x
 constexpr uint32_t kMeshSortY = 0x400u;           // vertex list sorted by y
 constexpr uint32_t kMeshSortZ = 0x800u;           // vertex list sorted by z
 constexpr uint32_t kMeshSortDesc = 0x1000u;       // sort request only: descending; never stored
-constexpr uint32_t kMeshVtxEdgLists = 0x4000u;    // vertices hold their edge lists; never set here
 constexpr uint32_t kMeshEdgExtra = 0x400000u;     // edges carry an extra record in own; never set here
 constexpr uint32_t kMeshCapDone = 0x10000000u;    // cap building ended on its plain path; read by nobody
 constexpr uint32_t kMeshSortedSet = kMeshSortX | kMeshSortY | kMeshSortZ;
@@ -230,7 +229,7 @@ inline qvVtx* qvVtxOf(const double* h) {
   return reinterpret_cast<qvVtx*>(reinterpret_cast<char*>(const_cast<double*>(h)) - sizeof(qvVtx));
 }
 // Doubles the data bits of flags ask for.
-int32_t qvVtxDataSize(uint32_t flags);
+[[nodiscard]] int32_t qvVtxDataSize(uint32_t flags);
 // x, y, z of v, through its owner for a derived vertex (one level); null
 // when v is null or a derived vertex has no owner.
 double* qvVtxXyz(const qvVtx* v);
@@ -268,7 +267,8 @@ void qvLnkFree(qvLnk* l);
 qvTopo* qvTopoNew();
 
 // ---------------------------------------------------------------------------
-// Lists, one set per record type. Prepending r to a list is Concat(r, head):
+// Lists: the routines below, for each record type whose lists need them.
+// Prepending r to a list is Concat(r, head):
 // one step, whereas Concat(head, r) walks the whole list.
 //
 //   Concat(a, b)           appends b to a; the new head (b if a is empty)
@@ -290,8 +290,7 @@ qvVtx* qvVtxDelete(qvVtx* head, qvVtx* r);
 int32_t qvVtxDeleteAll(qvVtx* head);
 qvVtx* qvVtxDeleteFlagged(qvVtx* head, uint32_t mask, int32_t* count = nullptr);
 int32_t qvVtxAndAll(qvVtx* head, uint32_t mask);
-int32_t qvVtxOrAll(qvVtx* head, uint32_t bits);
-int32_t qvVtxCount(const qvVtx* head);
+[[nodiscard]] int32_t qvVtxCount(const qvVtx* head);
 qvVtx* qvVtxTail(qvVtx* head);
 // Sets tag to value on each vertex of the list; 0.
 int32_t qvVtxSetTag(qvVtx* head, int32_t value);
@@ -303,7 +302,7 @@ int32_t qvEdgDeleteAll(qvEdg* head);
 qvEdg* qvEdgDeleteFlagged(qvEdg* head, uint32_t mask, int32_t* count = nullptr);
 int32_t qvEdgAndAll(qvEdg* head, uint32_t mask);
 int32_t qvEdgOrAll(qvEdg* head, uint32_t bits);
-int32_t qvEdgCount(const qvEdg* head);
+[[nodiscard]] int32_t qvEdgCount(const qvEdg* head);
 qvEdg* qvEdgTail(qvEdg* head);
 
 qvTri* qvTriConcat(qvTri* a, qvTri* b);
@@ -317,30 +316,21 @@ int32_t qvTriDeleteAll(qvTri* head);
 qvTri* qvTriDeleteFlagged(qvTri* head, uint32_t mask, int32_t* count = nullptr);
 int32_t qvTriAndAll(qvTri* head, uint32_t mask);
 int32_t qvTriOrAll(qvTri* head, uint32_t bits);
-int32_t qvTriCount(const qvTri* head);
+[[nodiscard]] int32_t qvTriCount(const qvTri* head);
 qvTri* qvTriTail(qvTri* head);
 // Reverses the list in place by exchanging prev and next in each record;
 // returns the new head, the former tail.
 qvTri* qvTriReverse(qvTri* head);
 
 qvMesh* qvMeshConcat(qvMesh* a, qvMesh* b);
-qvMesh* qvMeshUnlink(qvMesh* head, qvMesh* r);
-qvMesh* qvMeshDelete(qvMesh* head, qvMesh* r);
 int32_t qvMeshDeleteAll(qvMesh* head);
-qvMesh* qvMeshDeleteFlagged(qvMesh* head, uint32_t mask, int32_t* count = nullptr);
-int32_t qvMeshAndAll(qvMesh* head, uint32_t mask);
-int32_t qvMeshOrAll(qvMesh* head, uint32_t bits);
-int32_t qvMeshCount(const qvMesh* head);
-qvMesh* qvMeshTail(qvMesh* head);
+[[nodiscard]] int32_t qvMeshCount(const qvMesh* head);
 
 qvLnk* qvLnkConcat(qvLnk* a, qvLnk* b);
 qvLnk* qvLnkUnlink(qvLnk* head, qvLnk* r);
 qvLnk* qvLnkDelete(qvLnk* head, qvLnk* r);
 int32_t qvLnkDeleteAll(qvLnk* head);
-qvLnk* qvLnkDeleteFlagged(qvLnk* head, uint32_t mask, int32_t* count = nullptr);
-int32_t qvLnkAndAll(qvLnk* head, uint32_t mask);
-int32_t qvLnkOrAll(qvLnk* head, uint32_t bits);
-int32_t qvLnkCount(const qvLnk* head);
+[[nodiscard]] int32_t qvLnkCount(const qvLnk* head);
 qvLnk* qvLnkTail(qvLnk* head);
 // Frees a qvLnk list given as void*, the form qvEdgListsFree passes on.
 void qvLnkListFree(void* list);
@@ -371,7 +361,7 @@ int32_t qvMeshSortVtx(qvMesh* mesh, uint32_t request, qvBox* box);
 // null) and returns the number of violations; 0 for a null mesh. Every walk
 // is bounded, so a broken list is reported, not looped on, and no record is
 // marked. It only reads records reached through checked links.
-int32_t qvMeshValidate(const qvMesh* mesh, FILE* out);
+[[nodiscard]] int32_t qvMeshValidate(const qvMesh* mesh, FILE* out);
 
 // ---------------------------------------------------------------------------
 // Triangle queries. A slot is 0, 1 or 2; a handle is a vertex handle.
@@ -389,7 +379,7 @@ int32_t qvTriCornerVtx(const qvTri* t, int32_t sign, qvVtx* out[3]);
 // The same as coordinates (qvVtxXyz); 1 also when a corner has none.
 int32_t qvTriCoords(const qvTri* t, int32_t sign, double* out[3]);
 // Slot of e in t, or -1.
-int32_t qvTriEdgeSlot(const qvTri* t, const qvEdg* e);
+[[nodiscard]] int32_t qvTriEdgeSlot(const qvTri* t, const qvEdg* e);
 // adj of t at e, its slot through slot (-1 when e isn't there or t is null).
 qvTri* qvTriAdjAt(const qvTri* t, const qvEdg* e, int32_t* slot);
 // The first corner in cycle order that isn't an end of e, or null.
@@ -401,12 +391,12 @@ qvEdg* qvTriFarEdge(const qvTri* t, const double* h);
 // The edges of t at corner h, and their slots: returns how many (-1 for a
 // null t or h, or a third). With two they are in cycle sense: slots (0,1),
 // (1,2) or (2,0), so pair[0] ends at h and pair[1] starts there.
-int32_t qvTriEdgesAt(const qvTri* t, const double* h, qvEdg* pair[2], int32_t slots[2]);
+[[nodiscard]] int32_t qvTriEdgesAt(const qvTri* t, const double* h, qvEdg* pair[2], int32_t slots[2]);
 // 0 if the edge in slot i runs along the cycle, 1 against it, -1 on failure.
-int32_t qvTriEdgeRev(const qvTri* t, int32_t i);
+[[nodiscard]] int32_t qvTriEdgeRev(const qvTri* t, int32_t i);
 // 1 if adj[i] runs along edg[i] the same way as t, 0 if opposite or there is
 // no neighbour, -1 on failure.
-int32_t qvTriDisagree(const qvTri* t, int32_t i);
+[[nodiscard]] int32_t qvTriDisagree(const qvTri* t, int32_t i);
 
 // ---------------------------------------------------------------------------
 // Changing links.
@@ -420,8 +410,7 @@ int32_t qvTriUnlink(qvTri* t);
 // Reverses t: exchanges edg[1] and edg[2], and on a linked triangle adj[1]
 // with adj[2] and aux[1] with aux[2], which belong to those slots. 1 for null.
 int32_t qvTriFlip(qvTri* t);
-// Turns every edge end that is drop's handle into keep's. With
-// kMeshVtxEdgLists it moves drop's edge list instead. The number of ends
+// Turns every edge end that is drop's handle into keep's. The number of ends
 // rewritten, or -1.
 int32_t qvVtxReplace(qvMesh* mesh, qvVtx* keep, qvVtx* drop);
 
@@ -429,12 +418,12 @@ int32_t qvVtxReplace(qvMesh* mesh, qvVtx* keep, qvVtx* drop);
 // Reference lists of qvLnk nodes, added at the head; 0 or -1.
 
 // In each edge's link, its triangles.
-int32_t qvEdgTriLists(qvMesh* mesh);
+[[nodiscard]] int32_t qvEdgTriLists(qvMesh* mesh);
 // In each vertex's link, its edges: one node at each end of each edge.
-int32_t qvVtxEdgLists(qvMesh* mesh);
+[[nodiscard]] int32_t qvVtxEdgLists(qvMesh* mesh);
 // In each vertex's link, its triangles; -1 when a triangle's corners can't be
 // read (the lists built so far stay for the caller to free).
-int32_t qvVtxTriLists(qvMesh* mesh);
+[[nodiscard]] int32_t qvVtxTriLists(qvMesh* mesh);
 // For each mesh of the chain and each edge (vertex), passes link to freeFn
 // when it isn't null, and clears it. 0, or -1 for a null chain.
 int32_t qvEdgListsFree(qvMesh* chain, void (*freeFn)(void*));
@@ -456,7 +445,7 @@ qvEdg* qvEdgFrom(qvEdg* head, uint32_t bits, const double* h);
 // opposite. 0, or 1 for failure.
 int32_t qvTriNormal(const qvTri* t, const qvEdg* e, int32_t sign, double* out[3], double n[3]);
 // The same normal, with out the corners as coordinates.
-int32_t qvTriGeometry(const qvTri* t, const qvEdg* e, int32_t sign, double* out[3], double n[3]);
+[[nodiscard]] int32_t qvTriGeometry(const qvTri* t, const qvEdg* e, int32_t sign, double* out[3], double n[3]);
 // Half the length of the normal; -1.0 when the corners can't be read.
 double qvTriArea(const qvTri* t);
 // Sum of the areas; -1.0 for a null mesh or at the first failure.
@@ -473,9 +462,9 @@ double qvEdgLen2(const qvEdg* e);
 // entries stay null until one is found); returns the vertex count.
 int32_t qvVtxBox(qvVtx* head, qvBox* box);
 // Box of the mesh's vertices; the count, or -1 for fewer than three.
-int32_t qvMeshBox(qvMesh* mesh, qvBox* box);
+[[nodiscard]] int32_t qvMeshBox(qvMesh* mesh, qvBox* box);
 // Box of the three corners; 3, or -1 when they can't be read.
-int32_t qvTriBox(const qvTri* t, qvBox* box);
+[[nodiscard]] int32_t qvTriBox(const qvTri* t, qvBox* box);
 
 // ---------------------------------------------------------------------------
 // Fan walks round a corner h, starting at t. The walk crosses aux[i] where it
@@ -487,8 +476,8 @@ int32_t qvTriBox(const qvTri* t, qvBox* box);
 // loops without reaching t), -3 a triangle without kTriLinked, or the
 // absolute value of the code with which fn stopped the walk.
 typedef int32_t (*qvFanFn)(qvTri* t, void* ctx);
-int32_t qvFanWalk(qvTri* t, const double* h, qvFanFn fn, void* ctx);
-int32_t qvFanWalkOld(qvTri* t, const double* h, qvFanFn fn, void* ctx);
+[[nodiscard]] int32_t qvFanWalk(qvTri* t, const double* h, qvFanFn fn, void* ctx);
+[[nodiscard]] int32_t qvFanWalkOld(qvTri* t, const double* h, qvFanFn fn, void* ctx);
 
 // Options of qvFanMark: which marked records move to the heads of mesh's lists.
 constexpr uint32_t kFanMoveVtx = 0x1u;  // marked vertices
@@ -517,7 +506,7 @@ struct qvSpokeMarkCtx {
   uint32_t triBit;   // bit for the triangles
   uint32_t edgBit;   // bit for the spokes, or 0
 };
-int32_t qvFanMarkSpokes(qvTri* t, void* ctx);
+[[nodiscard]] int32_t qvFanMarkSpokes(qvTri* t, void* ctx);
 
 // Undoes head-run marks: clears triBit from the head triangles while they
 // have it; then, while head edges have a bit of edgBits[1], clears
@@ -530,7 +519,7 @@ int32_t qvHeadUnmark(qvMesh* mesh, uint32_t triBit, const uint32_t edgBits[2], u
 // run of them with headOnly 1), takes it out of its vertices' lists, and
 // deletes the vertices left with none from the head of the vertex list.
 // Returns the number of edges deleted, or -1.
-int32_t qvEdgPurge(qvMesh* mesh, int32_t headOnly);
+[[nodiscard]] int32_t qvEdgPurge(qvMesh* mesh, int32_t headOnly);
 
 // ---------------------------------------------------------------------------
 // The pair of triangles round an edge.
@@ -545,11 +534,11 @@ struct qvQuad {
 // then the neighbour's corner opposite its slot: a quad in cycle order with
 // the edge from out[2] to out[0]. 0; 1 without a neighbour (out[3] null);
 // -1 when a corner can't be had.
-int32_t qvEdgQuad(const qvQuad* q, int32_t sign, double* out[4]);
+[[nodiscard]] int32_t qvEdgQuad(const qvQuad* q, int32_t sign, double* out[4]);
 // 1 if the quad turns strictly and the same way at all four corners (turn2d
 // on the first two doubles at each handle), 0 if not, -1 when qvEdgQuad
 // doesn't give four corners.
-int32_t qvQuadConvex(const qvQuad* q);
+[[nodiscard]] int32_t qvQuadConvex(const qvQuad* q);
 
 // ---- Topology analysis
 //
@@ -586,25 +575,25 @@ constexpr uint32_t kWalkSwapBit = kEdgMarkSwap;
 // kVtxNotCounted), nEdg and nTri; the characteristic goes into nBnd, where
 // qvMeshTopo picks it up (euler stays 0). 1 if the characteristic is above 2,
 // 0 if not, -1 for a null mesh or topo.
-int32_t qvMeshEuler(const qvMesh* mesh, qvTopo* topo);
+[[nodiscard]] int32_t qvMeshEuler(const qvMesh* mesh, qvTopo* topo);
 // Boundary edges (each edge once, counted where its slot's adj is null), or -1
 // for a mesh without kMeshStitched, a triangle without kTriLinked, or null.
-int32_t qvBndCount(qvMesh* mesh);
+[[nodiscard]] int32_t qvBndCount(qvMesh* mesh);
 // 0 when every shared edge is run in opposite directions by its two
 // triangles, 1 at the first edge where it isn't, -1 on failure.
-int32_t qvOrientCheck(qvMesh* mesh);
+[[nodiscard]] int32_t qvOrientCheck(qvMesh* mesh);
 // Turns triangles into agreement with their neighbours, piece by piece, going
 // deep first by moving neighbours behind the current triangle in the list.
 // The number of pieces; 0 when the surface can't be oriented (triangles stay
 // as far as the flood had turned them); -1 on failure. Marks are cleared.
-int32_t qvOrientFlood(qvMesh* mesh);
+[[nodiscard]] int32_t qvOrientFlood(qvMesh* mesh);
 // Fills topo and returns its result code (see above), or -1 for a null mesh
 // or topo; result itself is left to the caller.
-int32_t qvMeshTopo(qvMesh* mesh, qvTopo* topo);
+[[nodiscard]] int32_t qvMeshTopo(qvMesh* mesh, qvTopo* topo);
 // Analyses the mesh into a new record in mesh.topo and stores the code in
 // result. -1 when the mesh already has a record, none can be made, or the
 // code isn't 0 (the record then stays); 0 otherwise.
-int32_t qvMeshTopoMake(qvMesh* mesh);
+[[nodiscard]] int32_t qvMeshTopoMake(qvMesh* mesh);
 
 // The marking pass. Each edge once: a boundary edge gets bndBit, an inner
 // edge whose two triangles run it the same way gets inBit (and is counted);
@@ -618,24 +607,17 @@ int32_t qvMeshTopoMake(qvMesh* mesh);
 // kEdgMarkVisit, on failure, or when a counted vertex has an odd tag: then
 // the pass has been undone (qvTopoUnmark) before it returns. Clears the mesh's
 // kMeshPassSet. census may be null.
-int32_t qvTopoMark(qvMesh* mesh, uint32_t vtxBit, uint32_t bndBit, uint32_t inBit, uint32_t swapBit,
+[[nodiscard]] int32_t qvTopoMark(qvMesh* mesh, uint32_t vtxBit, uint32_t bndBit, uint32_t inBit, uint32_t swapBit,
                    qvCensus* census);
 // Undoes a marking pass: every edge with swapBit gets its ends exchanged back
 // and loses it, edges lose edgBits, vertices lose vtxBit and have tag zeroed.
 // 0, or -1 for a null mesh.
 int32_t qvTopoUnmark(qvMesh* mesh, uint32_t vtxBit, uint32_t edgBits, uint32_t swapBit);
-// The directed boundary walk. From start, whose tag counts its marked edges
-// (an odd tag is refused), leaves each vertex by the edge in its link, or else
-// by the first edge from first on that has mask and starts at the vertex,
-// clearing mask on each edge taken and lowering the tags of both ends; a stack
-// brings it back to vertices with edges left. Uses up every marked edge
-// reachable from start. The number of edges walked, or -1.
-int32_t qvLoopWalk(qvEdg* first, qvVtx* start, uint32_t mask);
 // Boundary loops: connected boundary circuits, a vertex where loops touch
 // counted in nExtra (through extra, which may be null) and not as a split.
 // Directed walks on a consistent mesh, undirected ones (nExtra then 0) when
 // some edge is inconsistent. The number of loops, or -1.
-int32_t qvLoopCount(qvMesh* mesh, int32_t* extra);
+[[nodiscard]] int32_t qvLoopCount(qvMesh* mesh, int32_t* extra);
 
 // Caps over the boundary loops: per loop a hub (kVtxHub) at the mean of the
 // loop's vertices and one triangle per boundary edge, joined by adj to each
@@ -649,12 +631,12 @@ qvMesh* qvCapBuild(qvMesh* mesh, int32_t* count);
 // triangle with kTriCap from its neighbours, then deletes those triangles,
 // the edges with kEdgCap and the vertices with kVtxHub. The number of
 // triangles deleted, or -1 for a null mesh.
-int32_t qvCapRemove(qvMesh* mesh);
+[[nodiscard]] int32_t qvCapRemove(qvMesh* mesh);
 // Closes the boundary loops of one shell with caps whose area isn't above
 // *maxArea (no limit when maxArea is null), analyses the closed mesh again
 // into topo, and returns the number of loops closed; -1 when the mesh has no
 // valid analysis, on failure, or when the new analysis isn't valid.
-int32_t qvMeshClose(qvMesh* mesh, const double* maxArea);
+[[nodiscard]] int32_t qvMeshClose(qvMesh* mesh, const double* maxArea);
 
 // ---- Assembly
 //
@@ -674,18 +656,18 @@ constexpr double kWeldTol2 = 1e-12;
 // three new edges c0-c1, c1-c2, c2-c0 and one triangle on them, all
 // prepended. 0; -1 for a null argument or a failed allocation, and then the
 // mesh and the corners are as they were (the corners stay the caller's).
-int32_t qvMeshAddFacet(qvMesh* mesh, qvVtx* corners[3]);
+[[nodiscard]] int32_t qvMeshAddFacet(qvMesh* mesh, qvVtx* corners[3]);
 // Welds and links a soup. tol, when not null, is the pair {linear, squared}
 // within which vertices merge (transitively along sorted x); without it only
 // bitwise equal coordinates merge. 0, with kMeshStitched set; -1 on failure,
 // with the mesh good only for being freed. A surface that can't be oriented
 // is no failure: its triangles stay as the orientation flood left them.
-int32_t qvMeshStitch(qvMesh* mesh, const double* tol);
+[[nodiscard]] int32_t qvMeshStitch(qvMesh* mesh, const double* tol);
 // Cuts mesh into its connected pieces, chained behind it (between it and its
 // former next) with its flags; a vertex shared by two pieces is copied with
 // clone (a third piece on it is a failure). When the mesh splits, the sorted
 // bits are cleared and an analysis in mesh.topo, which no piece fits, is
 // released. The number of shells (0 for a mesh without triangles), or -1.
-int32_t qvMeshShells(qvMesh* mesh, qvVtx* (*clone)(const qvVtx*));
+[[nodiscard]] int32_t qvMeshShells(qvMesh* mesh, qvVtx* (*clone)(const qvVtx*));
 // qvMeshStitch, then qvMeshShells with qvVtxClone: the number of shells, or -1.
-int32_t qvMeshAssemble(qvMesh* mesh, const double* tol);
+[[nodiscard]] int32_t qvMeshAssemble(qvMesh* mesh, const double* tol);

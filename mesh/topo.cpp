@@ -10,6 +10,7 @@
 // analysed at the same time.
 #include <utility>
 
+#include "kernels/failure.h"
 #include "mesh/mesh_internal.h"
 
 using ftmesh::listMoveToHead;
@@ -433,10 +434,6 @@ int32_t countUndirected(qvMesh* mesh) {
 
 }  // namespace
 
-int32_t qvLoopWalk(qvEdg* first, qvVtx* start, uint32_t mask) {
-  return walkDirected(first, start, mask, nullptr, nullptr);
-}
-
 int32_t qvLoopCount(qvMesh* mesh, int32_t* extra) {
   if (extra) *extra = 0;
   if (!mesh) return -1;
@@ -520,7 +517,7 @@ int32_t qvMeshTopoMake(qvMesh* mesh) {
   const int32_t code = qvMeshTopo(mesh, topo);
   topo->result = code;
   mesh->topo = topo;
-  return code == 0 ? 0 : -1;
+  return code == 0 ? 0 : FT_FAIL(-1);
 }
 
 // ---------------------------------------------------------------------------
@@ -878,7 +875,7 @@ int32_t capAccept(qvMesh* cap, const double* maxArea) {
 
 int32_t qvMeshClose(qvMesh* mesh, const double* maxArea) {
   if (!mesh) return -1;
-  if (!mesh->topo) qvMeshTopoMake(mesh);
+  if (!mesh->topo) (void)qvMeshTopoMake(mesh);  // its code is read from topo below
   if (!mesh->topo || mesh->topo->result != 0) return -1;
   if (mesh->topo->nLoop == 0) return 0;
 
@@ -891,7 +888,10 @@ int32_t qvMeshClose(qvMesh* mesh, const double* maxArea) {
     capDiscard(cap);
     return -1;
   }
-  if (accepted != mesh->topo->nLoop) qvCapRemove(cap);
+  if (accepted != mesh->topo->nLoop && qvCapRemove(cap) < 0) {
+    capDiscard(cap);
+    return FT_FAIL(-1);
+  }
 
   qvMeshPrependLists(mesh, cap);
   qvMeshFree(cap);
@@ -899,5 +899,5 @@ int32_t qvMeshClose(qvMesh* mesh, const double* maxArea) {
 
   const int32_t code = qvMeshTopo(mesh, mesh->topo);
   mesh->topo->result = code;
-  return code == 0 ? accepted : -1;
+  return code == 0 ? accepted : FT_FAIL(-1);
 }

@@ -21,6 +21,7 @@
 #include <cstdio>
 
 #include "kernels/predicates.h"
+#include "kernels/failure.h"
 #include "parallel/parallel_internal.h"
 #include "reduce/reduce.h"
 
@@ -60,7 +61,8 @@ void gatherPieces(qvMesh *mesh, qvMeshPair *pair) {
     rest = rest->next;
     back.second->prev = nullptr;
     back.second->next = nullptr;
-    qvMeshJoin(&back);
+    // A join refuses only before it moves anything: the piece is then freed here.
+    if (qvMeshJoin(&back) != 0) qvMeshFree(back.second);
   }
   pair->first = mesh;
   pair->second = nullptr;
@@ -80,7 +82,7 @@ int32_t reduceLeaf(qvMesh *mesh, double tolerance, const double *angleRef,
 int32_t qvMeshJoin(qvMeshPair *pair) {
   if (!pair || !pair->first || !pair->second || pair->first == pair->second ||
       pair->second->next)
-    return -1;
+    return FT_FAIL(-1);
   qvMesh *first = pair->first;
   qvMesh *second = pair->second;
   first->tri = qvTriConcat(first->tri, second->tri);
@@ -111,7 +113,7 @@ int32_t reduceNodeWith(qvMesh *mesh, double tolerance, const double *angleRef, i
   const int32_t d = depth + 1;
   // Before any test, so that a null mesh prints it too.
   if (method->progress) std::printf(kLineCurrent, d);
-  if (!mesh) return -1;
+  if (!mesh) return FT_FAIL(-1);
 
   qvMeshPair pair = {nullptr, nullptr};
   if (mesh->next) {
@@ -133,7 +135,7 @@ int32_t reduceNodeWith(qvMesh *mesh, double tolerance, const double *angleRef, i
     }
     if (qvMeshCut(mesh, count, &pair) != 0) {
       gatherPieces(mesh, &pair);
-      return -1;
+      return FT_FAIL(-1);
     }
   }
 
@@ -148,13 +150,13 @@ int32_t reduceNodeWith(qvMesh *mesh, double tolerance, const double *angleRef, i
 #pragma omp section
     results[1] = reduceNodeWith(pair.second, tolerance, angleRef, d, maxDepth, method);
   }
-  if (qvMeshJoin(&pair) != 0) return -1;
+  if (qvMeshJoin(&pair) != 0) return FT_FAIL(-1);
 
   // The two tests differ on purpose: 0 is a success from the first section
   // and a failure from the second. A piece with a capped boundary counts its
   // caps, so the second half, which always has one, doesn't return 0.
-  if (results[0] < 0) return -1;
-  if (results[1] < 1) return -1;
+  if (results[0] < 0) return FT_FAIL(-1);
+  if (results[1] < 1) return FT_FAIL(-1);
   const int64_t sum = static_cast<int64_t>(results[0]) + results[1];
   return sum > INT32_MAX ? -1 : static_cast<int32_t>(sum);
 }

@@ -16,8 +16,8 @@
 // with reduceOnePass and silent, low with reduceStepped and progress lines on
 // standard output. The triangles taken out, or -1. Either way mesh again holds
 // every triangle, in one set of lists, with null next.
-int32_t reduceParallelMedium(qvMesh *mesh, double tolerance, const double *angleRef);
-int32_t reduceParallelLow(qvMesh *mesh, double tolerance, const double *angleRef);
+[[nodiscard]] int32_t reduceParallelMedium(qvMesh *mesh, double tolerance, const double *angleRef);
+[[nodiscard]] int32_t reduceParallelLow(qvMesh *mesh, double tolerance, const double *angleRef);
 
 // ---- Partition ----------------------------------------------------------------
 //
@@ -52,7 +52,7 @@ qvTri *qvTriSort(qvTri *head, int32_t direction, int32_t axis, int32_t corner);
 // the ends of its edges to unmarked ones. 0; -1 for a mesh of fewer than
 // three vertices, a zero mask, or a marked triangle with no neighbour at all
 // (mask is then clear again, pinned vertices stay).
-int32_t qvMeshHalve(qvMesh *mesh, int32_t count, uint32_t mask);
+[[nodiscard]] int32_t qvMeshHalve(qvMesh *mesh, int32_t count, uint32_t mask);
 // Moves the triangles with a bit of mask to a new mesh with its own edges and
 // vertices; an edge between the sides is copied into the moved triangle, and
 // a vertex used by both sides is copied with clone. Records keep their
@@ -63,18 +63,18 @@ int32_t qvMeshHalve(qvMesh *mesh, int32_t count, uint32_t mask);
 // vertex with link set, a vertex no edge uses, two triangles sharing an edge
 // without adj, no memory; the new records are then back in mesh's lists and
 // mesh is good only for being freed.
-int32_t qvMeshSplit(qvMesh *mesh, uint32_t mask, qvVtx *(*clone)(const qvVtx *), qvMeshPair *pair);
+[[nodiscard]] int32_t qvMeshSplit(qvMesh *mesh, uint32_t mask, qvVtx *(*clone)(const qvVtx *), qvMeshPair *pair);
 // Gives a vertex at which boundary loops touch one record per pair of
 // boundary edges (the copies made with clone), each taking over one fan of
 // triangles. The number of records added, or -1 for a vertex with an odd
 // number of boundary edges, a fan that doesn't end at a boundary edge of the
 // vertex, or other failure. No mark stays.
-int32_t qvMeshUnpinch(qvMesh *mesh, qvVtx *(*clone)(const qvVtx *));
+[[nodiscard]] int32_t qvMeshUnpinch(qvMesh *mesh, qvVtx *(*clone)(const qvVtx *));
 // Cuts one stitched, connected shell with a valid analysis and no marks into
 // pair (count as for qvMeshHalve): each half is unpinched and split into its
 // pieces, chained behind it. 0, or -1 at the first failing step, with pair
 // possibly half filled and the mesh given up as it stands.
-int32_t qvMeshCut(qvMesh *mesh, int32_t count, qvMeshPair *pair);
+[[nodiscard]] int32_t qvMeshCut(qvMesh *mesh, int32_t count, qvMeshPair *pair);
 
 // ---- Recursion and rejoining --------------------------------------------------
 
@@ -83,13 +83,13 @@ int32_t qvMeshCut(qvMesh *mesh, int32_t count, qvMeshPair *pair);
 // forks while the level is below maxDepth and it holds 5000 triangles or
 // more; otherwise it is a leaf. The entries pass depth -1. The triangles
 // taken out, or -1.
-int32_t reduceNodeMedium(qvMesh *mesh, double tolerance, const double *angleRef, int32_t depth,
+[[nodiscard]] int32_t reduceNodeMedium(qvMesh *mesh, double tolerance, const double *angleRef, int32_t depth,
                          int32_t maxDepth);
-int32_t reduceNodeLow(qvMesh *mesh, double tolerance, const double *angleRef, int32_t depth,
+[[nodiscard]] int32_t reduceNodeLow(qvMesh *mesh, double tolerance, const double *angleRef, int32_t depth,
                       int32_t maxDepth);
 // Appends the triangle, edge and vertex lists of pair->second to those of
 // pair->first, frees pair->second and sets it null. Nothing else: no vertex
 // is merged and no adj is linked across the seam; first keeps its place in
 // any chain. 0, or -1 with nothing changed when either mesh is null, both
 // are the same, or second heads a chain (whose rest would be lost).
-int32_t qvMeshJoin(qvMeshPair *pair);
+[[nodiscard]] int32_t qvMeshJoin(qvMeshPair *pair);

@@ -16,17 +16,17 @@ constexpr int32_t kForkMin = 5000;
 
 // The whole part of the base-2 logarithm of the processor count: the number
 // of levels that fork on size. 0 for a count below 2.
-int32_t reduceMaxDepth(int32_t procs);
+[[nodiscard]] int32_t reduceMaxDepth(int32_t procs);
 
 // One level of the recursion at depth + 1 (the root is called with -1). A
 // chain forks whatever the depth; a single mesh is cut while the level is
 // below maxDepth and it holds kForkMin triangles or more, and reduced by
 // method->leaf otherwise. Afterwards mesh holds every record of its subtree
 // and its next is null. The triangles taken out, or -1.
-int32_t reduceNodeWith(qvMesh *mesh, double tolerance, const double *angleRef, int32_t depth,
+[[nodiscard]] int32_t reduceNodeWith(qvMesh *mesh, double tolerance, const double *angleRef, int32_t depth,
                        int32_t maxDepth, const qvParMethod *method);
 
 // An entry: maxDepth from the processor count, nesting on for the time of
 // the recursion and put back on every path. The result of the recursion.
-int32_t reduceParallelWith(qvMesh *mesh, double tolerance, const double *angleRef,
+[[nodiscard]] int32_t reduceParallelWith(qvMesh *mesh, double tolerance, const double *angleRef,
                            const qvParMethod *method);

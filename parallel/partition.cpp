@@ -13,6 +13,7 @@
 #include <initializer_list>
 
 #include "parallel/parallel.h"
+#include "kernels/failure.h"
 
 namespace {
 
@@ -125,9 +126,10 @@ bool markEnds(qvEdg *head, uint32_t bit) {
   return true;
 }
 
-// Step 4 of a split: every edge of a moved triangle goes to the new mesh. An
-// edge shared with a triangle that stays is a seam edge: the neighbour keeps
-// it, and the moved triangle gets a copy, so each side has its own boundary.
+// Once the moved triangles stand in their own list, their edges follow: every
+// edge of a moved triangle goes to the new mesh. An edge shared with a triangle
+// that stays is a seam edge: the neighbour keeps it, and the moved triangle
+// gets a copy, so each side has its own boundary.
 bool splitEdges(qvMesh *mesh, qvTri *moved, uint32_t mask, Chain<qvEdg> &edg) {
   for (qvTri *t = moved; t; t = t->next) {
     for (int32_t i = 0; i < 3; ++i) {
@@ -159,9 +161,11 @@ bool splitEdges(qvMesh *mesh, qvTri *moved, uint32_t mask, Chain<qvEdg> &edg) {
   return true;
 }
 
-// Steps 6 and 7: vertices used only by the new side move to it; a vertex used
-// by both sides is cloned (with all its flags, the seam mark included), the
-// clone joins the new side and the new side's edge ends are turned to it.
+// Last the vertices, once every edge has its side and both ends of each edge
+// are marked with the sides that use them: vertices used only by the new side
+// move to it; a vertex used by both sides is cloned (with all its flags, the
+// seam mark included), the clone joins the new side and the new side's edge
+// ends are turned to it.
 bool splitVertices(qvMesh *mesh, qvVtx *(*clone)(const qvVtx *), Chain<qvEdg> &edg,
                    Chain<qvVtx> &vtx) {
   qvVtx *next = nullptr;
@@ -331,11 +335,11 @@ qvTri *qvTriSort(qvTri *head, int32_t direction, int32_t axis, int32_t corner) {
 }
 
 int32_t qvMeshHalve(qvMesh *mesh, int32_t count, uint32_t mask) {
-  if (mask == 0) return -1;
+  if (mask == 0) return FT_FAIL(-1);
   qvBox box;
-  if (qvMeshBox(mesh, &box) < 0) return -1;
+  if (qvMeshBox(mesh, &box) < 0) return FT_FAIL(-1);
   for (const double *p : box)
-    if (!p) return -1;  // no vertex with coordinates
+    if (!p) return FT_FAIL(-1);  // no vertex with coordinates
 
   // On equal extents x beats y and y beats z.
   double extent[3];
@@ -344,7 +348,7 @@ int32_t qvMeshHalve(qvMesh *mesh, int32_t count, uint32_t mask) {
   if (extent[2] > extent[axis]) axis = 2;
 
   qvTri *sorted = qvTriSort(mesh->tri, 1, axis, 0);
-  if (!sorted) return -1;
+  if (!sorted) return FT_FAIL(-1);
   mesh->tri = sorted;
   if (count < 0) count = qvTriCount(mesh->tri);
 
@@ -370,7 +374,7 @@ int32_t qvMeshHalve(qvMesh *mesh, int32_t count, uint32_t mask) {
       if (n) kinds |= (n->flags & mask) ? 1 : 2;
     if (kinds == 0) {
       qvTriAndAll(mesh->tri, ~mask);
-      return -1;
+      return FT_FAIL(-1);
     }
     if (kinds == 2) {
       t->flags &= ~mask;
@@ -381,7 +385,7 @@ int32_t qvMeshHalve(qvMesh *mesh, int32_t count, uint32_t mask) {
         const qvEdg *e = t->edg[s];
         if (!e || !e->ends[0] || !e->ends[1]) {
           qvTriAndAll(mesh->tri, ~mask);
-          return -1;
+          return FT_FAIL(-1);
         }
         qvVtxOf(e->ends[0])->flags |= kVtxPinned;
         qvVtxOf(e->ends[1])->flags |= kVtxPinned;
@@ -434,8 +438,8 @@ int32_t qvMeshSplit(qvMesh *mesh, uint32_t mask, qvVtx *(*clone)(const qvVtx *),
 }
 
 int32_t qvMeshUnpinch(qvMesh *mesh, qvVtx *(*clone)(const qvVtx *)) {
-  if (!mesh || !clone) return -1;
-  if (qvTopoMark(mesh, kWalkVtxBit, kWalkEdgBit, 0, kWalkSwapBit, nullptr) < 0) return -1;
+  if (!mesh || !clone) return FT_FAIL(-1);
+  if (qvTopoMark(mesh, kWalkVtxBit, kWalkEdgBit, 0, kWalkSwapBit, nullptr) < 0) return FT_FAIL(-1);
 
   // Every marked vertex must have an even number of boundary edges; each pair
   // beyond the first is one more passage of a loop, and one more record.
@@ -459,24 +463,25 @@ int32_t qvMeshUnpinch(qvMesh *mesh, qvVtx *(*clone)(const qvVtx *)) {
 }
 
 int32_t qvMeshCut(qvMesh *mesh, int32_t count, qvMeshPair *pair) {
-  if (!pair) return -1;
+  if (!pair) return FT_FAIL(-1);
   pair->first = nullptr;
   pair->second = nullptr;
-  if (!mesh || qvMeshShells(mesh, qvVtxClone) != 1) return -1;
+  if (!mesh || qvMeshShells(mesh, qvVtxClone) != 1) return FT_FAIL(-1);
   qvTopo topo{};
-  if (qvMeshTopo(mesh, &topo) != 0) return -1;
-  if (qvMeshHalve(mesh, count, kCutSide) != 0) return -1;
-  if (qvMeshSplit(mesh, kCutSide, qvVtxClone, pair) != 0) return -1;
-  if (pair->first != mesh || !pair->second) return -1;
+  if (qvMeshTopo(mesh, &topo) != 0) return FT_FAIL(-1);
+  if (qvMeshHalve(mesh, count, kCutSide) != 0) return FT_FAIL(-1);
+  if (qvMeshSplit(mesh, kCutSide, qvVtxClone, pair) != 0) return FT_FAIL(-1);
+  if (pair->first != mesh || !pair->second) return FT_FAIL(-1);
   qvTriAndAll(pair->second->tri, ~kCutSide);
 
   // A straight cut can leave a boundary that touches itself at a vertex, and
   // a half in several pieces: each half gets one record per pair of boundary
   // edges at a vertex, then becomes a chain of its pieces. Whether it fell
-  // into pieces doesn't matter here, so the count of shells is not read.
+  // into pieces doesn't matter here, only whether the cut into pieces worked:
+  // pieces that still shared records could go to two threads.
   for (qvMesh *half : {pair->first, pair->second}) {
-    if (qvMeshUnpinch(half, qvVtxClone) < 0) return -1;
-    qvMeshShells(half, qvVtxClone);
+    if (qvMeshUnpinch(half, qvVtxClone) < 0) return FT_FAIL(-1);
+    if (qvMeshShells(half, qvVtxClone) < 0) return FT_FAIL(-1);
   }
   return 0;
 }

@@ -10,6 +10,7 @@
 #include "solid/solid.h"
 #include "solid/solid_internal.h"
 
+#include "kernels/failure.h"
 #include "mesh/qvMesh.h"
 #include "stl/stl.h"
 
@@ -63,9 +64,9 @@ qvMesh *selectAssembled(qvMesh *chain, const double *volumeLimit, const double *
     // A shell without an analysis gets one, its code in result. A failed
     // analysis or a code other than 0 ends the whole selection.
     if (!shell->topo)
-      qvMeshTopoMake(shell);
+      (void)qvMeshTopoMake(shell); // its code is read from topo below
     if (!shell->topo || shell->topo->result != 0)
-      return selectionFailed(head, kept);
+      return FT_FAIL(selectionFailed(head, kept));
     if (areaLimit && *areaLimit > qvMeshArea(shell)) {
       head = qvMeshDropChained(head, shell);
       continue;
@@ -73,11 +74,11 @@ qvMesh *selectAssembled(qvMesh *chain, const double *volumeLimit, const double *
     // Closing analyses the shell again whenever it added a cap, so nLoop now
     // holds the loops that stayed open.
     if (qvMeshClose(shell, holeLimit) < 0)
-      return selectionFailed(head, kept);
+      return FT_FAIL(selectionFailed(head, kept));
     int32_t status = 0;
     const bool drop = belowVolume(shell, volumeLimit, &status);
     if (status != 0)
-      return selectionFailed(head, kept);
+      return FT_FAIL(selectionFailed(head, kept));
     if (drop) {
       head = qvMeshDropChained(head, shell);
       continue;
@@ -95,41 +96,40 @@ qvMesh *selectShells(qvMesh *mesh, const double *volumeLimit, const double *area
   // A mesh that is part of a chain is refused untouched; a soup without a
   // single shell (no triangles) is a failure too.
   if (!mesh || mesh->prev || mesh->next || qvMeshAssemble(mesh, kSolidWeld) < 1)
-    return selectionFailed(mesh, kept);
+    return FT_FAIL(selectionFailed(mesh, kept));
   return selectAssembled(mesh, volumeLimit, areaLimit, holeLimit, kept);
 }
 
 int extractSolids(const char *reducedName, const char *solidName, const double *volumeLimit,
                   const double *areaLimit, const double *holeLimit) {
   if (!reducedName || !solidName)
-    return -1;
-  // Read whole and closed before anything is written: solidName may be
-  // reducedName. An empty binary file is refused here.
+    return FT_FAIL(-1);
+  // Read whole and closed before anything is written. An empty binary file is
+  // refused here.
   int64_t status = 0;
   qvMesh *mesh = stlReadMesh(reducedName, &status);
   if (status < 0 || !mesh)
-    return extractionFailed(mesh);
+    return FT_FAIL(extractionFailed(mesh));
 
   int32_t count = 0;
   qvMesh *chain = selectShells(mesh, volumeLimit, areaLimit, holeLimit, &count);
   if (count < 0)
-    return extractionFailed(chain);
+    return FT_FAIL(extractionFailed(chain));
 
   // Open shells passed the selection; only closed ones are solids.
   for (qvMesh *shell = chain, *next = nullptr; shell; shell = next) {
     next = shell->next; // read before the shell may be released
     if (!shell->topo)
-      return extractionFailed(chain);
+      return FT_FAIL(extractionFailed(chain));
     if (shell->topo->nLoop != 0) {
       chain = qvMeshDropChained(chain, shell);
       --count;
     }
   }
 
-  // A failed write deletes the solid file, and with it the reduced file when
-  // the two names are one.
+  // A failed write deletes the solid file.
   if (stlWriteMeshChain(chain, kWriteAsStored, solidName) < 0)
-    return extractionFailed(chain);
+    return FT_FAIL(extractionFailed(chain));
   qvMeshDeleteAll(chain);
   return count;
 }

@@ -1,8 +1,9 @@
 // Solid output: the closed bodies of a reduced file, written to a file of their own.
 //
 // Invariants
-//  1. The reduced file is read whole and closed before anything is written, so
-//     the solid file may have the reduced file's name and then replaces it.
+//  1. The reduced file is read whole and closed before anything is written.
+//     A failed write deletes the solid file, so a caller whose solid file would
+//     replace a file worth keeping hands in a name of its own and renames it.
 //  2. Nothing here prints. Failure is -1 (a count of -1 for selectShells); the
 //     front end gives the message.
 //  3. The three limits are compared strictly: a shell whose area or volume equals
@@ -21,7 +22,7 @@ struct qvMesh;
 // volume of a closed shell, areaLimit the total area of a shell, holeLimit the
 // area of a cap over one boundary loop. The reduced file is welded with fixed
 // tolerances, independent of the limits.
-int extractSolids(const char *reducedName, const char *solidName, const double *volumeLimit,
+[[nodiscard]] int extractSolids(const char *reducedName, const char *solidName, const double *volumeLimit,
                   const double *areaLimit, const double *holeLimit);
 
 // Assembles mesh, an unassembled soup that stands alone (no prev, no next),

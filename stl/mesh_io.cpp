@@ -5,6 +5,7 @@
 // Facets are added at the head of the triangle list, so every builder reverses
 // the list once at the end to leave it in reading order or in run order.
 #include "stl/stl_internal.h"
+#include "kernels/failure.h"
 
 #include "mesh/qvMesh.h"
 
@@ -38,7 +39,7 @@ int addCorners(qvMesh *mesh, const float *vertices) {
     for (qvVtx *corner : corners) {
       qvVtxFree(corner);
     }
-    return -1;
+    return FT_FAIL(-1);
   }
   return 0;
 }
@@ -119,7 +120,7 @@ struct Fetch {
 
 int addFacetToMesh(qvMesh *mesh, const FacetWire *wire) {
   if (!mesh || !wire) {
-    return -1;
+    return FT_FAIL(-1);
   }
   return addCorners(mesh, wire->v + 3);
 }

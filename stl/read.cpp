@@ -6,6 +6,7 @@
 // records. Otherwise it is read as text, one fgets piece of at most 255
 // characters at a time, each piece parsed with a fixed sscanf pattern.
 #include "stl/stl_internal.h"
+#include "kernels/failure.h"
 
 #include <sys/stat.h>
 #include <sys/types.h>
@@ -31,7 +32,7 @@ bool stl_detail::decodeVertices(const unsigned char *record, float *vertices) {
 int stlReadBinaryFacet(FILE *file, FacetWire *wire) {
   unsigned char record[kRecordBytes];
   if (!file || !wire || std::fread(record, 1, sizeof record, file) != sizeof record) {
-    return -2;
+    return FT_FAIL(-2);
   }
   for (int i = 0; i < 3; ++i) {
     wire->v[i] = loadF32(record + 4 * i);
@@ -56,7 +57,7 @@ FILE *stlOpenBinary(const char *name, int64_t *status) {
   const int64_t expected = (static_cast<int64_t>(info.st_size) - kDataOffset) / kRecordBytes;
   FILE *file = std::fopen(name, "rb");
   if (!file) {
-    result = -2;
+    result = FT_FAIL(-2);
     return nullptr;
   }
   unsigned char header[kHeaderBytes];
@@ -114,11 +115,11 @@ bool fetchLine(FILE *file, char *line) {
 int passFirstLine(FILE *file) {
   char line[kLineBuffer];
   if (!fetchLine(file, line)) {
-    return -2;
+    return FT_FAIL(-2);
   }
   char word[kWordBuffer];
   if (std::sscanf(line, "%255s", word) < 1 || !isKeyword(word, kSolid)) {
-    return -1;
+    return FT_FAIL(-1);
   }
   return 0;
 }
@@ -128,7 +129,7 @@ int expectWord(FILE *file, Keyword keyword) {
   char line[kLineBuffer];
   char word[kWordBuffer];
   if (!fetchLine(file, line)) {
-    return -2;
+    return FT_FAIL(-2);
   }
   return std::sscanf(line, "%255s", word) == 1 && isKeyword(word, keyword) ? 0 : -1;
 }
@@ -140,24 +141,24 @@ int readFacetBody(FILE *file, float *vertices) {
   char first[kWordBuffer];
   char second[kWordBuffer];
   if (!fetchLine(file, line)) {
-    return -2;
+    return FT_FAIL(-2);
   }
   if (std::sscanf(line, "%255s %255s", first, second) != 2 || !isKeyword(first, kOuter) ||
       !isKeyword(second, kLoop)) {
-    return -1;
+    return FT_FAIL(-1);
   }
   for (int corner = 0; corner < 3; ++corner) {
     float *xyz = vertices + 3 * corner;
     if (!fetchLine(file, line)) {
-      return -2;
+      return FT_FAIL(-2);
     }
     if (std::sscanf(line, "%255s %f %f %f", first, &xyz[0], &xyz[1], &xyz[2]) != 4 ||
         !isKeyword(first, kVertex)) {
-      return -1;
+      return FT_FAIL(-1);
     }
     // %f accepts "nan" and "inf"; a vertex must be a point in space.
     if (!std::isfinite(xyz[0]) || !std::isfinite(xyz[1]) || !std::isfinite(xyz[2])) {
-      return -1;
+      return FT_FAIL(-1);
     }
   }
   const int loopEnd = expectWord(file, kEndLoop);
@@ -174,7 +175,7 @@ FILE *stlOpenAscii(const char *name, int *status) {
   int &result = status ? *status : unused;
   FILE *file = name ? std::fopen(name, "r") : nullptr;
   if (!file) {
-    result = -2;
+    result = FT_FAIL(-2);
     return nullptr;
   }
   result = passFirstLine(file);
@@ -187,11 +188,11 @@ FILE *stlOpenAscii(const char *name, int *status) {
 
 int stlRewindAscii(FILE *file) {
   if (!file) {
-    return -2;
+    return FT_FAIL(-2);
   }
   std::clearerr(file);
   if (fseeko(file, 0, SEEK_SET) != 0) {
-    return -2;
+    return FT_FAIL(-2);
   }
   return passFirstLine(file);
 }
@@ -203,7 +204,7 @@ int stlRewindAscii(FILE *file) {
 int stlReadAsciiFacet(FILE *file, FacetWire *wire) {
   char line[kLineBuffer];
   if (!file) {
-    return -2;
+    return FT_FAIL(-2);
   }
   if (!fetchLine(file, line)) {
     // No line left is the end of the file; a read error is not.
@@ -216,7 +217,7 @@ int stlReadAsciiFacet(FILE *file, FacetWire *wire) {
       std::sscanf(line, "%255s %255s %f %f %f", first, second, &read.v[0], &read.v[1], &read.v[2]);
   if (fields == 5) {
     if (!isKeyword(first, kFacet) || !isKeyword(second, kNormal)) {
-      return -1;
+      return FT_FAIL(-1);
     }
     const int body = readFacetBody(file, read.v + 3);
     if (body == 0 && wire) {
@@ -225,13 +226,13 @@ int stlReadAsciiFacet(FILE *file, FacetWire *wire) {
     return body;
   }
   if (fields < 1) {
-    return -1;
+    return FT_FAIL(-1);
   }
   if (isKeyword(first, kEndSolid)) {
     return 1;
   }
   if (fields < 2) {
-    return -1;
+    return FT_FAIL(-1);
   }
   return isKeyword(first, kEnd) && isKeyword(second, kSolid) ? 1 : -1;
 }
@@ -295,12 +296,12 @@ int64_t scanBinary(const char *name, FacetBox *box) {
   for (int64_t done = 0; done < count && result > 0;) {
     const size_t want = static_cast<size_t>(std::min<int64_t>(kRecordChunk, count - done));
     if (std::fread(chunk, kRecordBytes, want, file) != want) {
-      result = -2;
+      result = FT_FAIL(-2);
       break;
     }
     for (size_t i = 0; i < want; ++i) {
       if (!decodeVertices(chunk + i * kRecordBytes, vertices)) {
-        result = -1;
+        result = FT_FAIL(-1);
         break;
       }
       if (done + static_cast<int64_t>(i) == 0) {
@@ -465,7 +466,7 @@ int loadAscii(const char *name, int count, BlockFill *fill) {
 
 int stlLoadBlocks(const char *name, FacetBlock **blocks, int *blockCount) {
   if (!blocks || !blockCount) {
-    return -2;
+    return FT_FAIL(-2);
   }
   int format;
   const int64_t count = stlCount(name, &format);
@@ -473,11 +474,11 @@ int stlLoadBlocks(const char *name, FacetBlock **blocks, int *blockCount) {
     return static_cast<int>(count);
   }
   if (format != kStlAscii && format != kStlBinary) {
-    return -2;
+    return FT_FAIL(-2);
   }
   *blockCount = 0;
   if (count > kFacetLoadLimit) {
-    return -2;
+    return FT_FAIL(-2);
   }
   BlockFill fill = {blocks, blockCount, 0};
   const int wanted = static_cast<int>(count);
@@ -496,20 +497,20 @@ int readBinaryAt(FILE *file, int ordinal, int *position, FacetWire *wire) {
     if (fseeko(file, kCountOffset, SEEK_SET) != 0 ||
         std::fread(countBytes, 1, sizeof countBytes, file) != sizeof countBytes ||
         ordinal >= static_cast<int64_t>(loadU32(countBytes))) {
-      return -1;
+      return FT_FAIL(-1);
     }
     *position = 0;
   }
   if (*position <= ordinal) {
     const int64_t step = (static_cast<int64_t>(ordinal) - *position) * kRecordBytes;
     if (step != 0 && fseeko(file, static_cast<off_t>(step), SEEK_CUR) != 0) {
-      return -1;
+      return FT_FAIL(-1);
     }
   } else if (fseeko(file, static_cast<off_t>(ordinal * kRecordBytes + kDataOffset), SEEK_SET) != 0) {
-    return -1;
+    return FT_FAIL(-1);
   }
   if (stlReadBinaryFacet(file, wire) != 0) {
-    return -1;
+    return FT_FAIL(-1);
   }
   *position = ordinal + 1;
   return 0;
@@ -519,7 +520,7 @@ int readBinaryAt(FILE *file, int ordinal, int *position, FacetWire *wire) {
 int readAsciiAt(FILE *file, int ordinal, int *position, FacetWire *wire) {
   if (*position < 0 || *position > ordinal) {
     if (stlRewindAscii(file) != 0) {
-      return -1;
+      return FT_FAIL(-1);
     }
     *position = 0;
   }
@@ -528,7 +529,7 @@ int readAsciiAt(FILE *file, int ordinal, int *position, FacetWire *wire) {
     if (result == 0) {
       ++*position;
     } else if (result != 1) {
-      return -1;
+      return FT_FAIL(-1);
     }
   }
   return 0;
@@ -540,11 +541,11 @@ int readAsciiAt(FILE *file, int ordinal, int *position, FacetWire *wire) {
 // cursor is 32-bit, so the last ordinal it can pass is INT32_MAX - 1.
 int stlReadFacetAt(FILE *file, int format, int ordinal, int *position, FacetWire *wire) {
   if (!position) {
-    return -1;
+    return FT_FAIL(-1);
   }
   if (!file || !wire || ordinal < 0 || ordinal == INT32_MAX) {
     *position = -1;
-    return -1;
+    return FT_FAIL(-1);
   }
   const int result = format == kStlBinary ? readBinaryAt(file, ordinal, position, wire)
                                           : readAsciiAt(file, ordinal, position, wire);

@@ -89,36 +89,36 @@ constexpr int kStlBinary = 2;  // 50-byte records
 // Opens a binary STL placed at offset 84. status: facet count, -1 or -2.
 FILE *stlOpenBinary(const char *name, int64_t *status);
 // Reads the next 50-byte record of a binary file. 0, -1 non-finite vertex, -2 short read.
-int stlReadBinaryFacet(FILE *file, FacetWire *wire);
+[[nodiscard]] int stlReadBinaryFacet(FILE *file, FacetWire *wire);
 // Opens an ASCII STL placed after its first line. status: 0, -1 or -2.
 FILE *stlOpenAscii(const char *name, int *status);
 // 0 facet read, 1 terminator line, 2 end of file at a statement border,
 // -1 malformed line, -2 file ends inside a facet. wire is written only for a facet.
-int stlReadAsciiFacet(FILE *file, FacetWire *wire);
+[[nodiscard]] int stlReadAsciiFacet(FILE *file, FacetWire *wire);
 // Seeks to the start and passes the first line. 0, -1 wrong first word, -2 failed read.
-int stlRewindAscii(FILE *file);
+[[nodiscard]] int stlRewindAscii(FILE *file);
 // Facet count or negative status; box filled when the count is above 0. format
 // (may be null) receives 2 or 1, or 0 on failure.
-int64_t stlScan(const char *name, FacetBox *box, int *format);
+[[nodiscard]] int64_t stlScan(const char *name, FacetBox *box, int *format);
 // Facet count or negative status; reads no binary records. format as for stlScan.
-int64_t stlCount(const char *name, int *format);
+[[nodiscard]] int64_t stlCount(const char *name, int *format);
 // 2 binary, 1 ASCII, 0 neither, -1 unreadable.
-int stlProbeFormat(const char *name);
+[[nodiscard]] int stlProbeFormat(const char *name);
 // Facets loaded into blocks[0..*blockCount), or a negative status; a count below 1
 // from stlCount is returned as it is, with *blockCount untouched. A failure
 // releases what was loaded and sets *blockCount to 0.
-int stlLoadBlocks(const char *name, FacetBlock **blocks, int *blockCount);
+[[nodiscard]] int stlLoadBlocks(const char *name, FacetBlock **blocks, int *blockCount);
 // Reads facet `ordinal` of a file opened with stlOpenBinary or stlOpenAscii.
 // position is the caller's cursor, the ordinal of the next facet, starting at
 // -1; any failure returns -1 and sets it back to -1.
-int stlReadFacetAt(FILE *file, int format, int ordinal, int *position, FacetWire *wire);
+[[nodiscard]] int stlReadFacetAt(FILE *file, int format, int ordinal, int *position, FacetWire *wire);
 
 // ---- Facet store and ordering -----------------------------------------------
 
 // 0, 1 or 2 for the longest extent; ties go to the earlier axis.
-int facetSortAxis(const FacetBox *box);
+[[nodiscard]] int facetSortAxis(const FacetBox *box);
 // count, or 0 for a count below 1.
-int facetBoxOfBlocks(FacetBlock *const *blocks, int count, FacetBox *box);
+[[nodiscard]] int facetBoxOfBlocks(FacetBlock *const *blocks, int count, FacetBox *box);
 // New table of `count` facet pointers sorted on `axis`, equal keys by ordinal
 // (block x kFacetBlockSize + index), or null. Free with free(); it owns no facet.
 FacetRec **sortFacetPointers(FacetBlock *const *blocks, int count, int axis);
@@ -128,7 +128,7 @@ FacetRec **sortFacetPointers(FacetBlock *const *blocks, int count, int axis);
 // that holds more facets than a count given, is refused with -1.
 FacetKey *readFacetKeys(const char *name, int axis, int *count, int *format);
 // Orders by key, equal keys by ordinal. count, or -1 for a negative count.
-int sortFacetKeys(FacetKey *keys, int count);
+[[nodiscard]] int sortFacetKeys(FacetKey *keys, int count);
 // Releases blocks from the last to the first and clears each slot.
 void freeFacetBlocks(FacetBlock **blocks, int blockCount);
 
@@ -139,7 +139,7 @@ FILE *stlCreateBinary(const char *name, uint32_t count);
 // Creates an ASCII STL and writes its first line; the open file or null.
 FILE *stlCreateAscii(const char *name);
 // Overwrites the header's count. 0 or -1.
-int stlPatchCount(uint32_t count, FILE *file);
+[[nodiscard]] int stlPatchCount(uint32_t count, FILE *file);
 
 // A cross product shorter than this is written as the zero normal.
 constexpr double kStlNormalMinLength = 1e-06;
@@ -151,7 +151,7 @@ constexpr int kOutputDiscard = 2; // the file is deleted
 
 // Closes a file being written and, as mode says, deletes it (invariant 10).
 // 0 when the file was closed and kept, -1 when closing failed or it was discarded.
-int stlCloseOutput(FILE *file, const char *name, int mode);
+[[nodiscard]] int stlCloseOutput(FILE *file, const char *name, int mode);
 
 // Installs the handler of invariant 11 for each of those signals that isn't
 // ignored already; the number installed. Call it once, before any output exists.
@@ -159,16 +159,15 @@ int stlRemoveOutputOnSignal();
 
 // One triangle as a 50-byte record: corners in cycle order (qvTriGeometry with
 // sign), a new normal, attribute 0. 0 or -1.
-int stlWriteTriBinary(const qvTri *tri, int sign, FILE *file);
+[[nodiscard]] int stlWriteTriBinary(const qvTri *tri, int sign, FILE *file);
 // The triangles of mesh from the head of its list: the number written, or -1.
-int stlWriteMeshBinary(const qvMesh *mesh, int sign, FILE *file);
-// The same as text, one facet statement per triangle; standard error when file
-// is null.
-int stlWriteMeshAscii(const qvMesh *mesh, int sign, FILE *file);
+[[nodiscard]] int stlWriteMeshBinary(const qvMesh *mesh, int sign, FILE *file);
+// The same as text, one facet statement per triangle.
+[[nodiscard]] int stlWriteMeshAscii(const qvMesh *mesh, int sign, FILE *file);
 // A binary file of its own holding every mesh of chain, its count patched: the
 // number of triangles written, or -1 with the file deleted. An empty chain gives
 // an 84-byte file with count 0.
-int stlWriteMeshChain(const qvMesh *chain, int sign, const char *name);
+[[nodiscard]] int stlWriteMeshChain(const qvMesh *chain, int sign, const char *name);
 
 // ---- Mesh from facets ---------------------------------------------------------
 
@@ -183,4 +182,4 @@ qvMesh *meshFromPointers(FacetRec *const *table, int count, int *status);
 qvMesh *meshFromKeys(FILE *file, int format, const FacetKey *keys, int count, int *status);
 // One triangle on three new vertices at the facet's corners. 0, or -1 with the
 // mesh as it was.
-int addFacetToMesh(qvMesh *mesh, const FacetWire *wire);
+[[nodiscard]] int addFacetToMesh(qvMesh *mesh, const FacetWire *wire);

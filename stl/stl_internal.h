@@ -43,7 +43,7 @@ inline void storeF32(float value, unsigned char *bytes) {
 }
 
 // Writes the fixed 80-byte header and the count, and flushes. False on failure.
-bool writeHeader(FILE *file, uint32_t count);
+[[nodiscard]] bool writeHeader(FILE *file, uint32_t count);
 // fopen for writing, with the file entered so that a signal that ends the
 // process removes it (a name of 4096 bytes or more, or a file that isn't
 // regular, is not entered); null when name is null or the open fails. Every
@@ -51,11 +51,10 @@ bool writeHeader(FILE *file, uint32_t count);
 // through pendingDrop before closing it.
 FILE *openOutputFile(const char *name, const char *mode);
 void pendingDrop(const FILE *file);
-void pendingDrop(const FILE *file);
 
 // Decodes the nine vertex coordinates of a 50-byte record. False when one of
 // them is NaN or infinite: such a record makes the file malformed.
-bool decodeVertices(const unsigned char *record, float *vertices);
+[[nodiscard]] bool decodeVertices(const unsigned char *record, float *vertices);
 
 // Sort key of a facet on an axis: the smallest of its three coordinates there.
 inline float facetKeyOf(const float *vertices, int axis) {

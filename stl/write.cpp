@@ -2,6 +2,7 @@
 // binary facet count once the number of facets written is known, and closing
 // or discarding a file being written.
 #include "stl/stl_internal.h"
+#include "kernels/failure.h"
 
 #include <sys/stat.h>
 
@@ -31,10 +32,10 @@ bool stl_detail::writeHeader(FILE *file, uint32_t count) {
 FILE *stlCreateBinary(const char *name, uint32_t count) {
   FILE *file = openOutputFile(name, "wb");
   if (!file) {
-    return nullptr;
+    return FT_FAIL(nullptr);
   }
   if (!writeHeader(file, count)) {
-    stlCloseOutput(file, name, kOutputDiscard);
+    (void)stlCloseOutput(file, name, kOutputDiscard); // always -1: the failure is already known
     return nullptr;
   }
   return file;
@@ -43,10 +44,10 @@ FILE *stlCreateBinary(const char *name, uint32_t count) {
 FILE *stlCreateAscii(const char *name) {
   FILE *file = openOutputFile(name, "w");
   if (!file) {
-    return nullptr;
+    return FT_FAIL(nullptr);
   }
   if (std::fputs("solid ascii\n", file) < 0 || std::fflush(file) != 0) {
-    stlCloseOutput(file, name, kOutputDiscard);
+    (void)stlCloseOutput(file, name, kOutputDiscard); // always -1: the failure is already known
     return nullptr;
   }
   return file;
@@ -59,7 +60,7 @@ int stlPatchCount(uint32_t count, FILE *file) {
   storeU32(count, bytes);
   if (!file || fseeko(file, kCountOffset, SEEK_SET) != 0 ||
       std::fwrite(bytes, 1, sizeof bytes, file) != sizeof bytes || std::fflush(file) != 0) {
-    return -1;
+    return FT_FAIL(-1);
   }
   return 0;
 }
@@ -70,7 +71,7 @@ int stlPatchCount(uint32_t count, FILE *file) {
 // stays. Whether the removal succeeds is not checked.
 int stlCloseOutput(FILE *file, const char *name, int mode) {
   if (!file) {
-    return -1;
+    return FT_FAIL(-1);
   }
   struct stat opened;
   const bool regular = fstat(fileno(file), &opened) == 0 && S_ISREG(opened.st_mode);
@@ -84,5 +85,5 @@ int stlCloseOutput(FILE *file, const char *name, int mode) {
       named.st_ino == opened.st_ino) {
     std::remove(name);
   }
-  return -1;
+  return FT_FAIL(-1);
 }

@@ -2,6 +2,7 @@
 // as text, and a chain of meshes as a file of its own. Every normal is computed
 // afresh from the corners; a normal read from an input never reaches a file.
 #include "stl/stl_internal.h"
+#include "kernels/failure.h"
 
 #include "kernels/kernels.h"
 #include "mesh/qvMesh.h"
@@ -52,13 +53,13 @@ bool facetFloats(const qvTri *tri, int sign, float *out) {
 int writeTriAscii(const qvTri *tri, int sign, FILE *file) {
   float v[12];
   if (!facetFloats(tri, sign, v)) {
-    return -1;
+    return FT_FAIL(-1);
   }
   char text[kAsciiBuffer];
   const int length = std::snprintf(text, sizeof text, kAsciiFacet, v[0], v[1], v[2], v[3], v[4],
                                    v[5], v[6], v[7], v[8], v[9], v[10], v[11]);
   if (length < 0 || length >= kAsciiBuffer || std::fprintf(file, "%s", text) != length) {
-    return -1;
+    return FT_FAIL(-1);
   }
   return 0;
 }
@@ -68,7 +69,7 @@ int writeTriAscii(const qvTri *tri, int sign, FILE *file) {
 int stlWriteTriBinary(const qvTri *tri, int sign, FILE *file) {
   float v[12];
   if (!file || !facetFloats(tri, sign, v)) {
-    return -1;
+    return FT_FAIL(-1);
   }
   // Attribute word 0 in the last two bytes.
   unsigned char record[kRecordBytes] = {};
@@ -80,12 +81,12 @@ int stlWriteTriBinary(const qvTri *tri, int sign, FILE *file) {
 
 int stlWriteMeshBinary(const qvMesh *mesh, int sign, FILE *file) {
   if (!mesh || !file) {
-    return -1;
+    return FT_FAIL(-1);
   }
   int written = 0;
   for (const qvTri *tri = mesh->tri; tri; tri = tri->next) {
     if (stlWriteTriBinary(tri, sign, file) != 0) {
-      return -1;
+      return FT_FAIL(-1);
     }
     ++written;
   }
@@ -93,14 +94,13 @@ int stlWriteMeshBinary(const qvMesh *mesh, int sign, FILE *file) {
 }
 
 int stlWriteMeshAscii(const qvMesh *mesh, int sign, FILE *file) {
-  if (!mesh) {
-    return -1;
+  if (!mesh || !file) {
+    return FT_FAIL(-1);
   }
-  FILE *out = file ? file : stderr;
   int written = 0;
   for (const qvTri *tri = mesh->tri; tri; tri = tri->next) {
-    if (writeTriAscii(tri, sign, out) != 0) {
-      return -1;
+    if (writeTriAscii(tri, sign, file) != 0) {
+      return FT_FAIL(-1);
     }
     ++written;
   }
@@ -111,7 +111,7 @@ int stlWriteMeshAscii(const qvMesh *mesh, int sign, FILE *file) {
 int stlWriteMeshChain(const qvMesh *chain, int sign, const char *name) {
   FILE *file = openOutputFile(name, "wb");
   if (!file) {
-    return -1;
+    return FT_FAIL(-1);
   }
   if (!writeHeader(file, 0)) {
     return stlCloseOutput(file, name, kOutputDiscard);

@@ -52,8 +52,8 @@ TEST(Drivers, BothRoutesSplitBlocksAt500000AndWriteIdenticalFiles) {
   FacetBox box;
   ASSERT_EQ(stlScan(input.c_str(), &box, nullptr), 500001);
   const std::string memory = tempPath("memory.stl"), streamed = tempPath("streamed.stl");
-  EXPECT_EQ(reduceInMemory(input.c_str(), memory.c_str(), kEngineMedium, nullptr, 0.1, nullptr, 500001), 0);
-  EXPECT_EQ(reduceStreamed(input.c_str(), streamed.c_str(), kEngineMedium, &box, 0.1, nullptr, 500001), 0);
+  EXPECT_EQ(reduceInMemory(input.c_str(), memory.c_str(), kMethodMedium, nullptr, 0.1, nullptr, 500001), 0);
+  EXPECT_EQ(reduceStreamed(input.c_str(), streamed.c_str(), kMethodMedium, &box, 0.1, nullptr, 500001), 0);
   EXPECT_EQ(fileBytes(memory), fileBytes(streamed));
   const std::vector<Facet> written = checkedOutput(memory);
   ASSERT_EQ(written.size(), order.size());
@@ -87,10 +87,10 @@ TEST(Drivers, ShellsFollowInChainOrderFromEitherFormat) {
   const std::vector<Facet> second = sorted({written.begin() + 4, written.begin() + 8});
   EXPECT_TRUE(second == sorted(tetrahedron(0.1f)) || second == sorted(tetrahedron(0.2f)));
   for (auto route : {reduceInMemory, reduceStreamed}) {
-    EXPECT_EQ(route(ascii.c_str(), twin.c_str(), kEngineLow, nullptr, 0.1, nullptr, 12), 0);
+    EXPECT_EQ(route(ascii.c_str(), twin.c_str(), kMethodLow, nullptr, 0.1, nullptr, 12), 0);
     EXPECT_EQ(fileBytes(twin), fileBytes(output));
   }
-  EXPECT_EQ(reduceStreamed(ascii.c_str(), ascii.c_str(), kEngineLow, nullptr, 0.1, nullptr, 12), -1);
+  EXPECT_EQ(reduceStreamed(ascii.c_str(), ascii.c_str(), kMethodLow, nullptr, 0.1, nullptr, 12), -1);
   EXPECT_EQ(fileBytes(ascii), asciiStl(facets));
 }
 
@@ -139,6 +139,33 @@ TEST(Drivers, OutputOverTheInputReplacesItOnlyAfterSuccess) {
   EXPECT_EQ(fileBytes(input), degenerate);
   for (const auto &entry : std::filesystem::directory_iterator(input.substr(0, input.rfind('/'))))
     EXPECT_EQ(entry.path().string().find("self.stl."), std::string::npos) << entry.path();
+}
+
+// A binary file whose header states more facets than the block methods take
+// is refused from its header: a sparse file of 100,000,001 records (5 GB on
+// paper, nothing on disk) fails with next to nothing read.
+TEST(Drivers, BlockMethodsRefuseAnOverLongBinaryFileBeforeReadingIt) {
+  const std::string input = tempPath("huge.stl"), output = tempPath("huge-out.stl");
+  std::string head = binaryStl({});
+  head[80] = '\x01', head[81] = '\xe1', head[82] = '\xf5', head[83] = '\x05'; // 100,000,001
+  writeBytes(input, head);
+  std::filesystem::resize_file(input, 84 + 50 * uint64_t{100000001});
+  auto bytesRead = [] {
+    std::ifstream io("/proc/self/io");
+    std::string key;
+    for (long long value; io >> key >> value;)
+      if (key == "rchar:") return value;
+    return -1LL;
+  };
+  for (Method method : {reduceLow, reduceMedium}) {
+    const long long before = bytesRead();
+    int32_t old = -1;
+    EXPECT_EQ(method(input.c_str(), output.c_str(), 0.1, nullptr, &old), -1);
+    EXPECT_EQ(old, 0);
+    EXPECT_LT(bytesRead() - before, 1 << 20);
+    EXPECT_FALSE(std::filesystem::exists(output));
+  }
+  std::filesystem::remove(input);
 }
 
 } // namespace

@@ -1,9 +1,8 @@
 // Faults around the files of a run: a full disk, a missing folder, a file that
 // can't be written, an input that vanishes or changes between the scan and the
 // load. The built tool must print the one failure message and end with 255 (the
-// method entries return -1), leave no output on the block methods (-qm, -ql), on
-// -qh at most an output with a count of 0 (the documented behaviour), no report,
-// and never change its input.
+// method entries return -1), leave no output and no report, and never change its
+// input; a failed solid write leaves the reduced file complete.
 //
 // The tool is run in a child of its own so that a file size limit or another
 // user applies to it alone. A full disk is a file size limit (RLIMIT_FSIZE)
@@ -22,6 +21,7 @@
 
 #include <cmath>
 #include <csignal>
+#include <set>
 
 namespace fs = std::filesystem;
 
@@ -124,17 +124,25 @@ protected:
     EXPECT_EQ(fileBytes(path("part.stl")), input_) << where;
   }
 
+  // Expects exactly these files in the folder: no sibling, no solid file left.
+  void expectOnly(std::set<std::string> names, const std::string &where) const {
+    std::set<std::string> found;
+    for (const auto &entry : fs::directory_iterator(dir_)) found.insert(entry.path().filename().string());
+    for (auto it = names.begin(); it != names.end();) it = found.count(*it) ? std::next(it) : names.erase(it);
+    EXPECT_EQ(found, names) << where;
+  }
+
   fs::path dir_;
   std::string input_;
 };
 
 const char *const kMethods[] = {"-ql", "-qm", "-qh"};
 
-// A full disk: the block methods delete their output, -qh leaves it with a
-// count of 0, and an output that is the input leaves the input whole and no
-// sibling beside it. 400 bytes hold the header and six records, not sixteen;
-// the same runs without the limit succeed (see the missing-folder test).
-TEST_F(Fault, FullDiskFailsWithoutPartialOutputOnTheBlockMethods) {
+// A full disk: no method leaves an output, and an output that is the input
+// leaves the input whole and no sibling beside it. 400 bytes hold the header
+// and six records, not sixteen; the same runs without the limit succeed (see
+// the missing-folder test).
+TEST_F(Fault, FullDiskFailsWithoutPartialOutput) {
   const Limits full{400, false};
   for (const char *method : kMethods) {
     for (const bool solid : {false, true}) {
@@ -142,18 +150,58 @@ TEST_F(Fault, FullDiskFailsWithoutPartialOutputOnTheBlockMethods) {
       if (solid) args.push_back("-ssolid.stl");
       const std::string where = std::string(method) + (solid ? " -s" : "");
       expectFailure(args, full, where);
-      EXPECT_FALSE(fs::exists(path("solid.stl"))) << where;
-      if (method[2] == 'h') {
-        EXPECT_EQ(countField(path("out.stl")), 0) << where;
-        EXPECT_LE(fileBytes(path("out.stl")).size(), 400u) << where;
-      } else {
-        EXPECT_FALSE(fs::exists(path("out.stl"))) << where;
-      }
-      fs::remove(path("out.stl"));
+      EXPECT_FALSE(fs::exists(path("solid.stl")) || fs::exists(path("out.stl"))) << where;
     }
     expectFailure({"part.stl", method, "-opart.stl"}, full, std::string(method) + " over the input");
-    for (const auto &entry : fs::directory_iterator(dir_))
-      EXPECT_EQ(entry.path().filename().string().rfind("part.stl.", 0), std::string::npos) << entry.path();
+    expectOnly({"FacetTrim", "part.stl"}, method);
+  }
+}
+
+// Four open tetrahedra, each a tall spike without its base: 12 facets that no
+// method thins at -t0.05, whose caps (a fan of three over each base, well
+// within the hole limit) make the solid file 24 facets. A limit of 1,000 bytes
+// lets the reduced file (684 bytes) be written and fails the solid write
+// (1,284 bytes): the reduced file stays complete, the input stays as it was,
+// and no solid file or sibling is left, whichever name the solid file has.
+TEST_F(Fault, FullDiskDuringTheSolidWriteKeepsTheReducedFileAndTheInput) {
+  std::vector<Facet> spikes;
+  for (float x = 0; x < 8; x += 2) {
+    const float ax = x, bx = x + 0.2f, tx = x + 0.07f; // base corners (ax,0) (bx,0) (ax,0.2), tip (tx,0.07,1)
+    spikes.push_back({ax, 0, 0, bx, 0, 0, tx, 0.07f, 1});
+    spikes.push_back({bx, 0, 0, ax, 0.2f, 0, tx, 0.07f, 1});
+    spikes.push_back({ax, 0.2f, 0, ax, 0, 0, tx, 0.07f, 1});
+  }
+  const std::string open = binaryStl(spikes);
+  const struct {
+    const char *output; // -o
+    const char *solid;  // -s
+    const char *what;
+  } cases[] = {
+      {"-oout.stl", "-s", "plain -s over the reduced file"},
+      {"-oout.stl", "-ssolid.stl", "a named solid file"},
+      {"-oout.stl", "-sopen.stl", "the solid file naming the input"},
+      {"-oopen.stl", "-s", "plain -s over an output that is the input"},
+  };
+  for (const char *method : kMethods) {
+    for (const auto &c : cases) {
+      const std::string where = std::string(method) + " " + c.what;
+      writeBytes(path("open.stl"), open);
+      expectFailure({"open.stl", method, "-t0.05", c.output, c.solid}, {1000, false}, where);
+      const std::string reduced = path(c.output + 2);
+      EXPECT_EQ(countField(reduced), 12) << where;
+      EXPECT_EQ(fileBytes(reduced).size(), 84u + 50 * 12) << where;
+      if (std::strcmp(c.output, "-oout.stl") == 0) {
+        EXPECT_TRUE(fileBytes(path("open.stl")) == open) << where;
+      }
+      expectOnly({"FacetTrim", "part.stl", "open.stl", "out.stl"}, where);
+      fs::remove(path("out.stl"));
+    }
+    // Without the limit every one of these runs writes the 24 facets.
+    writeBytes(path("open.stl"), open);
+    std::string out;
+    ASSERT_EQ(run({"open.stl", method, "-t0.05", "-oopen.stl", "-s"}, {}, &out), 0) << method;
+    EXPECT_EQ(countField(path("open.stl")), 24) << method;
+    fs::remove(path("open.log"));
   }
 }
 
@@ -349,12 +397,12 @@ TEST(FaultWindow, StreamedRouteRefusesAFileWhoseCountChanged) {
     writeBytes(input, bytes);
     for (int count : {15, 17, 4, 100}) {
       std::remove(output.c_str());
-      EXPECT_EQ(reduceStreamed(input.c_str(), output.c_str(), kEngineMedium, nullptr, 0.1, nullptr, count), -1)
+      EXPECT_EQ(reduceStreamed(input.c_str(), output.c_str(), kMethodMedium, nullptr, 0.1, nullptr, count), -1)
           << count << (bytes[0] == 's' ? " ASCII" : " binary");
       EXPECT_FALSE(fs::exists(output)) << count;
       EXPECT_EQ(fileBytes(input), bytes);
     }
-    EXPECT_EQ(reduceStreamed(input.c_str(), output.c_str(), kEngineMedium, nullptr, 0.1, nullptr, 16), 0);
+    EXPECT_EQ(reduceStreamed(input.c_str(), output.c_str(), kMethodMedium, nullptr, 0.1, nullptr, 16), 0);
     EXPECT_EQ(countField(output), 16);
   }
 }

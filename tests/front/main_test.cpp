@@ -174,4 +174,18 @@ TEST_F(Tool, ReportLinesReadExactlyAlsoForNamesOfMoreThan1024Characters) {
   EXPECT_TRUE(numberLine(rest.substr(split), "    elapsed time    :    ", 6, " sec   \n")) << rest;
 }
 
+// FT_TRACE=1 adds the place of the first failure on standard error, and
+// nothing else changes; without it standard error stays empty.
+TEST_F(Tool, TraceNamesWhereARunFirstFailed) {
+  const std::string cd = "cd '" + dir_.string() + "' && ", tool = "'" FT_BINARY_DIR "/FacetTrim'";
+  for (const char *args : {" broken.stl -qm", " missing.stl -qh", " part.stl -qm -onodir/out.stl"}) {
+    std::string err, out;
+    EXPECT_EQ(runCommand(cd + "FT_TRACE=1 " + tool + args + " 2>&1 >/dev/null", &err), 255) << args;
+    EXPECT_EQ(err.rfind("FacetTrim: first failure at ", 0), 0u) << args << ": " << err;
+    EXPECT_NE(err.find(".cpp:"), std::string::npos) << args << ": " << err;
+    EXPECT_EQ(runCommand(cd + tool + args + " 2>&1", &out), 255) << args;
+    EXPECT_EQ(out, kFailed) << args;
+  }
+}
+
 } // namespace

@@ -207,7 +207,9 @@ TEST(ParallelEntry, LowPrintsItsLinesMediumNoneAndNestingIsPutBack) {
     const bool low = i & 2, null = i & 4;
     omp_set_max_active_levels(levels);
     qvMesh* m = null ? nullptr : soupOf(readStl("tetrahedron.stl"));
-    if (m) qvMeshAssemble(m, nullptr);
+    if (m) {
+      ASSERT_EQ(qvMeshAssemble(m, nullptr), 1);
+    }
     testing::internal::CaptureStdout();
     const int32_t result =
         low ? reduceParallelLow(m, 0.1, nullptr) : reduceParallelMedium(m, 0.1, nullptr);

@@ -63,7 +63,7 @@ void killedWhileWriting(const std::string &path) {
 }
 
 void killedAfterKeeping(const std::string &path) {
-  stlCloseOutput(stlCreateBinary(path.c_str(), 0), path.c_str(), kOutputKeep);
+  EXPECT_EQ(stlCloseOutput(stlCreateBinary(path.c_str(), 0), path.c_str(), kOutputKeep), 0);
   raise(SIGINT);
 }
 
