@@ -5,7 +5,6 @@
 #include <array>
 #include <cmath>
 #include <random>
-#include <thread>
 #include <vector>
 
 #include "mesh/qvMesh.h"
@@ -33,12 +32,6 @@ std::vector<Point> points(const qvMesh* m) {
   std::vector<Point> p;
   for (const qvVtx* v = m->vtx; v; v = v->next) p.push_back({v->dat[0], v->dat[1], v->dat[2]});
   return p;
-}
-
-std::vector<int> numbers(const qvMesh* m) {
-  std::vector<int> n;
-  for (const qvVtx* v = m->vtx; v; v = v->next) n.push_back(static_cast<int>(v->dat[3]));
-  return n;
 }
 
 }  // namespace
@@ -72,50 +65,6 @@ TEST(VtxSort, OrdersByAxisThenTheNextAxesCyclically) {
       EXPECT_EQ(*box[k + 3], hi[k]);
     }
     qvMeshFree(m);
-  }
-}
-
-TEST(VtxSort, SortedBitsDecideWhetherAnythingMoves) {
-  qvMesh* m = cloud(50, 3);
-  ASSERT_EQ(qvMeshSortVtx(m, kMeshSortX, nullptr), 0);
-  const std::vector<int> first = numbers(m);
-  m->vtx->dat[0] = 100.0;  // out of order now, but the bit says sorted
-  qvBox box;
-  EXPECT_EQ(qvMeshSortVtx(m, kMeshSortX, &box), 0);
-  EXPECT_EQ(numbers(m), first);
-  EXPECT_EQ(box[0], nullptr);
-  m->flags &= ~kMeshSortedSet;
-  EXPECT_EQ(qvMeshSortVtx(m, kMeshSortX, nullptr), 0);
-  EXPECT_EQ(qvVtxTail(m->vtx)->dat[0], 100.0);
-  qvMeshFree(m);
-
-  m = cloud(1, 5);  // one vertex: gains the requested bit, keeps the others
-  m->flags |= kMeshSortY;
-  EXPECT_EQ(qvMeshSortVtx(m, kMeshSortX, &box), 0);
-  EXPECT_EQ(m->flags & kMeshSortedSet, kMeshSortX | kMeshSortY);
-  EXPECT_EQ(box[5], m->vtx->dat + 2);
-  EXPECT_EQ(qvMeshBox(m, &box), -1);  // fewer than three vertices
-  qvVtxDeleteAll(m->vtx);
-  m->vtx = nullptr;
-  EXPECT_EQ(qvMeshSortVtx(m, kMeshSortZ, &box), -1);  // empty
-  EXPECT_EQ(m->flags & kMeshSortZ, 0u);
-  qvMeshFree(m);
-}
-
-// The sort keeps no state between calls, so two at once on different axes
-// each give what they give alone.
-TEST(VtxSort, TwoThreadsOnDifferentAxesSortAsEachWouldAlone) {
-  const uint32_t requests[2] = {kMeshSortX, kMeshSortZ | kMeshSortDesc};
-  qvMesh* alone[2] = {cloud(20000, 100), cloud(20000, 101)};
-  qvMesh* both[2] = {cloud(20000, 100), cloud(20000, 101)};
-  for (int i = 0; i < 2; ++i) qvMeshSortVtx(alone[i], requests[i], nullptr);
-  std::thread a([&] { qvMeshSortVtx(both[0], requests[0], nullptr); });
-  qvMeshSortVtx(both[1], requests[1], nullptr);
-  a.join();
-  for (int i = 0; i < 2; ++i) {
-    EXPECT_EQ(numbers(both[i]), numbers(alone[i])) << "mesh " << i;
-    qvMeshFree(both[i]);
-    qvMeshFree(alone[i]);
   }
 }
 
