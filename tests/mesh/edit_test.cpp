@@ -163,22 +163,3 @@ TEST(FanMark, MarksFarEdgesAndBuildsHeadRunsThatUnmarkCleanly) {
   EXPECT_EQ(qvFanMark(f.mesh, f.t[1], f.h(0), kTriMarkVisit, kEdgMarkVisit, 0, 0), -1);
   EXPECT_EQ(headRun(f.mesh->tri, kTriMarkVisit), 3);  // the marks set stay
 }
-
-TEST(EdgPurge, DeletesEdgesWithoutTrianglesAndTheirLoneVertices) {
-  for (int headOnly : {1, 0}) {
-    Fixture f(kTetra);
-    qvVtx* x = qvVtxNew(kVtxHasNormal, nullptr);
-    f.mesh->vtx = qvVtxConcat(x, f.mesh->vtx);
-    qvEdg* d = qvEdgNew(x->dat, f.h(0), 0, 0);
-    // At the head it is reached either way; behind the others only by a full walk.
-    f.mesh->edg = headOnly ? qvEdgConcat(d, f.mesh->edg) : qvEdgConcat(f.mesh->edg, d);
-    ASSERT_EQ(qvEdgTriLists(f.mesh) | qvVtxEdgLists(f.mesh), 0);
-    EXPECT_EQ(qvEdgPurge(f.mesh, 1), headOnly);
-    EXPECT_EQ(qvEdgPurge(f.mesh, headOnly), 1 - headOnly);
-    EXPECT_EQ(qvVtxCount(f.mesh->vtx) * 10 + qvEdgCount(f.mesh->edg), 46);
-    EXPECT_EQ(qvLnkCount(static_cast<qvLnk*>(f.v[0]->link)), 3);
-    qvEdgListsFree(f.mesh, qvLnkListFree);
-    qvVtxListsFree(f.mesh, qvLnkListFree);
-    EXPECT_EQ(validateText(f.mesh), "");
-  }
-}
