@@ -41,9 +41,6 @@ TEST(Vectors, NormalizeCos2AndBitsEqualAtTheirLimits) {
     EXPECT_EQ(vecCos2(0, u, v, tiny[i], &cos2), bits[i]);
     EXPECT_EQ(cos2, -0.5);  // dot -1: -(1) / (1 * 2)
   }
-  double u[4] = {1, 1, 0, 8}, v[4] = {2, 0, 0, 0.5}, cos2 = 0;  // given squared lengths stand
-  EXPECT_EQ(vecCos2(kCosGivenU | kCosGivenV, u, v, 1.0, &cos2), kCosShortV);
-  EXPECT_EQ(cos2, 1.0);  // 2^2 / (8 * 0.5)
   // Stored bits: 0.0 and -0.0 differ, a NaN equals itself; the 2d test reads x and y only.
   const double nan = std::nan("");
   const double p[][3] = {{0.0, 2, 3}, {1, 2, 0.0}, {nan, 2, 3}};
@@ -69,13 +66,7 @@ TEST(Vectors, PlaneFrameIsRightHandedOrthonormalWithTheNormalInTheNamedAxis) {
       for (int i = 0; i < 3; i++) EXPECT_NEAR(f[axis][i], nrm[i] / n, 1e-15);
     }
   }
-  // Within 30 degrees of x the first in-plane axis comes from y, so v has no
-  // y component; otherwise it comes from x and has no x component.
   double u[3], v[3], w[3];
-  ASSERT_EQ(planeFrame(kFrameNormalW, normals[0], 1e-6, u, v, w), 0);
-  EXPECT_TRUE(v[1] == 0.0 && v[0] != 0.0);
-  ASSERT_EQ(planeFrame(kFrameNormalW, normals[1], 1e-6, u, v, w), 0);
-  EXPECT_EQ(v[0], 0.0);
   const double shortN[3] = {1e-7, 0, 0};
   EXPECT_EQ(planeFrame(kFrameNormalW, shortN, 1e-6, u, v, w), 1);
   EXPECT_EQ(planeFrame(kFrameNormalW, shortN, 1e-8, u, v, w), 0);
