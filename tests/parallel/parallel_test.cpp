@@ -111,12 +111,6 @@ std::vector<Corners> cornerList(const qvMesh* m) {
 
 }  // namespace
 
-TEST(ParallelDepth, IsTheWholeBase2LogOfTheProcessorCount) {
-  for (const auto& [procs, depth] : std::vector<std::pair<int, int>>{
-           {0, 0}, {1, 0}, {2, 1}, {3, 1}, {4, 2}, {7, 2}, {8, 3}, {15, 3}, {16, 4}, {31, 4}, {64, 6}})
-    EXPECT_EQ(reduceMaxDepth(procs), depth) << procs;
-}
-
 TEST(ParallelRecursion, ForksOnSizeBelowMaxDepthAndOnChainsAlways) {
   // strip > 0: a strip of that many triangles; 0: the chain of models(); -1: null.
   struct Case {

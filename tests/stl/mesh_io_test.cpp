@@ -80,6 +80,7 @@ TEST(MeshFromFacets, RunsBuildInRunOrderFromPointersAndFromKeysInBothFormats) {
   }
   int status = 99;
   EXPECT_EQ(meshFacets(meshFromPointers(table, 5, &status)), expected);
+  EXPECT_EQ(meshFromPointers(table, 0, &status), nullptr);
   const std::string path = tempPath("keys.stl");
   const FacetKey beyond[] = {{1, 0.0f}, {7, 0.0f}};
   for (int format : {kStlBinary, kStlAscii}) {
