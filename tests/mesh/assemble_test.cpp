@@ -23,17 +23,6 @@ Shape moved(Shape s, double x, double y, double z, double sy = 1, double sz = 1)
   return s;
 }
 
-// An open cone: apex (0, 0, 1) over a ring of n points at z 0.
-Shape coneShape(int n) {
-  Shape s{{{0, 0, 1}}, {}};
-  for (int i = 0; i < n; ++i) {
-    const double u = 2 * std::acos(-1.0) * i / n;
-    s.pts.push_back({std::cos(u), std::sin(u), 0});
-    s.faces.push_back({0, 1 + i, 1 + (i + 1) % n});
-  }
-  return s;
-}
-
 Corners turned(Corners c) {
   for (int i = 0; i < 3; ++i) std::swap(c[3 + i], c[6 + i]);
   return c;
@@ -108,8 +97,7 @@ TEST(Assemble, SmallSoupsComeOutAsHandCounted) {
       {"three facets on an edge: a fin", cat(tetra, {{0, 0, 0, 1, 0, 0, 0, -1, -1}}), {2, 7, 9, 5, 3}},
       {"three bare facets on an edge", cornersOf(kThreeOnEdge), {3, 9, 9, 3, 9}},
       {"moebius strip", cornersOf(moebiusShape(5)), {1, 10, 20, 10, 10}},
-      // Long lists, which the steps group by sorting instead of pairing.
-      {"cone of 40 facets", cornersOf(coneShape(40)), {1, 41, 80, 40, 40}},
+      // A long list on one edge, which the steps group by sorting instead of pairing.
       {"book of ten pages on one edge, each page twice", [] {
          std::vector<Corners> f;
          for (int i = 0; i < 20; ++i) f.push_back({0, 0, 0, 1, 0, 0, 0.5, std::cos(i / 2), std::sin(i / 2)});
@@ -126,7 +114,6 @@ TEST(Assemble, SmallSoupsComeOutAsHandCounted) {
       {"cone apex of both signs", coneOfSignedZeros(), {2, 10, 14, 6, 10}},
       // The solid output's pair: linear 1e-6, squared 1e-12.
       {"0.5e-6 apart in x", octahedronWith({0}, {0, 0, 1}, {0.5 * e, 0, 1}), {1, 6, 12, 8, 0}, kPair},
-      {"2e-6 apart in x", octahedronWith({0}, {0, 0, 1}, {2 * e, 0, 1}), {1, 7, 14, 8, 4}, kPair},
       {"0.8e-6 in x, y, z: squared 1.92e-12", octahedronWith({0}, {0, 0, 1}, {0.8 * e, 0.8 * e, 1 + 0.8 * e}), {1, 7, 14, 8, 4}, kPair},
   };
   for (const Case& c : cases) {
@@ -198,13 +185,6 @@ TEST(Assemble, RealModelsMatchAnIndependentWeld) {
     EXPECT_EQ(s.invalid, 0);
     EXPECT_EQ((std::array<long, 4>{s.nVtx, s.nEdg, s.nTri, s.nBnd}),
               (std::array<long, 4>{w.vertices, w.edges, w.facets, w.boundaryEdges}));
-    const qvTopo& t = s.topo[0];
-    const long euler = w.vertices - w.edges + w.facets;
-    EXPECT_EQ(t.euler, euler);
-    EXPECT_EQ(t.nLoop == 0, w.boundaryEdges == 0);
-    if (w.boundaryEdges == 0) {
-      EXPECT_EQ(t.genus, (2 - euler) / 2);
-    }
   }
 }
 

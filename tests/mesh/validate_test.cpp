@@ -20,17 +20,11 @@ Mend poke(T& field, V value) {
 
 }  // namespace
 
-TEST(Validate, FixturesAreValidWithHandCountedRecords) {
-  struct Case {
-    const Shape* shape;
-    int nv, ne, nt;
-  } cases[] = {{&kOpenFan, 5, 7, 3}, {&kBowTie, 5, 6, 2}, {&kThreeOnEdge, 5, 8, 3}, {&kSquare, 4, 5, 2}};
-  for (const Case& c : cases) {
-    Fixture f(*c.shape);
-    f.mesh->flags |= kMeshCapDone;  // the mesh's own flag, not a mark
+TEST(Validate, NonManifoldFixturesAreValidAndTheCapFlagIsNoMark) {
+  for (const Shape* shape : {&kOpenFan, &kBowTie, &kThreeOnEdge, &kSquare}) {
+    Fixture f(*shape);
+    f.mesh->flags |= kMeshCapDone;  // the mesh's own flag, with a mark's value
     EXPECT_EQ(validateText(f.mesh), "");
-    EXPECT_EQ((std::array<int, 3>{qvVtxCount(f.mesh->vtx), qvEdgCount(f.mesh->edg), qvTriCount(f.mesh->tri)}),
-              (std::array<int, 3>{c.nv, c.ne, c.nt}));
   }
   EXPECT_EQ(qvMeshValidate(nullptr, nullptr), 0);
 }
