@@ -108,27 +108,6 @@ TEST(FanWalk, CrossesAuxWhereItIsSet) {
   qvTriFree(b2);
 }
 
-TEST(FanWalk, LoopThatMissesTheStartIsAnErrorNotAHang) {
-  // X and Y share both of their edges at h, and T leads into them.
-  qvVtx* v[4];
-  for (qvVtx*& x : v) x = qvVtxNew(kVtxHasNormal, nullptr);
-  double *h = v[0]->dat, *p = v[1]->dat, *q = v[2]->dat, *r = v[3]->dat;
-  qvEdg* e[6] = {qvEdgNew(h, p, 0, 0), qvEdgNew(h, q, 0, 0), qvEdgNew(p, q, 0, 0),
-                 qvEdgNew(q, p, 0, 0), qvEdgNew(h, r, 0, 0), qvEdgNew(r, p, 0, 0)};
-  qvTri* x = qvTriNew(e[0], e[2], e[1], 0);
-  qvTri* y = qvTriNew(e[1], e[3], e[0], 0);
-  qvTri* t = qvTriNew(e[4], e[5], e[0], 0);
-  x->adj[0] = x->adj[2] = y;
-  y->adj[0] = y->adj[2] = x;
-  t->adj[2] = x;
-  Visits seen;
-  EXPECT_EQ(qvFanWalk(t, h, record, &seen), -2);
-  EXPECT_LT(seen.seen.size(), 16u);
-  for (qvTri* z : {x, y, t}) qvTriFree(z);
-  for (qvEdg* z : e) qvEdgFree(z);
-  for (qvVtx* z : v) qvVtxFree(z);
-}
-
 TEST(FanMark, MarksFarEdgesAndBuildsHeadRunsThatUnmarkCleanly) {
   struct Case {
     const Shape* shape;
