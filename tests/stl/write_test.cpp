@@ -72,14 +72,6 @@ void killedAfterNameTaken(const std::string &path) {
   std::fclose(file);
 }
 
-void ignoredBeforeStart(const std::string &path) {
-  std::signal(SIGTERM, SIG_IGN);
-  // Installed again on purpose: a signal ignored at that moment stays ignored.
-  stlRemoveOutputOnSignal();
-  std::fclose(stlCreateBinary(path.c_str(), 0));
-  raise(SIGTERM);
-}
-
 } // namespace
 
 TEST(StlWrite, SignalRemovesOnlyTheFilesStillBeingWritten) {
@@ -97,8 +89,4 @@ TEST(StlWrite, SignalRemovesOnlyTheFilesStillBeingWritten) {
   EXPECT_EQ(fileBytes(path + ".moved"), "solid ascii\n");
   std::remove((path + ".moved").c_str());
 
-  std::remove(path.c_str());
-  EXPECT_EQ(endingSignal(ignoredBeforeStart, path), 0);
-  EXPECT_EQ(countField(path), 0);
-  std::remove(path.c_str());
 }
