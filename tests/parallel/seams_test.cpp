@@ -3,7 +3,7 @@
 // (a crack along a cut would open one), uses only input vertices bit for bit,
 // and holds the input within the tolerance. Through the recursion with an
 // explicit maxDepth, so that every model is cut into pieces whatever the
-// processor count, and through the built tool as a user runs it.
+// processor count.
 #include <gtest/gtest.h>
 #include <omp.h>
 
@@ -45,13 +45,6 @@ int reduceAtDepth(const std::string &in, const std::string &out, Node node, doub
   const bool written = removed >= 0 && m->next == nullptr && stlWriteMeshChain(m, 0, out.c_str()) >= 0;
   qvMeshDeleteAll(m);
   return written ? countOf(lines, "Final Recursion Depth") + countOf(lines, "Stop Recursion at") : -1;
-}
-
-// Runs the built tool on in at tol with method ("-qm" or "-ql"), writing out.
-int runTool(const std::string &in, double tol, const char *method, const std::string &out) {
-  char args[64];
-  std::snprintf(args, sizeof args, " -t%.17g %s -o", tol, method);
-  return runCommand(FT_BINARY_DIR "/FacetTrim " + in + args + out);
 }
 
 // tests/data/<name>, or its refinement (four times the facets, the same
@@ -104,19 +97,5 @@ TEST(ParallelSeams, PiecesCutToDepthsOneToThreeJoinWithoutACrack) {
       expectKept(original, out, tol, {}, where, kSeamSamples);
     }
     if (kThreadSanitizer) break;
-  }
-}
-
-// As a user runs the tool: the processor count sets the depth, and only the
-// sphere is large enough to be cut.
-TEST(ToolSeams, MediumAndLowKeepClosedShellsInputVerticesAndTheTolerance) {
-  const std::pair<double, const char *> cases[] = {{0.1, "-qm"}, {2.0, "-ql"}};
-  const std::string out = tempPath("tool-seams.stl");
-  const Original original(dataPath("sphere.stl"));
-  for (const auto &[percent, method] : cases) {
-    const double tol = percent / 100.0 * original.diagonal;
-    const std::string where = std::string(method) + " at " + std::to_string(percent) + "%";
-    ASSERT_EQ(runTool(dataPath("sphere.stl"), tol, method, out), 0) << where;
-    expectKept(original, out, tol, {}, where, kSeamSamples);
   }
 }
