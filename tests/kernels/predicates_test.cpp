@@ -6,7 +6,6 @@
 
 #include <cmath>
 #include <random>
-#include <thread>
 #include <vector>
 
 namespace {
@@ -163,24 +162,6 @@ TEST(Classifiers, Turn2dTreatsSin2AtThresholdAsParallel) {
   b[0] = 1;
   EXPECT_EQ(turn2d(a, b, e, 0, ab, ac, &res), kTurnLeft);
   EXPECT_EQ(turn2d(a, a, e, 0, ab, ac, &res), kTurnBeyond);  // a zero-length ab
-}
-
-TEST(Classifiers, SetUpIsRaceFreeOnFirstUseFromManyThreads) {
-  // CTest runs this in a process of its own, so this is the first use of the
-  // constants: four threads classify a corner one ulp off a line at once,
-  // far inside the filter's error bound.
-  const Pt a = {{0.5, 0.5}}, b = {{12.0, 12.0}}, c = {{24.0, std::nextafter(24.0, 25.0)}};
-  int results[4] = {0, 0, 0, 0};
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 4; i++) {
-    threads.emplace_back([&, i] {
-      double ab[3], ac[3];
-      qvTurn res;
-      results[i] = orient2dClass(a.v, b.v, c.v, 0, ab, ac, &res);
-    });
-  }
-  for (std::thread& t : threads) t.join();
-  for (int r : results) EXPECT_EQ(r, 2 * exactOrient(a, b, c));
 }
 
 }  // namespace
