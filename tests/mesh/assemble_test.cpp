@@ -187,26 +187,3 @@ TEST(Assemble, RealModelsMatchAnIndependentWeld) {
               (std::array<long, 4>{w.vertices, w.edges, w.facets, w.boundaryEdges}));
   }
 }
-
-TEST(Assemble, CubesSharingASubdividedEdgeComeApart) {
-  // The shared edge is a line of k segments, each on four facets. Pulled
-  // apart, its pieces pair up again only where both ends stayed common; but
-  // at a vertex inside the line each cube's two faces are joined only across
-  // the pulled-apart segments, so that vertex splits four ways (each end of
-  // the line two ways, as the cube's fan goes round it) and no piece pairs:
-  // each cube is left open along a slit of 2k edges.
-  const MeasureTopo w = weldOf("two-cubes-edge.stl");
-  const long k = w.nonManifoldEdges;
-  ASSERT_GT(k, 1);
-  const ChainSum s = assemble(readStl("two-cubes-edge.stl"), nullptr);
-  EXPECT_EQ(s.shells, 2);
-  EXPECT_EQ(s.shells, w.shells);
-  EXPECT_EQ(s.invalid, 0);
-  EXPECT_EQ(s.bad, 0);
-  EXPECT_EQ((std::array<long, 4>{s.nVtx, s.nEdg, s.nTri, s.nBnd}),
-            (std::array<long, 4>{w.vertices + 3 * (k - 1) + 2, w.edges + 3 * k, w.facets, 4 * k}));
-  for (const qvTopo& t : s.topo) {
-    EXPECT_EQ(t.nLoop, 1);
-    EXPECT_EQ(t.genus, 0);
-  }
-}

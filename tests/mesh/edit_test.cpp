@@ -56,17 +56,6 @@ TEST(Edit, LinkAndUnlinkKeepAdjacencySymmetricOrReportIt) {
   EXPECT_TRUE(!a->adj[0] && !a->adj[1] && !a->adj[2]);
 }
 
-TEST(Edit, ReplaceRewritesEveryEndOfTheDroppedVertex) {
-  // Point 4 lies on point 1 but is a vertex of its own.
-  Fixture f({{{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {2, 0, 0}, {1, 0, 0}, {2, 1, 0}}, {{0, 1, 2}, {3, 4, 5}}});
-  EXPECT_EQ(qvVtxReplace(f.mesh, f.v[1], f.v[4]), 2);
-  f.mesh->vtx = qvVtxDelete(f.mesh->vtx, f.v[4]);
-  EXPECT_NE(qvEdgFind(f.mesh->edg, f.h(3), f.h(1)), nullptr);
-  EXPECT_EQ(validateText(f.mesh), "");
-  EXPECT_EQ(qvVtxReplace(f.mesh, f.v[1], f.v[1]), 0);
-  EXPECT_EQ(qvVtxReplace(nullptr, f.v[1], f.v[0]), -1);
-}
-
 TEST(FanWalk, VisitsEachTriangleOnceAndTellsClosedFromOpen) {
   struct Case {
     const char* name;
@@ -90,22 +79,6 @@ TEST(FanWalk, VisitsEachTriangleOnceAndTellsClosedFromOpen) {
   v.stopAt = 2;
   EXPECT_EQ(qvFanWalk(f.t[0], f.h(4), record, &v), 7);  // the absolute value of fn's code
   EXPECT_EQ(v.seen.size(), 2u);
-}
-
-TEST(FanWalk, CrossesAuxWhereItIsSet) {
-  Fixture f(kOpenFan);  // faces A 0 1 2, B 0 2 3, C 0 3 4
-  qvTri* a = f.t[0];
-  qvTri* b = f.t[1];
-  // B2 stands for B in the live surface: same edges, reached from A by aux.
-  qvTri* b2 = qvTriNew(b->edg[0], b->edg[1], b->edg[2], 0);
-  std::copy(b->adj, b->adj + 3, b2->adj);
-  const int32_t slot = qvTriEdgeSlot(a, f.e(0, 2));
-  a->aux[slot] = b2;
-  Visits live;
-  EXPECT_EQ(qvFanWalk(a, f.h(0), record, &live), -1);
-  EXPECT_EQ(live.seen, (std::vector<qvTri*>{a, b2, f.t[2]}));
-  a->aux[slot] = nullptr;
-  qvTriFree(b2);
 }
 
 TEST(FanMark, MarksFarEdgesAndBuildsHeadRunsThatUnmarkCleanly) {
