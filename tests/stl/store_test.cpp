@@ -67,31 +67,3 @@ TEST(FacetStore, PointerTableRefusals) {
   EXPECT_EQ(sortFacetPointers(blocks.slot, 1, 3), nullptr);
   EXPECT_EQ(sortFacetPointers(blocks.slot, 1, 0), nullptr) << "missing block";
 }
-
-TEST(FacetStore, KeyReaderRefusals) {
-  const std::string facet = asciiFacet({0, 0, 0, 1, 0, 0, 0, 1, 0});
-  struct Case {
-    std::string text;
-    int countIn;
-    int countOut;
-  } cases[] = {
-      {"solid\n" + facet + facet + "endsolid\n", 2, 2},
-      {"solid\n" + facet + "endsolid\n" + facet, 2, -1}, // a terminator would take a key slot
-      {"solid\n" + facet, 2, -2},                          // the file ends early
-      {"solid " + std::string(90, 'n') + "\nendsolid\n", -1, -1}, // no facet: count as given
-      {"solid\n" + facet, 0, 0},
-      {"neither format\n" + facet, 1, -1},
-  };
-  const std::string path = tempPath("keys.stl");
-  for (const Case &c : cases) {
-    writeBytes(path, c.text);
-    int count = c.countIn;
-    FacetKey *keys = readFacetKeys(path.c_str(), 1, &count, nullptr);
-    EXPECT_EQ(keys != nullptr, c.countOut > 0) << c.text;
-    EXPECT_EQ(count, c.countOut) << c.text;
-    std::free(keys);
-  }
-  int count = 1;
-  EXPECT_EQ(readFacetKeys(tempPath("missing.stl").c_str(), 0, &count, nullptr), nullptr);
-  EXPECT_EQ(count, -2);
-}
