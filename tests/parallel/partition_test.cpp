@@ -145,12 +145,6 @@ TEST(Halve, CutsAlongTheLongestAxisXBeforeYBeforeZ) {
   }
 }
 
-TEST(Halve, MarkedTriangleWithoutNeighbourFailsTheCut) {
-  Fixture f(joined(stripShape(4), kBowTie, -5));  // the bow tie's faces sort first
-  EXPECT_EQ(qvMeshHalve(f.mesh, -1, kTriMarkVisit), -1);
-  EXPECT_EQ(validateText(f.mesh), "");  // the side mark is cleared
-}
-
 TEST(Cut, LoneTrianglesChangeSidesOrBecomePieces) {
   // Strip T0..T5 placed so that T0, T3, T4 sort lowest: T0, with no marked
   // neighbour, changes sides; T5, with marked neighbours only, stays, cut off
@@ -187,7 +181,7 @@ TEST(Cut, HalvesTouchingThemselvesAtAVertexAreUnpinched) {
   EXPECT_EQ(n.nEdg, 27 + 4);
 }
 
-TEST(Split, AllMarkedOrAVertexNoEdgeUsesFailsAndKeepsEveryRecord) {
+TEST(Split, AllMarkedFailsAndKeepsEveryRecord) {
   Fixture f(kOctahedron);
   qvTriOrAll(f.mesh->tri, kTriMarkVisit);
   qvMeshPair pair{};
@@ -196,16 +190,6 @@ TEST(Split, AllMarkedOrAVertexNoEdgeUsesFailsAndKeepsEveryRecord) {
   EXPECT_EQ(qvMeshCut(f.mesh, 16, &pair), -1);  // half = 8: every face marked
   EXPECT_TRUE(pair.first == nullptr && pair.second == f.mesh);
   EXPECT_EQ(qvTriCount(f.mesh->tri), 8);
-
-  Shape s = kOctahedron;
-  s.pts.push_back({5, 5, 5});  // the last point: first in the vertex list
-  Fixture g(s);
-  g.t[0]->flags |= kTriMarkVisit;
-  EXPECT_EQ(qvMeshSplit(g.mesh, kTriMarkVisit, qvVtxClone, &pair), 1);
-  EXPECT_TRUE(pair.first == g.mesh && pair.second == nullptr);
-  EXPECT_EQ(qvTriCount(g.mesh->tri), 8);
-  EXPECT_EQ(qvEdgCount(g.mesh->edg), 12 + 3);  // the face's seam edge copies stay
-  EXPECT_EQ(validateText(g.mesh), "");         // no mark stays
 }
 
 TEST(Cut, RealModelsAndAnOddStripGiveValidHalvesWithMatchingSeams) {
