@@ -81,36 +81,6 @@ TEST(ExtractSolids, LimitsAreStrictCapsCloseAndOpenShellsGoAtTheEnd) {
   }
 }
 
-TEST(ExtractSolids, FileWithoutFacetsFailsAndWritesNothing) {
-  const double limit = 1.0;
-  for (const std::string &bytes : {binaryStl({}), asciiStl({})}) {
-    const std::string reduced = tempPath("empty.stl"), solid = tempPath("never.stl");
-    writeBytes(reduced, bytes);
-    EXPECT_EQ(extractSolids(reduced.c_str(), solid.c_str(), &limit, &limit, &limit), -1);
-    EXPECT_FALSE(fs::exists(solid));
-  }
-}
-
-TEST(SelectShells, OneBadShellFailsTheWholeSelectionAfterEarlierDrops) {
-  const std::string name = tempPath("three.stl");
-  writeBytes(name, binaryStl(kSpeck + kCube + box({20, 0, 0}, {21, 1, 1})));
-  int64_t status = 0;
-  qvMesh *chain = stlReadMesh(name.c_str(), &status);
-  const double tol[2] = {1e-06, 1e-12};
-  ASSERT_EQ(qvMeshAssemble(chain, tol), 3);
-  // The cube's analysis says it is no valid surface; the third shell is good.
-  qvMesh *cube = chain->next;
-  cube->topo = qvTopoNew();
-  cube->topo->result = 5;
-  const double area = 1.0;
-  int32_t count = 0;
-  qvMesh *head = selectAssembled(chain, nullptr, &area, nullptr, &count);
-  EXPECT_EQ(count, -1);
-  EXPECT_EQ(head, cube); // the speck was dropped before the cube failed
-  EXPECT_EQ(qvMeshCount(head), 2);
-  qvMeshDeleteAll(head);
-}
-
 TEST(SelectShells, OpenShellsPassWithNoVolumeTestAndAChainedMeshIsRefused) {
   const std::string name = tempPath("open.stl");
   writeBytes(name, binaryStl(kBowl + kCube));
