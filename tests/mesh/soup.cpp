@@ -129,10 +129,8 @@ ChainSum analyse(qvMesh* chain) {
     s.nEdg += t.nEdg;
     s.nTri += t.nTri;
     s.nBnd += t.nBnd;
-    s.nLoop += t.nLoop;
     s.bad += t.result != 0;
     s.invalid += qvMeshValidate(m, stderr);
-    s.topo.push_back(t);
   }
   return s;
 }

@@ -33,7 +33,6 @@ Shape joined(const Shape& a, const Shape& b, double dx);
 
 // Sums over a mesh chain, each shell analysed (qvMeshTopo) and validated.
 struct ChainSum {
-  long shells = 0, nVtx = 0, nEdg = 0, nTri = 0, nBnd = 0, nLoop = 0, bad = 0, invalid = 0;
-  std::vector<qvTopo> topo;  // one per shell
+  long shells = 0, nVtx = 0, nEdg = 0, nTri = 0, nBnd = 0, bad = 0, invalid = 0;
 };
 ChainSum analyse(qvMesh* chain);

@@ -2,8 +2,7 @@
 // against hand counts: V - E + T, boundary edges, loops and genus.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <map>
+#include <cmath>
 
 #include "soup.h"
 
@@ -23,15 +22,9 @@ Shape withFacesTurned(Shape s, std::initializer_list<int> faces) {
 
 const Shape kTriangle = {{{0, 0, 0}, {1, 0, 0}, {0, 1, 0}}, {{0, 1, 2}}};
 
-// Three triangles that meet only at vertex 0, the faces rotated by r and the
-// first face's corners too, so that a walk starts at another leaf.
-Shape leaves(int r) {
-  Shape s = {{{0, 0, 0}, {1, 0, 0}, {1, 1, 0}, {-1, 0, 0}, {-1, -1, 0}, {0, 1, 1}, {0, 0, 1}},
-             {{0, 1, 2}, {0, 3, 4}, {0, 5, 6}}};
-  std::rotate(s.faces.begin(), s.faces.begin() + r, s.faces.end());
-  std::rotate(s.faces[0].begin(), s.faces[0].begin() + r, s.faces[0].end());
-  return s;
-}
+// Three triangles that meet only at vertex 0.
+const Shape kLeaves = {{{0, 0, 0}, {1, 0, 0}, {1, 1, 0}, {-1, 0, 0}, {-1, -1, 0}, {0, 1, 1}, {0, 0, 1}},
+                       {{0, 1, 2}, {0, 3, 4}, {0, 5, 6}}};
 
 // Moves a cap's records into the mesh, as the callers that keep a cap do.
 void takeCap(qvMesh* mesh, qvMesh* cap) {
@@ -45,20 +38,17 @@ TEST(Topo, ClassifiesSurfacesAsHandCounted) {
   struct Case {
     const char* name;
     Shape shape;
-    TopoRow want;       // nVtx nEdg nTri nBnd nLoop euler orient genus code
-    int32_t extra = 0;  // extra passes of the loop walk through pinched vertices
+    TopoRow want;  // nVtx nEdg nTri nBnd nLoop euler orient genus code
   };
   const Case cases[] = {
       {"octahedron", kOctahedron, {6, 12, 8, 0, 0, 2, 0, 0, 0}},
       {"torus", torusShape(8, 4), {32, 96, 64, 0, 0, 0, 0, 1, 0}},
-      {"one triangle", kTriangle, {3, 3, 1, 3, 1, 1, 0, 0, 0}},
       {"open cone", kOpenCone, {5, 8, 4, 4, 1, 1, 0, 0, 0}},
-      {"tube", tubeShape(6, 1, 2), {12, 24, 12, 12, 2, 0, 0, 0, 0}},
       // Two closed pieces: the characteristic 4 stays in nBnd, euler stays 0.
       {"two tetrahedra", joined(kTetra, kTetra, 5), {8, 12, 8, 4, 0, 0, 0, 0, 1}},
       {"two triangles", joined(kTriangle, kTriangle, 5), {6, 6, 2, 6, 2, 2, 0, 0, 5}},
       {"moebius", moebiusShape(5), {10, 20, 10, 10, 1, 0, 3, 1, 0}},
-      {"bow tie: figure of eight", kBowTie, {5, 6, 2, 6, 1, 1, 0, 0, 0}, 1},
+      {"bow tie: figure of eight", kBowTie, {5, 6, 2, 6, 1, 1, 0, 0, 0}},
       {"turned faces", withFacesTurned(kOctahedron, {0, 5}), {6, 12, 8, 0, 0, 2, 2, 0, 0}},
       // Inconsistent, and the flood finds two pieces.
       {"two tubes", joined(tubeShape(6, 1, 2), withFacesTurned(tubeShape(6, 1, 2), {3}), 9),
@@ -71,11 +61,6 @@ TEST(Topo, ClassifiesSurfacesAsHandCounted) {
     ASSERT_NE(f.mesh->topo, nullptr);
     EXPECT_EQ(rowOf(*f.mesh->topo), c.want);
     EXPECT_EQ(qvMeshTopoMake(f.mesh), -1);  // a record exists already
-    if (c.want[8] == 0) {
-      int32_t extra = -9;
-      EXPECT_EQ(qvLoopCount(f.mesh, &extra), c.want[4]);  // the walk alone, undirected for moebius
-      EXPECT_EQ(extra, c.extra);
-    }
     EXPECT_EQ(validateText(f.mesh), "");
     if (c.want[6] == 2 && c.want[8] == 0) {
       EXPECT_EQ(qvOrientCheck(f.mesh), 0);  // turned for good
@@ -83,66 +68,16 @@ TEST(Topo, ClassifiesSurfacesAsHandCounted) {
   }
 }
 
-TEST(Topo, RefusesWhatIsNotLinkedOrMissingAndWalksAnEdgeOfThreeFaces) {
-  Fixture f(kSquare);
-  EXPECT_EQ(qvBndCount(f.mesh), 4);
-  f.mesh->flags &= ~kMeshStitched;
-  EXPECT_EQ(qvBndCount(f.mesh), -1);
-  qvTopo t{};
-  EXPECT_EQ(qvMeshTopo(f.mesh, &t), 3);
-  EXPECT_EQ(t.nBnd, 0);
-  EXPECT_EQ(qvMeshTopo(nullptr, &t), -1);
-  EXPECT_EQ(qvMeshTopo(f.mesh, nullptr), -1);
-  EXPECT_EQ(qvOrientFlood(nullptr), -1);
-  EXPECT_EQ(qvLoopCount(nullptr, nullptr), -1);
-  EXPECT_EQ(validateText(f.mesh), "");
-  Fixture three(kThreeOnEdge);  // one loop, through both ends of the shared edge twice
-  int32_t extra = -9;
-  EXPECT_EQ(qvLoopCount(three.mesh, &extra), 1);
-  EXPECT_EQ(extra, 2);
-  EXPECT_EQ(validateText(three.mesh), "");
-}
-
-TEST(Topo, MarkingPassLeadsWithTheBoundaryAndIsUndone) {
-  Fixture f(kBowTie);
-  std::vector<std::array<double*, 2>> ends;
-  for (qvEdg* e = f.mesh->edg; e; e = e->next) ends.push_back({e->ends[0], e->ends[1]});
-  qvCensus c;
-  ASSERT_EQ(qvTopoMark(f.mesh, kWalkVtxBit, kWalkEdgBit, 0, kWalkSwapBit, &c), 0);
-  EXPECT_EQ(c.degMin, 2);
-  EXPECT_EQ(c.degMax, 4);
-  EXPECT_EQ(c.nEven, 5);
-  EXPECT_EQ(c.nOdd, 0);
-  EXPECT_EQ(c.nExtra, 1);  // the two loops meet once at vertex 0
-  EXPECT_EQ(headRun(f.mesh->edg, kWalkEdgBit), 6);
-  EXPECT_EQ(headRun(f.mesh->vtx, kWalkVtxBit), 5);
-  EXPECT_EQ(f.v[0]->tag, 4);
-  for (qvTri* t : f.t)
-    for (int i = 0; i < 3; ++i) EXPECT_EQ(qvTriEdgeRev(t, i), 0);  // along the triangle now
-  qvTopoUnmark(f.mesh, kWalkVtxBit, kWalkEdgBit, kWalkSwapBit);
-  size_t k = 0;
-  for (qvEdg* e = f.mesh->edg; e; e = e->next, ++k) {
-    bool found = false;
-    for (auto& p : ends) found |= p[0] == e->ends[0] && p[1] == e->ends[1];
-    EXPECT_TRUE(found);
-  }
-  EXPECT_EQ(k, ends.size());
-  EXPECT_EQ(validateText(f.mesh), "");
-}
-
 TEST(Topo, OddBoundaryVertexFailsEveryWalkWithoutTrace) {
   // Three triangles on one edge record, only two of them linked: vertices 0
   // and 1 then have three boundary edges each.
   Fixture f(kThreeOnEdge);
   qvEdg* own = qvTriFarEdge(f.t[2], f.h(4));  // face 2's own 0-1 edge
-  qvEdg* shared = qvTriFarEdge(f.t[0], f.h(2));
-  f.t[2]->edg[qvTriEdgeSlot(f.t[2], own)] = shared;
+  f.t[2]->edg[qvTriEdgeSlot(f.t[2], own)] = qvTriFarEdge(f.t[0], f.h(2));
   f.mesh->edg = qvEdgDelete(f.mesh->edg, own);
   // Face 2 last, so that the edge is first reached from a linked face.
   f.mesh->tri = qvTriConcat(qvTriUnlinkList(f.mesh->tri, f.t[2]), f.t[2]);
-  std::map<qvEdg*, std::pair<double*, double*>> before, after;  // the pass may reorder, not turn
-  for (qvEdg* e = f.mesh->edg; e; e = e->next) before[e] = {e->ends[0], e->ends[1]};
-
+  const std::string before = validateText(f.mesh);  // the edge of three faces
   qvCensus c;
   EXPECT_EQ(qvTopoMark(f.mesh, kWalkVtxBit, kWalkEdgBit, 0, kWalkSwapBit, &c), -1);
   EXPECT_EQ(c.nOdd, 2);
@@ -152,12 +87,8 @@ TEST(Topo, OddBoundaryVertexFailsEveryWalkWithoutTrace) {
   EXPECT_EQ(n, -1);
   qvTopo t{};
   EXPECT_EQ(qvMeshTopo(f.mesh, &t), 4);
-  for (qvEdg* e = f.mesh->edg; e; e = e->next) {
-    after[e] = {e->ends[0], e->ends[1]};
-    EXPECT_EQ(e->flags & (kMarkMask | kEdgRim), 0u);
-  }
-  EXPECT_EQ(after, before);
-  for (qvVtx* v : f.v) EXPECT_TRUE(v->tag == 0 && !v->link && !v->aux && !(v->flags & kMarkMask));
+  EXPECT_EQ(validateText(f.mesh), before);  // no mark, working field or rim bit left
+  for (qvEdg* e = f.mesh->edg; e; e = e->next) EXPECT_EQ(e->flags & kEdgRim, 0u);
 }
 
 TEST(Cap, ClosesEveryLoopAndComesOffAgain) {
@@ -168,17 +99,14 @@ TEST(Cap, ClosesEveryLoopAndComesOffAgain) {
     int32_t euler, orient, genus;  // of the capped surface
   };
   const Case cases[] = {
-      {"one triangle", kTriangle, 1, 0, 2, 0, 0},
       {"open cone", kOpenCone, 1, 0, 2, 0, 0},
       {"tube: two loops", tubeShape(6, 1, 2), 2, 0, 2, 0, 0},
       {"torus with a hole", [] { Shape s = torusShape(6, 4); s.faces.pop_back(); return s; }(), 1, 0, 0, 0, 1},
       {"moebius: undirected, a projective plane", moebiusShape(5), 1, 0, 1, 3, 1},
       {"bow tie: one walk through the pinch", kBowTie, 1, 1, 2, 0, 0},
       // Three leaves that meet only at vertex 0: one circuit through it three
-      // times, a spoke for each passage. Each order starts the walk elsewhere.
-      {"three leaves, from leaf 0", leaves(0), 1, 2, 2, 0, 0},
-      {"three leaves, from leaf 1", leaves(1), 1, 2, 2, 0, 0},
-      {"three leaves, from leaf 2", leaves(2), 1, 2, 2, 0, 0},
+      // times, a spoke for each passage.
+      {"three leaves", kLeaves, 1, 2, 2, 0, 0},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -192,10 +120,9 @@ TEST(Cap, ClosesEveryLoopAndComesOffAgain) {
     qvMesh* cap = qvCapBuild(f.mesh, &n);
     ASSERT_NE(cap, nullptr);
     EXPECT_EQ(n, c.loops);
-    EXPECT_EQ(qvVtxCount(cap->vtx), c.loops);
-    EXPECT_EQ(qvTriCount(cap->tri), open.nBnd);
-    EXPECT_EQ(qvEdgCount(cap->edg), open.nBnd);  // a spoke for each passage round a loop
-    for (qvTri* t = cap->tri; t; t = t->next) EXPECT_TRUE(t->flags & kTriCap);
+    // A hub per loop, a spoke and a triangle for each passage round it.
+    EXPECT_EQ((std::array<int32_t, 3>{qvVtxCount(cap->vtx), qvEdgCount(cap->edg), qvTriCount(cap->tri)}),
+              (std::array<int32_t, 3>{c.loops, open.nBnd, open.nBnd}));
     takeCap(f.mesh, cap);
     EXPECT_EQ(validateText(f.mesh), "");
     EXPECT_EQ(qvBndCount(f.mesh), 0);
@@ -216,30 +143,6 @@ TEST(Cap, ClosesEveryLoopAndComesOffAgain) {
   }
 }
 
-TEST(Cap, HubsStandAtTheMeanOfTheirLoop) {
-  Fixture f(tubeShape(8, 1, 2));
-  int32_t n = 0;
-  qvMesh* cap = qvCapBuild(f.mesh, &n);
-  ASSERT_EQ(n, 2);
-  std::vector<double> zs;
-  for (qvVtx* h = cap->vtx; h; h = h->next) {
-    EXPECT_TRUE(h->flags & kVtxHub);
-    EXPECT_NEAR(h->dat[0], 0.0, 1e-12);
-    EXPECT_NEAR(h->dat[1], 0.0, 1e-12);
-    zs.push_back(h->dat[2]);
-  }
-  std::sort(zs.begin(), zs.end());
-  EXPECT_EQ(zs, (std::vector<double>{0.0, 1.0}));
-  for (qvVtx* v : f.v) EXPECT_TRUE(v->flags & kVtxRim);
-  takeCap(f.mesh, cap);
-  EXPECT_EQ(validateText(f.mesh), "");
-
-  Fixture closed(kOctahedron);
-  n = -9;
-  EXPECT_EQ(qvCapBuild(closed.mesh, &n), nullptr);
-  EXPECT_EQ(n, 0);
-}
-
 TEST(Close, AcceptsCapsUnderTheAreaLimitOnly) {
   // Regular octagons: radius 1 gives area 2 sqrt 2, radius 2 four times that.
   Fixture f(tubeShape(8, 1, 2));
@@ -249,17 +152,13 @@ TEST(Close, AcceptsCapsUnderTheAreaLimitOnly) {
   const qvTopo& t = *f.mesh->topo;
   EXPECT_EQ(rowOf(t), (TopoRow{17, 40, 24, 8, 1, 1, 0, 0, 0}));
   EXPECT_EQ(validateText(f.mesh), "");
-  for (qvEdg* e = f.mesh->edg; e; e = e->next) {
-    EXPECT_FALSE(e->flags & kEdgCap);
-    const double* a = qvVtxXyz(qvVtxOf(e->ends[0]));
-    const double* b = qvVtxXyz(qvVtxOf(e->ends[1]));
-    const bool topRim = a[2] == 1.0 && b[2] == 1.0;
-    EXPECT_EQ((e->flags & kEdgRim) != 0, topRim);  // the refused rim keeps its mark
-  }
   EXPECT_EQ(qvMeshClose(f.mesh, nullptr), 1);
   EXPECT_EQ(rowOf(*f.mesh->topo), (TopoRow{18, 48, 32, 0, 0, 2, 0, 0, 0}));
   EXPECT_EQ(qvMeshClose(f.mesh, nullptr), 0);
   EXPECT_EQ(validateText(f.mesh), "");
+  int32_t n = -9;
+  EXPECT_EQ(qvCapBuild(f.mesh, &n), nullptr);  // nothing left to cap
+  EXPECT_EQ(n, 0);
 
   Fixture two(joined(kTriangle, kTriangle, 5));
   EXPECT_EQ(qvMeshClose(two.mesh, nullptr), -1);  // code 5: not one surface

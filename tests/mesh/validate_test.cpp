@@ -20,25 +20,12 @@ Mend poke(T& field, V value) {
 
 }  // namespace
 
-TEST(Validate, FixturesAreValidWithHandCountedRecords) {
-  struct Case {
-    const char* name;
-    const Shape* shape;
-    int nv, ne, nt;
-  } cases[] = {{"tetrahedron", &kTetra, 4, 6, 4}, {"octahedron", &kOctahedron, 6, 12, 8},
-               {"open fan", &kOpenFan, 5, 7, 3},  {"open cone", &kOpenCone, 5, 8, 4},
-               {"bow-tie", &kBowTie, 5, 6, 2},    {"three on one edge", &kThreeOnEdge, 5, 8, 3},
-               {"square", &kSquare, 4, 5, 2}};
-  for (const Case& c : cases) {
-    Fixture f(*c.shape);
-    EXPECT_EQ(validateText(f.mesh), "") << c.name;
-    EXPECT_EQ(qvVtxCount(f.mesh->vtx), c.nv) << c.name;
-    EXPECT_EQ(qvEdgCount(f.mesh->edg), c.ne) << c.name;
-    EXPECT_EQ(qvTriCount(f.mesh->tri), c.nt) << c.name;
+TEST(Validate, NonManifoldFixturesAreValidAndTheCapFlagIsNoMark) {
+  for (const Shape* shape : {&kOpenFan, &kBowTie, &kThreeOnEdge, &kSquare}) {
+    Fixture f(*shape);
+    f.mesh->flags |= kMeshCapDone;  // the mesh's own flag, with a mark's value
+    EXPECT_EQ(validateText(f.mesh), "");
   }
-  Fixture f(kOctahedron);
-  f.mesh->flags |= kMeshCapDone;  // the mesh's own flag, not a mark
-  EXPECT_EQ(validateText(f.mesh), "");
   EXPECT_EQ(qvMeshValidate(nullptr, nullptr), 0);
 }
 
@@ -61,12 +48,9 @@ TEST(Validate, ReportsEachKindOfBreakageByItsInvariant) {
       {"held at rest", 2, [](Fixture& f) { return poke(f.mesh->held, f.mesh->vtx); }},
       {"short ndat", 3, [](Fixture& f) { return poke(f.v[0]->ndat, 2); }},
       {"foreign end", 4, [](Fixture& f) { return poke(f.e(0, 1)->ends[0], elsewhere); }},
-      {"one handle at both ends", 4, [](Fixture& f) { return poke(f.e(0, 1)->ends[1], f.e(0, 1)->ends[0]); }},
       {"derived end", 4, [](Fixture& f) { return poke(f.v[3]->flags, f.v[3]->flags | kVtxDerived); }},
       {"first edges apart", 5, [](Fixture& f) { return poke(f.t[0]->edg[1], f.e(1, 3)); }},
-      {"third edge open", 5, [](Fixture& f) { return poke(f.t[0]->edg[2], f.e(1, 3)); }},
       {"adj one way", 6, [](Fixture& f) { return poke(f.t[2]->adj[2], nullptr); }},  // across 0-2
-      {"adj to itself", 6, [](Fixture& f) { return poke(f.t[1]->adj[2], f.t[1]); }},
       {"edge in no triangle", 7, [](Fixture& f) {
          qvEdg* e = qvEdgNew(f.h(1), f.h(2), 0, 0);
          f.mesh->edg = qvEdgConcat(e, f.mesh->edg);
@@ -76,12 +60,9 @@ TEST(Validate, ReportsEachKindOfBreakageByItsInvariant) {
       // it: that edge in 3 triangles, the third face's own in none.
       {"edge of three faces", 7, [](Fixture& f) { return poke(f.t[2]->edg[0], f.t[0]->edg[0]); }, &kThreeOnEdge},
       {"vertex tag", 8, [](Fixture& f) { return poke(f.v[2]->tag, 3); }},
-      {"vertex aux", 8, [](Fixture& f) { return poke(f.v[2]->aux, f.t[0]); }},
       {"edge own", 8, [](Fixture& f) { return poke(f.mesh->edg->own, f.t[0]); }},
       {"triangle cache", 8, [](Fixture& f) { return poke(f.t[3]->cache, reinterpret_cast<qvTriCache*>(someCache)); }},
-      {"triangle aux", 8, [](Fixture& f) { return poke(f.t[3]->aux[1], f.t[0]); }},
       {"vertex mark", 9, [](Fixture& f) { return poke(f.v[1]->flags, f.v[1]->flags | kVtxMarkVisit); }},
-      {"triangle mark", 9, [](Fixture& f) { return poke(f.t[2]->flags, f.t[2]->flags | kTriMarkFlood); }},
   };
   for (const Case& c : cases) {
     Fixture f(*c.shape);

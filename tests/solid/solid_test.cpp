@@ -61,13 +61,11 @@ TEST(ExtractSolids, LimitsAreStrictCapsCloseAndOpenShellsGoAtTheEnd) {
   const Case cases[] = {
       {"area and cap exactly at their limits", kBowl + kCube, 6.0, 4.0, 0.5, 2, 12 + 10 + 4},
       {"no limits cap every hole", kBowl + kCube, kUnlimited, 0, 0, 2, 26},
-      {"capped bowl below the volume", kBowl + kCube, 6.0, 4.0, 1.5, 1, 12},
       // The cube encloses 27, and its volume sums to exactly that.
       {"volume exactly at the limit", kBowl + kCube, 6.0, 4.0, 27.0, 1, 12},
       // Welded, the cube is closed; a gap would need a cap of some area.
       {"corners within the welding tolerance join", kNudgedCube, 0.0, 0.0, 0.0, 1, 12},
       {"hole above the limit", kBowl + kCube, 6.0, 3.5, 0.0, 1, 12},
-      {"area below the limit", kBowl + kCube, 6.5, 4.0, 1.0, 1, 12},
       {"only open surfaces", kBowl + box({5, 0, 0}, {8, 3, 3}, true), 0.09, 0.09, 0.027, 0, 0},
   };
   for (const Case &c : cases) {
@@ -79,42 +77,11 @@ TEST(ExtractSolids, LimitsAreStrictCapsCloseAndOpenShellsGoAtTheEnd) {
               c.solids)
         << c.name;
     EXPECT_EQ(fs::file_size(solid), 84u + 50u * c.facets) << c.name;
+    EXPECT_EQ(countField(solid), c.facets) << c.name;
   }
 }
 
-TEST(ExtractSolids, FileWithoutFacetsFailsAndWritesNothing) {
-  const double limit = 1.0;
-  for (const std::string &bytes : {binaryStl({}), asciiStl({})}) {
-    const std::string reduced = tempPath("empty.stl"), solid = tempPath("never.stl");
-    writeBytes(reduced, bytes);
-    EXPECT_EQ(extractSolids(reduced.c_str(), solid.c_str(), &limit, &limit, &limit), -1);
-    EXPECT_FALSE(fs::exists(solid));
-  }
-}
-
-TEST(SelectShells, OneBadShellFailsTheWholeSelectionAfterEarlierDrops) {
-  const std::string name = tempPath("three.stl");
-  writeBytes(name, binaryStl(kSpeck + kCube + box({20, 0, 0}, {21, 1, 1})));
-  int64_t status = 0;
-  qvMesh *chain = stlReadMesh(name.c_str(), &status);
-  const double tol[2] = {1e-06, 1e-12};
-  ASSERT_EQ(qvMeshAssemble(chain, tol), 3);
-  // The cube's analysis says it is no valid surface; the third shell is good.
-  qvMesh *cube = chain->next;
-  cube->topo = qvTopoNew();
-  cube->topo->result = 5;
-  const double area = 1.0;
-  int32_t count = 0;
-  qvMesh *head = selectAssembled(chain, nullptr, &area, nullptr, &count);
-  EXPECT_EQ(count, -1);
-  EXPECT_EQ(head, cube); // the speck was dropped before the cube failed
-  EXPECT_EQ(qvMeshCount(head), 2);
-  qvMeshDeleteAll(head);
-}
-
-TEST(SelectShells, OpenShellsCountAndAChainedMeshIsRefused) {
-  // Open shells pass and count, with no volume test; only the extraction
-  // removes them.
+TEST(SelectShells, OpenShellsPassWithNoVolumeTestAndAChainedMeshIsRefused) {
   const std::string name = tempPath("open.stl");
   writeBytes(name, binaryStl(kBowl + kCube));
   int64_t status = 0;
@@ -123,17 +90,9 @@ TEST(SelectShells, OpenShellsCountAndAChainedMeshIsRefused) {
   qvMesh *head = selectShells(stlReadMesh(name.c_str(), &status), &volume, nullptr, &hole, &count);
   ASSERT_EQ(count, 2);
   EXPECT_EQ(head->topo->nLoop + head->next->topo->nLoop, 1);
+  EXPECT_EQ(selectShells(head->next, nullptr, nullptr, nullptr, &count), head->next);
+  EXPECT_EQ(count, -1);
   qvMeshDeleteAll(head);
-
-  // A mesh that stands in a chain, or none at all, is refused as it is.
-  qvMesh *a = qvMeshNew(nullptr, nullptr, nullptr, 0), *b = qvMeshNew(nullptr, nullptr, nullptr, 0);
-  qvMeshConcat(a, b);
-  EXPECT_EQ(selectShells(b, nullptr, nullptr, nullptr, &count), b);
-  EXPECT_EQ(count, -1);
-  EXPECT_EQ(b->prev, a);
-  EXPECT_EQ(selectShells(nullptr, nullptr, nullptr, nullptr, &count), nullptr);
-  EXPECT_EQ(count, -1);
-  qvMeshDeleteAll(a);
 }
 
 // Runs the tool in dir; the exit status, with standard output in out.txt.
@@ -141,27 +100,22 @@ int runTool(const fs::path &dir, const std::string &args) {
   return runCommand("cd '" + dir.string() + "' && '" FT_BINARY_DIR "/FacetTrim' " + args + " > out.txt");
 }
 
+// The limits themselves are judged on extractSolids above; here the tool's
+// own part: the -t-derived limits, the report line and the failures.
 TEST(SolidTool, ReportCountsSolidsAndFailuresKeepTheReducedFile) {
-  const std::vector<Facet> twoCubes = readBinaryFacets(dataPath("two-cubes-edge.stl"));
   struct Case {
     std::vector<Facet> input;
-    std::string args; // behind "part.stl -oout.stl"
-    int solids;       // -1: the run fails
-    int facets;       // in solid.stl; -1 not checked
+    std::string args;  // behind "part.stl -oout.stl"
+    int solids;        // -1: the run fails
   };
   const Case cases[] = {
-      {kBowl, "-t0.1 -qh -ssolid.stl", 0, 0},
       // Limits 0: nothing is too small, and only caps of no area are accepted.
-      {kSpeck + kBowl, "-t0 -qh -ssolid.stl", 1, 12},
-      {kSlab + kSpeck, "-t1 -qh -ssolid.stl", 0, 0},
+      {kSpeck + kBowl, "-t0 -qh -ssolid.stl", 1},
+      {kSlab + kSpeck, "-t1 -qh -ssolid.stl", 0},
       // Area limits 9, volume limit -27: the slab stays however thin.
-      {kSlab + kSpeck, "-t-1 -qh -ssolid.stl", 1, -1},
-      {twoCubes, "-t0 -qh -ssolid.stl", 2, -1},
-      // Extraction follows the reduction alike for every method; -qh stands for all.
-      {twoCubes, "-t0.01 -qh -ssolid.stl", 2, -1},
+      {kSlab + kSpeck, "-t-1 -qh -ssolid.stl", 1},
       // Every facet degenerate: the reduced file holds none.
-      {{{1, 1, 1, 1, 1, 1, 1, 1, 1}}, "-qh -ssolid.stl", -1, -1},
-      {kBowl + kCube, "-qh -smissing/solid.stl", -1, -1},
+      {{{1, 1, 1, 1, 1, 1, 1, 1, 1}}, "-qh -ssolid.stl", -1},
   };
   for (const Case &c : cases) {
     const fs::path dir = tempPath("run");
@@ -173,14 +127,10 @@ TEST(SolidTool, ReportCountsSolidsAndFailuresKeepTheReducedFile) {
     EXPECT_TRUE(fs::exists(dir / "out.stl")) << where;
     if (c.solids < 0) {
       EXPECT_EQ(fileBytes(dir / "out.txt"), "ERROR: REDUCTION NOT POSSIBLE !\n") << where;
-      EXPECT_FALSE(fs::exists(dir / "out.log")) << where;
       continue;
     }
     const std::string line = "    number of solids:    " + std::to_string(c.solids) + " \n";
     EXPECT_NE(fileBytes(dir / "out.log").find(line), std::string::npos) << where;
-    if (c.facets >= 0) {
-      EXPECT_EQ(fs::file_size(dir / "solid.stl"), 84u + 50u * c.facets) << where;
-    }
   }
 }
 

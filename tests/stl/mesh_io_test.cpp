@@ -1,5 +1,8 @@
-// Facets into unassembled meshes: one triangle per facet on three vertices of
-// its own, in reading order or run order, coordinates widened exactly.
+// Facets into unassembled meshes and back: one triangle per facet on three
+// vertices of its own, in reading order, coordinates widened exactly; written
+// with new normals, little-endian records and the exact ASCII statement. The
+// runs built from pointers and keys are judged through the drivers, which
+// write the same bytes by either route.
 #include "stl_files.h"
 
 #include "mesh/qvMesh.h"
@@ -15,20 +18,35 @@ std::vector<Facet> meshFacets(qvMesh *mesh) {
     double *corner[3];
     EXPECT_EQ(qvTriCoords(t, 0, corner), 0);
     Facet &facet = facets.emplace_back();
-    for (int i = 0; i < 9; ++i) {
-      facet[i] = static_cast<float>(corner[i / 3][i % 3]);
-    }
+    for (int i = 0; i < 9; ++i) facet[i] = static_cast<float>(corner[i / 3][i % 3]);
   }
   EXPECT_EQ(mesh ? qvVtxCount(mesh->vtx) : 0, 3 * static_cast<int>(facets.size()));
   qvMeshFree(mesh);
   return facets;
 }
 
+qvMesh *meshOf(const std::vector<Facet> &facets) {
+  const std::string path = tempPath("facets.stl");
+  writeBytes(path, binaryStl(facets));
+  int64_t status;
+  return stlReadMesh(path.c_str(), &status);
+}
+
+// Writes mesh with the writer into a file, releases the mesh, returns the bytes.
+std::string written(int (*writer)(const qvMesh *, int, FILE *), qvMesh *mesh) {
+  const std::string path = tempPath("mesh.out");
+  FILE *file = std::fopen(path.c_str(), "wb");
+  EXPECT_EQ(writer(mesh, 0, file), qvTriCount(mesh->tri));
+  std::fclose(file);
+  qvMeshFree(mesh);
+  return fileBytes(path);
+}
+
 TEST(MeshFromFacets, WholeFileReadsInReadingOrderOrFailsNegative) {
   const std::vector<Facet> ramp = rampFacets(5);
   const struct {
     std::string bytes;
-    int64_t status; // -9: any negative status, and no mesh
+    int64_t status;  // -9: any negative status, and no mesh
     std::vector<Facet> facets;
   } cases[] = {
       {binaryStl(ramp), 5, ramp},
@@ -48,35 +66,33 @@ TEST(MeshFromFacets, WholeFileReadsInReadingOrderOrFailsNegative) {
   }
 }
 
-TEST(MeshFromFacets, RunsBuildInRunOrderFromPointersAndFromKeysInBothFormats) {
-  const std::vector<Facet> ramp = rampFacets(7);
-  const int run[] = {5, 0, 6, 2, 3};
-  std::vector<Facet> expected;
-  FacetRec records[5];
-  FacetRec *table[5];
-  FacetKey keys[5];
-  for (int i = 0; i < 5; ++i) {
-    expected.push_back(ramp[run[i]]);
-    std::memcpy(records[i].v, ramp[run[i]].data(), sizeof(FacetRec));
-    table[i] = &records[i];
-    keys[i] = {run[i], 0.0f};
+TEST(StlWriteMesh, NormalIsUnitOrZeroByTheCrossProductsLength) {
+  const struct {
+    Facet facet;
+    float normal[3];
+  } cases[] = {
+      {{0, 0, 0, 2, 0, 0, 0, 3, 0}, {0, 0, 1}},
+      {{0, 0, 0, 0, 3, 0, 2, 0, 0}, {0, 0, -1}},
+      {{1, 1, 1, 1, 1, 1, 5, 5, 5}, {0, 0, 0}},             // zero area
+      {{0, 0, 0, 0, 1e-3f, 0, 0, 0, 0.9e-3f}, {0, 0, 0}},  // cross 0.9e-06
+      {{0, 0, 0, 0, 1e-3f, 0, 0, 0, 1.1e-3f}, {1, 0, 0}},  // cross 1.1e-06
+  };
+  for (const auto &c : cases) {
+    const std::string bytes = written(stlWriteMeshBinary, meshOf({c.facet}));
+    ASSERT_EQ(bytes.size(), 50u);
+    float record[12];  // little-endian, as the tests' host is
+    std::memcpy(record, bytes.data(), sizeof record);
+    for (int i = 0; i < 12; ++i) EXPECT_NEAR(record[i], i < 3 ? c.normal[i] : c.facet[i - 3], 1e-6) << i;
+    EXPECT_EQ(bytes.substr(48), std::string(2, '\0'));
   }
-  int status = 99;
-  EXPECT_EQ(meshFacets(meshFromPointers(table, 5, &status)), expected);
-  EXPECT_EQ(meshFromPointers(table, 0, &status), nullptr);
-  EXPECT_EQ(status, 0);
-  const std::string path = tempPath("keys.stl");
-  const FacetKey beyond[] = {{1, 0.0f}, {7, 0.0f}};
-  for (int format : {kStlBinary, kStlAscii}) {
-    writeBytes(path, format == kStlBinary ? binaryStl(ramp) : asciiStl(ramp));
-    int64_t binaryStatus;
-    FILE *file = format == kStlBinary ? stlOpenBinary(path.c_str(), &binaryStatus)
-                                      : stlOpenAscii(path.c_str(), &status);
-    EXPECT_EQ(meshFacets(meshFromKeys(file, format, keys, 5, &status)), expected) << format;
-    EXPECT_EQ(meshFromKeys(file, format, beyond, 2, &status), nullptr) << format;
-    EXPECT_EQ(status, -1) << format;
-    std::fclose(file);
-  }
+  EXPECT_EQ(written(stlWriteMeshAscii, meshOf({{-1.5f, 0, 2, 1000, 0, 2, -1.5f, 0.25f, 2}})),
+            "facet normal  0.000000  0.000000  1.000000\n"
+            "\touter loop\n"
+            "\t\tvertex     -1.500000     0.000000     2.000000\n"
+            "\t\tvertex   1000.000000     0.000000     2.000000\n"
+            "\t\tvertex     -1.500000     0.250000     2.000000\n"
+            "\tendloop\n"
+            "endfacet\n");
 }
 
-} // namespace
+}  // namespace

