@@ -25,6 +25,8 @@
 //  5. Every figure is the same for any thread count: samples are cut into chunks
 //     that depend on the mesh alone, each chunk is measured by one thread from a
 //     clean start, and the chunks' partial results are combined in chunk order.
+//     The certified bounds evaluate each piece from a clean start and gather
+//     each level in piece order.
 //  6. The distance from any set of samples to a surface without facets is
 //     +infinity; from a surface without facets to any surface it is 0 over 0
 //     samples.
