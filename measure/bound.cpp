@@ -24,7 +24,7 @@ constexpr double kAllowanceUlps = 32;           // delta = 32 u S
 constexpr double kRelative = 8 * kUnit;         // relative rounding of a computed length
 constexpr double kAllowanceGap = 4;             // without a tolerance, gaps of 4 delta settle
 constexpr int kCandidates = 4;                  // nearest triangles of three corners and the centre
-constexpr int64_t kPieceChunk = 64;             // pieces per unit of parallel work
+constexpr int64_t kPieceChunk = 256;            // pieces per unit of parallel work, one hint chain
 
 // One piece: a triangle of a facet of `from`, its corners on the facet's grid
 // of 2^depth steps per side, so that every corner is a dyadic combination.
@@ -252,9 +252,10 @@ bool facetInTriangle(const MeasureMesh *from, int32_t facet, const double t[3][3
   return true;
 }
 
-// Fills the piece's bounds; a pure function of the piece, so the order in which
-// threads evaluate pieces changes nothing.
-void evaluate(const Context *ctx, Piece *piece) {
+// Fills the piece's bounds. `hint` carries the last nearest triangle from piece
+// to piece within a chunk, which speeds the searches; chunks are fixed ranges
+// that start from no hint, so the figures do not depend on the threads.
+void evaluate(const Context *ctx, Piece *piece, int32_t *hint) {
   double a[3], b[3], c[3], ab[3], ac[3];
   corner(ctx->from, piece->facet, 0, a);
   corner(ctx->from, piece->facet, 1, b);
@@ -272,11 +273,10 @@ void evaluate(const Context *ctx, Piece *piece) {
   }
   const double *points[kCandidates] = {q[0], q[1], q[2], centre};
   int32_t slot[kCandidates];
-  int32_t hint = -1;
   double lower = 0;
   for (int k = 0; k < kCandidates; ++k) {
-    lower = std::max(lower, std::sqrt(measureTreeNearest(ctx->to, points[k], &hint)));
-    slot[k] = hint;
+    lower = std::max(lower, std::sqrt(measureTreeNearest(ctx->to, points[k], hint)));
+    slot[k] = *hint;
   }
   double tri[kCandidates][3][3];
   int distinct = 0;
@@ -362,9 +362,13 @@ void split(const Piece *parent, Piece child[4]) {
 }
 
 void evaluateAll(const Context *ctx, Piece *pieces, int64_t count, int threads) {
-#pragma omp parallel for num_threads(threads > 0 ? threads : 1) schedule(dynamic, kPieceChunk)
-  for (int64_t k = 0; k < count; ++k) {
-    evaluate(ctx, pieces + k);
+  const int64_t chunks = (count + kPieceChunk - 1) / kPieceChunk;
+#pragma omp parallel for num_threads(threads > 0 ? threads : 1) schedule(dynamic, 1)
+  for (int64_t c = 0; c < chunks; ++c) {
+    int32_t hint = -1;
+    for (int64_t k = c * kPieceChunk; k < std::min(count, (c + 1) * kPieceChunk); ++k) {
+      evaluate(ctx, pieces + k, &hint);
+    }
   }
 }
 
