@@ -2,8 +2,9 @@
 // did. Exit status 0 when measured (and, with a tolerance, certified within it),
 // 1 when the certified lower bound exceeds the tolerance or the vertex subset
 // check fails, 2 for bad usage or a file that cannot be measured, 3 when a
-// refinement limit leaves the tolerance between the certified bounds. Messages go to standard error, so that the
-// report on standard output stays clean for scripts.
+// refinement limit leaves the tolerance between the certified bounds. Messages
+// go to standard error, so that the report on standard output stays clean for
+// scripts.
 #include "measure/measure.h"
 
 #include <omp.h>
