@@ -27,6 +27,13 @@ void textBox(FILE *file, const char *label, const MeasureTopo *original, const M
                r[1], r[2]);
 }
 
+void textBound(FILE *file, const char *label, const MeasureBound *b) {
+  std::fprintf(file,
+               "%-22s lower %.9g, upper %.9g (allowance %.3g, %" PRId64 " pieces, depth %d%s)\n",
+               label, b->lower, b->upper, b->allowance, b->pieces, b->depth,
+               b->limited ? ", stopped by a limit" : "");
+}
+
 void textDistance(FILE *file, const char *label, const MeasureDistance *d) {
   std::fprintf(file, "%-22s max %.9g", label, d->max);
   if (d->samples > 0 && std::isfinite(d->max)) {
@@ -109,18 +116,43 @@ void jsonDistance(FILE *file, const char *key, const MeasureDistance *d) {
   }
   std::fprintf(file, ",\"samples\":%" PRId64 ",\"step\":", d->samples);
   jsonReal(file, d->step);
-  std::fprintf(file, ",\"capped\":%s}", d->capped ? "true" : "false");
+  std::fprintf(file, ",\"capped\":%s", d->capped ? "true" : "false");
+}
+
+void jsonBound(FILE *file, const MeasureBound *b) {
+  std::fprintf(file, ",\"lower\":");
+  jsonReal(file, b->lower);
+  std::fprintf(file, ",\"upper\":");
+  jsonReal(file, b->upper);
+  std::fprintf(file, ",\"allowance\":");
+  jsonReal(file, b->allowance);
+  std::fprintf(file, ",\"pieces\":%" PRId64 ",\"depth\":%d,\"limited\":%s", b->pieces, b->depth,
+               b->limited ? "true" : "false");
+}
+
+const char *verdictName(int32_t verdict) {
+  switch (verdict) {
+  case kVerdictWithin:
+    return "within";
+  case kVerdictBeyond:
+    return "beyond";
+  default:
+    return "undecided";
+  }
 }
 
 } // namespace
 
-// An infinite distance fails any tolerance, and so does a NaN, should one appear.
-int measureFails(const MeasureReport *report) {
-  if (!report || report->tolerance < 0) {
+// A subset violation fails whatever the bounds say; an infinite distance (an
+// empty reduced surface) has an infinite lower bound and fails any tolerance.
+int measureStatus(const MeasureReport *report) {
+  if (!report || !report->decide) {
     return 0;
   }
-  const bool within = report->originalToReduced.max <= report->tolerance;
-  return !within || report->subsetViolations != 0 ? 1 : 0;
+  if (report->subsetViolations != 0 || report->bound.verdict == kVerdictBeyond) {
+    return 1;
+  }
+  return report->bound.verdict == kVerdictWithin ? 0 : 3;
 }
 
 void measureWriteText(FILE *file, const MeasureReport *r) {
@@ -148,10 +180,12 @@ void measureWriteText(FILE *file, const MeasureReport *r) {
   }
   std::fprintf(file, "\n");
   textDistance(file, "original -> reduced", &r->originalToReduced);
+  textBound(file, "  certified", &r->bound);
   textDistance(file, "reduced -> original", &r->reducedToOriginal);
-  if (r->tolerance >= 0) {
+  if (r->decide) {
+    const int status = measureStatus(r);
     std::fprintf(file, "%-22s %.9g: %s\n", "tolerance", r->tolerance,
-                 measureFails(r) ? "FAILED" : "passed");
+                 status == 0 ? "passed" : status == 1 ? "FAILED" : "UNDECIDED");
   }
 }
 
@@ -171,13 +205,16 @@ void measureWriteJson(FILE *file, const MeasureReport *r) {
   }
   std::fprintf(file, ",");
   jsonDistance(file, "original_to_reduced", &r->originalToReduced);
-  std::fprintf(file, ",");
+  jsonBound(file, &r->bound);
+  std::fprintf(file, "},");
   jsonDistance(file, "reduced_to_original", &r->reducedToOriginal);
-  std::fprintf(file, ",\"tolerance\":");
-  if (r->tolerance >= 0) {
+  std::fprintf(file, "},\"tolerance\":");
+  if (r->decide) {
+    const int status = measureStatus(r);
     jsonReal(file, r->tolerance);
-    std::fprintf(file, ",\"pass\":%s}\n", measureFails(r) ? "false" : "true");
+    std::fprintf(file, ",\"verdict\":\"%s\",\"pass\":%s}\n", verdictName(r->bound.verdict),
+                 status == 0 ? "true" : status == 1 ? "false" : "null");
   } else {
-    std::fprintf(file, "null,\"pass\":null}\n");
+    std::fprintf(file, "null,\"verdict\":null,\"pass\":null}\n");
   }
 }

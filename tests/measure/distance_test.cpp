@@ -1,6 +1,7 @@
 // Distances against independent answers: dense brute-force sampling for the
-// point-to-triangle routine, a scan of every triangle for the tree, and
-// hand-computed Hausdorff distances for a bump, a facet, an edge and two boxes.
+// point-to-triangle routine and the certified bounds, a scan of every triangle
+// for the tree, and hand-computed Hausdorff distances for a bump, a facet and
+// an edge.
 #include "fixtures.h"
 
 #include <gtest/gtest.h>
@@ -51,6 +52,29 @@ MeasureDistance distance(const MeasureMesh &from, const MeasureMesh &to, double 
   EXPECT_EQ(measureDistance(&from, &tree, &sampling, threads, &d), 0);
   measureTreeFree(&tree);
   return d;
+}
+
+MeasureBound bound(const MeasureMesh &from, const MeasureMesh &to, bool decide = false,
+                   double tol = 0, int threads = 1) {
+  MeasureTree tree;
+  EXPECT_EQ(measureTreeBuild(&to, &tree), 0);
+  MeasureBound b;
+  EXPECT_EQ(measureBound(&from, &tree, decide, tol, threads, &b), 0);
+  measureTreeFree(&tree);
+  return b;
+}
+
+// A height field of n x n squares over [0, 1]^2 scaled by `scale`, with
+// pseudo-random heights below `relief` at the vertices (a function of the
+// vertex, so the facets stay joined), folded along x = 0.5 when `crease`.
+Soup heightField(int n, double relief, double scale, bool crease, double seed) {
+  Soup s = fixture::sheet(n);
+  for (size_t i = 0; i < s.size(); i += 3) {
+    const double x = s[i] / n, y = s[i + 1] / n, noise = std::sin(x * 91.7 + y * 37.3 + seed) * 4375.85;
+    s[i] = float(scale * x), s[i + 1] = float(scale * y);
+    s[i + 2] = float(scale * (relief * (noise - std::floor(noise)) + (crease ? 0.5 - std::fabs(0.5 - x) : 0)));
+  }
+  return s;
 }
 
 } // namespace
@@ -145,6 +169,57 @@ TEST(Hausdorff, BumpOnPlaneBothWaysAndTheEdgeMaximumNeedsEdgeSamples) {
   EXPECT_LT(missed.max, h / std::sqrt(1 + h * h) - 0.05);
 }
 
+// Random height fields and soups against random finer and coarser ones, flat
+// and creased, at 1e-4 and 1e4: the densely sampled maximum can never exceed the upper bound,
+// the lower bound never exceeds it by more than the sample step, the refinement
+// meets its gap, and deciding at either side of the bounds gives that verdict.
+TEST(Bound, BracketsTheDenseMaximumOfRandomSurfacesAtEveryScale) {
+  std::mt19937 random(2024);
+  std::uniform_real_distribution<float> unit(0, 1);
+  for (double scale : {1e-4, 1e4}) {
+    for (int shape = 0; shape < 4; ++shape) {
+      // Coarse against fine puts the maxima inside facets, fine against coarse at corners.
+      const bool coarse = shape == 1;
+      Soup from = heightField(coarse ? 2 : 6, coarse ? 0 : 0.1, scale, shape == 2, shape), to;
+      if (shape < 3) {
+        to = heightField(coarse ? 7 : 3, 0.1, scale, shape == 2, 10 + shape);
+      } else {
+        for (float &x : from) x = float(scale) * unit(random);
+        for (int t = 0; t < 9 * 6; ++t) to.push_back(float(scale) * unit(random));
+      }
+      SCOPED_TRACE(testing::Message() << "scale " << scale << " shape " << shape);
+      Welded a(from), b(to);
+      const double step = scale / 250, dense = distance(a.mesh, b.mesh, step).max;
+      const MeasureBound c = bound(a.mesh, b.mesh);
+      EXPECT_FALSE(c.limited);
+      EXPECT_GE(c.upper, dense);
+      EXPECT_LE(c.lower, dense + step);
+      EXPECT_LE(c.upper - c.lower, 1e-3 * c.upper);
+      EXPECT_LE(c.allowance, 64 * 0x1p-53 * scale);
+      EXPECT_EQ(bound(a.mesh, b.mesh, true, c.upper).verdict, kVerdictWithin);
+      EXPECT_EQ(bound(a.mesh, b.mesh, true, 0.99 * c.lower).verdict, kVerdictBeyond);
+    }
+  }
+}
+
+// The square split on one diagonal against the same square split on the other:
+// the nearest triangle changes inside both facets at distance 0, which the pair
+// bound settles without a split; identical facets certify exactly 0, so only
+// they pass a tolerance of 0, and no surface passes a negative one.
+TEST(Bound, CoplanarSplitCertifiesZeroAndToleranceZeroOrBelow) {
+  Soup other = fixture::square(0);
+  for (int k = 0; k < 3; ++k) other[6 + k] = other[15 + k], other[9 + k] = other[3 + k];
+  Welded flat(fixture::square(0)), split(other);
+  const MeasureBound c = bound(flat.mesh, split.mesh);
+  EXPECT_EQ(c.lower, 0);
+  EXPECT_LE(c.upper, 2 * c.allowance);
+  EXPECT_EQ(c.pieces, 2);
+  EXPECT_EQ(bound(flat.mesh, split.mesh, true, 1e-9).verdict, kVerdictWithin);
+  EXPECT_EQ(bound(flat.mesh, split.mesh, true, 0).verdict, kVerdictUndecided);
+  EXPECT_EQ(bound(flat.mesh, flat.mesh, true, 0).verdict, kVerdictWithin);
+  EXPECT_EQ(bound(flat.mesh, flat.mesh, true, -1e-30).verdict, kVerdictBeyond);
+}
+
 // Triangle (0,0), (4,0), (0,3) has its incircle of radius 1 at (1, 1). Raising
 // that point to height 1 makes three faces sloped at 45 degrees, so the flat
 // triangle strays by 1/sqrt(2) at its incentre, inside the facet, and nowhere
@@ -165,23 +240,13 @@ TEST(Hausdorff, MaximumInsideAFacetIsFoundWithinAStepAndMissedWithoutFaceSamples
   EXPECT_NEAR(found.at[1], 1, 2 * step);
   EXPECT_LT(distance(flat.mesh, tent.mesh, step, true, false).max, 1e-9);
   EXPECT_EQ(distance(tent.mesh, flat.mesh, step).max, 1);
+  const MeasureBound certified = bound(flat.mesh, tent.mesh);
+  EXPECT_GE(certified.upper, peak);
+  EXPECT_LE(certified.lower, peak);
+  EXPECT_LE(certified.upper - certified.lower, 1e-3 * peak);
 }
 
-// Box [-1, 1]^3 inside box [-2, 2]^3: every inner point is 1 from the outer
-// surface; the outer corners are sqrt(3) from the inner corners.
-TEST(Hausdorff, ConcentricBoxes) {
-  Welded outer(fixture::box(-2, 2)), inner(fixture::box(-1, 1));
-  const MeasureDistance in = distance(inner.mesh, outer.mesh, 0.1);
-  EXPECT_NEAR(in.max, 1, 1e-12);
-  EXPECT_NEAR(in.mean, 1, 1e-12);
-  EXPECT_NEAR(in.rms, 1, 1e-12);
-  const MeasureDistance out = distance(outer.mesh, inner.mesh, 0.1);
-  EXPECT_NEAR(out.max, std::sqrt(3.0), 1e-12);
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(std::fabs(out.at[i]), 2);
-  EXPECT_GT(out.samples, 24 * 20 * 20);
-}
-
-TEST(Hausdorff, CapGrowsTheStepAndEmptyTargetIsInfinite) {
+TEST(Hausdorff, CapGrowsTheStepAndEmptyTargetIsInfiniteAndFails) {
   Welded bump(fixture::square(0.5f)), flat(fixture::square(0));
   const MeasureDistance capped = distance(flat.mesh, bump.mesh, 0.001, true, true, 1, 5000);
   EXPECT_TRUE(capped.capped);
@@ -195,6 +260,8 @@ TEST(Hausdorff, CapGrowsTheStepAndEmptyTargetIsInfinite) {
   const MeasureDistance fromEmpty = distance(none.mesh, flat.mesh, 0.1);
   EXPECT_EQ(fromEmpty.max, 0);
   EXPECT_EQ(fromEmpty.samples, 0);
+  EXPECT_EQ(bound(flat.mesh, none.mesh, true, 1e30).verdict, kVerdictBeyond);
+  EXPECT_EQ(bound(none.mesh, flat.mesh, true, 0).upper, 0);
 }
 
 // Many chunks of uneven work; every figure must be bitwise the same.
@@ -205,9 +272,13 @@ TEST(Hausdorff, BitwiseSameForAnyThreadCount) {
   }
   Welded a(wavy), b(fixture::sheet(60));
   const MeasureDistance one = distance(a.mesh, b.mesh, 0.02, true, true, 1);
+  const MeasureBound first = bound(b.mesh, a.mesh, false, 0, 1);
   ASSERT_GT(one.samples, 100000);
+  ASSERT_GT(first.depth, 0);
   for (int threads : {2, 3, 7}) {
     const MeasureDistance many = distance(a.mesh, b.mesh, 0.02, true, true, threads);
+    const MeasureBound again = bound(b.mesh, a.mesh, false, 0, threads);
     EXPECT_EQ(std::memcmp(&one, &many, sizeof one), 0) << threads << " threads";
+    EXPECT_EQ(std::memcmp(&first, &again, sizeof first), 0) << threads << " threads";
   }
 }

@@ -80,3 +80,21 @@ inline void expectKept(const Original &original, const std::string &reduced, dou
   measureTreeFree(&tree);
   measureMeshFree(&mesh);
 }
+
+// FacetMeasure's certificate of original -> reduced decided against tol: the
+// verdict is kVerdictWithin when every point of the original is proven within
+// tol of the result, kVerdictBeyond when some point is proven further.
+inline MeasureBound certify(const Original &original, const std::string &reduced, double tol) {
+  MeasureMesh mesh = {};
+  MeasureTree tree = {};
+  MeasureBound bound = {};
+  bound.verdict = kVerdictUndecided;
+  const bool read = measureRead(reduced.c_str(), &mesh) >= 0 && measureTreeBuild(&mesh, &tree) == 0;
+  EXPECT_TRUE(read) << reduced;
+  if (read) {
+    EXPECT_EQ(measureBound(&original.mesh, &tree, true, tol, 2, &bound), 0) << reduced;
+  }
+  measureTreeFree(&tree);
+  measureMeshFree(&mesh);
+  return bound;
+}

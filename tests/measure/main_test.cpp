@@ -1,5 +1,5 @@
 // The built FacetMeasure as a script meets it: exit statuses for usage, bad
-// input and the tolerance check, and the JSON line. That the figures are the
+// input and the tolerance's decision, and the JSON line. That the figures are the
 // same for any thread count is tested on the library.
 #include "fixtures.h"
 
@@ -54,8 +54,14 @@ TEST_F(Program, ExitStatusForUsageBadInputAndTolerance) {
       {bump_ + " " + broken, 2},
       {nan_ + " " + flat_, 2},
       {bump_ + " " + flat_, 0},
-      {bump_ + " " + flat_ + " --tolerance 0.5", 0},
+      {bump_ + " " + flat_ + " --tolerance inf", 2},
+      {bump_ + " " + flat_ + " --tolerance 0.501", 0},
       {bump_ + " " + flat_ + " --tolerance=0.49", 1},
+      {bump_ + " " + flat_ + " --tolerance -1", 1},
+      // The apex is exactly 0.5 away: no bound with an allowance can settle it.
+      {bump_ + " " + flat_ + " --tolerance 0.5", 3},
+      {flat_ + " " + flat_ + " --tolerance 0", 0},
+      {flat_ + " " + moved_ + " --tolerance 0", 1},
       {flat_ + " " + moved_ + " --tolerance 1", 1},
       {flat_ + " " + empty_ + " --tolerance 1", 1},
       {empty_ + " " + empty_, 0},
@@ -67,11 +73,15 @@ TEST_F(Program, ExitStatusForUsageBadInputAndTolerance) {
 
 TEST_F(Program, JsonLineCarriesTheFiguresAndNullForInfinity) {
   std::string out;
-  ASSERT_EQ(run(bump_ + " " + flat_ + " --json --step 0.25 --tolerance 0.5", &out), 0);
+  ASSERT_EQ(run(bump_ + " " + flat_ + " --json --step 0.25 --tolerance 0.501", &out), 0);
   EXPECT_EQ(out.find('\n'), out.size() - 1);
   EXPECT_NE(out.find("\"original_to_reduced\":{\"max\":0.5,"), std::string::npos) << out;
+  EXPECT_NE(out.find(",\"upper\":0.50000000000000"), std::string::npos) << out;
   EXPECT_NE(out.find("\"subset_violations\":0,"), std::string::npos);
-  EXPECT_NE(out.find("\"pass\":true}"), std::string::npos);
+  EXPECT_NE(out.find("\"verdict\":\"within\",\"pass\":true}"), std::string::npos);
+  ASSERT_EQ(run(bump_ + " " + flat_ + " --json --tolerance 0.5", &out), 3);
+  EXPECT_NE(out.find("\"limited\":true},"), std::string::npos) << out;
+  EXPECT_NE(out.find("\"verdict\":\"undecided\",\"pass\":null}"), std::string::npos);
   ASSERT_EQ(run(flat_ + " " + empty_ + " --json --tolerance 1", &out), 1);
   EXPECT_NE(out.find("\"original_to_reduced\":{\"max\":null,"), std::string::npos) << out;
   EXPECT_NE(out.find("\"reduced\":{\"file\":"), std::string::npos);
