@@ -37,50 +37,6 @@ constexpr bool kThreadSanitizer = true;  // ten times slower: tests take fewer c
 constexpr bool kThreadSanitizer = false;
 #endif
 
-// Samples per direction: the step a quarter of the tolerance where that fits;
-// every vertex of the original is a sample either way.
-constexpr int64_t kJudgeSamples = kThreadSanitizer ? 200000 : 2000000;
-
-// What a judged result may show beyond the bound, where a known shortfall of
-// the engine is recorded rather than hidden.
-struct Allowed {
-  double worst = 1.01;  // measured / tolerance accepted
-  int64_t slivers = 0;  // degenerate facets beyond the original's
-};
-
-// Checks what every reduction keeps: the file reads, each of its vertices is
-// bitwise a vertex of the original, no facet is added, the shells, closed
-// shells and V - E + F of the original stand (a crack along a cut would open a
-// shell), no degenerate facet (beyond allowed.slivers) or non-manifold edge is
-// added, and the original lies within allowed.worst * tol of the result,
-// measured on at most samples points.
-inline void expectKept(const Original &original, const std::string &reduced, double tol,
-                       const Allowed &allowed, const std::string &where, int64_t samples = kJudgeSamples) {
-  MeasureMesh mesh = {};
-  MeasureTopo topo = {};
-  MeasureTree tree = {};
-  MeasureDistance d = {};
-  int64_t first = 0;
-  const bool read = measureRead(reduced.c_str(), &mesh) >= 0 && measureTopology(&mesh, &topo) == 0 &&
-                    measureTreeBuild(&mesh, &tree) == 0;
-  EXPECT_TRUE(read) << where;
-  if (read) {
-    const MeasureSampling sampling = {tol / 4.0, samples, true, true};
-    EXPECT_EQ(measureDistance(&original.mesh, &tree, &sampling, 2, &d), 0) << where;
-    EXPECT_EQ(measureSubset(&original.mesh, &mesh, &first), 0) << where << ": a vertex is not an input vertex";
-    EXPECT_LE(topo.facets, original.topo.facets) << where;
-    const MeasureTopo &o = original.topo;
-    EXPECT_EQ(topo.shells, o.shells) << where;
-    EXPECT_EQ(topo.closedShells, o.closedShells) << where;
-    EXPECT_EQ(topo.vertices - topo.edges + topo.facets, o.vertices - o.edges + o.facets) << where;
-    EXPECT_LE(topo.degenerateFacets, o.degenerateFacets + allowed.slivers) << where;
-    EXPECT_LE(topo.nonManifoldEdges, o.nonManifoldEdges) << where;
-    EXPECT_LE(d.max, allowed.worst * tol) << where << ": " << d.max / tol << " of the tolerance";
-  }
-  measureTreeFree(&tree);
-  measureMeshFree(&mesh);
-}
-
 // FacetMeasure's certificate of original -> reduced decided against tol: the
 // verdict is kVerdictWithin when every point of the original is proven within
 // tol of the result, kVerdictBeyond when some point is proven further.
@@ -97,4 +53,31 @@ inline MeasureBound certify(const Original &original, const std::string &reduced
   measureTreeFree(&tree);
   measureMeshFree(&mesh);
   return bound;
+}
+
+// Checks what every reduction keeps: the file reads, each of its vertices is
+// bitwise a vertex of the original, no facet is added, the shells, closed
+// shells and V - E + F of the original stand (a crack along a cut would open a
+// shell), no degenerate facet or non-manifold edge is added, and FacetMeasure
+// proves every point of the original within tol of the result, with no slack.
+inline void expectKept(const Original &original, const std::string &reduced, double tol, const std::string &where) {
+  MeasureMesh mesh = {};
+  MeasureTopo topo = {};
+  int64_t first = 0;
+  const bool read = measureRead(reduced.c_str(), &mesh) >= 0 && measureTopology(&mesh, &topo) == 0;
+  EXPECT_TRUE(read) << where;
+  if (read) {
+    EXPECT_EQ(measureSubset(&original.mesh, &mesh, &first), 0) << where << ": a vertex is not an input vertex";
+    EXPECT_LE(topo.facets, original.topo.facets) << where;
+    const MeasureTopo &o = original.topo;
+    EXPECT_EQ(topo.shells, o.shells) << where;
+    EXPECT_EQ(topo.closedShells, o.closedShells) << where;
+    EXPECT_EQ(topo.vertices - topo.edges + topo.facets, o.vertices - o.edges + o.facets) << where;
+    EXPECT_LE(topo.degenerateFacets, o.degenerateFacets) << where;
+    EXPECT_LE(topo.nonManifoldEdges, o.nonManifoldEdges) << where;
+    const MeasureBound bound = certify(original, reduced, tol);
+    EXPECT_EQ(bound.verdict, kVerdictWithin) << where << ": proven between " << bound.lower / tol << " and "
+                                             << bound.upper / tol << " of the tolerance";
+  }
+  measureMeshFree(&mesh);
 }
