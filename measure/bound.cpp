@@ -292,6 +292,9 @@ void evaluate(const Context *ctx, Piece *piece, int32_t *hint) {
   if (piece->depth == 0) {
     for (int k = 0; k < distinct; ++k) {
       if (facetInTriangle(ctx->from, piece->facet, tri[k])) {
+        // A facet of the result itself: distance 0 exactly, whatever the
+        // nearest-point search made of its corners.
+        piece->lower = 0;
         piece->upper = 0;
         return;
       }
@@ -475,10 +478,10 @@ int measureBound(const MeasureMesh *from, const MeasureTree *to, bool decide, do
     upper = std::max(upper, level[k].upper);
   }
   std::free(level);
-  out->lower = lower;
+  out->lower = std::min(lower, upper);  // the search's rounding can't lift it above a proof
   out->upper = upper;
   if (decide) {
-    out->verdict = lower > tolerance     ? kVerdictBeyond
+    out->verdict = out->lower > tolerance ? kVerdictBeyond
                    : upper <= tolerance ? kVerdictWithin
                                         : kVerdictUndecided;
   }

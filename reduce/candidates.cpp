@@ -204,7 +204,9 @@ struct OrderEntry {
   uint32_t id;   // the vertex's index in byAddr
 };
 
+// Scores, then seq: a total order, as no two entries share a seq.
 bool entryBefore(const OrderEntry& a, const OrderEntry& b) {
+  assert(a.seq != b.seq || a.id == b.id);
   return a.score < b.score || (a.score == b.score && a.seq < b.seq);
 }
 // std::push_heap and pop_heap keep the largest first: invert.

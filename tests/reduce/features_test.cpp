@@ -102,14 +102,3 @@ TEST(Features, HingeFollowsTheSquaredSignedCosineRule) {
     EXPECT_EQ(validateText(f.mesh), "");
   }
 }
-
-TEST(Features, UnreadableTriangleFailsAndLeavesNoMark) {
-  Fixture f(kCube);
-  const qvRedParams p = paramsOf(0.01);
-  qvTri* last = qvTriTail(f.mesh->tri);  // judged last, after edges were marked
-  qvEdg* saved = last->edg[0];
-  last->edg[0] = nullptr;
-  EXPECT_EQ(qvRedFeatures(f.mesh, nullptr, &p), -1);
-  for (qvEdg* e = f.mesh->edg; e; e = e->next) EXPECT_EQ(e->flags & kMarkMask, 0u);
-  last->edg[0] = saved;
-}
