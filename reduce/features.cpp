@@ -1,5 +1,6 @@
 // Feature classification: before a reduction, the edges where the surface
 // folds are marked so that the engine keeps them.
+#include <algorithm>
 #include <cmath>
 
 #include "reduce/reduce_internal.h"
@@ -8,7 +9,6 @@ namespace {
 
 constexpr double kDefaultFold2 = 0.96984631;  // cos^2 of 10 degrees, to eight places
 constexpr double kDegToRad = 0.017453292519943295;
-constexpr double kPairFloorShare = 0.25;  // a pair is too small to judge when both |n| < tol2 * 0.25
 
 inline double dot3(const double* a, const double* b) {
   return a[0] * b[0] + a[1] * b[1] + a[2] * b[2];
@@ -31,12 +31,16 @@ struct LazyNormal {
   }
 };
 
-// The judgement of one edge between t (normal a) and its neighbour: 1 a
-// feature, 0 not, -1 when the neighbour's normal can't be had.
-int32_t judge(LazyNormal& a, qvTri* n, double c2, double eps) {
+// The judgement of the edge e between t (normal a) and its neighbour: 1 a
+// feature, 0 not, -1 when the neighbour's normal can't be had. A fold is a
+// feature when it is sharper than the angle and visible at the tolerance:
+// flattening it would move the lower of the two triangles (its height over
+// e) by more than tol, that is min(h1, h2) * sin(fold) > tol, with the sine
+// taken as 1 past 90 degrees. Squared, every term is a length to the power
+// it should be, so the rule holds at any scale.
+int32_t judge(LazyNormal& a, qvTri* n, const qvEdg* e, double c2, double tol2) {
   LazyNormal b{n, false, {0.0, 0.0, 0.0}, 0.0};
   if (!a.get() || !b.get()) return -1;
-  if (a.len2 < eps && b.len2 < eps) return 0;  // the pair is too small to judge
   // The cosine of the fold, squared with its sign kept. The threshold is
   // compared with a squared cosine, so an angle above 90 degrees acts as its
   // supplement, while the sign makes a fold past 90 degrees count for any
@@ -46,7 +50,12 @@ int32_t judge(LazyNormal& a, qvTri* n, double c2, double eps) {
   if (!(den > 0.0)) return 0;
   const double ab = dot3(a.n, b.n);
   const double s = ab * std::fabs(ab) / den;
-  return c2 > s ? 1 : 0;
+  if (!(c2 > s)) return 0;
+  const double e2 = qvEdgLen2(e);
+  if (!(e2 > 0.0)) return 0;
+  const double sin2 = s > 0.0 ? 1.0 - s : 1.0;
+  const double h2 = std::min(a.len2, b.len2) / e2;  // the lower height, squared
+  return h2 * sin2 > tol2 ? 1 : 0;
 }
 
 }  // namespace
@@ -59,11 +68,6 @@ int32_t qvRedFeatures(qvMesh* mesh, const double* angle, const qvRedParams* para
     const double c = std::cos(*angle * kDegToRad);
     c2 = c * c;
   }
-  // A triangle is too small to fold visibly at this tolerance when twice its
-  // area, |n|, is below a quarter of tol^2; judged on squares, both sides are
-  // lengths to the fourth power, so the rule holds at any scale.
-  const double floor = params->tol2 * kPairFloorShare;
-  const double eps = floor * floor;
 
   int32_t count = 0;
   bool failed = false;
@@ -79,7 +83,7 @@ int32_t qvRedFeatures(qvMesh* mesh, const double* angle, const qvRedParams* para
       if (e->flags & kEdgMarkVisit) continue;
       e->flags |= kEdgMarkVisit;
       if (!t->adj[i]) continue;  // a boundary edge is never a feature
-      const int32_t r = judge(a, t->adj[i], c2, eps);
+      const int32_t r = judge(a, t->adj[i], e, c2, params->tol2);
       if (r < 0) {
         failed = true;
         break;

@@ -183,8 +183,9 @@ int32_t qvValenceClear(qvMesh *mesh);
 // Marks the edges where the surface folds by more than the angle (degrees; null
 // for 10) as features (kEdgFeatureSet) and their ends with kVtxFeatureEnd. Each
 // edge is judged once, by its first triangle in the list; a boundary edge, a
-// pair whose normals (twice their areas) are both shorter than tol2 / 4, and a
-// pair with a zero normal are not features. Result: the number of feature edges, 0 for a null
+// fold too shallow to show at the tolerance (the lower triangle's height over
+// the edge times the fold's sine, 1 past 90 degrees, at most tol), and a pair
+// with a zero normal are not features. Result: the number of feature edges, 0 for a null
 // mesh, -1 when a triangle's corners can't be read or params is null.
 int32_t qvRedFeatures(qvMesh *mesh, const double *angle, const qvRedParams *params);
 

@@ -1,5 +1,5 @@
 // Feature classification against hand answers: the edges of a cube, the
-// crease of a sheet, and the fold of a hinge at each angle of the rule.
+// crease of a sheet, and the fold of a hinge at each angle and size of the rule.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -88,8 +88,10 @@ TEST(Features, HingeFollowsTheSquaredSignedCosineRule) {
       // an exact right angle has s = 0 below it and is a feature.
       {90.0, 89, 1, 0.01, false}, {90.0, 90, 1, 0.01, true}, {90.0, 91, 1, 0.01, true},
       {170.0, 9, 1, 0.01, false}, {170.0, 11, 1, 0.01, true},  // acts as 10
-      {{}, 90, 1, 3, false},    // both squared normals below tol2 / 4: not judged
-      {{}, 45, 0.01, 1, true},  // only one below: judged
+      // Visible at the tolerance: the lower height times the sine above tol.
+      {{}, 90, 1, 0.99, true}, {{}, 90, 1, 1.01, false},
+      {{}, 45, 1, 0.7, true},   {{}, 45, 1, 0.71, false}, {{}, 135, 0.5, 0.49, true},
+      {{}, 45, 0.01, 0.01, false},  // the low triangle decides
       {{}, 45, 0, 0.01, false},  // a zero normal: not a feature, and no failure
   };
   for (const Case& c : cases) {
