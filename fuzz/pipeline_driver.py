@@ -827,8 +827,10 @@ def main():
     if refused_by_place:
         print("refusals by first failure (FT_TRACE=1): %s" % ", ".join(
             "%s %d" % kv for kv in sorted(refused_by_place.items(), key=lambda kv: -kv[1])))
-    print("undecided by FacetMeasure's allowance or limits, output not the input's facets: %d%s" % (
-        len(undecided), (": " + "; ".join(undecided[:10])) if undecided else ""))
+    at_zero = [u for u in undecided if u.endswith(" at t 0)")]
+    others = [u for u in undecided if not u.endswith(" at t 0)")]
+    print("undecided by FacetMeasure's allowance or limits, output not the input's facets: %d at t = 0, "
+          "%d at t > 0%s" % (len(at_zero), len(others), (": " + "; ".join(others[:10])) if others else ""))
     print("largest certified upper bound / |t| where decided: %.4g (%s); slowest case %.2f s (%s); %.0f s in all" % (
         worst[0], worst[1], slowest[0], slowest[1], time.monotonic() - start))
     return 1 if failed else 0
