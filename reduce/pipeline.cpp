@@ -9,6 +9,7 @@
 #include <initializer_list>
 #include <unordered_set>
 
+#include "kernels/failure.h"
 #include "reduce/reduce_internal.h"
 
 namespace {
@@ -25,7 +26,7 @@ void clearPinned(qvMesh* mesh) { qvVtxAndAll(mesh->vtx, ~kVtxPinned); }
 // its open boundaries. The number of loops capped, or -1.
 int32_t leafStart(qvMesh* mesh, const qvRedParams* params, const double* angle) {
   qvTopo topo;
-  if (!mesh || qvMeshTopo(mesh, &topo) != 0) return -1;
+  if (!mesh || qvMeshTopo(mesh, &topo) != 0) return FT_FAIL(-1);
   // A negative angle means no features at all.
   if (!(angle && *angle < 0.0) && qvRedFeatures(mesh, angle, params) < 0) return -1;
   return qvRedCapOpen(mesh);
@@ -181,7 +182,7 @@ int32_t runPass(qvMesh* mesh, const qvRedParams* given, bool full) {
     removed = full ? qvRedSweepFull(mesh, &params, &tr) : qvRedSweepFast(mesh, &params, &tr);
   qvTrialFree(&tr);
   qvCoverEnd(mesh, &params);
-  return removed;
+  return removed < 0 ? FT_FAIL(-1) : removed;
 }
 
 }  // namespace

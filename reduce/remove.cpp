@@ -15,6 +15,7 @@
 #include <initializer_list>
 #include <limits>
 
+#include "kernels/failure.h"
 #include "kernels/kernels.h"
 #include "reduce/reduce_internal.h"
 
@@ -553,7 +554,7 @@ int32_t trialAlong(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvTrial* t
   if (ok) return 0;
   qvTrialDrop(tr);
   if (tr->clean) (void)qvValenceClear(mesh);
-  return -1;
+  return FT_FAIL(-1);
 }
 
 }  // namespace
@@ -579,10 +580,10 @@ int32_t qvTrialCommit(qvMesh* mesh, qvTrial* tr, const qvRedParams* params) {
   tr->copy = nullptr;
   if (qvStarRetire(mesh, tr->star, tr->nStar, copy) != 0) {
     qvMeshFree(copy);
-    return -1;
+    return FT_FAIL(-1);
   }
   tr->v->flags |= kVtxRetired;
-  if (qvStarGraft(copy, mesh, kEdgMarkOuter) != 0 || qvTrialApply(tr) != 0) return -1;
+  if (qvStarGraft(copy, mesh, kEdgMarkOuter) != 0 || qvTrialApply(tr) != 0) return FT_FAIL(-1);
 #ifndef NDEBUG
   for (int32_t i = 0; i < tr->nPlan; ++i)
     assert(qvCoverCheckPiece(tr->homes[tr->plan[i].home].tri, tr->plan[i].piece, params) == 0);
