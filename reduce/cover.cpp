@@ -70,10 +70,11 @@ int32_t orient2dDrop(const double* a, const double* b, const double* c, int32_t 
   return d > 0.0 ? 1 : (d < 0.0 ? -1 : 0);
 }
 
+// Grows arr to hold need items, doubling from first.
 template <class T>
-bool reserve(T*& arr, int32_t& cap, int32_t need) {
+bool reserve(T*& arr, int32_t& cap, int32_t need, int32_t first = 32) {
   if (need <= cap) return true;
-  int32_t next = cap ? cap * 2 : 32;
+  int32_t next = cap ? cap * 2 : first;
   while (next < need) next *= 2;
   void* mem = std::realloc(arr, sizeof(T) * static_cast<size_t>(next));
   if (!mem) return false;
@@ -136,7 +137,8 @@ int32_t qvCoverAdd(qvTri* t, const qvPiece& piece) {
     if (!c) return -1;
     t->link = c;
   }
-  if (!reserve(c->p, c->cap, c->n + 1)) return -1;
+  // Most covers hold a handful of pieces: they start small.
+  if (!reserve(c->p, c->cap, c->n + 1, 2)) return -1;
   c->p[c->n++] = piece;
   return 0;
 }
