@@ -18,6 +18,7 @@
 #include <utility>
 
 #include "mesh/mesh_internal.h"
+#include "kernels/alloc.h"
 #include "kernels/failure.h"
 
 using ftmesh::listMoveToHead;
@@ -97,7 +98,7 @@ uintptr_t keyOf(const void* p) { return reinterpret_cast<uintptr_t>(p); }
 // An uninitialised array of n records from the heap, or null.
 template <class T>
 T* newArray(int32_t n) {
-  return static_cast<T*>(std::malloc(sizeof(T) * static_cast<size_t>(n)));
+  return static_cast<T*>(ftMalloc(sizeof(T) * static_cast<size_t>(n)));
 }
 
 // The nodes of the working lists. Millions of them are made and let go in
@@ -155,7 +156,7 @@ class RefPool {
   };
 
   bool grow() {
-    Block* b = static_cast<Block*>(std::malloc(sizeof(Block)));
+    Block* b = static_cast<Block*>(ftMalloc(sizeof(Block)));
     if (!b) return false;
     b->next = blocks_;
     blocks_ = b;
