@@ -11,10 +11,13 @@ elseif(NOT FT_SANITIZE STREQUAL "")
   message(FATAL_ERROR "FT_SANITIZE must be empty, asan-ubsan or tsan")
 endif()
 
-# Warnings and sanitizers, for product and test targets alike.
+# Warnings, sanitizers and the allocation counter, for product and test targets alike.
 function(ft_common target)
   target_compile_options(${target} PRIVATE -Wall -Wextra -Wshadow ${FT_SANITIZE_FLAGS})
   target_link_options(${target} PRIVATE ${FT_SANITIZE_FLAGS})
+  if(FT_ALLOC_FAULTS)
+    target_compile_definitions(${target} PRIVATE FT_ALLOC_FAULTS)
+  endif()
 endfunction()
 
 # A product library or program: the common settings, no exceptions, no RTTI,

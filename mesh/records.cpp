@@ -3,6 +3,7 @@
 #include <cstring>
 #include <new>
 
+#include "kernels/alloc.h"
 #include "mesh/qvMesh.h"
 
 namespace {
@@ -13,7 +14,7 @@ qvVtx* vtxMake(uint32_t flags, int32_t ndat, const double* src) {
   flags &= ~kVtxOwnBlock;
   if (ndat <= 0 || ndat < qvVtxDataSize(flags)) return nullptr;
   const size_t bytes = sizeof(qvVtx) + static_cast<size_t>(ndat) * sizeof(double);
-  void* mem = std::malloc(bytes);
+  void* mem = ftMalloc(bytes);
   if (!mem) return nullptr;
   qvVtx* v = new (mem) qvVtx{};
   v->flags = flags;
@@ -28,7 +29,7 @@ qvVtx* vtxMake(uint32_t flags, int32_t ndat, const double* src) {
 
 template <class T>
 T* recordMake() {
-  void* mem = std::malloc(sizeof(T));
+  void* mem = ftMalloc(sizeof(T));
   if (!mem) return nullptr;
   return new (mem) T{};
 }

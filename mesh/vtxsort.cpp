@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "kernels/alloc.h"
 #include "mesh/qvMesh.h"
 
 namespace {
@@ -43,8 +44,8 @@ bool keyBefore(const SortKey& a, const SortKey& b) {
 // Puts the n vertices of order into sorted order; false if memory ran out,
 // with order as it was.
 bool sortVertices(qvVtx** order, int32_t n, int axis, bool descending) {
-  SortKey* keys = static_cast<SortKey*>(std::malloc(static_cast<size_t>(n) * sizeof(SortKey)));
-  qvVtx** sorted = static_cast<qvVtx**>(std::malloc(static_cast<size_t>(n) * sizeof(qvVtx*)));
+  SortKey* keys = static_cast<SortKey*>(ftMalloc(static_cast<size_t>(n) * sizeof(SortKey)));
+  qvVtx** sorted = static_cast<qvVtx**>(ftMalloc(static_cast<size_t>(n) * sizeof(qvVtx*)));
   if (!keys || !sorted) {
     std::free(keys);
     std::free(sorted);
@@ -144,7 +145,7 @@ int32_t qvMeshSortVtx(qvMesh* mesh, uint32_t request, qvBox* box) {
     return 0;
   }
 
-  qvVtx** order = static_cast<qvVtx**>(std::malloc(static_cast<size_t>(n) * sizeof(qvVtx*)));
+  qvVtx** order = static_cast<qvVtx**>(ftMalloc(static_cast<size_t>(n) * sizeof(qvVtx*)));
   if (!order) return -1;
   int32_t i = 0;
   bool first = true;

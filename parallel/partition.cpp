@@ -13,6 +13,7 @@
 #include <initializer_list>
 
 #include "parallel/parallel.h"
+#include "kernels/alloc.h"
 #include "kernels/failure.h"
 
 namespace {
@@ -306,7 +307,7 @@ qvTri *qvTriSort(qvTri *head, int32_t direction, int32_t axis, int32_t corner) {
   int32_t n = 0;
   for (const qvTri *t = head; t; t = t->next)
     if (++n > kSortMax) return nullptr;
-  qvTri **order = static_cast<qvTri **>(std::malloc(static_cast<size_t>(n) * sizeof(qvTri *)));
+  qvTri **order = static_cast<qvTri **>(ftMalloc(static_cast<size_t>(n) * sizeof(qvTri *)));
   if (!order) return nullptr;
 
   // Equal triangles keep their list order: the list position, held in tag

@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "kernels/alloc.h"
 #include "reduce/reduce_internal.h"
 
 namespace {
@@ -152,7 +153,7 @@ qvVtx* qvVtxSortScore(qvVtx* head, int32_t n, int32_t* err) {
   qvVtx* onStack[kStackSort];
   qvVtx** arr = onStack;
   if (n > kStackSort) {
-    arr = static_cast<qvVtx**>(std::malloc(sizeof(qvVtx*) * static_cast<size_t>(n)));
+    arr = static_cast<qvVtx**>(ftMalloc(sizeof(qvVtx*) * static_cast<size_t>(n)));
     if (!arr) {
       *status = -1;
       return head;
@@ -217,7 +218,7 @@ bool grow(T*& arr, size_t& cap, size_t need) {
   if (need <= cap) return true;
   size_t next = cap ? cap * 2 : 64;
   while (next < need) next *= 2;
-  void* mem = std::realloc(arr, next * sizeof(T));
+  void* mem = ftRealloc(arr, next * sizeof(T));
   if (!mem) return false;
   arr = static_cast<T*>(mem);
   cap = next;
@@ -299,9 +300,9 @@ bool orderStart(qvRedOrder* o, qvVtx* head) {
   *o = qvRedOrder{};
   const int32_t count = qvVtxCount(head);
   o->n = static_cast<uint32_t>(count);
-  o->byAddr = static_cast<qvVtx**>(std::malloc(sizeof(qvVtx*) * (o->n + 1)));
-  o->current = static_cast<uint32_t*>(std::malloc(sizeof(uint32_t) * (o->n + 1)));
-  o->retired = static_cast<qvVtx**>(std::malloc(sizeof(qvVtx*) * (o->n + 1)));
+  o->byAddr = static_cast<qvVtx**>(ftMalloc(sizeof(qvVtx*) * (o->n + 1)));
+  o->current = static_cast<uint32_t*>(ftMalloc(sizeof(uint32_t) * (o->n + 1)));
+  o->retired = static_cast<qvVtx**>(ftMalloc(sizeof(qvVtx*) * (o->n + 1)));
   if (!o->byAddr || !o->current || !o->retired) return false;
   uint32_t i = 0;
   for (qvVtx* v = head; v; v = v->next) o->byAddr[i++] = v;
@@ -317,7 +318,7 @@ bool orderStart(qvRedOrder* o, qvVtx* head) {
 // Relinks the vertex list: retired vertices in order of removal, the live
 // order, then those without a score. The new head, or null on failure.
 qvVtx* orderList(qvRedOrder* o) {
-  qvVtx** arr = static_cast<qvVtx**>(std::malloc(sizeof(qvVtx*) * (o->n + 1)));
+  qvVtx** arr = static_cast<qvVtx**>(ftMalloc(sizeof(qvVtx*) * (o->n + 1)));
   if (!arr) return nullptr;
   size_t k = 0;
   for (size_t i = 0; i < o->retiredN; ++i) arr[k++] = o->retired[i];
@@ -342,7 +343,7 @@ qvVtx* orderList(qvRedOrder* o) {
 
 int32_t qvRingMerge(qvRedOrder* order, qvVtx* const* ring, int32_t n) {
   qvVtx* onStack[kStackSort];
-  qvVtx** arr = n <= kStackSort ? onStack : static_cast<qvVtx**>(std::malloc(sizeof(qvVtx*) * static_cast<size_t>(n)));
+  qvVtx** arr = n <= kStackSort ? onStack : static_cast<qvVtx**>(ftMalloc(sizeof(qvVtx*) * static_cast<size_t>(n)));
   if (!arr) return -1;
   std::copy(ring, ring + n, arr);
   // Sorted first, stably: equal scores then enter in ring order, each behind

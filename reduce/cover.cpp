@@ -15,6 +15,7 @@
 #include <unordered_map>
 
 #include "kernels/predicates.h"
+#include "kernels/alloc.h"
 #include "reduce/reduce_internal.h"
 
 namespace {
@@ -76,7 +77,7 @@ bool reserve(T*& arr, int32_t& cap, int32_t need, int32_t first = 32) {
   if (need <= cap) return true;
   int32_t next = cap ? cap * 2 : first;
   while (next < need) next *= 2;
-  void* mem = std::realloc(arr, sizeof(T) * static_cast<size_t>(next));
+  void* mem = ftRealloc(arr, sizeof(T) * static_cast<size_t>(next));
   if (!mem) return false;
   arr = static_cast<T*>(mem);
   cap = next;
@@ -107,7 +108,7 @@ namespace {
 
 double* poolPoint(qvCoverPool* pool) {
   if (!pool->head || pool->used == kPoolChunk) {
-    auto* c = static_cast<qvCoverPool::Chunk*>(std::malloc(sizeof(qvCoverPool::Chunk)));
+    auto* c = static_cast<qvCoverPool::Chunk*>(ftMalloc(sizeof(qvCoverPool::Chunk)));
     if (!c) return nullptr;
     c->next = pool->head;
     pool->head = c;
@@ -133,7 +134,7 @@ void qvCoverFree(qvTri* t) {
 int32_t qvCoverAdd(qvTri* t, const qvPiece& piece) {
   auto* c = static_cast<qvCover*>(t->link);
   if (!c) {
-    c = static_cast<qvCover*>(std::calloc(1, sizeof(qvCover)));
+    c = static_cast<qvCover*>(ftCalloc(1, sizeof(qvCover)));
     if (!c) return -1;
     t->link = c;
   }
@@ -162,7 +163,7 @@ int32_t qvCoverStart(qvMesh* mesh, qvRedParams* params) {
   }
   const double lim = params->tol - params->eta;
   params->lim2 = lim > 0.0 ? lim * lim * (1.0 - 4.0 * kUnit) : -1.0;
-  auto* pool = static_cast<qvCoverPool*>(std::calloc(1, sizeof(qvCoverPool)));
+  auto* pool = static_cast<qvCoverPool*>(ftCalloc(1, sizeof(qvCoverPool)));
   if (!pool) return -1;
   pool->scale = scale;
   params->pool = pool;
@@ -270,7 +271,7 @@ int32_t rowOf(qvTrial* tr, const double* x) {
   if (2 * (tr->nRows + 1) > tr->slotCount) {
     int32_t count = tr->slotCount ? tr->slotCount * 2 : 256;
     while (2 * (tr->nRows + 1) > count) count *= 2;
-    auto* slots = static_cast<int32_t*>(std::malloc(sizeof(int32_t) * static_cast<size_t>(count)));
+    auto* slots = static_cast<int32_t*>(ftMalloc(sizeof(int32_t) * static_cast<size_t>(count)));
     if (!slots) return -1;
     std::free(tr->slots);
     tr->slots = slots;
@@ -526,7 +527,7 @@ double qvPieceBound(const double* const q[3], qvHome* homes, int32_t n) {
   double* r[3] = {nullptr, nullptr, nullptr};
   double bound = kInf;
   bool ok = true;
-  for (int k = 0; k < 3 && ok; ++k) ok = (r[k] = static_cast<double*>(std::malloc(sizeof(double) * (n + 1)))) != nullptr;
+  for (int k = 0; k < 3 && ok; ++k) ok = (r[k] = static_cast<double*>(ftMalloc(sizeof(double) * (n + 1)))) != nullptr;
   if (ok) {
     for (int k = 0; k < 3; ++k)
       for (int32_t j = 0; j < n; ++j) r[k][j] = qvHomeDist2(homes[j], q[k]);
@@ -586,7 +587,7 @@ int32_t qvTrialCertify(qvTrial* tr, const qvRedParams* params) {
     const qvCover* c = static_cast<const qvCover*>(tr->near[i]->link);
     count += c ? c->n : 0;
   }
-  Affected* affected = static_cast<Affected*>(std::malloc(sizeof(Affected) * static_cast<size_t>(count + 1)));
+  Affected* affected = static_cast<Affected*>(ftMalloc(sizeof(Affected) * static_cast<size_t>(count + 1)));
   if (!affected) return -1;
   int32_t n = 0;
   for (int32_t i = 0; i < tr->nStar; ++i) {

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "kernels/kernels.h"
+#include "kernels/alloc.h"
 #include "reduce/reduce_internal.h"
 
 namespace {
@@ -70,7 +71,7 @@ struct RingPoints {
   double (*pts)[3];
   int32_t n;
   explicit RingPoints(int32_t ring) : pts(local), n(0) {
-    if (ring > kStackPoints) pts = static_cast<double(*)[3]>(std::malloc(sizeof(double[3]) * ring));
+    if (ring > kStackPoints) pts = static_cast<double(*)[3]>(ftMalloc(sizeof(double[3]) * ring));
   }
   ~RingPoints() {
     if (pts != local) std::free(pts);

@@ -17,6 +17,7 @@
 
 #include "kernels/failure.h"
 #include "kernels/kernels.h"
+#include "kernels/alloc.h"
 #include "reduce/reduce_internal.h"
 
 namespace {
@@ -459,7 +460,7 @@ template <class T>
 bool push(T*& arr, int32_t& n, int32_t& cap, T x) {
   if (n == cap) {
     const int32_t next = cap ? cap * 2 : 16;
-    void* mem = std::realloc(arr, sizeof(T) * static_cast<size_t>(next));
+    void* mem = ftRealloc(arr, sizeof(T) * static_cast<size_t>(next));
     if (!mem) return false;
     arr = static_cast<T*>(mem);
     cap = next;
@@ -608,7 +609,7 @@ int32_t removeVertex(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvRedOrd
   // The ring outlives the trial that rescoring it makes.
   qvVtx* local[32];
   const int32_t n = tr->nRing;
-  qvVtx** ring = n <= 32 ? local : static_cast<qvVtx**>(std::malloc(sizeof(qvVtx*) * static_cast<size_t>(n)));
+  qvVtx** ring = n <= 32 ? local : static_cast<qvVtx**>(ftMalloc(sizeof(qvVtx*) * static_cast<size_t>(n)));
   if (!ring) return -1;
   std::copy(tr->ring, tr->ring + n, ring);
   const int32_t done = full ? qvRingRescore(mesh, order, ring, n, params, tr) : qvRingDefer(order, ring, n);

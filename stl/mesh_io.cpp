@@ -5,6 +5,7 @@
 // Facets are added at the head of the triangle list, so every builder reverses
 // the list once at the end to leave it in reading order or in run order.
 #include "stl/stl_internal.h"
+#include "kernels/alloc.h"
 #include "kernels/failure.h"
 
 #include "mesh/qvMesh.h"
@@ -168,8 +169,8 @@ qvMesh *meshFromKeys(FILE *file, int format, const FacetKey *keys, int count, in
     return nullptr;
   }
   const size_t size = static_cast<size_t>(count);
-  auto *order = static_cast<Fetch *>(std::malloc(sizeof(Fetch) * size));
-  auto *facets = static_cast<FacetRec *>(std::malloc(sizeof(FacetRec) * size));
+  auto *order = static_cast<Fetch *>(ftMalloc(sizeof(Fetch) * size));
+  auto *facets = static_cast<FacetRec *>(ftMalloc(sizeof(FacetRec) * size));
   qvMesh *mesh = order && facets ? newSoup() : nullptr;
   if (mesh) {
     for (int i = 0; i < count; ++i) {

@@ -6,6 +6,7 @@
 // records. Otherwise it is read as text, one fgets piece of at most 255
 // characters at a time, each piece parsed with a fixed sscanf pattern.
 #include "stl/stl_internal.h"
+#include "kernels/alloc.h"
 #include "kernels/failure.h"
 
 #include <sys/stat.h>
@@ -387,7 +388,7 @@ struct BlockFill {
 float *nextSlot(BlockFill *fill) {
   const int block = fill->filled / kFacetBlockSize;
   if (fill->filled % kFacetBlockSize == 0) {
-    fill->blocks[block] = static_cast<FacetBlock *>(std::malloc(sizeof(FacetBlock)));
+    fill->blocks[block] = static_cast<FacetBlock *>(ftMalloc(sizeof(FacetBlock)));
     if (!fill->blocks[block]) {
       return nullptr;
     }

@@ -4,6 +4,7 @@
 // Both tables are put in order by one routine over (key, ordinal) pairs, so
 // facets with equal keys keep their order in the file, and the two routes
 // order every file identically.
+#include "kernels/alloc.h"
 #include "stl/stl_internal.h"
 
 #include <cstdlib>
@@ -93,7 +94,7 @@ void radixPasses(FacetKey *keys, FacetKey *spare, size_t count, bool byKey) {
 void sortKeyTable(FacetKey *keys, int count) {
   FacetKey *spare = nullptr;
   if (count >= kRadixMinimum) {
-    spare = static_cast<FacetKey *>(std::malloc(sizeof(FacetKey) * static_cast<size_t>(count)));
+    spare = static_cast<FacetKey *>(ftMalloc(sizeof(FacetKey) * static_cast<size_t>(count)));
   }
   if (!spare) {
     std::sort(keys, keys + count, keyBefore);
@@ -123,7 +124,7 @@ FacetKey *readBinaryKeys(const char *name, int axis, int *count) {
     return nullptr;
   }
   const int total = static_cast<int>(status);
-  auto *keys = static_cast<FacetKey *>(std::malloc(sizeof(FacetKey) * static_cast<size_t>(total)));
+  auto *keys = static_cast<FacetKey *>(ftMalloc(sizeof(FacetKey) * static_cast<size_t>(total)));
   if (!keys) {
     std::fclose(file);
     *count = -2;
@@ -181,7 +182,7 @@ FacetKey *readAsciiKeys(const char *name, int axis, int *count) {
     return nullptr;
   }
   const int total = static_cast<int>(wanted);
-  auto *keys = static_cast<FacetKey *>(std::malloc(sizeof(FacetKey) * static_cast<size_t>(total)));
+  auto *keys = static_cast<FacetKey *>(ftMalloc(sizeof(FacetKey) * static_cast<size_t>(total)));
   if (!keys) {
     std::fclose(file);
     *count = -2;
@@ -256,8 +257,8 @@ FacetRec **sortFacetPointers(FacetBlock *const *blocks, int count, int axis) {
     return nullptr;
   }
   const size_t size = static_cast<size_t>(count);
-  auto *table = static_cast<FacetRec **>(std::malloc(sizeof(FacetRec *) * size));
-  auto *keys = static_cast<FacetKey *>(std::malloc(sizeof(FacetKey) * size));
+  auto *table = static_cast<FacetRec **>(ftMalloc(sizeof(FacetRec *) * size));
+  auto *keys = static_cast<FacetKey *>(ftMalloc(sizeof(FacetKey) * size));
   if (!table || !keys) {
     std::free(table);
     std::free(keys);
