@@ -1,67 +1,12 @@
-// Vertex removal and the candidate order: the collapse of a star copy, the
-// choice of spoke, commits on a closed surface with the state of the pass
-// checked after each, and the order in which a sweep takes vertices.
+// Vertex removal and the candidate order: the choice of spoke, commits on a
+// closed surface with the state of the pass and the covers checked after
+// each, and the order in which a sweep takes vertices.
 #include <gtest/gtest.h>
 
 #include <cmath>
 
 #include "mesh/soup.h"
 #include "stars.h"
-
-namespace {
-
-// The corner of t at which its cycle starts, and the rest in order.
-std::vector<double*> cornersOf(const qvTri* t) {
-  double* c[3];
-  EXPECT_EQ(qvTriCorners(t, 0, c), 0);
-  return {c[0], c[1], c[2]};
-}
-
-// z of the normal of t: positive for a triangle turning counterclockwise
-// seen from above.
-double normalZ(const qvTri* t) {
-  double n[3];
-  qvTriNormal(t, nullptr, 0, nullptr, n);
-  return n[2];
-}
-
-}  // namespace
-
-TEST(Collapse, TheFanOfTheSurvivorReplacesTheStar) {
-  // Ring of n round hub 0, closed below by the fan from vertex 1 so that every
-  // fan is closed. Collapsing the hub onto vertex 1 leaves n - 2 triangles on
-  // the ring edges and n - 3 new inner edges, turning as the star did.
-  for (int n : {3, 4, 6, 9}) {
-    Fixture f(starShape({0, 0, 0.2}, circle(n, 1.0, 0.0), true));
-    ASSERT_EQ(qvRedPrepFirst(f.mesh), n + 1);
-    qvEdg* spoke = f.e(0, 1);
-    spoke->flags |= kEdgMarkSpoke;
-    qvMesh* copy = qvStarCopy(f.mesh, f.t[0], f.h(0), 0);
-    spoke->flags &= ~kEdgMarkSpoke;
-    ASSERT_NE(copy, nullptr) << n;
-    EXPECT_EQ(qvTriCount(copy->tri), n);
-    EXPECT_EQ(qvEdgCount(copy->edg), n);
-    EXPECT_EQ(qvCollapse(copy, f.v[0], kEdgMarkSpoke), 0) << n;
-    EXPECT_EQ(qvTriCount(copy->tri), n - 2) << n;
-    EXPECT_EQ(qvEdgCount(copy->edg), n - 3) << n;
-    for (qvTri* t = copy->tri; t; t = t->next) {
-      const auto c = cornersOf(t);
-      EXPECT_TRUE(c[0] == f.h(1) || c[1] == f.h(1) || c[2] == f.h(1)) << n;
-      for (double* h : c) EXPECT_NE(h, f.h(0));
-      EXPECT_GT(normalZ(t), 0.0) << n;
-      for (int i = 0; i < 3; ++i) {
-        // A ring edge is the mesh's and has nothing across in a trial; an
-        // inner edge joins two triangles of the copy.
-        const bool inner = qvEdgFind(copy->edg, t->edg[i]->ends[0], t->edg[i]->ends[1]) != nullptr;
-        EXPECT_EQ(t->adj[i], nullptr);
-        EXPECT_EQ(t->aux[i] != nullptr, inner);
-      }
-    }
-    qvMeshFree(copy);
-    backToRest(f.mesh);
-    EXPECT_EQ(validateText(f.mesh), "") << n;  // a trial leaves the mesh as it was
-  }
-}
 
 TEST(SpokePick, TheShortestLinkableSpokeAndAFeatureEndOnlyAlongItsFeature) {
   // Hub 0 over a hexagon closed below by the fan from vertex 1: only the
@@ -97,26 +42,6 @@ TEST(SpokePick, TheShortestLinkableSpokeAndAFeatureEndOnlyAlongItsFeature) {
     f.v[0]->flags &= ~kVtxFeatureEnd;
     EXPECT_EQ(validateText(f.mesh), "") << c.name;
   }
-}
-
-TEST(Removal, TetrahedronKeepsEveryVertex) {
-  Fixture f(kTetra);
-  qvRedParams p;
-  ASSERT_EQ(qvRedParamsSet(10.0, &p), 0);
-  ASSERT_EQ(qvRedPrepFirst(f.mesh), 4);
-  ASSERT_EQ(qvCoverStart(f.mesh, &p), 0);
-  qvTrial tr{};
-  for (qvVtx* v : f.v) {
-    EXPECT_EQ(qvVtxScore(f.mesh, v, &p, &tr), 1);
-    EXPECT_EQ(*qvScoreOf(v), kRedScoreNone);
-    EXPECT_EQ(qvVtxRemoveFull(f.mesh, v, &p, nullptr, &tr), 1);
-  }
-  qvTrialFree(&tr);
-  qvCoverEnd(f.mesh, &p);
-  backToRest(f.mesh);
-  EXPECT_EQ(validateText(f.mesh), "");
-  EXPECT_EQ(reduceOnePass(f.mesh, 10.0, nullptr), 0);
-  EXPECT_EQ(qvTriCount(f.mesh->tri), 4);
 }
 
 TEST(Removal, EveryCommitKeepsBothSurfacesAndTheCoversWhole) {
