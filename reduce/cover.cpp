@@ -678,7 +678,9 @@ int32_t qvCoverCheckPiece(const qvTri* home, const qvPiece& piece, const qvRedPa
   if (qvHomeSet(&t, const_cast<qvTri*>(home)) != 0) return 1;
   double b = 0.0;
   if (piece.kind == kPieceSingle) {
-    for (const double* x : piece.q) b = std::max(b, qvHomeDist2(t, x));
+    // A corner of the home itself lies at distance 0, as a trial counts it.
+    for (const double* x : piece.q)
+      if (x != t.x[0] && x != t.x[1] && x != t.x[2]) b = std::max(b, qvHomeDist2(t, x));
   } else {
     const qvTri* partner = liveAcross(home, piece.kind);
     qvHome u;
@@ -686,7 +688,9 @@ int32_t qvCoverCheckPiece(const qvTri* home, const qvPiece& piece, const qvRedPa
       return 1;
     b = pairBound(piece.q, t, piece.kind, u);
   }
-  return b <= params->lim2 ? 0 : 1;
+  // Distance 0 holds at any tolerance: a pass whose lim is below 0 keeps each
+  // triangle's cover of itself.
+  return b <= params->lim2 || b == 0.0 ? 0 : 1;
 }
 
 int32_t qvCoverCheck(const qvMesh* mesh, const qvRedParams* params, FILE* out) {
