@@ -1,8 +1,7 @@
 // Mesh assembly: a soup of facets becomes a linked, oriented mesh and then a
 // chain of shells. The stitching steps run in the order below and the first
 // failure ends the run: merge vertices, merge edges (dropping degenerate and
-// doubled triangles), link triangles, pair the triangles of bodies that meet
-// along a non-manifold edge and pull the rest of such edges apart, split
+// doubled triangles), link triangles, pull non-manifold edges apart, split
 // vertices with more than one fan, rejoin the pieces of pulled-apart edges
 // that still meet, release the working lists, orient.
 //
@@ -13,7 +12,6 @@
 // qvMeshStitch returns. Their nodes come from a pool that the stitch owns
 // (RefPool below), so releasing a list is clearing a link, and the pool goes
 // as a whole at the end.
-#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -22,7 +20,6 @@
 #include "mesh/mesh_internal.h"
 #include "kernels/alloc.h"
 #include "kernels/failure.h"
-#include "kernels/kernels.h"
 
 using ftmesh::listMoveToHead;
 using ftmesh::listPrepend;
@@ -618,106 +615,15 @@ bool linkTriangles(Stitch& s) {
 }
 
 // ---------------------------------------------------------------------------
-// Step 4: pair or pull apart the triangles of non-manifold edges
+// Step 4: pull non-manifold edges apart
 
-// A triangle of a non-manifold edge p-q (ends[0]-ends[1]) as it stands round
-// the edge: the angle of its third corner about the axis p->q, and whether
-// its cycle runs from p to q. Its normal then turns towards growing angles,
-// so the body it bounds lies on the side of smaller ones.
-struct EdgeFan {
-  qvTri* t;
-  double angle;
-  bool forward;
-};
-
-double dot(const double* a, const double* b) { return a[0] * b[0] + a[1] * b[1] + a[2] * b[2]; }
-
-// Fills fan[0..n) for the triangles of e and sorts it by angle. The angle is
-// measured in a frame of the edge's own: from the first triangle's third
-// corner, turning about p->q. 1 when sorted, 0 when the first triangle gives
-// no frame (a flat or overflowing one), -1 when corners can't be read.
-int32_t edgeFan(const qvEdg* e, const qvLnk* list, EdgeFan* fan, int32_t n) {
-  double axis[3], base[3] = {0, 0, 0}, side[3] = {0, 0, 0};
-  int32_t i = 0;
-  for (const qvLnk* l = list; l; l = l->next, ++i) {
-    double* h[3];
-    double* x[3];
-    qvTri* t = triOf(l);
-    if (qvTriCorners(t, 0, h) != 0 || qvTriCoords(t, 0, x) != 0) return -1;
-    int32_t a = 0;
-    while (a < 3 && h[a] != e->ends[0]) ++a;
-    if (a == 3) return -1;
-    const bool forward = h[(a + 1) % 3] == e->ends[1];
-    const double* p = x[a];
-    const double* r = x[forward ? (a + 2) % 3 : (a + 1) % 3];
-    const double* q = x[forward ? (a + 1) % 3 : (a + 2) % 3];
-    const double rel[3] = {r[0] - p[0], r[1] - p[1], r[2] - p[2]};
-    if (i == 0) {
-      for (int k = 0; k < 3; ++k) axis[k] = q[k] - p[k];
-      const double along = dot(rel, axis) / dot(axis, axis);
-      for (int k = 0; k < 3; ++k) base[k] = rel[k] - along * axis[k];
-      vecCross(axis, base, side);
-      if (!(dot(side, side) > 0.0)) return 0;
-    }
-    fan[i] = {t, std::atan2(dot(rel, side), dot(rel, base)), forward};
-    if (!std::isfinite(fan[i].angle)) return 0;
-  }
-  std::sort(fan, fan + n, [](const EdgeFan& a, const EdgeFan& b) { return a.angle < b.angle; });
-  return 1;
-}
-
-// Links t and u across a new edge of e's ends, which joins the mesh's edges.
-bool linkAcross(qvMesh* mesh, const qvEdg* e, qvTri* t, qvTri* u) {
-  const int32_t st = qvTriEdgeSlot(t, e), su = qvTriEdgeSlot(u, e);
-  if (st < 0 || su < 0 || t->adj[st] || u->adj[su]) return false;
-  qvEdg* piece = qvEdgNew(e->ends[0], e->ends[1], e->flags, e->tag);
-  if (!piece) return false;
-  piece->flags = e->flags;
-  mesh->edg = listPrepend(mesh->edg, piece);
-  t->edg[st] = piece;
-  u->edg[su] = piece;
-  return qvTriLink(t, u, piece) == 0;
-}
-
-// When the triangles round e alternate in sense, they bound bodies that meet
-// along e: each triangle that runs from p to q is paired with its neighbour
-// on the side of smaller angles, which runs back, and both leave e's list.
-// Two closed bodies that share an edge so get an edge each, also along an
-// edge of several segments, where the vertex split and the rejoin below
-// would tell them apart only at the ends and leave a slit between. Any other
-// edge is left whole to be pulled apart. False on failure.
-bool pairBodies(Stitch& s, qvEdg* e) {
-  const int32_t n = qvLnkCount(lnkOf(e->link));
-  EdgeFan few[8];
-  EdgeFan* fan = n <= 8 ? few : newArray<EdgeFan>(n);
-  const int32_t sorted = fan ? edgeFan(e, lnkOf(e->link), fan, n) : -1;
-  bool ok = sorted >= 0, alternate = sorted > 0;
-  for (int32_t i = 0; i < n && alternate; ++i) alternate = fan[i].forward != fan[(i + 1) % n].forward;
-  for (int32_t i = 0; i < n && alternate && ok; ++i) {
-    const EdgeFan& below = fan[(i + n - 1) % n];
-    if (fan[i].forward)
-      ok = linkAcross(s.mesh, e, fan[i].t, below.t) && dropAll(s.refs, e->link, fan[i].t) &&
-           dropAll(s.refs, e->link, below.t);
-  }
-  if (fan != few) std::free(fan);
-  return ok;
-}
-
-// Each triangle of a held edge that was not paired gets a piece of its own: a
-// copy for all but the last, which keeps the edge. Copies go to the head of
-// edgHeld, in front of the walk. A piece's link is then its one triangle, not
-// a list. An edge whose triangles all paired goes.
+// Each triangle of a held edge gets a piece of its own: a copy for all but
+// the last, which keeps the edge. Copies go to the head of edgHeld, in front
+// of the walk. A piece's link is then its one triangle, not a list.
 bool pullApart(Stitch& s) {
   qvMesh* mesh = s.mesh;
-  for (qvEdg* e = mesh->edgHeld, *next = nullptr; e; e = next) {
-    next = e->next;  // read before e may go
-    if (!pairBodies(s, e)) return false;
+  for (qvEdg* e = mesh->edgHeld; e; e = e->next) {
     qvLnk* list = lnkOf(e->link);
-    if (!list) {
-      mesh->edgHeld = listUnlink(mesh->edgHeld, e);
-      qvEdgFree(e);
-      continue;
-    }
     for (qvLnk* l = list; l; l = l->next) {
       qvTri* t = triOf(l);
       const int32_t slot = qvTriEdgeSlot(t, e);

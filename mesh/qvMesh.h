@@ -642,9 +642,8 @@ qvMesh* qvCapBuild(qvMesh* mesh, int32_t* count);
 //
 // From a soup of facets to a chain of shells: coinciding vertices become one,
 // edges on the same two vertices one edge; degenerate and doubled triangles
-// go; on an edge with more than two triangles, triangles of bodies that meet
-// along it are paired and the rest pulled apart; vertices with more than one
-// fan split; orientation is made consistent where it can be,
+// go; edges with more than two triangles are pulled apart and vertices with
+// more than one fan split; orientation is made consistent where it can be,
 // and the mesh is cut into its connected pieces. Afterwards each edge has one
 // or two triangles, the triangles round each vertex form one fan, boundary
 // edges stand at the head of the edge list and run along their triangle.
