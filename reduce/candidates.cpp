@@ -13,6 +13,7 @@
 #include <cstdlib>
 
 #include "kernels/alloc.h"
+#include "kernels/failure.h"
 #include "reduce/reduce_internal.h"
 
 namespace {
@@ -121,7 +122,7 @@ int32_t qvVtxScore(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvTrial* t
   if (!mesh || !v || !params || !tr || !qvScoreOf(v)) return -1;
   scoreSet(v, kRedScoreNone);
   if (v->flags & kVtxKeepSet) return 0;
-  if (!v->link || !v->aux) return -1;
+  if (!v->link || !v->aux) return FT_FAIL(-1);
   const int32_t r = qvTrialRun(mesh, v, params, tr);
   if (r != 0) return r;
   scoreSet(v, tr->score);

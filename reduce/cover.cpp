@@ -14,6 +14,7 @@
 #include <limits>
 #include <unordered_map>
 
+#include "kernels/failure.h"
 #include "kernels/predicates.h"
 #include "kernels/alloc.h"
 #include "reduce/reduce_internal.h"
@@ -149,10 +150,10 @@ int32_t qvCoverStart(qvMesh* mesh, qvRedParams* params) {
   double scale = 0.0;
   for (const qvVtx* v = mesh->vtx; v; v = v->next) {
     const double* x = qvVtxXyz(v);
-    if (!x) return -1;
+    if (!x) return FT_FAIL(-1);
     for (int k = 0; k < 3; ++k) scale = std::max(scale, std::fabs(x[k]));
   }
-  if (!std::isfinite(scale)) return -1;
+  if (!std::isfinite(scale)) return FT_FAIL(-1);
   params->pool = nullptr;
   params->eta = kEtaShare * scale;
   // At a tolerance of exactly 0 a removal must leave the surface as it was,
@@ -171,9 +172,9 @@ int32_t qvCoverStart(qvMesh* mesh, qvRedParams* params) {
     if (t->flags & kTriCap) continue;
     qvPiece whole{{nullptr, nullptr, nullptr}, t, 0.0f, kPieceSingle};
     double* c[3];
-    if (t->link || qvTriCoords(t, 0, c) != 0) return -1;
+    if (t->link || qvTriCoords(t, 0, c) != 0) return FT_FAIL(-1);
     for (int k = 0; k < 3; ++k) whole.q[k] = c[k];
-    if (qvCoverAdd(t, whole) != 0) return -1;
+    if (qvCoverAdd(t, whole) != 0) return FT_FAIL(-1);
   }
   return 0;
 }
