@@ -72,19 +72,6 @@ int32_t orient2dDrop(const double* a, const double* b, const double* c, int32_t 
   return d > 0.0 ? 1 : (d < 0.0 ? -1 : 0);
 }
 
-// Grows arr to hold need items, doubling from first.
-template <class T>
-bool reserve(T*& arr, int32_t& cap, int32_t need, int32_t first = 32) {
-  if (need <= cap) return true;
-  int32_t next = cap ? cap * 2 : first;
-  while (next < need) next *= 2;
-  void* mem = ftRealloc(arr, sizeof(T) * static_cast<size_t>(next));
-  if (!mem) return false;
-  arr = static_cast<T*>(mem);
-  cap = next;
-  return true;
-}
-
 float roundUp(double d) {
   const float f = static_cast<float>(d);
   return static_cast<double>(f) >= d ? f : std::nextafter(f, std::numeric_limits<float>::infinity());
@@ -140,7 +127,7 @@ int32_t qvCoverAdd(qvTri* t, const qvPiece& piece) {
     t->link = c;
   }
   // Most covers hold a handful of pieces: they start small.
-  if (!reserve(c->p, c->cap, c->n + 1, 2)) return -1;
+  if (!qvGrow(c->p, c->cap, c->n + 1, 2)) return -1;
   c->p[c->n++] = piece;
   return 0;
 }
@@ -291,8 +278,8 @@ int32_t rowOf(qvTrial* tr, const double* x) {
     i = (i + 1) & mask;
   }
   const int32_t r = tr->nRows;
-  if (!reserve(tr->rowKey, tr->rowKeyCap, r + 1)) return -1;
-  if (!reserve(tr->rows, tr->rowsCap, (r + 1) * nh)) return -1;
+  if (!qvGrow(tr->rowKey, tr->rowKeyCap, r + 1)) return -1;
+  if (!qvGrow(tr->rows, tr->rowsCap, (r + 1) * nh)) return -1;
   tr->rowKey[r] = x;
   tr->slots[i] = r;
   ++tr->nRows;
@@ -424,7 +411,7 @@ bool certify(qvTrial* tr, const double* const q[3], const qvTri* src, int32_t de
   for (int k = 0; k < 3; ++k) r[k] = tr->rows + static_cast<size_t>(at[k]) * tr->nHomes;
   const Certified c = bestHome(tr, q, r);
   if (c.bound <= tr->lim2) {
-    if (!reserve(tr->plan, tr->planCap, tr->nPlan + 1)) {
+    if (!qvGrow(tr->plan, tr->planCap, tr->nPlan + 1)) {
       tr->err = -1;
       return false;
     }
@@ -464,7 +451,7 @@ bool certify(qvTrial* tr, const double* const q[3], const qvTri* src, int32_t de
 bool gatherHomes(qvTrial* tr) {
   tr->nHomes = 0;
   const int32_t n = qvTriCount(tr->copy->tri) + tr->nNear;
-  if (!reserve(tr->homes, tr->homesCap, n)) return false;
+  if (!qvGrow(tr->homes, tr->homesCap, n)) return false;
   for (qvTri* c = tr->copy->tri; c; c = c->next)
     if (qvHomeSet(&tr->homes[tr->nHomes++], c) != 0) return false;
   for (int32_t i = 0; i < tr->nNear; ++i)
@@ -601,7 +588,7 @@ int32_t qvTrialCertify(qvTrial* tr, const qvRedParams* params) {
     for (int32_t k = 0; c && k < c->n; ++k) {
       const qvPiece& piece = c->p[k];
       if (piece.kind == kPieceSingle || !(tr->near[i]->edg[piece.kind]->flags & kEdgMarkOuter)) continue;
-      if (!reserve(tr->taken, tr->takenCap, tr->nTaken + 1)) {
+      if (!qvGrow(tr->taken, tr->takenCap, tr->nTaken + 1)) {
         ok = false;
         break;
       }

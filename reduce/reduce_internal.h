@@ -5,7 +5,22 @@
 
 #include <cstdio>
 
+#include "kernels/alloc.h"
 #include "reduce/reduce.h"
+
+// Grows arr, reallocated, to room for need items, doubling from first. false
+// when no memory can be had; arr and cap then stand as they were.
+template <class T>
+inline bool qvGrow(T *&arr, int32_t &cap, int32_t need, int32_t first = 32) {
+  if (need <= cap) return true;
+  int32_t next = cap ? cap * 2 : first;
+  while (next < need) next *= 2;
+  void *mem = ftRealloc(arr, sizeof(T) * static_cast<size_t>(next));
+  if (!mem) return false;
+  arr = static_cast<T *>(mem);
+  cap = next;
+  return true;
+}
 
 // ---- Opening a star -------------------------------------------------------------
 

@@ -458,13 +458,7 @@ namespace {
 
 template <class T>
 bool push(T*& arr, int32_t& n, int32_t& cap, T x) {
-  if (n == cap) {
-    const int32_t next = cap ? cap * 2 : 16;
-    void* mem = ftRealloc(arr, sizeof(T) * static_cast<size_t>(next));
-    if (!mem) return false;
-    arr = static_cast<T*>(mem);
-    cap = next;
-  }
+  if (!qvGrow(arr, cap, n + 1, 16)) return false;
   arr[n++] = x;
   return true;
 }
