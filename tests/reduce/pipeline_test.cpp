@@ -67,26 +67,20 @@ void checkGuarantees(const char* name) {
 }  // namespace
 
 TEST(Leaves, NegativeOrNanRemovesNothingAndZeroOnlyWhatLeavesTheSurface) {
-  const double nan = std::nan("");
-  struct Case {
-    Leaf leaf;
-    double tol;
-  };
-  const Case cases[] = {{reduceOnePass, -1.0}, {reduceOnePass, nan}, {reduceOnePass, 0.0},
-                        {reduceStepped, -1.0}, {reduceStepped, nan}, {reduceStepped, 0.0}};
-  for (const Case& c : cases)
-    // Closed and curved: nothing at 0 either; open: the caps come and go, and count.
-    for (const char* name : {"torus.stl", "terrain.stl"}) {
-      int64_t status = 0;
-      qvMesh* m = stlReadMesh((kData + "/" + name).c_str(), &status);
-      ASSERT_EQ(qvMeshAssemble(m, nullptr), 1);
-      const int32_t before = qvTriCount(m->tri);
-      const int32_t rim = qvBndCount(m);  // one cap triangle per rim edge
-      const int32_t r = c.leaf(m, c.tol, nullptr);
-      EXPECT_EQ(qvTriCount(m->tri), before) << name << " " << c.tol;
-      EXPECT_EQ(r, rim) << name << " " << c.tol;
-      qvMeshDeleteAll(m);
-    }
+  for (Leaf leaf : {reduceOnePass, reduceStepped})
+    for (double tol : {-1.0, std::nan(""), 0.0})
+      // Closed and curved: nothing at 0 either; open: the caps come and go, and count.
+      for (const char* name : {"torus.stl", "terrain.stl"}) {
+        int64_t status = 0;
+        qvMesh* m = stlReadMesh((kData + "/" + name).c_str(), &status);
+        ASSERT_EQ(qvMeshAssemble(m, nullptr), 1);
+        const int32_t before = qvTriCount(m->tri);
+        const int32_t rim = qvBndCount(m);  // one cap triangle per rim edge
+        const int32_t r = leaf(m, tol, nullptr);
+        EXPECT_EQ(qvTriCount(m->tri), before) << name << " " << tol;
+        EXPECT_EQ(r, rim) << name << " " << tol;
+        qvMeshDeleteAll(m);
+      }
 }
 
 TEST(Guarantees, ClosedModels) {
