@@ -72,17 +72,8 @@ qvEdg* qvSpokePick(qvMesh* mesh, qvTri* t, qvVtx* v, int32_t* blocked, const qvS
   qvEdg* choice = nullptr;
   bool failed = ring < kValenceMin;
 
-  // A feature end whose ring holds an odd number of feature edges has no spoke.
-  bool none = false;
-  if (!failed && (v->flags & kVtxFeatureEnd)) {
-    int32_t features = 0;
-    for (const qvEdg* e = mesh->edg; e && (e->flags & kMarkSet.edg); e = e->next)
-      features += (e->flags & kEdgFeatureSet) != 0;
-    none = features % 2 != 0;
-  }
-
   double best = 0.0;
-  for (qvTri* s = mesh->tri; s && (s->flags & kMarkSet.tri) && !failed && !none; s = s->next)
+  for (qvTri* s = mesh->tri; s && (s->flags & kMarkSet.tri) && !failed; s = s->next)
     for (qvEdg* e : s->edg) {
       // Each spoke once: the mark stays on it until the end.
       if (e->flags & kEdgMarkSpoke) continue;

@@ -291,8 +291,8 @@ struct qvRedOrder;
 
 // The spoke of v to collapse along, starting from t, a live triangle at v:
 // the shortest that passes the link test, not a cap edge, not in skip (which
-// may be null), and for a feature end a feature spoke (none at all when the
-// ring has an odd number of feature edges). *blocked gets the number of
+// may be null), and for a feature end a feature spoke, so that it moves
+// along a feature line only. *blocked gets the number of
 // spokes that fail the link test, or -1 on failure (the result is then
 // null). Leaves no mark.
 qvEdg *qvSpokePick(qvMesh *mesh, qvTri *t, qvVtx *v, int32_t *blocked, const qvSpokeSkip *skip);

@@ -100,6 +100,16 @@ TEST(Tool, FlatFacesKeepOnlyTheirOutlines) {
     ASSERT_EQ(runCommand(tool + kData + "/flat-square.stl -o" + out + " -qh -t" + t), 0);
     EXPECT_EQ(readBinaryFacets(out).size(), 2u) << t;
   }
+  // The plate, 20 x 20 x 0.5 with a hole of radius 1 through it, at 0.1 % of
+  // its diagonal: every vertex left is a corner of the box or on the hole's
+  // rim, none inside a flat face or along a straight outer edge.
+  ASSERT_EQ(runCommand(tool + kData + "/plate-hole.stl -o" + out + " -qh -t0.0283"), 0);
+  for (const Facet& f : readBinaryFacets(out))
+    for (int c = 0; c < 9; c += 3) {
+      const double x = f[c], y = f[c + 1];
+      const bool corner = std::fabs(x) == 10.0 && std::fabs(y) == 10.0;
+      EXPECT_TRUE(corner || std::fabs(std::hypot(x, y) - 1.0) < 1e-6) << x << " " << y << " " << f[c + 2];
+    }
 }
 
 TEST(Tool, AModelScaledByAPowerOfTwoReducesToTheSameModelScaled) {
