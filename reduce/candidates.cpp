@@ -1,16 +1,13 @@
 // Removal candidates. A candidate is a vertex with a score: what removing it
 // would cost, found by removing it on a copy of its star and measuring the
-// result against the pass's starting surface. The vertex list of the mesh is
-// the priority queue: sorted by score, it is swept from the head, each vertex
-// removed in turn until one may not go.
-//
-// During a sweep the order has three zones: retired vertices behind the
-// cursor, the live order (ascending scores), and the vertices without a score
-// at the tail.
+// result against the pass's starting surface. A sweep keeps the candidates
+// in a queue by key, tries the head again on the current mesh and removes it
+// while it costs least, until the head's cost passes the tolerance.
 #include <algorithm>
 #include <cassert>
 #include <cstdio>
 #include <cstdlib>
+#include <limits>
 
 #include "kernels/alloc.h"
 #include "kernels/failure.h"
@@ -18,7 +15,6 @@
 
 namespace {
 
-constexpr int32_t kStackSort = 16;    // lists up to this length are sorted on the stack
 
 inline double scoreOf(const qvVtx* v) { return *qvScoreOf(v); }
 inline void scoreSet(qvVtx* v, double s) { *qvScoreOf(v) = s; }
@@ -124,55 +120,12 @@ int32_t qvVtxScore(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvTrial* t
 // ---------------------------------------------------------------------------
 // The order
 
-int32_t qvVtxScoreCmp(const qvVtx* a, const qvVtx* b) {
-  const double sa = scoreOf(a);
-  const double sb = scoreOf(b);
-  if (noScore(sa)) return noScore(sb) ? 0 : 1;
-  if (noScore(sb) || sb > sa) return -1;
-  return sa > sb ? 1 : 0;
-}
-
-qvVtx* qvVtxSortScore(qvVtx* head, int32_t n, int32_t* err) {
-  int32_t local = 0;
-  int32_t* status = err ? err : &local;
-  const int32_t count = qvVtxCount(head);
-  if (n < 0) n = count;
-  if (n != count) {
-    *status = -1;
-    return head;
-  }
-  if (n < 2) return head;
-  qvVtx* onStack[kStackSort];
-  qvVtx** arr = onStack;
-  if (n > kStackSort) {
-    arr = static_cast<qvVtx**>(ftMalloc(sizeof(qvVtx*) * static_cast<size_t>(n)));
-    if (!arr) {
-      *status = -1;
-      return head;
-    }
-  }
-  int32_t i = 0;
-  for (qvVtx* v = head; v; v = v->next) arr[i++] = v;
-  // Stable: equal scores keep the order of the list, on any standard library.
-  std::stable_sort(arr, arr + n, [](const qvVtx* a, const qvVtx* b) { return qvVtxScoreCmp(a, b) < 0; });
-  for (i = 0; i < n; ++i) {
-    arr[i]->prev = i > 0 ? arr[i - 1] : nullptr;
-    arr[i]->next = i + 1 < n ? arr[i + 1] : nullptr;
-  }
-  qvVtx* first = arr[0];
-  if (arr != onStack) std::free(arr);
-  return first;
-}
-
 int32_t qvRedScoreAll(qvMesh* mesh, const qvRedParams* params, qvTrial* tr) {
   if (!mesh || !params) return -1;
   int32_t n = 0;
   for (qvVtx* v = mesh->vtx; v; v = v->next, ++n)
     if (qvVtxScore(mesh, v, params, tr) < 0) return -1;
-  int32_t err = 0;
-  mesh->vtx = qvVtxSortScore(mesh->vtx, n, &err);
-  mesh->flags &= ~kMeshSortedSet;
-  return err == 0 ? n : -1;
+  return n;
 }
 
 // ---------------------------------------------------------------------------
@@ -278,6 +231,15 @@ qvVtx* orderFront(qvRedOrder* o) {
   return o->heapN > 0 ? o->byAddr[o->heap[0].id] : nullptr;
 }
 
+// v leaves the order while it is tried: it comes back by orderPlace or
+// leaves for good by orderRetire.
+bool orderTake(qvRedOrder* o, const qvVtx* v) {
+  const uint32_t id = orderId(o, v);
+  if (id == kGone) return false;
+  o->current[id] = kGone;
+  return true;
+}
+
 // v leaves the order for good.
 bool orderRetire(qvRedOrder* o, qvVtx* v) {
   const uint32_t id = orderId(o, v);
@@ -287,7 +249,8 @@ bool orderRetire(qvRedOrder* o, qvVtx* v) {
   return true;
 }
 
-// The order of a list sorted by qvVtxScoreCmp. false when no memory can be had.
+// The order of a scored list: ascending keys, ties and the vertices without
+// a score in list order. false when no memory can be had.
 bool orderStart(qvRedOrder* o, qvVtx* head) {
   *o = qvRedOrder{};
   const int32_t count = qvVtxCount(head);
@@ -333,25 +296,20 @@ qvVtx* orderList(qvRedOrder* o) {
 
 }  // namespace
 
-int32_t qvRingMerge(qvRedOrder* order, qvVtx* const* ring, int32_t n) {
-  qvVtx* onStack[kStackSort];
-  qvVtx** arr = n <= kStackSort ? onStack : static_cast<qvVtx**>(ftMalloc(sizeof(qvVtx*) * static_cast<size_t>(n)));
-  if (!arr) return -1;
-  std::copy(ring, ring + n, arr);
-  // Sorted first, stably: equal scores then enter in ring order, each behind
-  // the one before.
-  std::stable_sort(arr, arr + n, [](const qvVtx* a, const qvVtx* b) { return qvVtxScoreCmp(a, b) < 0; });
+int32_t qvRingDirty(qvRedOrder* order, qvVtx* const* ring, int32_t n, double key) {
   bool ok = true;
-  for (int32_t i = 0; i < n && order && ok; ++i) ok = orderPlace(order, arr[i]);
-  if (arr != onStack) std::free(arr);
+  for (int32_t i = 0; i < n && order && ok; ++i) {
+    qvVtx* x = ring[i];
+    const double s = scoreOf(x);
+    if ((x->flags & kVtxKeepSet) || (!noScore(s) && s <= key)) continue;
+    scoreSet(x, key);
+    ok = orderPlace(order, x);
+  }
   return ok ? 0 : -1;
 }
 
-int32_t qvRingRescore(qvMesh* mesh, qvRedOrder* order, qvVtx* const* ring, int32_t n, const qvRedParams* params,
-                      qvTrial* tr) {
-  for (int32_t i = 0; i < n; ++i)
-    if (qvVtxScore(mesh, ring[i], params, tr) < 0) return -1;
-  return qvRingMerge(order, ring, n);
+double qvRedOrderNext(qvRedOrder* order) {
+  return order && orderFront(order) ? order->heap[0].score : std::numeric_limits<double>::infinity();
 }
 
 int32_t qvRingDefer(qvRedOrder* order, qvVtx* const* ring, int32_t n) {
@@ -380,6 +338,12 @@ int32_t sweep(qvMesh* mesh, const qvRedParams* params, bool full, qvTrial* tr) {
   for (qvVtx* v = orderFront(&order); v; v = orderFront(&order)) {
     const double s = scoreOf(v);
     if (noScore(s) || s > params->tol2) break;
+    // Out of the order while it is tried, so that the order's head is the
+    // next candidate.
+    if (!orderTake(&order, v)) {
+      removed = -1;
+      break;
+    }
     const int32_t r =
         full ? qvVtxRemoveFull(mesh, v, params, &order, tr) : qvVtxRemoveFast(mesh, v, params, &order, tr);
     if (r < 0) {
@@ -390,8 +354,9 @@ int32_t sweep(qvMesh* mesh, const qvRedParams* params, bool full, qvTrial* tr) {
       ++removed;
       if (!orderRetire(&order, v)) removed = -1;
     } else {
-      // Refused: to the tail, until a neighbour's removal rescores it.
-      scoreSet(v, kRedScoreNone);
+      // Behind the head at its new score, or refused: to the tail, until a
+      // neighbour's removal brings it back.
+      scoreSet(v, r == 2 ? tr->score : kRedScoreNone);
       if (!orderPlace(&order, v)) removed = -1;
     }
     if (removed < 0) break;
@@ -400,6 +365,7 @@ int32_t sweep(qvMesh* mesh, const qvRedParams* params, bool full, qvTrial* tr) {
     qvVtx* head = orderList(&order);
     if (head) mesh->vtx = head;
     else removed = -1;
+    mesh->flags &= ~kMeshSortedSet;
   }
   orderFree(&order);
 #ifndef NDEBUG

@@ -33,6 +33,7 @@ constexpr double kNeedleShare = 0x1p-20;
 // magnitude of the pass (see reduce/reduce.h).
 constexpr double kEtaShare = 0x1p-32;
 constexpr double kUnit = 0x1p-53;
+constexpr double kUnknown = -1.0;  // a distance of a row not yet measured
 
 inline double dot3(const double* a, const double* b) { return a[0] * b[0] + a[1] * b[1] + a[2] * b[2]; }
 inline void sub3(const double* a, const double* b, double* out) {
@@ -284,11 +285,18 @@ int32_t rowOf(qvTrial* tr, const double* x) {
   tr->slots[i] = r;
   ++tr->nRows;
   double* row = tr->rows + static_cast<size_t>(r) * nh;
-  for (int32_t j = 0; j < nh; ++j) {
-    const qvHome& t = tr->homes[j];
-    row[j] = (x == t.x[0] || x == t.x[1] || x == t.x[2]) ? 0.0 : qvHomeDist2(t, x);
-  }
+  std::fill(row, row + nh, kUnknown);
   return r;
+}
+
+// The squared distance from corner q to home j, through its row r: measured
+// on first use.
+inline double rowDist(const qvTrial* tr, double* r, const double* q, int32_t j) {
+  if (r[j] == kUnknown) {
+    const qvHome& t = tr->homes[j];
+    r[j] = (q == t.x[0] || q == t.x[1] || q == t.x[2]) ? 0.0 : qvHomeDist2(t, q);
+  }
+  return r[j];
 }
 
 // The bound of a piece split by the plane through the edge in slot s of home
@@ -366,17 +374,23 @@ struct Certified {
 };
 
 // The best single or pair home of a piece whose corners have the rows r.
+// A single home within lim2 ends the search; the rows are complete when it
+// doesn't.
 Certified bestHome(const qvTrial* tr, const double* const q[3], double* const r[3]) {
   const int32_t nh = tr->nHomes;
   Certified best{kInf, -1, kPieceSingle};
-  int32_t nearest[3] = {0, 0, 0};
   for (int32_t j = 0; j < nh; ++j) {
-    const double b = std::max(r[0][j], std::max(r[1][j], r[2][j]));
+    double b = 0.0;
+    for (int k = 0; k < 3 && b < best.bound; ++k) b = std::max(b, rowDist(tr, r[k], q[k], j));
     if (b < best.bound) best = Certified{b, j, kPieceSingle};
-    for (int k = 0; k < 3; ++k)
-      if (r[k][j] < r[k][nearest[k]]) nearest[k] = j;
   }
   if (best.bound <= tr->lim2) return best;
+  int32_t nearest[3] = {0, 0, 0};
+  for (int32_t j = 0; j < nh; ++j)
+    for (int k = 0; k < 3; ++k) {
+      const double d = rowDist(tr, r[k], q[k], j);
+      if (d < r[k][nearest[k]]) nearest[k] = j;
+    }
   // Pairs across the edges of the corners' nearest homes and the best single one.
   const int32_t tryHomes[4] = {best.home, nearest[0], nearest[1], nearest[2]};
   for (int a = 0; a < 4; ++a) {
@@ -388,6 +402,11 @@ Certified bestHome(const qvTrial* tr, const double* const q[3], double* const r[
     for (int32_t s = 0; s < 3; ++s) {
       const int32_t m = tr->homes[j].nb[s];
       if (m < 0) continue;
+      // Each corner lies in one of the two parts, so the pair's bound is at
+      // least the largest of the corners' distances to the nearer of the two.
+      double below = 0.0;
+      for (int k = 0; k < 3; ++k) below = std::max(below, std::min(r[k][j], r[k][m]));
+      if (!(below < best.bound)) continue;
       const double b = pairBound(q, tr->homes[j], s, tr->homes[m]);
       if (b < best.bound) best = Certified{b, j, s};
     }

@@ -278,10 +278,10 @@ void qvTrialDrop(qvTrial *tr);
 struct qvRedOrder;
 
 // Removes v for good, by a trial on the current mesh committed when its
-// score is within lim2: 0 removed, 1 refused or no spoke (nothing changed),
-// -1 failure (the mesh is given up). Full rescores the ring and merges it
-// back into order; fast takes it out of the pass. order may be null outside
-// a sweep: the ring is then rescored or unscored and the list stays as it is.
+// score is within lim2 (and, for the full sweep, no greater than the next
+// key of order): 0 removed, 1 refused or no spoke, 2 not committed as the
+// score lies behind the next key (tr->score holds it), -1 failure (the mesh
+// is given up). order may be null outside a sweep.
 [[nodiscard]] int32_t qvVtxRemoveFull(qvMesh *mesh, qvVtx *v, const qvRedParams *params, qvRedOrder *order,
                                       qvTrial *tr);
 [[nodiscard]] int32_t qvVtxRemoveFast(qvMesh *mesh, qvVtx *v, const qvRedParams *params, qvRedOrder *order,
@@ -301,33 +301,31 @@ qvEdg *qvSpokePick(qvMesh *mesh, qvTri *t, qvVtx *v, int32_t *blocked, const qvS
 // 0 scored or excluded, 1 no spoke, -1 failure. The mesh is unchanged apart
 // from the score and the order of records at the list heads.
 [[nodiscard]] int32_t qvVtxScore(qvMesh *mesh, qvVtx *v, const qvRedParams *params, qvTrial *tr);
-// The order of candidates: ascending score, every vertex without a score
-// behind every vertex with one. Equal scores compare equal here; every sort
-// by it is stable, so that ties keep the order of the list (a fixed ordinal).
-int32_t qvVtxScoreCmp(const qvVtx *a, const qvVtx *b);
-// Sorts a list of n vertices (n < 0: counted first) stably by qvVtxScoreCmp
-// and relinks it. The new head; *err is set to -1 when n doesn't match the
-// list or no memory can be had, and the list then stands as it was.
-qvVtx *qvVtxSortScore(qvVtx *head, int32_t n, int32_t *err);
-// Scores every vertex in list order and sorts the list. Vertices visited, or -1.
+// Scores every vertex in list order. Vertices visited, or -1.
 [[nodiscard]] int32_t qvRedScoreAll(qvMesh *mesh, const qvRedParams *params, qvTrial *tr);
-// Remove vertices from the head of the order while the score is within tol2.
+// Removes vertices from the head of the order while its key is within tol2.
 // Removed count, or -1.
 //
-// The list is the order: retired vertices first, then ascending scores (a
-// vertex entering goes behind its equals), then the vertices without a score
-// in the order they were sent there. During a sweep that order is kept in a
-// qvRedOrder, so that placing a vertex costs a logarithm rather than a walk,
-// and the list is relinked to it when the sweep ends.
+// The order is a queue of keys: each vertex enters at its score, and a
+// vertex without one waits at the tail. The head is tried again on the
+// current mesh: the full sweep commits that very trial when its score is
+// within lim2 and no greater than the next key, and else puts the vertex
+// back at its new score; the fast sweep commits any trial within lim2. A
+// commit does not rescore its neighbourhood: the full sweep brings every
+// vertex whose trial it changed (qvRingDirty) back to a key within tol2, so
+// that the sweep ends only when every vertex left was tried on the final
+// mesh; the fast sweep sends its ring to the tail for the rest of the pass.
+// Ties keep the order of the list. When the sweep ends the list is relinked:
+// retired vertices first, then the order.
 [[nodiscard]] int32_t qvRedSweepFull(qvMesh *mesh, const qvRedParams *params, qvTrial *tr);
 [[nodiscard]] int32_t qvRedSweepFast(qvMesh *mesh, const qvRedParams *params, qvTrial *tr);
-// After a full removal: rescores each of the n ring vertices and merges the
-// ring back into the order. 0, or -1.
-[[nodiscard]] int32_t qvRingRescore(qvMesh *mesh, qvRedOrder *order, qvVtx *const *ring, int32_t n,
-                                    const qvRedParams *params, qvTrial *tr);
-// The ring, sorted stably by qvVtxScoreCmp, enters the order: each vertex
-// with a score behind its equals, the others at the tail. 0, or -1.
-[[nodiscard]] int32_t qvRingMerge(qvRedOrder *order, qvVtx *const *ring, int32_t n);
+// After a full removal: the ring vertices whose key lies above the
+// tolerance, or that have none, enter the order again at key, so that each
+// is tried on the changed mesh before the sweep ends; the others keep their
+// keys and are tried again when they come up. 0, or -1.
+[[nodiscard]] int32_t qvRingDirty(qvRedOrder *order, qvVtx *const *ring, int32_t n, double key);
+// The key at the head of the order, +inf when it is empty or null.
+double qvRedOrderNext(qvRedOrder *order);
 // After a fast removal: the ring is out for the rest of the pass, without a
 // score, at the tail in ring order. 0, or -1.
 [[nodiscard]] int32_t qvRingDefer(qvRedOrder *order, qvVtx *const *ring, int32_t n);

@@ -599,15 +599,23 @@ int32_t removeVertex(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvRedOrd
     qvTrialDrop(tr);
     return 1;
   }
+  // A full sweep takes the vertex only while its score, made on the current
+  // mesh, heads the order; the keys behind it are the scores their vertices
+  // had when last tried, and a vertex is tried again when it comes up.
+  if (full && tr->score > qvRedOrderNext(order)) {
+    qvTrialDrop(tr);
+    return 2;
+  }
   if (qvTrialCommit(mesh, tr, params) != 0) return -1;
-  // The ring outlives the trial that rescoring it makes.
-  qvVtx* local[32];
-  const int32_t n = tr->nRing;
-  qvVtx** ring = n <= 32 ? local : static_cast<qvVtx**>(ftMalloc(sizeof(qvVtx*) * static_cast<size_t>(n)));
-  if (!ring) return -1;
-  std::copy(tr->ring, tr->ring + n, ring);
-  const int32_t done = full ? qvRingRescore(mesh, order, ring, n, params, tr) : qvRingDefer(order, ring, n);
-  if (ring != local) std::free(ring);
+  if (!full) return qvRingDefer(order, tr->ring, tr->nRing) < 0 ? -1 : 0;
+  // The trials that the commit changes: those of the ring, whose stars
+  // changed, and those of the far corners of the triangles round the ring,
+  // whose stars lost pieces to the new fan or now border it.
+  int32_t done = qvRingDirty(order, tr->ring, tr->nRing, params->tol2);
+  for (int32_t i = 0; i < tr->nNear && done == 0; ++i) {
+    qvVtx* corners[3];
+    done = qvTriCornerVtx(tr->near[i], 0, corners) == 0 ? qvRingDirty(order, corners, 3, params->tol2) : -1;
+  }
   return done < 0 ? -1 : 0;
 }
 

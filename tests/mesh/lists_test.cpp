@@ -50,44 +50,6 @@ TEST(VtxList, DeleteFlaggedCountsAndKeepsTheRestInOrder) {
   }
 }
 
-TEST(VtxList, UnlinkDeleteConcatAndTailKeepTheLinks) {
-  qvVtx* head = makeList({0, 0, 0, 0});
-  EXPECT_EQ(order(head), (std::vector<int>{3, 2, 1, 0}));
-  qvVtx* second = head->next;
-  head = qvVtxDelete(head, head);
-  EXPECT_EQ(head, second);
-  EXPECT_EQ(head->prev, nullptr);
-  qvVtx* tail = qvVtxTail(head);
-  EXPECT_EQ(tail->dat[0], 0.0);
-  head = qvVtxUnlink(head, tail);
-  EXPECT_EQ(tail->prev, nullptr);
-  EXPECT_EQ(qvVtxUnlink(head, nullptr), head);
-  EXPECT_EQ(qvVtxConcat(nullptr, tail), tail);
-  head = qvVtxConcat(head, qvVtxConcat(tail, makeList({0, 0})));
-  EXPECT_EQ(order(head), (std::vector<int>{2, 1, 0, 1, 0}));
-  EXPECT_EQ(qvVtxCount(head), 5);
-  EXPECT_EQ(qvVtxCount(nullptr), 0);
-  EXPECT_EQ(qvVtxTail(nullptr), nullptr);
-  qvVtxDeleteAll(head);
-}
-
-TEST(TriList, ReverseTurnsTheOrderAndBothLinks) {
-  std::vector<qvTri*> made;
-  qvTri* head = nullptr;
-  for (int i = 0; i < 4; ++i) head = qvTriConcat(made.emplace_back(qvTriNew(nullptr, nullptr, nullptr, 0)), head);
-  head = qvTriReverse(head);
-  size_t i = 0;
-  for (qvTri *t = head, *before = nullptr; t && i < made.size(); before = t, t = t->next, ++i) {
-    EXPECT_EQ(t, made[i]);
-    EXPECT_EQ(t->prev, before);
-  }
-  EXPECT_EQ(qvTriTail(head), made.back());
-  EXPECT_EQ(qvTriReverse(nullptr), nullptr);
-  int32_t n = 0;
-  EXPECT_EQ(qvTriDeleteFlagged(head, kTriLinked, &n), nullptr);
-  EXPECT_EQ(n, 4);
-}
-
 TEST(Records, CreationSetsFlagsAndRefusesWhatCantBeMade) {
   qvVtx* v = qvVtxNew(kVtxHasNormal | kVtxHasParam, nullptr);
   EXPECT_EQ(qvVtxOf(v->dat), v);

@@ -78,23 +78,31 @@ TEST(Removal, EveryCommitKeepsBothSurfacesAndTheCoversWhole) {
   backToRest(f.mesh);
 }
 
-TEST(Order, AscendingWithoutScoresLastAndTiesInListOrder) {
-  Fixture f(kSquare);
-  ASSERT_EQ(qvRedPrepFirst(f.mesh), 4);
-  // Vertex 1 has no score (NaN counts as none); 0 and 3 tie and keep the
-  // order they have in the list.
-  const double scores[4] = {0.25, NAN, 0.0, 0.25};
-  for (int i = 0; i < 4; ++i) *qvScoreOf(f.v[i]) = scores[i];
-  qvVtx* tieFirst = f.v[3];
-  for (qvVtx* v = f.mesh->vtx; v; v = v->next)
-    if (v == f.v[0] || v == f.v[3]) {
-      tieFirst = v;
-      break;
+TEST(Sweep, EndsOnlyWhenEveryVertexLeftFailsOnTheFinalMesh) {
+  // The order keeps stale keys and tries a vertex again when it comes up:
+  // when the sweep ends, a trial of every vertex left, on the final mesh,
+  // finds no spoke or scores above the limit.
+  for (const double tol : {0.3, 1.5}) {
+    Fixture f(torusShape(24, 12));
+    qvRedParams p;
+    ASSERT_EQ(qvRedParamsSet(tol, &p), 0);
+    ASSERT_GT(qvRedPrepFirst(f.mesh), 0);
+    ASSERT_EQ(qvCoverStart(f.mesh, &p), 0);
+    qvTrial tr{};
+    ASSERT_GE(qvRedScoreAll(f.mesh, &p, &tr), 0);
+    EXPECT_GT(qvRedSweepFull(f.mesh, &p, &tr), 10) << tol;
+    for (qvVtx* v = f.mesh->vtx; v; v = v->next) {
+      if (v->flags & kVtxRetired) continue;
+      const int32_t r = qvTrialRun(f.mesh, v, &p, &tr);
+      ASSERT_GE(r, 0);
+      if (r == 1) continue;
+      EXPECT_GT(tr.score, p.lim2) << tol;
+      qvTrialDrop(&tr);
     }
-  qvVtx* tieSecond = tieFirst == f.v[0] ? f.v[3] : f.v[0];
-  f.mesh->vtx = qvVtxSortScore(f.mesh->vtx, -1, nullptr);
-  std::vector<qvVtx*> got;
-  for (qvVtx* v = f.mesh->vtx; v; v = v->next) got.push_back(v);
-  EXPECT_EQ(got, (std::vector<qvVtx*>{f.v[2], tieFirst, tieSecond, f.v[1]}));
-  backToRest(f.mesh);
+    qvTrialFree(&tr);
+    qvCoverEnd(f.mesh, &p);
+    ASSERT_GE(qvRedFinishPass(f.mesh, 0), 0);
+    EXPECT_EQ(validateText(f.mesh), "");
+    backToRest(f.mesh);
+  }
 }
