@@ -14,6 +14,7 @@
 
 #include "kernels/alloc.h"
 #include "kernels/failure.h"
+#include "kernels/progress.h"
 #include "reduce/reduce_internal.h"
 
 namespace {
@@ -386,9 +387,14 @@ int32_t sweep(qvMesh* mesh, const qvRedParams* params, bool full, qvTrial* tr) {
     return -1;
   }
   int32_t removed = 0;
+  int32_t untold = 0;  // vertices taken off the order since the last progress note
   for (qvVtx* v = orderFront(&order); v; v = orderFront(&order)) {
     const double s = scoreOf(v);
     if (noScore(s) || s > params->tol2) break;
+    if (++untold == kProgressEvery) {
+      ftProgress(kProgressSweep, untold);
+      untold = 0;
+    }
     const int32_t r =
         full ? qvVtxRemoveFull(mesh, v, params, &order, tr) : qvVtxRemoveFast(mesh, v, params, &order, tr);
     if (r < 0) {
@@ -405,6 +411,7 @@ int32_t sweep(qvMesh* mesh, const qvRedParams* params, bool full, qvTrial* tr) {
     }
     if (removed < 0) break;
   }
+  ftProgress(kProgressSweep, untold);
   if (removed >= 0) {
     qvVtx* head = orderList(&order);
     if (head) mesh->vtx = head;
