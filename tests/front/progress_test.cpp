@@ -37,7 +37,9 @@ int runOnTerminal(const std::string &input, const std::string &output, const cha
 
 TEST(ProgressLine, ShowsOnATerminalOnlyErasesItselfAndChangesNoResult) {
   setenv("FT_PROGRESS_DELAY", "0", 1);
-  const std::string input = dataPath("bunny.stl");
+  // An open height field of 8,192 facets: -qm cuts it into two pieces that
+  // are reduced side by side, so the notes come from two threads.
+  const std::string input = dataPath("terrain.stl");
   const struct {
     const char *method;
     const char *unit;  // text the line must hold besides the vertices, or null: no line at all
@@ -67,7 +69,7 @@ TEST(ProgressLine, ShowsOnATerminalOnlyErasesItselfAndChangesNoResult) {
     EXPECT_EQ(terminal.find('\n'), std::string::npos) << terminal;
     EXPECT_NE(terminal.find(kErase + "FacetTrim: "), std::string::npos) << terminal;
     EXPECT_NE(terminal.find(c.unit), std::string::npos) << terminal;
-    EXPECT_NE(terminal.find("/1,839 vertices, "), std::string::npos) << terminal;
+    EXPECT_NE(terminal.find(" vertices, "), std::string::npos) << terminal;
     EXPECT_NE(terminal.find(" facets/s, "), std::string::npos) << terminal;
     ASSERT_GE(terminal.size(), kErase.size());
     EXPECT_EQ(terminal.substr(terminal.size() - kErase.size()), kErase);
