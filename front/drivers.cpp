@@ -12,6 +12,7 @@
 // two block routes, then the three method entries.
 #include "front/front.h"
 #include "kernels/failure.h"
+#include "kernels/progress.h"
 #include "front/front_internal.h"
 
 #include "mesh/qvMesh.h"
@@ -40,6 +41,7 @@ int reduceOneMesh(qvMesh *mesh, FILE *file, int format, int method, double toler
     return FT_FAIL(-1);
   }
   old += qvTriCount(mesh->tri);
+  progressStage(kStageReduce);
   // Only the sign of the engine's result counts: the number removed is taken
   // from the triangles written.
   int32_t engine;
@@ -51,7 +53,10 @@ int reduceOneMesh(qvMesh *mesh, FILE *file, int format, int method, double toler
     engine = reduceParallelMedium(mesh, tolerance, angle);
     break;
   default:
+    // The whole shell is the leaf; the parallel entries note their own.
+    ftProgress(kProgressLeaf, 0);
     engine = reduceOnePass(mesh, tolerance, angle);
+    ftProgress(kProgressLeafEnd, 0);
     break;
   }
   if (engine < 0) {
@@ -59,6 +64,7 @@ int reduceOneMesh(qvMesh *mesh, FILE *file, int format, int method, double toler
     std::fflush(file);
     return FT_FAIL(-1);
   }
+  progressStage(kStageWrite);
   const int written = format == kStlBinary ? stlWriteMeshBinary(mesh, 0, file)
                                            : stlWriteMeshAscii(mesh, 0, file);
   qvMeshFree(mesh);
@@ -86,8 +92,20 @@ int reduceMeshChain(qvMesh *chain, FILE *file, const char *name, int format, int
   int64_t oldSum = 0;
   int64_t writtenSum = 0;
   bool done = true;
-  while (chain && done) {
+  // A chain written to a file of its own is a whole model: its shells are the
+  // run's units of progress. A block's chain is part of a unit.
+  int shells = 0;
+  int64_t facets = 0;
+  if (name) {
+    for (const qvMesh *mesh = chain; mesh; mesh = mesh->next, ++shells) {
+      facets += qvTriCount(mesh->tri);
+    }
+  }
+  for (int shell = 0; chain && done; ++shell) {
     qvMesh *mesh = chain;
+    if (name) {
+      progressUnit(kUnitShell, shell, shells, qvTriCount(mesh->tri), facets);
+    }
     chain = qvMeshUnchain(chain, mesh);
     int32_t meshOld = 0;
     const int written =
@@ -150,10 +168,14 @@ int64_t reduceBlocks(const FacetSource &source, int count, FILE *output, int met
                      double tolerance, const double *angle) {
   int64_t oldSum = 0;
   int64_t removedSum = 0;
+  const int blocks = (count + kFacetBlockSize - 1) / kFacetBlockSize;
   for (int start = 0; start < count; start += kFacetBlockSize) {
     const int size = std::min(kFacetBlockSize, count - start);
+    progressUnit(kUnitBlock, start / kFacetBlockSize, blocks, size, count);
+    progressStage(kStageFetch);
     int status = 0;
     qvMesh *mesh = buildRun(source, start, size, &status);
+    progressStage(kStageAssembly);
     // With no tolerance only coinciding coordinates weld. A run that leaves no
     // triangle fails the whole run.
     if (!mesh || status != 0 || qvMeshAssemble(mesh, nullptr) < 1) {
@@ -226,7 +248,9 @@ int reduceInMemory(const char *input, const char *output, int method, const Face
                    double tolerance, const double *angle, int count) {
   FacetBlock *blocks[kFacetBlockMax] = {};
   int blockCount = 0;
+  progressStage(kStageRead);
   const int loaded = stlLoadBlocks(input, blocks, &blockCount);
+  progressStage(kStageSort);
   FacetRec **table = loaded == count ? buildSortedFacets(blocks, box, count) : nullptr;
   OutputTarget target = {output ? output : "", false};
   int result = -1;
@@ -255,7 +279,9 @@ int reduceStreamed(const char *input, const char *output, int method, const Face
   }
   int keyCount = count;
   int format = kStlUnknown;
+  progressStage(kStageRead);
   FacetKey *keys = readFacetKeys(input, facetSortAxis(box), &keyCount, &format);
+  progressStage(kStageSort);
   int result = -1;
   if (keys && keyCount == count && sortFacetKeys(keys, keyCount) == count) {
     FILE *file = stlCreateBinary(output, static_cast<uint32_t>(count));
@@ -296,6 +322,7 @@ int reduceBlockMethod(const char *input, const char *output, int method, double 
     }
   }
   FacetBox box = {};
+  progressStage(kStageScan);
   const int64_t scanned = stlScan(input, &box, nullptr);
   // Taken as unsigned, one test refuses an over-long file and every negative status.
   if (static_cast<uint64_t>(scanned) > static_cast<uint64_t>(kBlockFacetLimit)) {
@@ -332,7 +359,9 @@ int reduceMedium(const char *inputName, const char *outputName, double tolerance
 int reduceHigh(const char *inputName, const char *outputName, double tolerance,
                const double *angle, int32_t *oldCount) {
   int64_t status = 0;
+  progressStage(kStageRead);
   qvMesh *chain = stlReadMesh(inputName, &status);
+  progressStage(kStageAssembly);
   const int shells = chain && status >= 0 ? qvMeshAssemble(chain, nullptr) : -1;
   OutputTarget target;
   if (shells < 0 || !outputName ||

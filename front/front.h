@@ -143,6 +143,17 @@ std::string formatRunReport(const ReduceOptions *options, int32_t oldCount,
 [[nodiscard]] int writeRunReport(const ReduceOptions *options, int32_t oldCount, int32_t removedCount,
                    int32_t solidCount, double elapsedSeconds);
 
+// ---- Watching a run (progress.cpp) -------------------------------------------------
+
+// Starts watching a run: the progress line on standard error when line is true
+// and standard error is a terminal (shown after FT_PROGRESS_DELAY seconds, 2 by
+// default), and the stage times when FT_TIMES=1 is in the environment. With
+// neither, nothing is watched and no engine note goes anywhere.
+void progressStart(bool line);
+// Ends the watch: the line is erased, the stage times are printed on standard
+// error, and the engine's notes go nowhere again.
+void progressEnd();
+
 // ---- Licence gate (licence.cpp) ------------------------------------------------------
 
 // 1 when the run is licensed, 0 when it is refused.

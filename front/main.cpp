@@ -78,8 +78,13 @@ int main(int argc, char **argv) {
   int32_t oldCount = 0;
   int32_t removedCount = 0;
   int32_t solidCount = -1;
+  // The low method prints progress lines of its own on standard output, which
+  // a line rewritten in place on the same terminal would garble.
+  progressStart(options.method != kMethodLow);
   const int result = runReduction(&options, &oldCount, &removedCount, &solidCount);
   const std::time_t end = std::time(nullptr);
+  // The line is gone before any message can follow it.
+  progressEnd();
 
   // One message for every failure behind the run: unreadable or malformed input,
   // limits, a failed write or a failed solid extraction.

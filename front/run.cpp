@@ -51,6 +51,7 @@ int runReduction(const ReduceOptions *options, int32_t *oldCount, int32_t *remov
     const std::string &solidName = options->solidName;
     OutputTarget target;
     int solids = -1;
+    progressStage(kStageSolid);
     if (planOutput(solidName, sameFile(solidName, options->outputName) ||
                                   sameFile(solidName, options->inputName),
                    &target))

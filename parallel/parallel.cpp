@@ -22,6 +22,7 @@
 
 #include "kernels/predicates.h"
 #include "kernels/failure.h"
+#include "kernels/progress.h"
 #include "parallel/parallel_internal.h"
 #include "reduce/reduce.h"
 
@@ -68,9 +69,13 @@ void gatherPieces(qvMesh *mesh, qvMeshPair *pair) {
   pair->second = nullptr;
 }
 
+// The leaf's progress notes let the front end tell the time a leaf spends
+// outside its passes (features, caps) from the passes themselves.
 int32_t reduceLeaf(qvMesh *mesh, double tolerance, const double *angleRef,
                    const qvParMethod *method) {
+  ftProgress(kProgressLeaf, 0);
   const int32_t removed = method->leaf(mesh, tolerance, angleRef);
+  ftProgress(kProgressLeafEnd, 0);
   return removed < 0 ? -1 : removed;
 }
 

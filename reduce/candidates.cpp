@@ -11,6 +11,7 @@
 
 #include "kernels/alloc.h"
 #include "kernels/failure.h"
+#include "kernels/progress.h"
 #include "reduce/reduce_internal.h"
 
 namespace {
@@ -335,6 +336,7 @@ int32_t sweep(qvMesh* mesh, const qvRedParams* params, bool full, qvTrial* tr) {
     return -1;
   }
   int32_t removed = 0;
+  int32_t untold = 0;  // vertices done (removed or refused) since the last progress note
   for (qvVtx* v = orderFront(&order); v; v = orderFront(&order)) {
     const double s = scoreOf(v);
     if (noScore(s) || s > params->tol2) break;
@@ -360,7 +362,13 @@ int32_t sweep(qvMesh* mesh, const qvRedParams* params, bool full, qvTrial* tr) {
       if (!orderPlace(&order, v)) removed = -1;
     }
     if (removed < 0) break;
+    // A vertex put back behind the head is not done yet.
+    if (r != 2 && ++untold == kProgressEvery) {
+      ftProgress(kProgressSweep, untold);
+      untold = 0;
+    }
   }
+  ftProgress(kProgressSweep, untold);
   if (removed >= 0) {
     qvVtx* head = orderList(&order);
     if (head) mesh->vtx = head;

@@ -10,6 +10,7 @@
 #include <unordered_set>
 
 #include "kernels/failure.h"
+#include "kernels/progress.h"
 #include "reduce/reduce_internal.h"
 
 namespace {
@@ -175,6 +176,7 @@ namespace {
 // covers released.
 int32_t runPass(qvMesh* mesh, const qvRedParams* given, bool full) {
   if (!mesh || !given) return -1;
+  ftProgress(kProgressPass, qvVtxCount(mesh->vtx));
   qvRedParams params = *given;
   int32_t removed = -1;
   qvTrial tr{};
@@ -182,6 +184,7 @@ int32_t runPass(qvMesh* mesh, const qvRedParams* given, bool full) {
     removed = full ? qvRedSweepFull(mesh, &params, &tr) : qvRedSweepFast(mesh, &params, &tr);
   qvTrialFree(&tr);
   qvCoverEnd(mesh, &params);
+  ftProgress(kProgressPassEnd, 0);
   return removed < 0 ? FT_FAIL(-1) : removed;
 }
 
