@@ -34,23 +34,6 @@ void unmarkStar(qvMesh* mesh) {
   qvHeadUnmark(mesh, kMarkSet.tri, edgBits, kMarkSet.vtx);
 }
 
-// The link test of spoke e of t, towards w: the ring of w is marked with the
-// far marks (edges moved to the head) for the time of the test and cleared
-// again, the star of the picking vertex staying at the head. 1, 0 or -1.
-int32_t spokeLink(qvMesh* mesh, qvTri* t, qvEdg* e, const double* w) {
-  const int32_t n = qvFanMark(mesh, t, w, 0, kEdgMarkFar, kVtxMarkFar, kFanMoveEdg);
-  e->flags |= kEdgMarkSpoke;
-  const uint32_t edgMarks[2] = {kMarkSet.edg, kEdgMarkFar};
-  const uint32_t vtxMarks[2] = {kMarkSet.vtx, kVtxMarkFar};
-  const int32_t ok = n < kValenceMin ? -1 : qvLinkTest(mesh, t, e, edgMarks, vtxMarks);
-  const uint32_t edgBits[2] = {kEdgMarkFar, kEdgMarkFar | kMarkSet.edg};
-  qvHeadUnmark(mesh, 0, edgBits, kVtxMarkFar);
-  return ok;
-}
-
-
-
-
 }  // namespace
 
 // ---------------------------------------------------------------------------
@@ -74,9 +57,9 @@ qvEdg* qvSpokePick(qvMesh* mesh, qvTri* t, qvVtx* v, int32_t* blocked, const qvS
     for (qvEdg* e : s->edg) {
       // Each spoke once: the mark stays on it until the end.
       if (e->flags & kEdgMarkSpoke) continue;
-      const double* w = otherEnd(e, p);
-      if (!w) continue;
-      const int32_t ok = spokeLink(mesh, s, e, w);
+      if (!otherEnd(e, p)) continue;
+      e->flags |= kEdgMarkSpoke;
+      const int32_t ok = qvLinkTest(s, e, p, kMarkSet.vtx, ring);
       if (ok < 0) {
         failed = true;
         break;

@@ -622,7 +622,8 @@ int32_t qvTrialCertify(qvTrial* tr, const qvRedParams* params) {
   });
   for (int32_t i = 0; i < n && ok; ++i) {
     const qvPiece& piece = *affected[i].piece;
-    if (!certify(tr, piece.q, piece.src, 0)) {
+    // Refused, or already no better than the bound it had to beat.
+    if (!certify(tr, piece.q, piece.src, 0) || tr->score >= tr->beat) {
       tr->score = kInf;
       break;
     }
@@ -661,7 +662,12 @@ void qvTrialFree(qvTrial* tr) {
   std::free(tr->rowKey);
   std::free(tr->rows);
   std::free(tr->slots);
+  qvTrial* spare = tr->spare;
   *tr = qvTrial{};
+  if (spare) {
+    qvTrialFree(spare);
+    std::free(spare);
+  }
 }
 
 // ---------------------------------------------------------------------------

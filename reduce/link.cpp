@@ -6,35 +6,44 @@
 
 namespace {
 
-inline bool bearsBoth(uint32_t flags, const uint32_t marks[2]) {
-  return (flags & marks[0]) && (flags & marks[1]);
+struct LinkWalk {
+  const double* v;     // the end whose ring bears the mark
+  const double* w;     // the end whose fan is walked
+  const double* a;     // the corners opposite the spoke
+  const double* b;
+  uint32_t ringMark;
+  int32_t valence;     // triangles round w
+};
+
+// Stops the walk with 2 at a neighbour of w, other than v, a and b, that is
+// in v's ring too.
+int32_t seeNeighbours(qvTri* t, void* ctx) {
+  auto& c = *static_cast<LinkWalk*>(ctx);
+  const qvEdg* far = qvTriFarEdge(t, c.w);
+  if (!far) return 3;
+  ++c.valence;
+  for (const double* x : far->ends)
+    if (x != c.v && x != c.a && x != c.b && (qvVtxOf(x)->flags & c.ringMark)) return 2;
+  return 0;
 }
 
 }  // namespace
 
-int32_t qvLinkTest(qvMesh* mesh, qvTri* t, qvEdg* e, const uint32_t edgMarks[2],
-                   const uint32_t vtxMarks[2]) {
-  if (!mesh || !t || !e || !edgMarks || !vtxMarks) return -1;
+int32_t qvLinkTest(qvTri* t, qvEdg* e, const double* v, uint32_t ringMark, int32_t valence) {
+  if (!t || !e || !v) return -1;
   const int32_t i = qvTriEdgeSlot(t, e);
-  if (i < 0) return -1;
+  const double* w = e->ends[0] == v ? e->ends[1] : e->ends[0];
+  if (i < 0 || (e->ends[0] != v && e->ends[1] != v)) return -1;
   // The spoke's other triangle on the live surface.
   const qvTri* n = t->aux[i] ? t->aux[i] : t->adj[i];
   if (!n) return -1;
-  const double* a = qvTriOpposite(t, e);
-  const double* b = qvTriOpposite(n, e);
-  if (!a || !b) return -1;
-  if (!bearsBoth(qvVtxOf(a)->flags, vtxMarks) || !bearsBoth(qvVtxOf(b)->flags, vtxMarks)) return 0;
-
-  // Both rings stand at the head of the edge list; a vertex common to both
-  // bears both vertex marks.
-  const uint32_t either = edgMarks[0] | edgMarks[1];
-  const uint32_t anyVtx = vtxMarks[0] | vtxMarks[1];
-  for (const qvEdg* r = mesh->edg; r && (r->flags & either); r = r->next) {
-    if (bearsBoth(r->flags, edgMarks)) return 0;  // an edge in both rings
-    for (const double* x : r->ends) {
-      if (!x || !(qvVtxOf(x)->flags & anyVtx)) return -1;
-      if (bearsBoth(qvVtxOf(x)->flags, vtxMarks) && x != a && x != b) return 0;
-    }
-  }
-  return 1;
+  LinkWalk walk{v, w, qvTriOpposite(t, e), qvTriOpposite(n, e), ringMark, 0};
+  if (!walk.a || !walk.b) return -1;
+  if (!(qvVtxOf(walk.a)->flags & ringMark) || !(qvVtxOf(walk.b)->flags & ringMark)) return -1;
+  const int32_t r = qvFanWalk(t, w, seeNeighbours, &walk);
+  if (r == 2) return 0;
+  if (r != 0) return -1;
+  // Both ends of valence 3: the two rings share the edge a-b, and the four
+  // triangles close a tetrahedron.
+  return valence == kValenceMin && walk.valence == kValenceMin ? 0 : 1;
 }

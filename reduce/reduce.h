@@ -71,9 +71,9 @@
 
 // One pass at the whole tolerance (high and medium methods). Removed count or -1.
 // angle: fold angle in degrees, null for the default, negative to skip features.
-int32_t reduceOnePass(qvMesh *mesh, double tol, const double *angle);
+[[nodiscard]] int32_t reduceOnePass(qvMesh *mesh, double tol, const double *angle);
 // Several passes of growing tolerance (low method). Removed count or -1.
-int32_t reduceStepped(qvMesh *mesh, double tol, const double *angle);
+[[nodiscard]] int32_t reduceStepped(qvMesh *mesh, double tol, const double *angle);
 
 // ---- Engine flags ---------------------------------------------------------------
 //
@@ -88,7 +88,12 @@ constexpr uint32_t kEdgMarkOuter = kEdgMarkBnd;      // ring edge of a star bein
 constexpr uint32_t kEdgReapOnce = kEdgMarkSpoke;     // reaping: edge met in one reaped triangle
 constexpr uint32_t kEdgReapTwice = kEdgMarkSwap;     // reaping: edge met in a second one
 constexpr uint32_t kEdgReapCount = kEdgReapOnce | kEdgReapTwice;
-constexpr uint32_t kEdgFlipDone = kEdgMarkBnd | kEdgMarkVisit;  // a flip sweep leaves these edges alone
+// A flip sweep leaves alone the edges it has examined and the ring of a commit.
+constexpr uint32_t kEdgFlipDone = kEdgMarkOuter | kEdgMarkVisit;
+// Reaping happens after the copy is made and the spoke collapsed: its counts
+// may reuse the spoke's and the walk's bits, never the ring's.
+static_assert((kEdgReapCount & kEdgMarkOuter) == 0, "reaping keeps the ring mark");
+static_assert((kEdgReapOnce & kEdgReapTwice) == 0, "two reap counts, two bits");
 // At the end of a pass edges keep only their lasting bits. The mask has seven
 // hex digits on purpose: besides the marks it clears kEdgReplace (0x4000000),
 // so no replacement mark survives into the next pass.
@@ -149,8 +154,8 @@ inline double *qvScoreOf(const qvVtx *v) {
 // touches it, and qvRedPrepFirst turns every vertex into the engine's form (pair
 // zero, score kRedScoreNone), qvRedPrepPass only those not in it yet, so that
 // the others keep their score. Result: the number of vertices turned, or -1.
-int32_t qvRedPrepFirst(qvMesh *mesh);
-int32_t qvRedPrepPass(qvMesh *mesh);
+[[nodiscard]] int32_t qvRedPrepFirst(qvMesh *mesh);
+[[nodiscard]] int32_t qvRedPrepPass(qvMesh *mesh);
 
 // ---- Marks ----------------------------------------------------------------------
 
@@ -163,8 +168,6 @@ struct qvMarkSet {
 constexpr qvMarkSet kMarkSet = {kVtxMarkVisit, kEdgMarkVisit, kTriMarkVisit};
 
 // The ring of a spoke's far end bears these while the link test runs.
-constexpr uint32_t kVtxMarkFar = kVtxMarkBnd;
-constexpr uint32_t kEdgMarkFar = kEdgMarkBnd;
 // A corner of the measured surface whose nearest reference triangle is still
 // to be found.
 constexpr uint32_t kVtxMarkNearest = kVtxMarkEngine;
@@ -173,10 +176,10 @@ constexpr uint32_t kVtxMarkNearest = kVtxMarkEngine;
 // tag is 0 gets the number of triangles round it on the live surface, which must
 // close and hold at least 3. Result: the number of tags written, or -1 (every
 // corner of the run then has tag 0).
-int32_t qvValenceFill(qvMesh *mesh, uint32_t triMark);
+[[nodiscard]] int32_t qvValenceFill(qvMesh *mesh, uint32_t triMark);
 // Zeroes the tag of every corner of every triangle of mesh. The number of
 // triangles, or -1 for a null mesh or a triangle whose corners can't be read.
-int32_t qvValenceClear(qvMesh *mesh);
+[[nodiscard]] int32_t qvValenceClear(qvMesh *mesh);
 
 // ---- Feature classification ---------------------------------------------------
 
@@ -187,17 +190,16 @@ int32_t qvValenceClear(qvMesh *mesh);
 // the edge times the fold's sine, 1 past 90 degrees, at most tol), and a pair
 // with a zero normal are not features. Result: the number of feature edges, 0 for a null
 // mesh, -1 when a triangle's corners can't be read or params is null.
-int32_t qvRedFeatures(qvMesh *mesh, const double *angle, const qvRedParams *params);
+[[nodiscard]] int32_t qvRedFeatures(qvMesh *mesh, const double *angle, const qvRedParams *params);
 
 // ---- Validity tests -------------------------------------------------------------
 
-// The link condition of the spoke e of t, run while the ring of its one end
-// bears edgMarks[0] and vtxMarks[0] and the ring of the other end bears
-// edgMarks[1] and vtxMarks[1], both rings at the head of the edge list: 1 when
-// the rings share only the two corners opposite e and no edge, 0 when not,
-// -1 on failure (e not in t, no neighbour across e, an unmarked ring vertex).
-int32_t qvLinkTest(qvMesh *mesh, qvTri *t, qvEdg *e, const uint32_t edgMarks[2],
-                   const uint32_t vtxMarks[2]);
+// The link condition of the spoke e of t from the vertex with handle v,
+// whose ring vertices bear ringMark and whose star has valence triangles: 1
+// when the rings of the two ends share only the two corners opposite e and
+// no edge, 0 when not, -1 on failure (e not in t or not at v, no neighbour
+// across e, an opposite corner without the mark, a broken fan).
+[[nodiscard]] int32_t qvLinkTest(qvTri *t, qvEdg *e, const double *v, uint32_t ringMark, int32_t valence);
 
 // Projects the ring of the vertex with handle p (t a triangle at it) onto the
 // first of five planes in which it doesn't cross itself, leaving (u, v) in
@@ -205,14 +207,14 @@ int32_t qvLinkTest(qvMesh *mesh, qvTri *t, qvEdg *e, const uint32_t edgMarks[2],
 // kMarkSet already, its triangles and ring edges at the heads of their lists;
 // below 3 the routine marks the star itself and clears it again. 0 when a plane gives a simple ring, positive when none
 // does, -1 on failure.
-int32_t qvRingProject(qvMesh *mesh, qvTri *t, const double *p, int32_t ring);
+[[nodiscard]] int32_t qvRingProject(qvMesh *mesh, qvTri *t, const double *p, int32_t ring);
 
 // One diagonal: the two triangles across it and its slot in each.
 typedef qvQuad qvFlipRec;
 
 // Whether the diagonal should be flipped, on the (u, v) of the quad's corners
 // and the tags of the diagonal's ends: 1 flip, 0 don't, -1 on failure.
-int32_t qvFlipTest(const qvFlipRec *rec);
+[[nodiscard]] int32_t qvFlipTest(const qvFlipRec *rec);
 
 // ---- Passes -----------------------------------------------------------------------
 
@@ -220,23 +222,23 @@ int32_t qvFlipTest(const qvFlipRec *rec);
 // measured against the surface the previous one left; only the pass that
 // spends the rest of the budget rescores rings. Clears kVtxPinned at the end.
 // Removed count, or -1.
-int32_t qvRedPasses(qvMesh *mesh, const qvRedParams *params);
+[[nodiscard]] int32_t qvRedPasses(qvMesh *mesh, const qvRedParams *params);
 // Score every vertex, then sweep in score order: rings of removed vertices are
 // rescored and merged back (full) or parked at the tail (fast). Removed count,
 // or -1 (also for a null mesh).
-int32_t qvRedPassFull(qvMesh *mesh, const qvRedParams *params);
-int32_t qvRedPassFast(qvMesh *mesh, const qvRedParams *params);
+[[nodiscard]] int32_t qvRedPassFull(qvMesh *mesh, const qvRedParams *params);
+[[nodiscard]] int32_t qvRedPassFast(qvMesh *mesh, const qvRedParams *params);
 // Ends a pass: retired records go, live aux becomes adj, link lists and caches
 // are released, and the pass's bits are cleared (kVtxPinned too unless
 // keepFrozen). Vertices stay in the engine's form and keep link and aux, which
 // the next preparation resets and which may name a triangle that is gone. The
 // number of triangles left, or -1 for a null mesh.
-int32_t qvRedFinishPass(qvMesh *mesh, int32_t keepFrozen);
+[[nodiscard]] int32_t qvRedFinishPass(qvMesh *mesh, int32_t keepFrozen);
 // Closes the open boundaries with provisional caps, so that every fan is
 // closed during the passes. Loops closed, or -1.
-int32_t qvRedCapOpen(qvMesh *mesh);
+[[nodiscard]] int32_t qvRedCapOpen(qvMesh *mesh);
 // Takes the caps away again after the passes. Cap triangles deleted, or -1.
-int32_t qvRedCapDrop(qvMesh *mesh);
+[[nodiscard]] int32_t qvRedCapDrop(qvMesh *mesh);
 
 // Whole-mesh check in the middle of a pass, for tests and debug builds: every
 // live triangle has a live neighbour across each edge that holds the edge and

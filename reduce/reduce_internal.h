@@ -46,7 +46,7 @@ struct qvStarView {
 // -1 for a failure before anything was marked, 1 when no spoke qualifies
 // (nothing marked), and 0 when the star is marked: *err then says whether
 // the marking, projection or valences failed, and the caller unmarks.
-int32_t qvStarOpen(qvMesh *mesh, qvVtx *v, qvStarView *star, int32_t *err, const qvSpokeSkip *skip);
+[[nodiscard]] int32_t qvStarOpen(qvMesh *mesh, qvVtx *v, qvStarView *star, int32_t *err, const qvSpokeSkip *skip);
 
 // ---- Ring projection ------------------------------------------------------------
 
@@ -63,20 +63,20 @@ typedef int32_t (*qvPlaneFn)(qvMesh *mesh, const double *p, int32_t ring, const 
 
 // Least-squares plane of the ring vertices, by the roots of the characteristic
 // cubic and elimination; three vertices give their own plane.
-int32_t qvPlaneRingCubic(qvMesh *mesh, const double *p, int32_t ring, const qvMarkSet *marks,
+[[nodiscard]] int32_t qvPlaneRingCubic(qvMesh *mesh, const double *p, int32_t ring, const qvMarkSet *marks,
                          double plane[4]);
 // Sum of the unnormalised normals of the star's triangles.
-int32_t qvPlaneAreaSum(qvMesh *mesh, const double *p, int32_t ring, const qvMarkSet *marks,
+[[nodiscard]] int32_t qvPlaneAreaSum(qvMesh *mesh, const double *p, int32_t ring, const qvMarkSet *marks,
                        double plane[4]);
 // Sum of the unit normals of the star's triangles.
-int32_t qvPlaneUnitSum(qvMesh *mesh, const double *p, int32_t ring, const qvMarkSet *marks,
+[[nodiscard]] int32_t qvPlaneUnitSum(qvMesh *mesh, const double *p, int32_t ring, const qvMarkSet *marks,
                        double plane[4]);
 // Sum of the spoke vectors from each neighbour to the vertex, each spoke once
 // from each of its two triangles.
-int32_t qvPlaneSpokeSum(qvMesh *mesh, const double *p, int32_t ring, const qvMarkSet *marks,
+[[nodiscard]] int32_t qvPlaneSpokeSum(qvMesh *mesh, const double *p, int32_t ring, const qvMarkSet *marks,
                         double plane[4]);
 // Least-squares plane of the ring vertices, by Jacobi rotations.
-int32_t qvPlaneRingJacobi(qvMesh *mesh, const double *p, int32_t ring, const qvMarkSet *marks,
+[[nodiscard]] int32_t qvPlaneRingJacobi(qvMesh *mesh, const double *p, int32_t ring, const qvMarkSet *marks,
                           double plane[4]);
 
 // The rows in the order they are tried.
@@ -86,21 +86,21 @@ extern const qvPlaneFn qvPlaneTable[kPlaneRows];
 // Writes (u, v) in the plane's frame into the pair of each vertex of the marked
 // ring, whose vertex marks stay as they were. 0, or -1 when the plane has no
 // frame or the ring doesn't have exactly ring vertices in the engine's form.
-int32_t qvRingToPlane(qvMesh *mesh, const double plane[4], int32_t ring, const qvMarkSet *marks);
+[[nodiscard]] int32_t qvRingToPlane(qvMesh *mesh, const double plane[4], int32_t ring, const qvMarkSet *marks);
 // 1 if two edges of the marked ring cross or overlap in (u, v), other than
 // neighbours touching at their shared end; 0 if none do; -1 when the ring
 // doesn't have exactly ring edges between vertices in the engine's form.
-int32_t qvRingSimple(qvMesh *mesh, int32_t ring, const qvMarkSet *marks);
+[[nodiscard]] int32_t qvRingSimple(qvMesh *mesh, int32_t ring, const qvMarkSet *marks);
 
 // ---- Flip test --------------------------------------------------------------------
 
 // 1 when both ends of the diagonal have a valence (tag) of 4 or more and the
 // two triangles have no neighbour in common, 0 if not, -1 for a bad record.
-int32_t qvFlipSafe(const qvFlipRec *rec);
+[[nodiscard]] int32_t qvFlipSafe(const qvFlipRec *rec);
 // 1 when the far apex lies strictly within the circle of the other three
 // corners in (u, v), as both orders of the quad agree; 0 if not (a cocircular
 // or a degenerate quad included); -1 for a bad record.
-int32_t qvQuadDelaunay(const qvFlipRec *rec);
+[[nodiscard]] int32_t qvQuadDelaunay(const qvFlipRec *rec);
 
 // ---- Covers -------------------------------------------------------------------------
 
@@ -197,8 +197,10 @@ struct qvTrial {
   int32_t *slots;         // open-addressed index of rowKey
   int32_t slotCount;
   int32_t fragments;      // fragments made by this trial
+  double beat;            // the score to beat: a trial that can't is refused early
   double lim2;
   qvCoverPool *pool;
+  qvTrial *spare;         // where the next spoke is tried, made on first use
 };
 
 // Certifies the pieces the trial's removal displaces, against its fan and
@@ -211,11 +213,11 @@ struct qvTrial {
 // Releases the arrays of a trial that holds no copy.
 void qvTrialFree(qvTrial *tr);
 // 0 when the piece lies within lim of its home (and partner), 1 otherwise.
-int32_t qvCoverCheckPiece(const qvTri *home, const qvPiece &piece, const qvRedParams *params);
+[[nodiscard]] int32_t qvCoverCheckPiece(const qvTri *home, const qvPiece &piece, const qvRedParams *params);
 // Whole-pass check, for tests and debug builds: every cover belongs to a
 // live non-cap triangle, every piece is certified afresh, and the pieces of
 // each starting triangle add up to its area. The number of violations.
-int32_t qvCoverCheck(const qvMesh *mesh, const qvRedParams *params, FILE *out);
+[[nodiscard]] int32_t qvCoverCheck(const qvMesh *mesh, const qvRedParams *params, FILE *out);
 
 // ---- Vertex removal (star copies, collapse, flips, grafting) ----------------------
 //
@@ -348,14 +350,3 @@ qvRedBudget qvRedBudgetStart(double total);
 // its rest is too small for a closing pass. The caller sets ratio and counts
 // passes after each pass.
 int32_t qvRedBudgetNext(qvRedBudget *b);
-
-// ---- List helpers -----------------------------------------------------------------
-
-inline void qvTriToHead(qvMesh *mesh, qvTri *t) {
-  if (mesh->tri == t) return;
-  mesh->tri = qvTriConcat(t, qvTriUnlinkList(mesh->tri, t));
-}
-inline void qvEdgToHead(qvMesh *mesh, qvEdg *e) {
-  if (mesh->edg == e) return;
-  mesh->edg = qvEdgConcat(e, qvEdgUnlink(mesh->edg, e));
-}

@@ -23,6 +23,10 @@
 namespace {
 
 constexpr int32_t kFlipApexMin = 4;     // an apex of a flipped diagonal, after the flip
+// A longer spoke replaces a shorter one only when its squared score is below
+// this share of the shorter one's: short spokes keep the triangles compact,
+// which leaves later removals room; a clearly better score wins all the same.
+constexpr double kSpokeGain = 0.5;
 
 inline qvTri* liveAcross(const qvTri* t, int32_t i) { return t->aux[i] ? t->aux[i] : t->adj[i]; }
 
@@ -172,9 +176,10 @@ int32_t qvCollapse(qvMesh* copy, qvVtx* v, uint32_t mark) {
   if (v->tag != 0 && qvValenceCollapse(v, w, qvVtxOf(opp[0]), qvVtxOf(opp[1])) != 0) return -1;
 
   v->flags |= kVtxMarkCollapse;
-  qvVtxReplace(copy, w, v);
-  int32_t status = 0;
+  // The copy's spokes now end at w: at least the two on the spoke's triangles.
+  int32_t status = qvVtxReplace(copy, w, v) >= 2 ? 0 : -1;
   for (qvTri* t : pair) {
+    if (status != 0) break;
     const int32_t s = qvTriEdgeSlot(t, e);
     const int32_t k1 = (s + 1) % 3;
     const int32_t k2 = (s + 2) % 3;
@@ -554,6 +559,21 @@ int32_t trialAlong(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvTrial* t
 
 }  // namespace
 
+namespace {
+
+// Sets or clears kEdgMarkOuter on the ring edges of the trial's star. Two
+// trials of one star share those edges: the mark stands for the one that
+// a commit may apply, and is off while another spoke is tried.
+void markRing(qvTrial* tr, bool on) {
+  const double* p = tr->v->dat;
+  for (int32_t s = 0; s < tr->nStar; ++s)
+    for (qvEdg* e : tr->star[s]->edg)
+      if (on && !touches(e, p)) e->flags |= kEdgMarkOuter;
+      else e->flags &= ~kEdgMarkOuter;
+}
+
+}  // namespace
+
 int32_t qvTrialRun(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvTrial* tr) {
   if (!mesh || !v || !params || !tr) return -1;
   tr->v = v;
@@ -561,12 +581,47 @@ int32_t qvTrialRun(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvTrial* t
   if (v->flags & (kVtxKeepSet | kVtxRetired)) return 1;
   if (!v->aux) return -1;
   qvSpokeSkip skip{};
-  int32_t r = trialAlong(mesh, v, params, tr, &skip);
-  while (r == 0 && !(tr->score <= params->lim2) && skip.n < kSpokeTries) {
-    qvTrialDrop(tr);
-    r = trialAlong(mesh, v, params, tr, &skip);
+  tr->beat = std::numeric_limits<double>::infinity();
+  const int32_t r = trialAlong(mesh, v, params, tr, &skip);
+  if (r != 0) return r;
+  // The next spokes, shortest first, are tried while one may still do
+  // better; the trial kept is the best, the first among equals. A score
+  // within the rounding allowance counts as none: on a flat face the first
+  // spoke stays, whatever the roundings of the others.
+  if (!tr->spare) {
+    tr->spare = static_cast<qvTrial*>(ftCalloc(1, sizeof(qvTrial)));
+    if (!tr->spare) {
+      qvTrialDrop(tr);
+      return FT_FAIL(-1);
+    }
   }
-  return r;
+  qvTrial* alt = tr->spare;
+  while (skip.n < kSpokeTries && tr->score > params->eta * params->eta) {
+    markRing(tr, false);
+    alt->v = v;
+    // Only a strictly smaller score wins: the certificate stops at the first
+    // piece that rules it out.
+    alt->beat = tr->score * kSpokeGain;
+    const int32_t q = trialAlong(mesh, v, params, alt, &skip);
+    if (q < 0) {
+      qvTrialDrop(tr);
+      return -1;
+    }
+    if (q == 1) {
+      markRing(tr, true);
+      break;
+    }
+    if (alt->score < tr->score * kSpokeGain) {
+      qvTrial* keep = tr->spare;
+      std::swap(*tr, *alt);
+      tr->spare = keep;
+      alt->spare = nullptr;
+    }
+    qvMeshFree(alt->copy);
+    alt->copy = nullptr;
+    markRing(tr, true);
+  }
+  return 0;
 }
 
 int32_t qvTrialCommit(qvMesh* mesh, qvTrial* tr, const qvRedParams* params) {

@@ -12,19 +12,15 @@ qvTri* triOn(const Fixture& f, const qvEdg* e) {
   return nullptr;
 }
 
-// The link test of the spoke v-w with the rings marked as the spoke choice
-// marks them, and every mark cleared again.
+// The link test of the spoke v-w with v's ring marked as the spoke choice
+// marks it, and every mark cleared again.
 int32_t linkOf(Fixture& f, int v, int w) {
   qvEdg* e = f.e(v, w);
   qvTri* t = triOn(f, e);
-  qvFanMark(f.mesh, t, f.h(v), kMarkSet.tri, kMarkSet.edg, kMarkSet.vtx, kFanMoveEdg | kFanMoveTri);
-  qvFanMark(f.mesh, t, f.h(w), 0, kEdgMarkFar, kVtxMarkFar, kFanMoveEdg);
-  const uint32_t edgMarks[2] = {kMarkSet.edg, kEdgMarkFar};
-  const uint32_t vtxMarks[2] = {kMarkSet.vtx, kVtxMarkFar};
-  const int32_t r = qvLinkTest(f.mesh, t, e, edgMarks, vtxMarks);
-  const uint32_t either = kMarkSet.edg | kEdgMarkFar;
-  const uint32_t edgBits[2] = {either, either};
-  qvHeadUnmark(f.mesh, kMarkSet.tri, edgBits, kMarkSet.vtx | kVtxMarkFar);
+  const int32_t ring =
+      qvFanMark(f.mesh, t, f.h(v), kMarkSet.tri, kMarkSet.edg, kMarkSet.vtx, kFanMoveEdg | kFanMoveTri);
+  const int32_t r = qvLinkTest(t, e, f.h(v), kMarkSet.vtx, ring);
+  unmarkStar(f.mesh);
   return r;
 }
 
