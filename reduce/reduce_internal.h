@@ -248,6 +248,12 @@ qvMesh *qvStarCopy(qvMesh *mesh, qvTri *t, const double *p, uint32_t outerMark);
 // replaces the old one, which is freed. 0, or -1 for a bad record or a
 // valence that the flip would break.
 [[nodiscard]] int32_t qvFlipOp(qvMesh *copy, const qvFlipRec *rec);
+// When the fan from w in the copy (a collapse onto w, ring in (u, v)) folds
+// over in (u, v), flips it into a triangulation of the ring by clipped ears.
+// 0 when the fan is unfolded or didn't fold, 1 when it stays as it is (a
+// ring too long or degenerate, no ear, a valence or an edge outside the copy
+// in the way), -1 for a copy not as expected.
+[[nodiscard]] int32_t qvFanUnfold(qvMesh *copy, const double *w, bool anyRing);
 // Delaunay flips over the inner edges of the copy (ring edges, which bear
 // kEdgMarkOuter, stay) until none is made. The number of flips, or -1.
 [[nodiscard]] int32_t qvFlipSweep(qvMesh *copy);

@@ -23,10 +23,6 @@
 namespace {
 
 constexpr int32_t kFlipApexMin = 4;     // an apex of a flipped diagonal, after the flip
-// A longer spoke replaces a shorter one only when its squared score is below
-// this share of the shorter one's: short spokes keep the triangles compact,
-// which leaves later removals room; a clearly better score wins all the same.
-constexpr double kSpokeGain = 0.5;
 
 inline qvTri* liveAcross(const qvTri* t, int32_t i) { return t->aux[i] ? t->aux[i] : t->adj[i]; }
 
@@ -307,6 +303,230 @@ bool joinedOutside(const double* a, const double* b) {
 
 }  // namespace
 
+// ---------------------------------------------------------------------------
+// The fill of a folded fan
+//
+// A collapse fills the ring with a fan from one of its vertices, which folds
+// over where the ring, laid flat, isn't visible from that vertex (round a
+// hole, along a concave outline). A clean star then gets the ring's own
+// triangulation instead: ears clipped in (u, v), reached from the fan by
+// flips of the copy's inner edges (every triangulation of a polygon is a
+// chain of flips away from any fan of it).
+
+namespace {
+
+constexpr int32_t kFillMax = 48;  // the longest ring a fill takes on
+
+inline const double* uv(const double* h) { return h + kRedPairAt; }
+
+// 1, -1 or 0 for the turn of a, b, c in (u, v), times sense.
+inline int32_t turnUv(const double* a, const double* b, const double* c, double sense) {
+  const double d = sense * orient2d(uv(a), uv(b), uv(c));
+  return d > 0.0 ? 1 : (d < 0.0 ? -1 : 0);
+}
+
+struct Fill {
+  const double* poly[kFillMax];  // the ring from w, in the sense of the fan's triangles
+  int32_t n;
+  int32_t tri[kFillMax][3];      // a triangulation of poly, by index
+  int32_t nTri;
+  int32_t flips[kFillMax][3];    // (a, b, c): the fan's diagonal 0-c becomes a-b, last first
+  int32_t nFlips;
+};
+
+// The polygon of the fan from w in the copy. false when the copy isn't such
+// a fan or the ring is too long.
+bool fanPolygon(qvMesh* copy, const double* w, Fill* f) {
+  const double* from[kFillMax];
+  const double* to[kFillMax];
+  int32_t m = 0;
+  for (qvTri* t = copy->tri; t; t = t->next) {
+    double* c[3];
+    if (m + 2 >= kFillMax || qvTriCorners(t, 0, c) != 0) return false;
+    int32_t k = 0;
+    while (k < 3 && c[k] != w) ++k;
+    if (k == 3) return false;
+    from[m] = c[(k + 1) % 3];
+    to[m++] = c[(k + 2) % 3];
+  }
+  // The ring starts at the corner that follows no other.
+  int32_t start = -1;
+  for (int32_t i = 0; i < m && start < 0; ++i) {
+    bool follows = false;
+    for (int32_t j = 0; j < m && !follows; ++j) follows = to[j] == from[i];
+    if (!follows) start = i;
+  }
+  if (start < 0) return false;
+  f->n = 0;
+  f->poly[f->n++] = w;
+  f->poly[f->n++] = from[start];
+  for (int32_t step = 0, at = start; step < m; ++step) {
+    f->poly[f->n++] = to[at];
+    int32_t next = -1;
+    for (int32_t j = 0; j < m && next < 0; ++j)
+      if (from[j] == to[at]) next = j;
+    if (step + 1 < m && next < 0) return false;
+    at = next;
+  }
+  return f->n == m + 2;
+}
+
+// Clips ears off poly: each time the first corner, in index order, whose
+// triangle with its neighbours turns with the polygon and holds no other
+// corner, boundary included. false when none is left to clip.
+bool clipEars(Fill* f, double sense) {
+  int32_t left[kFillMax];
+  int32_t k = f->n;
+  for (int32_t i = 0; i < k; ++i) left[i] = i;
+  f->nTri = 0;
+  while (k > 3) {
+    int32_t ear = -1;
+    for (int32_t i = 0; i < k && ear < 0; ++i) {
+      const double* a = f->poly[left[(i + k - 1) % k]];
+      const double* b = f->poly[left[i]];
+      const double* c = f->poly[left[(i + 1) % k]];
+      if (turnUv(a, b, c, sense) <= 0) continue;
+      bool empty = true;
+      for (int32_t j = 0; j < k && empty; ++j) {
+        const double* x = f->poly[left[j]];
+        if (x == a || x == b || x == c) continue;
+        empty = !(turnUv(a, b, x, sense) >= 0 && turnUv(b, c, x, sense) >= 0 && turnUv(c, a, x, sense) >= 0);
+      }
+      if (empty) ear = i;
+    }
+    if (ear < 0) return false;
+    int32_t* t = f->tri[f->nTri++];
+    t[0] = left[(ear + k - 1) % k];
+    t[1] = left[ear];
+    t[2] = left[(ear + 1) % k];
+    for (int32_t i = ear; i + 1 < k; ++i) left[i] = left[i + 1];
+    --k;
+  }
+  int32_t* t = f->tri[f->nTri++];
+  t[0] = left[0];
+  t[1] = left[1];
+  t[2] = left[2];
+  return true;
+}
+
+inline bool holds(const int32_t* t, int32_t x) { return t[0] == x || t[1] == x || t[2] == x; }
+
+// Turns the triangulation into the fan from corner 0, flip by flip: a
+// triangle at 0 whose far side is a diagonal a-b gives it up to 0-c, c the
+// apex across it. The flips are noted in order; undone last first, they lead
+// from the fan to the triangulation.
+bool toFan(Fill* f) {
+  int32_t tri[kFillMax][3];
+  std::copy(&f->tri[0][0], &f->tri[0][0] + 3 * f->nTri, &tri[0][0]);
+  f->nFlips = 0;
+  for (bool again = true; again;) {
+    again = false;
+    for (int32_t i = 0; i < f->nTri && !again; ++i) {
+      if (!holds(tri[i], 0)) continue;
+      int32_t a = -1, b = -1;
+      for (int32_t x : tri[i])
+        if (x != 0) (a < 0 ? a : b) = x;
+      if (b - a == 1 || a - b == 1) continue;  // a side of the polygon
+      int32_t j = 0;
+      while (j < f->nTri && (j == i || !holds(tri[j], a) || !holds(tri[j], b))) ++j;
+      if (j == f->nTri || f->nFlips == kFillMax) return false;
+      const int32_t c = tri[j][0] + tri[j][1] + tri[j][2] - a - b;
+      tri[i][0] = 0, tri[i][1] = a, tri[i][2] = c;
+      tri[j][0] = 0, tri[j][1] = c, tri[j][2] = b;
+      int32_t* flip = f->flips[f->nFlips++];
+      flip[0] = a, flip[1] = b, flip[2] = c;
+      again = true;
+    }
+  }
+  return true;
+}
+
+// Whether the valences allow the flips, each as qvFlipOp asks: the ends of
+// the diagonal keep three triangles, its new ends reach four.
+bool valencesHold(const Fill& f) {
+  int32_t tag[kFillMax];
+  for (int32_t i = 0; i < f.n; ++i) tag[i] = qvVtxOf(f.poly[i])->tag;
+  for (int32_t k = f.nFlips - 1; k >= 0; --k) {
+    const int32_t a = f.flips[k][0], b = f.flips[k][1], c = f.flips[k][2];
+    if (tag[0] - 1 < kValenceMin || tag[c] - 1 < kValenceMin || tag[a] + 1 < kFlipApexMin ||
+        tag[b] + 1 < kFlipApexMin)
+      return false;
+    --tag[0], --tag[c], ++tag[a], ++tag[b];
+  }
+  return true;
+}
+
+// Applies the flips to the copy. 0, or -1 when the copy isn't as the fill
+// expects.
+int32_t applyFlips(qvMesh* copy, const Fill& f) {
+  for (int32_t k = f.nFlips - 1; k >= 0; --k) {
+    const double* w = f.poly[0];
+    const double* c = f.poly[f.flips[k][2]];
+    qvEdg* e = copy->edg;
+    while (e && !((e->ends[0] == w && e->ends[1] == c) || (e->ends[0] == c && e->ends[1] == w))) e = e->next;
+    qvTri* t = copy->tri;
+    while (t && (!e || qvTriEdgeSlot(t, e) < 0)) t = t->next;
+    if (!t) return -1;
+    const int32_t s = qvTriEdgeSlot(t, e);
+    qvTri* n = t->aux[s];
+    const int32_t sn = n ? qvTriEdgeSlot(n, e) : -1;
+    if (sn < 0) return -1;
+    const qvFlipRec rec = {{t, n}, {s, sn}};
+    if (qvFlipOp(copy, &rec) != 0) return -1;
+  }
+  // The flip sweep that follows examines every inner edge afresh.
+  for (qvEdg* e = copy->edg; e; e = e->next)
+    if (!(e->flags & kEdgMarkOuter)) e->flags &= ~kEdgMarkVisit;
+  return 0;
+}
+
+// Whether the ring lies in one plane, exactly: only there does a fold lay
+// the surface over itself. On a curved surface the certificate alone
+// judges a folded fan.
+bool flatRing(const Fill& f) {
+  const double* x[kFillMax];
+  for (int32_t i = 0; i < f.n; ++i) x[i] = qvVtxXyz(qvVtxOf(f.poly[i]));
+  // A third corner off the line of the first two, in some coordinate plane.
+  auto offLine = [&](int32_t k) {
+    for (int32_t drop = 0; drop < 3; ++drop) {
+      const int32_t i = (drop + 1) % 3, j = (drop + 2) % 3;
+      const double a[2] = {x[0][i], x[0][j]}, b[2] = {x[1][i], x[1][j]}, c[2] = {x[k][i], x[k][j]};
+      if (orient2d(a, b, c) != 0.0) return true;
+    }
+    return false;
+  };
+  int32_t k = 2;
+  while (k < f.n && !offLine(k)) ++k;
+  if (k == f.n) return false;
+  for (int32_t i = 2; i < f.n; ++i)
+    if (i != k && orient3dSign(x[0], x[1], x[k], x[i]) != 0) return false;
+  return true;
+}
+
+}  // namespace
+
+int32_t qvFanUnfold(qvMesh* copy, const double* w, bool anyRing) {
+  if (!copy || !w) return -1;
+  Fill f;
+  if (!fanPolygon(copy, w, &f)) return 1;
+  double area = 0.0;
+  for (int32_t i = 0; i < f.n; ++i) {
+    const double* a = uv(f.poly[i]);
+    const double* b = uv(f.poly[(i + 1) % f.n]);
+    area += a[0] * b[1] - a[1] * b[0];
+  }
+  if (!(area != 0.0)) return 1;
+  if (!anyRing && !flatRing(f)) return 0;
+  const double sense = area > 0.0 ? 1.0 : -1.0;
+  bool folded = false;
+  for (int32_t i = 1; i + 1 < f.n && !folded; ++i) folded = turnUv(f.poly[0], f.poly[i], f.poly[i + 1], sense) <= 0;
+  if (!folded) return 0;
+  if (!clipEars(&f, sense) || !toFan(&f) || !valencesHold(f)) return 1;
+  for (int32_t k = 0; k < f.nFlips; ++k)
+    if (joinedOutside(f.poly[f.flips[k][0]], f.poly[f.flips[k][1]])) return 1;
+  return applyFlips(copy, f) == 0 ? 0 : -1;
+}
+
 int32_t qvFlipSweep(qvMesh* copy) {
   if (!copy) return -1;
   int32_t flips = 0;
@@ -546,7 +766,8 @@ int32_t trialAlong(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvTrial* t
     ok = qvCollapse(tr->copy, v, kEdgMarkSpoke) == 0;
   }
   if (ok && tr->clean) {
-    ok = qvFlipSweep(tr->copy) >= 0;
+    ok = qvFanUnfold(tr->copy, otherEnd(star.spoke, p), (v->flags & kVtxFeatureEnd) != 0) >= 0 &&
+         qvFlipSweep(tr->copy) >= 0;
     v->tag = 0;
     ok = qvValenceClear(tr->copy) >= 0 && ok;
   }
@@ -601,7 +822,7 @@ int32_t qvTrialRun(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvTrial* t
     alt->v = v;
     // Only a strictly smaller score wins: the certificate stops at the first
     // piece that rules it out.
-    alt->beat = tr->score * kSpokeGain;
+    alt->beat = tr->score;
     const int32_t q = trialAlong(mesh, v, params, alt, &skip);
     if (q < 0) {
       qvTrialDrop(tr);
@@ -611,7 +832,7 @@ int32_t qvTrialRun(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvTrial* t
       markRing(tr, true);
       break;
     }
-    if (alt->score < tr->score * kSpokeGain) {
+    if (alt->score < tr->score) {
       qvTrial* keep = tr->spare;
       std::swap(*tr, *alt);
       tr->spare = keep;
