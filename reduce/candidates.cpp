@@ -39,51 +39,45 @@ void unmarkStar(qvMesh* mesh) {
 // ---------------------------------------------------------------------------
 // The spoke
 
-qvEdg* qvSpokePick(qvMesh* mesh, qvTri* t, qvVtx* v, int32_t* blocked, const qvSpokeSkip* skip) {
-  int32_t local;
-  int32_t* status = blocked ? blocked : &local;
-  *status = 0;
-  if (!mesh || !t || !v) {
-    *status = -1;
-    return nullptr;
-  }
+int32_t qvSpokePick(qvMesh* mesh, qvTri* t, qvVtx* v, qvSpokes* out) {
+  if (!mesh || !t || !v || !out) return -1;
+  *out = qvSpokes{};
   const double* p = v->dat;
   const int32_t ring = qvFanMark(mesh, t, p, kMarkSet.tri, kMarkSet.edg, kMarkSet.vtx, kFanMarkMode);
-  qvEdg* choice = nullptr;
   bool failed = ring < kValenceMin;
-
-  double best = 0.0;
+  double len2[kSpokeTries];
   for (qvTri* s = mesh->tri; s && (s->flags & kMarkSet.tri) && !failed; s = s->next)
     for (qvEdg* e : s->edg) {
       // Each spoke once: the mark stays on it until the end.
-      if (e->flags & kEdgMarkSpoke) continue;
-      if (!otherEnd(e, p)) continue;
+      if ((e->flags & kEdgMarkSpoke) || !otherEnd(e, p)) continue;
       e->flags |= kEdgMarkSpoke;
       const int32_t ok = qvLinkTest(s, e, p, kMarkSet.vtx, ring);
       if (ok < 0) {
         failed = true;
         break;
       }
-      if (ok == 0) ++*status;
+      if (ok == 0) ++out->blocked;
       if ((v->flags & kVtxRim) && !(e->flags & kEdgRim)) continue;
       if ((v->flags & kVtxFeatureEnd) && !(e->flags & kEdgFeatureSet)) continue;
       if ((e->flags & kEdgCap) || ok == 0) continue;
-      bool tried = false;
-      for (int32_t k = 0; skip && k < skip->n; ++k) tried = tried || skip->e[k] == e;
-      if (tried) continue;
-      const double len2 = qvEdgLen2(e);
-      if (!choice || best > len2) {
-        choice = e;
-        best = len2;
+      // Into the shortest few, behind its equals.
+      const double l = qvEdgLen2(e);
+      int32_t at = out->n;
+      while (at > 0 && len2[at - 1] > l) --at;
+      if (at == kSpokeTries) continue;
+      for (int32_t k = std::min(out->n, kSpokeTries - 1); k > at; --k) {
+        out->e[k] = out->e[k - 1];
+        len2[k] = len2[k - 1];
       }
+      out->e[at] = e;
+      len2[at] = l;
+      out->n = std::min(out->n + 1, kSpokeTries);
     }
 
   for (qvTri* s = mesh->tri; s && (s->flags & kMarkSet.tri); s = s->next)
     for (qvEdg* e : s->edg) e->flags &= ~kEdgMarkSpoke;
   unmarkStar(mesh);
-  if (!failed) return choice;
-  *status = -1;
-  return nullptr;
+  return failed ? -1 : 0;
 }
 
 // ---------------------------------------------------------------------------

@@ -27,11 +27,12 @@ inline bool qvGrow(T *&arr, int32_t &cap, int32_t need, int32_t first = 32) {
 constexpr int32_t kValenceMin = 3;  // the fewest triangles round a vertex: a closed fan
 constexpr uint32_t kFanMarkMode = kFanMoveEdg | kFanMoveTri;  // marked star at the list heads
 
-// Spokes already tried for one vertex, which a pick passes over.
-constexpr int32_t kSpokeTries = 3;  // the spokes a removal tries, shortest first
-struct qvSpokeSkip {
-  const qvEdg *e[kSpokeTries];
+// The spokes a removal tries, shortest first.
+constexpr int32_t kSpokeTries = 3;
+struct qvSpokes {
+  qvEdg *e[kSpokeTries];
   int32_t n;
+  int32_t blocked;  // spokes that fail the link test
 };
 
 // The star of a vertex as a trial or a removal opens it.
@@ -41,12 +42,13 @@ struct qvStarView {
   bool clean;    // every spoke considered passed and the ring projects simply
 };
 
-// Picks the spoke of v, marks its star with kMarkSet at the list heads and,
-// while the star is clean, projects the ring and fills the valences. Returns
-// -1 for a failure before anything was marked, 1 when no spoke qualifies
-// (nothing marked), and 0 when the star is marked: *err then says whether
-// the marking, projection or valences failed, and the caller unmarks.
-[[nodiscard]] int32_t qvStarOpen(qvMesh *mesh, qvVtx *v, qvStarView *star, int32_t *err, const qvSpokeSkip *skip);
+// Marks the star of v, to collapse along spoke, with kMarkSet at the list
+// heads and, while the star is clean, projects the ring and fills the
+// valences. Returns -1 for a failure before anything was marked, and 0
+// when the star is marked: *err then says whether the marking, projection
+// or valences failed, and the caller unmarks.
+[[nodiscard]] int32_t qvStarOpen(qvMesh *mesh, qvVtx *v, qvEdg *spoke, bool clean, qvStarView *star,
+                                 int32_t *err);
 
 // ---- Ring projection ------------------------------------------------------------
 
@@ -297,13 +299,12 @@ struct qvRedOrder;
 
 // ---- Removal candidates -----------------------------------------------------------
 
-// The spoke of v to collapse along, starting from t, a live triangle at v:
-// the shortest that passes the link test, not a cap edge, not in skip (which
-// may be null), and for a feature end a feature spoke, so that it moves
-// along a feature line only. *blocked gets the number of
-// spokes that fail the link test, or -1 on failure (the result is then
-// null). Leaves no mark.
-qvEdg *qvSpokePick(qvMesh *mesh, qvTri *t, qvVtx *v, int32_t *blocked, const qvSpokeSkip *skip);
+// The spokes of v to collapse along, starting from t, a live triangle at v:
+// the up to kSpokeTries shortest that pass the link test, are no cap edge,
+// and for a feature end are feature spokes, so that it moves along a
+// feature line only; ties in star order. 0 with *out filled (out->n may be
+// 0), or -1 on failure. Leaves no mark.
+[[nodiscard]] int32_t qvSpokePick(qvMesh *mesh, qvTri *t, qvVtx *v, qvSpokes *out);
 // Scores v by a trial removal: its score becomes the certified squared
 // deviation (+inf when refused), or kRedScoreNone when it is no candidate.
 // 0 scored or excluded, 1 no spoke, -1 failure. The mesh is unchanged apart

@@ -653,16 +653,12 @@ int32_t qvStarGraft(qvMesh* copy, qvMesh* mesh, uint32_t m) {
 // ---------------------------------------------------------------------------
 // The commit
 
-int32_t qvStarOpen(qvMesh* mesh, qvVtx* v, qvStarView* star, int32_t* err, const qvSpokeSkip* skip) {
-  if (!mesh || !v || !star || !err || !v->aux) return -1;
+int32_t qvStarOpen(qvMesh* mesh, qvVtx* v, qvEdg* spoke, bool clean, qvStarView* star, int32_t* err) {
+  if (!mesh || !v || !spoke || !star || !err || !v->aux) return -1;
   double* const p = v->dat;
   star->start = static_cast<qvTri*>(v->aux);
-  int32_t blocked = 0;
-  star->spoke = qvSpokePick(mesh, star->start, v, &blocked, skip);
-  if (blocked < 0) return -1;
-  if (!star->spoke) return 1;
-  star->clean = blocked == 0;
-
+  star->spoke = spoke;
+  star->clean = clean;
   const int32_t ring =
       qvFanMark(mesh, star->start, p, kMarkSet.tri, kMarkSet.edg, kMarkSet.vtx, kFanMarkMode);
   *err = ring < kValenceMin ? -1 : 0;
@@ -736,9 +732,8 @@ void qvTrialDrop(qvTrial* tr) {
 
 namespace {
 
-// One trial along the shortest spoke not in skip, which it joins. 0, 1 or -1
-// as for qvTrialRun.
-int32_t trialAlong(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvTrial* tr, qvSpokeSkip* skip) {
+// One trial along spoke. 0 or -1 as for qvTrialRun.
+int32_t trialAlong(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvTrial* tr, qvEdg* spoke, bool clean) {
   tr->copy = nullptr;
   tr->err = 0;
   tr->score = std::numeric_limits<double>::infinity();
@@ -746,9 +741,7 @@ int32_t trialAlong(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvTrial* t
   double* const p = v->dat;
   qvStarView star;
   int32_t err = 0;
-  const int32_t opened = qvStarOpen(mesh, v, &star, &err, skip);
-  if (opened != 0) return opened;
-  skip->e[skip->n++] = star.spoke;
+  if (qvStarOpen(mesh, v, spoke, clean, &star, &err) != 0) return -1;
   tr->start = star.start;
   tr->clean = star.clean;
   bool ok = err == 0 && gatherStar(mesh, tr);
@@ -801,9 +794,12 @@ int32_t qvTrialRun(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvTrial* t
   tr->copy = nullptr;
   if (v->flags & (kVtxKeepSet | kVtxRetired)) return 1;
   if (!v->aux) return -1;
-  qvSpokeSkip skip{};
+  qvSpokes spokes;
+  if (qvSpokePick(mesh, static_cast<qvTri*>(v->aux), v, &spokes) != 0) return FT_FAIL(-1);
+  if (spokes.n == 0) return 1;
+  const bool clean = spokes.blocked == 0;
   tr->beat = std::numeric_limits<double>::infinity();
-  const int32_t r = trialAlong(mesh, v, params, tr, &skip);
+  const int32_t r = trialAlong(mesh, v, params, tr, spokes.e[0], clean);
   if (r != 0) return r;
   // The next spokes, shortest first, are tried while one may still do
   // better; the trial kept is the best, the first among equals. A score
@@ -817,20 +813,15 @@ int32_t qvTrialRun(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvTrial* t
     }
   }
   qvTrial* alt = tr->spare;
-  while (skip.n < kSpokeTries && tr->score > params->eta * params->eta) {
+  for (int32_t k = 1; k < spokes.n && tr->score > params->eta * params->eta; ++k) {
     markRing(tr, false);
     alt->v = v;
     // Only a strictly smaller score wins: the certificate stops at the first
     // piece that rules it out.
     alt->beat = tr->score;
-    const int32_t q = trialAlong(mesh, v, params, alt, &skip);
-    if (q < 0) {
+    if (trialAlong(mesh, v, params, alt, spokes.e[k], clean) < 0) {
       qvTrialDrop(tr);
       return -1;
-    }
-    if (q == 1) {
-      markRing(tr, true);
-      break;
     }
     if (alt->score < tr->score) {
       qvTrial* keep = tr->spare;

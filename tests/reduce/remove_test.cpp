@@ -32,11 +32,15 @@ TEST(SpokePick, TheShortestLinkableSpokeAndAFeatureEndOnlyAlongItsFeature) {
     ASSERT_EQ(qvRedPrepFirst(f.mesh), 7);
     f.v[0]->flags |= c.hubFlags;
     for (auto [a, b] : c.features) f.e(a, b)->flags |= kEdgFeatureSet;
-    int32_t blocked = -5;
-    qvEdg* e = qvSpokePick(f.mesh, f.t[0], f.v[0], &blocked, nullptr);
-    EXPECT_EQ(e, c.want ? f.e(0, c.want) : nullptr) << c.name;
+    qvSpokes spokes;
+    ASSERT_EQ(qvSpokePick(f.mesh, f.t[0], f.v[0], &spokes), 0);
+    EXPECT_EQ(spokes.n > 0 ? spokes.e[0] : nullptr, c.want ? f.e(0, c.want) : nullptr) << c.name;
+    // The plain vertex has both passing spokes, the shorter first.
+    if (c.hubFlags == 0) {
+      EXPECT_TRUE(spokes.n == 2 && spokes.e[1] == f.e(0, 2));
+    }
     // Blocked counts every spoke the link test refuses.
-    EXPECT_EQ(blocked, 4) << c.name;
+    EXPECT_EQ(spokes.blocked, 4) << c.name;
     backToRest(f.mesh);
     for (qvEdg* x = f.mesh->edg; x; x = x->next) x->flags &= ~kEdgFeatureSet;
     f.v[0]->flags &= ~kVtxFeatureEnd;
