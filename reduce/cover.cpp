@@ -207,29 +207,58 @@ int32_t qvHomeSet(qvHome* home, qvTri* t) {
   return 0;
 }
 
+namespace {
+
+// The squared distance from p to the triangle of t, when it is not a needle.
+double faceDist2(const qvHome& t, const double* p) {
+  // The region of the triangle's Voronoi diagram that p falls in decides:
+  // a corner, a side, or the face, where the distance is the plane's.
+  const double* a = t.x[0];
+  const double* b = t.x[1];
+  const double* c = t.x[2];
+  double ab[3], ac[3], ap[3], bp[3], cp[3], q[3];
+  sub3(b, a, ab);
+  sub3(c, a, ac);
+  sub3(p, a, ap);
+  const double d1 = dot3(ab, ap), d2 = dot3(ac, ap);
+  if (d1 <= 0.0 && d2 <= 0.0) return dot3(ap, ap);
+  sub3(p, b, bp);
+  const double d3 = dot3(ab, bp), d4 = dot3(ac, bp);
+  if (d3 >= 0.0 && d4 <= d3) return dot3(bp, bp);
+  const double vc = d1 * d4 - d3 * d2;
+  if (vc <= 0.0 && d1 >= 0.0 && d3 <= 0.0) {
+    const double f = d1 / (d1 - d3);
+    for (int k = 0; k < 3; ++k) q[k] = ap[k] - f * ab[k];
+    return dot3(q, q);
+  }
+  sub3(p, c, cp);
+  const double d5 = dot3(ab, cp), d6 = dot3(ac, cp);
+  if (d6 >= 0.0 && d5 <= d6) return dot3(cp, cp);
+  const double vb = d5 * d2 - d1 * d6;
+  if (vb <= 0.0 && d2 >= 0.0 && d6 <= 0.0) {
+    const double f = d2 / (d2 - d6);
+    for (int k = 0; k < 3; ++k) q[k] = ap[k] - f * ac[k];
+    return dot3(q, q);
+  }
+  const double va = d3 * d6 - d5 * d4;
+  if (va <= 0.0 && d4 - d3 >= 0.0 && d5 - d6 >= 0.0) {
+    const double f = (d4 - d3) / ((d4 - d3) + (d5 - d6));
+    for (int k = 0; k < 3; ++k) q[k] = bp[k] - f * (c[k] - b[k]);
+    return dot3(q, q);
+  }
+  const double s = dot3(ap, t.n);
+  return s * s / t.nn;
+}
+
+}  // namespace
+
 double qvHomeDist2(const qvHome& t, const double* p) {
   if (t.plane) {
-    // Inside the prism over the triangle: the distance to its plane.
-    bool inside = true;
-    for (int k = 0; k < 3 && inside; ++k) {
-      const double* a = t.x[k];
-      const double* b = t.x[(k + 1) % 3];
-      double ab[3], ap[3], c[3];
-      sub3(b, a, ab);
-      sub3(p, a, ap);
-      cross3(ab, ap, c);
-      inside = dot3(c, t.n) >= 0.0;
-    }
-    if (inside) {
-      double ap[3];
-      sub3(p, t.x[0], ap);
-      const double s = dot3(ap, t.n);
-      const double d = s * s / t.nn;
-      return d >= 0.0 ? d : kInf;
-    }
+    const double d = faceDist2(t, p);
+    return d >= 0.0 ? d : kInf;  // not a number: no bound
   }
-  // Outside, or a needle: the nearest side. The sides are part of the
-  // triangle, so this never falls below the true distance.
+  // A needle: the nearest side. The sides are part of the triangle, so
+  // this never falls below the true distance.
   double d = segDist2(p, t.x[0], t.x[1]);
   d = std::min(d, segDist2(p, t.x[1], t.x[2]));
   d = std::min(d, segDist2(p, t.x[2], t.x[0]));
