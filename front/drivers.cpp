@@ -55,7 +55,7 @@ int reduceOneMesh(qvMesh *mesh, FILE *file, int format, int method, double toler
   default:
     // The whole shell is the leaf; the parallel entries note their own.
     ftProgress(kProgressLeaf, 0);
-    engine = reduceOnePass(mesh, tolerance, angle);
+    engine = reduceOnePass(mesh, tolerance, angle, nullptr);
     ftProgress(kProgressLeafEnd, 0);
     break;
   }

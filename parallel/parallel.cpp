@@ -74,9 +74,10 @@ void gatherPieces(qvMesh *mesh, qvMeshPair *pair) {
 int32_t reduceLeaf(qvMesh *mesh, double tolerance, const double *angleRef,
                    const qvParMethod *method) {
   ftProgress(kProgressLeaf, 0);
-  const int32_t removed = method->leaf(mesh, tolerance, angleRef);
+  int32_t removed = 0;
+  const int32_t status = method->leaf(mesh, tolerance, angleRef, &removed);
   ftProgress(kProgressLeafEnd, 0);
-  return removed < 0 ? -1 : removed;
+  return status < 0 ? -1 : removed;
 }
 
 }  // namespace
@@ -157,11 +158,7 @@ int32_t reduceNodeWith(qvMesh *mesh, double tolerance, const double *angleRef, i
   }
   if (qvMeshJoin(&pair) != 0) return FT_FAIL(-1);
 
-  // The two tests differ on purpose: 0 is a success from the first section
-  // and a failure from the second. A piece with a capped boundary counts its
-  // caps, so the second half, which always has one, doesn't return 0.
-  if (results[0] < 0) return FT_FAIL(-1);
-  if (results[1] < 1) return FT_FAIL(-1);
+  if (results[0] < 0 || results[1] < 0) return FT_FAIL(-1);
   const int64_t sum = static_cast<int64_t>(results[0]) + results[1];
   return sum > INT32_MAX ? -1 : static_cast<int32_t>(sum);
 }

@@ -7,7 +7,8 @@
 
 // What a method does with one piece, and whether it prints progress lines.
 struct qvParMethod {
-  int32_t (*leaf)(qvMesh *mesh, double tolerance, const double *angleRef);  // reduces one piece
+  // Reduces one piece: 0 or -1, the triangles removed in *removed.
+  int32_t (*leaf)(qvMesh *mesh, double tolerance, const double *angleRef, int32_t *removed);
   int32_t progress;  // 1: print the progress lines (low method), 0: silent (medium)
 };
 

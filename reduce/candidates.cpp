@@ -88,7 +88,9 @@ int32_t qvVtxScore(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvTrial* t
   scoreSet(v, kRedScoreNone);
   if (v->flags & kVtxKeepSet) return 0;
   if (!v->link || !v->aux) return FT_FAIL(-1);
+  tr->firstOnly = true;
   const int32_t r = qvTrialRun(mesh, v, params, tr);
+  tr->firstOnly = false;
   if (r != 0) return r;
   scoreSet(v, tr->score);
   qvTrialDrop(tr);

@@ -33,12 +33,12 @@ int32_t leafStart(qvMesh* mesh, const qvRedParams* params, const double* angle) 
   return qvRedCapOpen(mesh);
 }
 
-// What both leaves do last: the caps go, and the count is taken against
-// the triangles before the passes, caps included (so it is too high by the
-// cap triangles, which the callers read only for its sign).
-int32_t leafEnd(qvMesh* mesh, int32_t capped, int32_t before) {
+// What both leaves do last: the caps go, and *removed gets the triangles
+// the leaf took away, against before, counted ahead of the caps. 0, or -1.
+int32_t leafEnd(qvMesh* mesh, int32_t capped, int32_t before, int32_t* removed) {
   if (capped != 0 && qvRedCapDrop(mesh) < 0) return -1;
-  return before - qvTriCount(mesh->tri);
+  if (removed) *removed = before - qvTriCount(mesh->tri);
+  return 0;
 }
 
 }  // namespace
@@ -227,34 +227,33 @@ int32_t qvRedPasses(qvMesh* mesh, const qvRedParams* params) {
 // ---------------------------------------------------------------------------
 // The leaves
 
-int32_t reduceOnePass(qvMesh* mesh, double tol, const double* angle) {
+int32_t reduceOnePass(qvMesh* mesh, double tol, const double* angle, int32_t* removed) {
+  if (removed) *removed = 0;
   qvRedParams params;
-  if (qvRedParamsSet(tol, &params) != 0) return -1;
+  if (!mesh || qvRedParamsSet(tol, &params) != 0) return -1;
+  const int32_t before = qvTriCount(mesh->tri);
   const int32_t capped = leafStart(mesh, &params, angle);
   if (capped < 0) return -1;
-  const int32_t before = qvTriCount(mesh->tri);
   // A negative tolerance, or one that is not a number, removes nothing: no
   // pass runs, and the caps go again. At exactly 0 the pass removes only
   // what leaves the surface exactly as it was.
   if (tol >= 0.0) {
-    if (qvRedPrepFirst(mesh) < 0 || qvRedPassFull(mesh, &params) < 0) return -1;
-    const int32_t after = qvRedFinishPass(mesh, 0);
-    if (after < 0) return -1;
-    if (capped == 0) return before - after;
+    if (qvRedPrepFirst(mesh) < 0 || qvRedPassFull(mesh, &params) < 0 || qvRedFinishPass(mesh, 0) < 0) return -1;
   } else {
     clearPinned(mesh);
   }
-  return leafEnd(mesh, capped, before);
+  return leafEnd(mesh, capped, before, removed);
 }
 
-int32_t reduceStepped(qvMesh* mesh, double tol, const double* angle) {
+int32_t reduceStepped(qvMesh* mesh, double tol, const double* angle, int32_t* removed) {
+  if (removed) *removed = 0;
   qvRedParams params;
-  if (qvRedParamsSet(tol, &params) != 0) return -1;
+  if (!mesh || qvRedParamsSet(tol, &params) != 0) return -1;
+  const int32_t before = qvTriCount(mesh->tri);
   const int32_t capped = leafStart(mesh, &params, angle);
   if (capped < 0) return -1;
-  const int32_t before = qvTriCount(mesh->tri);
   if (qvRedPasses(mesh, &params) < 0) return -1;
-  return leafEnd(mesh, capped, before);
+  return leafEnd(mesh, capped, before, removed);
 }
 
 // ---------------------------------------------------------------------------

@@ -69,11 +69,12 @@
 
 // ---- Leaves -----------------------------------------------------------------
 
-// One pass at the whole tolerance (high and medium methods). Removed count or -1.
+// One pass at the whole tolerance (high and medium methods). 0, or -1 on
+// failure; *removed (may be null) gets the number of triangles removed.
 // angle: fold angle in degrees, null for the default, negative to skip features.
-[[nodiscard]] int32_t reduceOnePass(qvMesh *mesh, double tol, const double *angle);
-// Several passes of growing tolerance (low method). Removed count or -1.
-[[nodiscard]] int32_t reduceStepped(qvMesh *mesh, double tol, const double *angle);
+[[nodiscard]] int32_t reduceOnePass(qvMesh *mesh, double tol, const double *angle, int32_t *removed);
+// Several passes of growing tolerance (low method), likewise.
+[[nodiscard]] int32_t reduceStepped(qvMesh *mesh, double tol, const double *angle, int32_t *removed);
 
 // ---- Engine flags ---------------------------------------------------------------
 //

@@ -203,6 +203,7 @@ struct qvTrial {
   double lim2;
   qvCoverPool *pool;
   qvTrial *spare;         // where the next spoke is tried, made on first use
+  bool firstOnly;
 };
 
 // Certifies the pieces the trial's removal displaces, against its fan and

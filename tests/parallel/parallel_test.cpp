@@ -57,8 +57,9 @@ int32_t gValue[2] = {0, 0};  // valueLeaf: results for the upper and the lower h
 // Counts the piece; on a closed model checks that its pinned vertices are
 // exactly the ends of its boundary edges; clears the seam mark as the engine
 // does; reverses the triangles so that a join out of order would show.
-// Returns 1, so that a run returns its number of leaves.
-int32_t recordLeaf(qvMesh* m, double, const double*) {
+// Counts 1 removed, so that a run returns its number of leaves.
+int32_t recordLeaf(qvMesh* m, double, const double*, int32_t* removed) {
+  *removed = 1;
   ++gLog.leaves;
   gLog.tris += qvTriCount(m->tri);
   for (int seen = gLog.level; omp_get_active_level() > seen;)
@@ -73,12 +74,14 @@ int32_t recordLeaf(qvMesh* m, double, const double*) {
   if (gClosed && pinned != rim) ++gLog.seamFaults;
   qvVtxAndAll(m->vtx, ~kVtxPinned);
   m->tri = qvTriReverse(m->tri);
-  return 1;
+  return 0;
 }
 
-int32_t valueLeaf(qvMesh* m, double, const double*) {
+// A negative value fails, any other is the count removed.
+int32_t valueLeaf(qvMesh* m, double, const double*, int32_t* removed) {
   ++gLog.leaves;
-  return gValue[m == gRoot ? 0 : 1];
+  *removed = gValue[m == gRoot ? 0 : 1];
+  return *removed < 0 ? -1 : 0;
 }
 
 const qvParMethod kRecord = {recordLeaf, 1};
@@ -147,10 +150,10 @@ TEST(ParallelRecursion, ForksOnSizeBelowMaxDepthAndOnChainsAlways) {
   }
 }
 
-TEST(ParallelRecursion, ZeroIsSuccessFromTheFirstSectionAndFailureFromTheSecond) {
+TEST(ParallelRecursion, EitherHalfFailingFailsTheRunAndCountsAddUp) {
   // maxDepth 0 runs one leaf, the root itself, with the first value.
   for (const auto& [maxDepth, first, second, want] : std::vector<std::array<int, 4>>{
-           {1, 0, 5, 5}, {1, 5, 0, -1}, {1, 2, 3, 5}, {1, 3, -4, -1}, {0, -7, 9, -1}}) {
+           {1, 0, 5, 5}, {1, 5, 0, 5}, {1, 2, 3, 5}, {1, 3, -4, -1}, {1, -3, 4, -1}, {0, -7, 9, -1}}) {
     qvMesh* m = stripMesh(5000);
     gRoot = m;
     gValue[0] = first;
