@@ -88,6 +88,9 @@ int32_t qvVtxScore(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvTrial* t
   scoreSet(v, kRedScoreNone);
   if (v->flags & kVtxKeepSet) return 0;
   if (!v->link || !v->aux) return FT_FAIL(-1);
+  // The shortest spoke only: its score is at least the best spoke's, so the
+  // vertex enters the order at worst later than it should, and the trial
+  // made when it comes up weighs every spoke.
   tr->firstOnly = true;
   const int32_t r = qvTrialRun(mesh, v, params, tr);
   tr->firstOnly = false;

@@ -203,7 +203,7 @@ struct qvTrial {
   double lim2;
   qvCoverPool *pool;
   qvTrial *spare;         // where the next spoke is tried, made on first use
-  bool firstOnly;
+  bool firstOnly;         // the shortest spoke only: a first estimate, for the order
 };
 
 // Certifies the pieces the trial's removal displaces, against its fan and
@@ -306,8 +306,8 @@ struct qvRedOrder;
 // feature line only; ties in star order. 0 with *out filled (out->n may be
 // 0), or -1 on failure. Leaves no mark.
 [[nodiscard]] int32_t qvSpokePick(qvMesh *mesh, qvTri *t, qvVtx *v, qvSpokes *out);
-// Scores v by a trial removal: its score becomes the certified squared
-// deviation (+inf when refused), or kRedScoreNone when it is no candidate.
+// Scores v by a trial removal along its shortest spoke: its score becomes the
+// certified squared deviation (+inf when refused), or kRedScoreNone when it is no candidate.
 // 0 scored or excluded, 1 no spoke, -1 failure. The mesh is unchanged apart
 // from the score and the order of records at the list heads.
 [[nodiscard]] int32_t qvVtxScore(qvMesh *mesh, qvVtx *v, const qvRedParams *params, qvTrial *tr);

@@ -813,7 +813,7 @@ int32_t qvTrialRun(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvTrial* t
     }
   }
   qvTrial* alt = tr->spare;
-  const int32_t tries = std::getenv("FT_FIRSTONLY") && tr->firstOnly ? 1 : spokes.n;
+  const int32_t tries = tr->firstOnly ? 1 : spokes.n;
   for (int32_t k = 1; k < tries && tr->score > params->eta * params->eta; ++k) {
     markRing(tr, false);
     alt->v = v;
