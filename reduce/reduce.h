@@ -9,8 +9,9 @@
 //  2. No surviving vertex moves: a removal collapses a vertex onto a neighbour
 //     that keeps its coordinates.
 //  3. Every distance inside the engine is squared.
-//  4. Results are a count that is not negative, or -1 for failure. A failure
-//     abandons the mesh without repair; the caller releases it.
+//  4. Results are a status or a count that is not negative, and -1 for
+//     failure. A failure abandons the mesh without repair; the caller
+//     releases it.
 //  5. At the end of a leaf the seam mark of the piece's vertices is clear.
 //  6. No test in the engine compares a length with an absolute constant:
 //     degeneracy is judged against the sizes it is made of, the rounding
@@ -41,8 +42,8 @@
 //  destroys exactly its star; the pieces that may lose their home or partner
 //  are those of the star's covers and the pair pieces across a ring edge. The
 //  trial certifies each against the new fan and the live triangles round the
-//  ring (single, then pair, then 1:4 splits to depth 6 and 256 fragments; a
-//  limit reached refuses the removal), and the commit applies that very
+//  ring (single, then pair, then 1:4 splits to depth 24 and 1,024 fragments;
+//  a limit reached refuses the removal), and the commit applies that very
 //  trial: the grafted fan and the plan are those certified. Every other piece
 //  keeps a live home and partner. So (C) and (H) hold after each commit.
 //  Stepped passes add up: each pass is bounded against the surface the last
@@ -221,12 +222,13 @@ typedef qvQuad qvFlipRec;
 
 // The pass loop of reduceStepped: passes of growing step, from tol / 8, each
 // measured against the surface the previous one left; only the pass that
-// spends the rest of the budget rescores rings. Clears kVtxPinned at the end.
+// spends the rest of the budget is a full one. Clears kVtxPinned at the end.
 // Removed count, or -1.
 [[nodiscard]] int32_t qvRedPasses(qvMesh *mesh, const qvRedParams *params);
-// Score every vertex, then sweep in score order: rings of removed vertices are
-// rescored and merged back (full) or parked at the tail (fast). Removed count,
-// or -1 (also for a null mesh).
+// Score every vertex, then sweep in score order (qvRedSweepFull and
+// qvRedSweepFast): a commit sends the trials it changed back into the order
+// (full) or parks its ring at the tail (fast). Removed count, or -1 (also for
+// a null mesh).
 [[nodiscard]] int32_t qvRedPassFull(qvMesh *mesh, const qvRedParams *params);
 [[nodiscard]] int32_t qvRedPassFast(qvMesh *mesh, const qvRedParams *params);
 // Ends a pass: retired records go, live aux becomes adj, link lists and caches
