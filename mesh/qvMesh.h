@@ -359,6 +359,10 @@ qvMesh* qvMeshDropChained(qvMesh* head, qvMesh* m);
 // meshes at once: the axis and direction are per thread.
 int32_t qvMeshSortVtx(qvMesh* mesh, uint32_t request, qvBox* box);
 
+// An integer that orders as the coordinate d does in the sorts' total order:
+// 0.0 and -0.0 alike, NaN after every number.
+uint64_t qvCoordKey(double d);
+
 // ---------------------------------------------------------------------------
 // Whole-mesh validator, for tests and debug builds. Checks invariants 1-9 on
 // a mesh at rest, prints one line per violation to out (nothing when out is
