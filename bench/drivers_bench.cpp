@@ -3,6 +3,8 @@
 //   drivers_bench gen FILE COUNT   a binary height field of about COUNT facets
 //   drivers_bench plate FILE COUNT a flat plate, the same grid at height 0
 //   drivers_bench block FILE [N]   block N (default 0): meshFromPointers, then qvMeshAssemble
+//   drivers_bench check FILE       the whole file assembled as -qh does it, each shell validated
+//                                  and every vertex checked for one fan of triangles
 //
 // `block` sorts the file's facets as the in-memory route does, takes run N of
 // kFacetBlockSize, and prints one line per phase (processor seconds, facets/s, heap in
@@ -19,6 +21,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <unordered_map>
+#include <vector>
 
 namespace {
 
@@ -142,6 +146,53 @@ int block(const char *name, int index) {
   return shells < 1;
 }
 
+int countTri(qvTri *, void *ctx) {
+  ++*static_cast<int *>(ctx);
+  return 0;
+}
+
+// Validator violations plus vertices whose triangles are not all in the fan
+// walked from one of them, over every shell of the assembled file.
+int check(const char *name) {
+  int64_t status = 0;
+  qvMesh *chain = stlReadMesh(name, &status);
+  const int shells = chain && status >= 0 ? qvMeshAssemble(chain, nullptr) : -1;
+  if (shells < 0) {
+    std::printf("assembly failed\n");
+    qvMeshDeleteAll(chain);
+    return 1;
+  }
+  long violations = 0, split = 0, vertices = 0;
+  for (qvMesh *m = shells > 0 ? chain : nullptr; m; m = m->next) {
+    violations += qvMeshValidate(m, violations < 20 ? stdout : nullptr);
+    std::unordered_map<const double *, std::vector<qvTri *>> star;
+    for (qvTri *t = m->tri; t; t = t->next) {
+      double *c[3];
+      if (qvTriCorners(t, 0, c) == 0) {
+        for (double *h : c) {
+          star[h].push_back(t);
+        }
+      }
+    }
+    for (const auto &hub : star) {
+      int walked = 0;
+      const int walk = qvFanWalk(hub.second.front(), hub.first, countTri, &walked);
+      ++vertices;
+      if ((walk != 0 && walk != -1) || walked != static_cast<int>(hub.second.size())) {
+        if (split < 20) {
+          std::printf("vertex %p: %zu triangles, fan walk %d reached %d\n", static_cast<const void *>(hub.first),
+                      hub.second.size(), walk, walked);
+        }
+        ++split;
+      }
+    }
+  }
+  std::printf("%d shells, %ld vertices, %ld validator violations, %ld vertices of more than one fan\n", shells,
+              vertices, violations, split);
+  qvMeshDeleteAll(chain);
+  return violations + split > 0;
+}
+
 } // namespace
 
 int main(int argc, char **argv) {
@@ -154,6 +205,9 @@ int main(int argc, char **argv) {
   if ((argc == 3 || argc == 4) && std::strcmp(argv[1], "block") == 0) {
     return block(argv[2], argc == 4 ? std::atoi(argv[3]) : 0);
   }
-  std::fprintf(stderr, "usage: drivers_bench gen|plate FILE COUNT | block FILE [N]\n");
+  if (argc == 3 && std::strcmp(argv[1], "check") == 0) {
+    return check(argv[2]);
+  }
+  std::fprintf(stderr, "usage: drivers_bench gen|plate FILE COUNT | block FILE [N] | check FILE\n");
   return 2;
 }

@@ -1,9 +1,11 @@
 // Mesh assembly: a soup of facets becomes a linked, oriented mesh and then a
 // chain of shells. The stitching steps run in the order below and the first
 // failure ends the run: merge vertices, merge edges (dropping degenerate and
-// doubled triangles), link triangles, pull non-manifold edges apart, split
-// vertices with more than one fan, rejoin the pieces of pulled-apart edges
-// that still meet, release the working lists, orient.
+// doubled triangles), link triangles, pair the triangles of bodies that meet
+// along a non-manifold edge and pull the rest of such edges apart, split
+// vertices with more than one fan, undo the pairings whose bodies the split
+// could not tell apart (and split again), rejoin the pieces of pulled-apart
+// edges that still meet, release the working lists, orient.
 //
 // Working lists: vertices hold qvLnk lists of their edges (steps 1-2) and of
 // their triangles (step 5) in link; edges hold qvLnk lists of their
@@ -12,6 +14,7 @@
 // qvMeshStitch returns. Their nodes come from a pool that the stitch owns
 // (RefPool below), so releasing a list is clearing a link, and the pool goes
 // as a whole at the end.
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -20,6 +23,7 @@
 #include "mesh/mesh_internal.h"
 #include "kernels/alloc.h"
 #include "kernels/failure.h"
+#include "kernels/kernels.h"
 
 using ftmesh::listMoveToHead;
 using ftmesh::listPrepend;
@@ -169,10 +173,50 @@ class RefPool {
   qvLnk* spare_ = nullptr;      // nodes let go, chained through next
 };
 
-// Where a stitch stands: the mesh and the pool of its working lists.
+// Two triangles that pairing joined across a new edge of a non-manifold
+// edge's ends, and which of those edges (counted from 0) it came from.
+struct Pairing {
+  qvEdg* piece;  // the new edge between t and u
+  qvTri* t;
+  qvTri* u;
+  int32_t group;  // the non-manifold edge it came from
+};
+
+// The pairings made, in the order made; the array goes with the stitch.
+class PairLog {
+ public:
+  PairLog() = default;
+  PairLog(const PairLog&) = delete;
+  PairLog& operator=(const PairLog&) = delete;
+  ~PairLog() { std::free(items_); }
+
+  bool add(const Pairing& p) {
+    if (count_ == cap_) {
+      const int32_t cap = cap_ ? 2 * cap_ : 64;
+      void* grown = ftRealloc(items_, sizeof(Pairing) * static_cast<size_t>(cap));
+      if (!grown) return false;
+      items_ = static_cast<Pairing*>(grown);
+      cap_ = cap;
+    }
+    items_[count_++] = p;
+    return true;
+  }
+  int32_t count() const { return count_; }
+  Pairing& operator[](int32_t i) { return items_[i]; }
+
+ private:
+  Pairing* items_ = nullptr;
+  int32_t count_ = 0;
+  int32_t cap_ = 0;
+};
+
+// Where a stitch stands: the mesh, the pool of its working lists and the
+// pairings made on non-manifold edges.
 struct Stitch {
   qvMesh* mesh;
   RefPool refs;
+  PairLog pairs;
+  int32_t groups = 0;  // non-manifold edges whose triangles all paired
 };
 
 // The working lists, built in the order of the library's routines of the
@@ -615,15 +659,108 @@ bool linkTriangles(Stitch& s) {
 }
 
 // ---------------------------------------------------------------------------
-// Step 4: pull non-manifold edges apart
+// Step 4: pair or pull apart the triangles of non-manifold edges
 
-// Each triangle of a held edge gets a piece of its own: a copy for all but
-// the last, which keeps the edge. Copies go to the head of edgHeld, in front
-// of the walk. A piece's link is then its one triangle, not a list.
+// A triangle of a non-manifold edge p-q (ends[0]-ends[1]) as it stands round
+// the edge: the angle of its third corner about the axis p->q, and whether
+// its cycle runs from p to q. Its normal then turns towards growing angles,
+// so the body it bounds lies on the side of smaller ones.
+struct EdgeFan {
+  qvTri* t;
+  double angle;
+  bool forward;
+};
+
+double dot(const double* a, const double* b) { return a[0] * b[0] + a[1] * b[1] + a[2] * b[2]; }
+
+// Fills fan[0..n) for the triangles of e and sorts it by angle. The angle is
+// measured in a frame of the edge's own: from the first triangle's third
+// corner, turning about p->q. 1 when sorted, 0 when the first triangle gives
+// no frame (a flat or overflowing one), -1 when corners can't be read.
+int32_t edgeFan(const qvEdg* e, const qvLnk* list, EdgeFan* fan, int32_t n) {
+  double axis[3], base[3] = {0, 0, 0}, side[3] = {0, 0, 0};
+  int32_t i = 0;
+  for (const qvLnk* l = list; l; l = l->next, ++i) {
+    double* h[3];
+    double* x[3];
+    qvTri* t = triOf(l);
+    if (qvTriCorners(t, 0, h) != 0 || qvTriCoords(t, 0, x) != 0) return -1;
+    int32_t a = 0;
+    while (a < 3 && h[a] != e->ends[0]) ++a;
+    if (a == 3) return -1;
+    const bool forward = h[(a + 1) % 3] == e->ends[1];
+    const double* p = x[a];
+    const double* r = x[forward ? (a + 2) % 3 : (a + 1) % 3];
+    const double* q = x[forward ? (a + 1) % 3 : (a + 2) % 3];
+    const double rel[3] = {r[0] - p[0], r[1] - p[1], r[2] - p[2]};
+    if (i == 0) {
+      for (int k = 0; k < 3; ++k) axis[k] = q[k] - p[k];
+      const double along = dot(rel, axis) / dot(axis, axis);
+      for (int k = 0; k < 3; ++k) base[k] = rel[k] - along * axis[k];
+      vecCross(axis, base, side);
+      if (!(dot(side, side) > 0.0)) return 0;
+    }
+    fan[i] = {t, std::atan2(dot(rel, side), dot(rel, base)), forward};
+    if (!std::isfinite(fan[i].angle)) return 0;
+  }
+  std::sort(fan, fan + n, [](const EdgeFan& a, const EdgeFan& b) { return a.angle < b.angle; });
+  return 1;
+}
+
+// Links t and u across a new edge of e's ends, which joins the mesh's edges
+// and the log of pairings.
+bool linkAcross(Stitch& s, const qvEdg* e, qvTri* t, qvTri* u) {
+  const int32_t st = qvTriEdgeSlot(t, e), su = qvTriEdgeSlot(u, e);
+  if (st < 0 || su < 0 || t->adj[st] || u->adj[su]) return false;
+  qvEdg* piece = qvEdgNew(e->ends[0], e->ends[1], e->flags, e->tag);
+  if (!piece) return false;
+  piece->flags = e->flags;
+  s.mesh->edg = listPrepend(s.mesh->edg, piece);
+  t->edg[st] = piece;
+  u->edg[su] = piece;
+  return qvTriLink(t, u, piece) == 0 && s.pairs.add({piece, t, u, s.groups});
+}
+
+// When the triangles round e alternate in sense, they bound bodies that meet
+// along e: each triangle that runs from p to q is paired with its neighbour
+// on the side of smaller angles, which runs back, and both leave e's list.
+// Two closed bodies that share an edge so get an edge each, also along an
+// edge of several segments, where the vertex split and the rejoin below
+// would tell them apart only at the ends and leave a slit between. Any other
+// edge is left whole to be pulled apart. False on failure.
+bool pairBodies(Stitch& s, qvEdg* e) {
+  const int32_t n = qvLnkCount(lnkOf(e->link));
+  EdgeFan few[8];
+  EdgeFan* fan = n <= 8 ? few : newArray<EdgeFan>(n);
+  const int32_t sorted = fan ? edgeFan(e, lnkOf(e->link), fan, n) : -1;
+  bool ok = sorted >= 0, alternate = sorted > 0;
+  for (int32_t i = 0; i < n && alternate; ++i) alternate = fan[i].forward != fan[(i + 1) % n].forward;
+  for (int32_t i = 0; i < n && alternate && ok; ++i) {
+    const EdgeFan& below = fan[(i + n - 1) % n];
+    if (fan[i].forward)
+      ok = linkAcross(s, e, fan[i].t, below.t) && dropAll(s.refs, e->link, fan[i].t) &&
+           dropAll(s.refs, e->link, below.t);
+  }
+  if (alternate && ok) ++s.groups;
+  if (fan != few) std::free(fan);
+  return ok;
+}
+
+// Each triangle of a held edge that was not paired gets a piece of its own: a
+// copy for all but the last, which keeps the edge. Copies go to the head of
+// edgHeld, in front of the walk. A piece's link is then its one triangle, not
+// a list. An edge whose triangles all paired goes.
 bool pullApart(Stitch& s) {
   qvMesh* mesh = s.mesh;
-  for (qvEdg* e = mesh->edgHeld; e; e = e->next) {
+  for (qvEdg* e = mesh->edgHeld, *next = nullptr; e; e = next) {
+    next = e->next;  // read before e may go
+    if (!pairBodies(s, e)) return false;
     qvLnk* list = lnkOf(e->link);
+    if (!list) {
+      mesh->edgHeld = listUnlink(mesh->edgHeld, e);
+      qvEdgFree(e);
+      continue;
+    }
     for (qvLnk* l = list; l; l = l->next) {
       qvTri* t = triOf(l);
       const int32_t slot = qvTriEdgeSlot(t, e);
@@ -714,6 +851,56 @@ bool splitVertices(Stitch& s) {
   return ok;
 }
 
+// Pairing separates the bodies round a non-manifold edge only where the
+// vertex split then tells them apart at an end of the edge. Where it can't
+// (a dirty surface whose sheets also meet round both ends), two edges of one
+// fan would join the same two vertices, which no later edit expects. Every
+// pairing of such an edge is undone: its triangles get a held piece each, as
+// an edge that is pulled apart, and the vertices are split again for the
+// fans the cut opens; the rejoin then treats those pieces like any other.
+// Edges of different non-manifold edges never share both ends, so one sort
+// of all new edges by their ends finds every such edge. False on failure.
+bool unpairJoined(Stitch& s) {
+  const int32_t n = s.pairs.count();
+  if (n < 2) return true;
+  Keyed* keyed = newArray<Keyed>(n);
+  bool* undo = static_cast<bool*>(ftCalloc(static_cast<size_t>(s.groups), sizeof(bool)));
+  bool ok = keyed && undo, any = false;
+  for (int32_t i = 0; i < n && ok; ++i) {
+    const qvEdg* e = s.pairs[i].piece;
+    const uintptr_t a = keyOf(e->ends[0]), b = keyOf(e->ends[1]);
+    keyed[i] = {{a < b ? a : b, a < b ? b : a}, i, nullptr};
+  }
+  if (ok) sortKeyed(keyed, n);
+  for (int32_t i = 0; i < n && ok;) {
+    const int32_t end = groupEnd(keyed, n, i);
+    for (int32_t k = i; k < end && end - i > 1; ++k) undo[s.pairs[keyed[k].pos].group] = any = true;
+    i = end;
+  }
+  qvMesh* mesh = s.mesh;
+  for (int32_t i = 0; i < n && ok && any; ++i) {
+    const Pairing& p = s.pairs[i];
+    if (!undo[p.group]) continue;
+    qvEdg* twin = qvEdgNew(p.piece->ends[0], p.piece->ends[1], p.piece->flags, p.piece->tag);
+    const int32_t su = qvTriEdgeSlot(p.u, p.piece);
+    ok = twin && su >= 0 && qvTriLink(p.t, nullptr, p.piece) == 0 && qvTriLink(p.u, nullptr, p.piece) == 0;
+    if (!ok) {
+      qvEdgFree(twin);
+      break;
+    }
+    twin->flags = p.piece->flags;
+    p.u->edg[su] = twin;
+    twin->link = p.u;
+    mesh->edg = listUnlink(mesh->edg, p.piece);
+    mesh->edgHeld = listPrepend(mesh->edgHeld, p.piece);
+    mesh->edgHeld = listPrepend(mesh->edgHeld, twin);
+    p.piece->link = p.t;
+  }
+  std::free(keyed);
+  std::free(undo);
+  return ok && (!any || splitVertices(s));
+}
+
 // ---------------------------------------------------------------------------
 // Step 6: rejoin
 
@@ -799,9 +986,9 @@ bool orient(qvMesh* mesh) {
 
 int32_t qvMeshStitch(qvMesh* mesh, const double* tol) {
   if (!mesh || !stitchable(mesh)) return FT_FAIL(-1);
-  Stitch s{mesh, {}};
+  Stitch s{mesh, {}, {}};
   const bool ok = mergeVertices(s, tol) && mergeEdges(s) && linkTriangles(s) && pullApart(s) &&
-                  splitVertices(s) && rejoin(mesh);
+                  splitVertices(s) && unpairJoined(s) && rejoin(mesh);
   if (!ok) {
     stitchRelease(s);
     return FT_FAIL(-1);

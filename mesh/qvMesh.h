@@ -34,6 +34,10 @@
 //  9. No mark at rest: bits of kMarkMask are clear on every vertex, edge and
 //     triangle. (The mesh's own kMeshCapDone has the same value and is not a
 //     mark.)
+// 10. In a stitched mesh no two edges that are each in two triangles join
+//     the same two vertices, except spokes of a cap (kEdgCap), one for each
+//     passage of its loop through a pinched vertex. Pieces of a pulled-apart
+//     edge, each in one triangle, may share their ends.
 //
 // Marked sets follow the head-run convention: a pass that marks records moves
 // them to the head of their list, and a walker over the marked set stops at
@@ -355,6 +359,10 @@ qvMesh* qvMeshDropChained(qvMesh* head, qvMesh* m);
 // meshes at once: the axis and direction are per thread.
 int32_t qvMeshSortVtx(qvMesh* mesh, uint32_t request, qvBox* box);
 
+// An integer that orders as the coordinate d does in the sorts' total order:
+// 0.0 and -0.0 alike, NaN after every number.
+uint64_t qvCoordKey(double d);
+
 // ---------------------------------------------------------------------------
 // Whole-mesh validator, for tests and debug builds. Checks invariants 1-9 on
 // a mesh at rest, prints one line per violation to out (nothing when out is
@@ -642,11 +650,14 @@ qvMesh* qvCapBuild(qvMesh* mesh, int32_t* count);
 //
 // From a soup of facets to a chain of shells: coinciding vertices become one,
 // edges on the same two vertices one edge; degenerate and doubled triangles
-// go; edges with more than two triangles are pulled apart and vertices with
-// more than one fan split; orientation is made consistent where it can be,
-// and the mesh is cut into its connected pieces. Afterwards each edge has one
-// or two triangles, the triangles round each vertex form one fan, boundary
-// edges stand at the head of the edge list and run along their triangle.
+// go; on an edge with more than two triangles, triangles of bodies that meet
+// along it are paired and the rest pulled apart; vertices with more than one
+// fan split; a pairing stays only where the split tells its bodies apart;
+// orientation is made consistent where it can be, and the mesh is cut into
+// its connected pieces. Afterwards each edge has one or two triangles, the
+// triangles round each vertex form one fan, two triangles meet at the one
+// edge of their two vertices, boundary edges stand at the head of the edge
+// list and run along their triangle.
 
 // The default welding tolerances: linear, and on the squared distance.
 constexpr double kWeldTol = 1e-6;

@@ -2,7 +2,10 @@
 // first found in one of the mesh's own lists, and every walk stops at the
 // first record seen before, so a broken mesh is reported and not looped on.
 // It uses standard containers and so is meant for tests and debug builds.
+#include <algorithm>
 #include <cstdarg>
+#include <functional>
+#include <map>
 #include <unordered_map>
 #include <vector>
 
@@ -200,6 +203,22 @@ void checkTriangleFields(Report& r, const qvTri* t) {
   checkMarks(r, "triangle", p, t->flags);
 }
 
+// Two edges in two triangles each on the same two vertices, in either order;
+// spokes of a cap are left out.
+void checkEdgeEnds(Report& r, const std::vector<const qvEdg*>& edg,
+                   const std::unordered_map<const qvEdg*, EdgeUse>& uses) {
+  std::map<std::pair<const double*, const double*>, const qvEdg*> byEnds;
+  for (const qvEdg* e : edg) {
+    if (uses.at(e).count != 2 || (e->flags & kEdgCap)) continue;
+    const double* a = std::min(e->ends[0], e->ends[1], std::less<const double*>());
+    const double* b = std::max(e->ends[0], e->ends[1], std::less<const double*>());
+    auto found = byEnds.emplace(std::make_pair(a, b), e);
+    if (!found.second)
+      violation(r, 10, "edges %p and %p join the same two vertices", static_cast<const void*>(found.first->second),
+                static_cast<const void*>(e));
+  }
+}
+
 }  // namespace
 
 int32_t qvMeshValidate(const qvMesh* mesh, FILE* out) {
@@ -242,5 +261,6 @@ int32_t qvMeshValidate(const qvMesh* mesh, FILE* out) {
     if (n < 1 || n > 2)
       violation(r, 7, "edge %p is in %d triangles", static_cast<const void*>(e), n);
   }
+  if (stitched) checkEdgeEnds(r, edg, uses);
   return r.count;
 }

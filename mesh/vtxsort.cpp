@@ -19,16 +19,7 @@ namespace {
 // the order inconsistent.
 //
 // Each vertex's coordinates are resolved once, into an integer key per axis
-// that orders as the numbers do; the sort then compares keys alone.
-uint64_t coordKey(double d) {
-  if (std::isnan(d)) return UINT64_MAX;
-  if (d == 0.0) d = 0.0;  // -0.0 orders as 0.0
-  uint64_t bits;
-  std::memcpy(&bits, &d, sizeof bits);
-  const uint64_t sign = uint64_t{1} << 63;
-  return (bits & sign) ? ~bits : (bits | sign);
-}
-
+// that orders as the numbers do (qvCoordKey); the sort then compares keys alone.
 struct SortKey {
   uint64_t k[3];  // the coordinate keys in comparison order, complemented descending
   int32_t pos;    // place in the list: the last word of the order
@@ -57,7 +48,7 @@ bool sortVertices(qvVtx** order, int32_t n, int axis, bool descending) {
     const double* p = qvVtxXyz(order[i]);
     if (!p) continue;
     SortKey& key = keys[m++];
-    for (int k = 0; k < 3; ++k) key.k[k] = coordKey(p[(axis + k) % 3]) ^ flip;
+    for (int k = 0; k < 3; ++k) key.k[k] = qvCoordKey(p[(axis + k) % 3]) ^ flip;
     key.pos = i;
   }
   std::sort(keys, keys + m, keyBefore);
@@ -102,6 +93,15 @@ uint32_t requestedAxisBit(uint32_t request) {
 }
 
 }  // namespace
+
+uint64_t qvCoordKey(double d) {
+  if (std::isnan(d)) return UINT64_MAX;
+  if (d == 0.0) d = 0.0;  // -0.0 orders as 0.0
+  uint64_t bits;
+  std::memcpy(&bits, &d, sizeof bits);
+  const uint64_t sign = uint64_t{1} << 63;
+  return (bits & sign) ? ~bits : (bits | sign);
+}
 
 int32_t qvVtxBox(qvVtx* head, qvBox* box) {
   boxClear(box);

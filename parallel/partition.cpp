@@ -9,6 +9,7 @@
 // a half's boundary touches itself, and last the cut that strings them up.
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <cstdlib>
 #include <initializer_list>
 
@@ -52,40 +53,36 @@ void chainAppend(Chain<T> &c, T *r) {
 // ---------------------------------------------------------------------------
 // The twelve orderings
 
-// A total order on coordinates, NaN after every number, so that a hostile
-// value can't make the sort's comparison inconsistent.
-int compareCoord(double a, double b) {
-  if (a < b) return -1;
-  if (a > b) return 1;
-  return static_cast<int>(std::isnan(a)) - static_cast<int>(std::isnan(b));
-}
-
-// Row (direction * 3 + axis) * 2 + corner: the low (corner 0) or high
-// (corner 1) corners of the two boxes, compared on axis, then on the next
-// axes cyclically; ascending for direction 1, descending for 0. A triangle
-// whose corners can't be read sorts after every other. Boxes are computed
-// anew on each call: the sort needs no memory beyond its pointer array.
-template <int kDirection, int kAxis, int kCorner>
-int compareRow(const qvTri *a, const qvTri *b) {
-  qvBox ba;
-  qvBox bb;
-  const bool hasA = qvTriBox(a, &ba) >= 0;
-  const bool hasB = qvTriBox(b, &bb) >= 0;
-  int c = static_cast<int>(!hasA) - static_cast<int>(!hasB);
-  for (int k = 0; k < 3 && c == 0 && hasA; ++k) {
-    const int slot = kCorner * 3 + (kAxis + k) % 3;
-    c = compareCoord(*ba[slot], *bb[slot]);
-  }
-  return kDirection == 1 ? c : -c;
-}
-
-typedef int (*TriOrder)(const qvTri *, const qvTri *);
-
-const TriOrder kTriOrder[12] = {
-    compareRow<0, 0, 0>, compareRow<0, 0, 1>, compareRow<0, 1, 0>, compareRow<0, 1, 1>,
-    compareRow<0, 2, 0>, compareRow<0, 2, 1>, compareRow<1, 0, 0>, compareRow<1, 0, 1>,
-    compareRow<1, 1, 0>, compareRow<1, 1, 1>, compareRow<1, 2, 0>, compareRow<1, 2, 1>,
+// An ordering compares the low (corner 0) or high (corner 1) corners of two
+// triangles' boxes on axis, then on the next axes cyclically; ascending for
+// direction 1, descending for 0. A triangle whose corners can't be read sorts
+// after every other (before, descending). Equal triangles keep their list
+// order. Each triangle's box is read once, into a key of integers that order
+// as the coordinates do: 0.0 and -0.0 alike, NaN after every number, so that
+// a hostile value can't make the order inconsistent. The key's last word is
+// the place in the list, so the order is total: the same for the same list
+// whatever the sort algorithm, and two threads may sort at once.
+struct TriKey {
+  uint64_t k[4];  // unreadable, then the three coordinates; complemented descending
+  int32_t pos;    // place in the list
 };
+
+bool keyBefore(const TriKey &a, const TriKey &b) {
+  for (int i = 0; i < 4; ++i)
+    if (a.k[i] != b.k[i]) return a.k[i] < b.k[i];
+  return a.pos < b.pos;
+}
+
+TriKey triKey(const qvTri *t, int32_t pos, int32_t direction, int32_t axis, int32_t corner) {
+  TriKey key{{0, 0, 0, 0}, pos};
+  qvBox box;
+  if (qvTriBox(t, &box) < 0) key.k[0] = 1;
+  else
+    for (int k = 0; k < 3; ++k) key.k[1 + k] = qvCoordKey(*box[corner * 3 + (axis + k) % 3]);
+  if (direction == 0)
+    for (uint64_t &w : key.k) w = ~w;
+  return key;
+}
 
 // ---------------------------------------------------------------------------
 // Splitting by a triangle flag
@@ -308,29 +305,26 @@ qvTri *qvTriSort(qvTri *head, int32_t direction, int32_t axis, int32_t corner) {
   for (const qvTri *t = head; t; t = t->next)
     if (++n > kSortMax) return nullptr;
   qvTri **order = static_cast<qvTri **>(ftMalloc(static_cast<size_t>(n) * sizeof(qvTri *)));
-  if (!order) return nullptr;
-
-  // Equal triangles keep their list order: the list position, held in tag
-  // for the time of the sort, is the last key. The order is then total, the
-  // same for the same list whatever the sort algorithm, and it depends on no
-  // state outside the comparison, so two threads may sort at once.
+  TriKey *keys = static_cast<TriKey *>(ftMalloc(static_cast<size_t>(n) * sizeof(TriKey)));
+  if (!order || !keys) {
+    std::free(order);
+    std::free(keys);
+    return nullptr;
+  }
   int32_t i = 0;
-  for (qvTri *t = head; t; t = t->next) {
-    t->tag = i;
-    order[i++] = t;
+  for (qvTri *t = head; t; t = t->next, ++i) {
+    order[i] = t;
+    keys[i] = triKey(t, i, direction, axis, corner);
   }
-  const TriOrder row = kTriOrder[(direction * 3 + axis) * 2 + corner];
-  std::sort(order, order + n, [row](const qvTri *a, const qvTri *b) {
-    const int c = row(a, b);
-    return c != 0 ? c < 0 : a->tag < b->tag;
-  });
-
+  std::sort(keys, keys + n, keyBefore);
   for (i = 0; i < n; ++i) {
-    order[i]->tag = 0;
-    order[i]->prev = i > 0 ? order[i - 1] : nullptr;
-    order[i]->next = i + 1 < n ? order[i + 1] : nullptr;
+    qvTri *t = order[keys[i].pos];
+    t->tag = 0;
+    t->prev = i > 0 ? order[keys[i - 1].pos] : nullptr;
+    t->next = i + 1 < n ? order[keys[i + 1].pos] : nullptr;
   }
-  head = order[0];
+  head = order[keys[0].pos];
+  std::free(keys);
   std::free(order);
   return head;
 }

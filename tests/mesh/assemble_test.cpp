@@ -127,6 +127,18 @@ TEST(Assemble, SmallSoupsComeOutAsHandCounted) {
   }
 }
 
+// Four facets on one edge, alternating in sense, pair into two sheets that
+// also meet round both ends of the edge, so no vertex split tells them
+// apart: they must come out as pieces, not as two edges on the same ends.
+TEST(Assemble, SheetsThatMeetRoundBothEndsOfAnEdgeAreNotPaired) {
+  int32_t shells = 0;
+  const ChainSum s = assemble(readStl("pinched-edge.stl"), nullptr, &shells);
+  EXPECT_GT(shells, 0);
+  EXPECT_EQ(s.nTri, 11);
+  EXPECT_EQ(s.bad, 0);
+  EXPECT_EQ(s.invalid, 0);
+}
+
 TEST(Assemble, ToleranceChainMergesIntoTheFirstVertexAndEmptyIsNoShell) {
   // P0, P1, P2 in x order, 0.8 apart with a tolerance of 1: P2 is 1.6 from P0
   // and still joins it through P1, which keeps its coordinates unaveraged.

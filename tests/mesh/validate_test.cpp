@@ -20,13 +20,17 @@ Mend poke(T& field, V value) {
 
 }  // namespace
 
-TEST(Validate, NonManifoldFixturesAreValidAndTheCapFlagIsNoMark) {
+TEST(Validate, NonManifoldFixturesAreValidButTwoJoinedEdgesOnOnePairAreNot) {
   for (const Shape* shape : {&kOpenFan, &kBowTie, &kThreeOnEdge, &kSquare}) {
     Fixture f(*shape);
     f.mesh->flags |= kMeshCapDone;  // the mesh's own flag, with a mark's value
     EXPECT_EQ(validateText(f.mesh), "");
   }
   EXPECT_EQ(qvMeshValidate(nullptr, nullptr), 0);
+  // Four faces on points 0 and 1, which the fixture joins two and two.
+  const Fixture four({{{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {0, -1, 0}, {0, 0, 1}, {0, 0, -1}},
+                      {{0, 1, 2}, {1, 0, 3}, {0, 1, 4}, {1, 0, 5}}});
+  EXPECT_NE(validateText(four.mesh).find("invariant 10:"), std::string::npos);
 }
 
 // Each case breaks a tetrahedron (faces 0 2 1, 0 1 3, 0 3 2, 1 2 3) or the

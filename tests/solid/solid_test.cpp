@@ -67,6 +67,8 @@ TEST(ExtractSolids, LimitsAreStrictCapsCloseAndOpenShellsGoAtTheEnd) {
       {"corners within the welding tolerance join", kNudgedCube, 0.0, 0.0, 0.0, 1, 12},
       {"hole above the limit", kBowl + kCube, 6.0, 3.5, 0.0, 1, 12},
       {"only open surfaces", kBowl + box({5, 0, 0}, {8, 3, 3}, true), 0.09, 0.09, 0.027, 0, 0},
+      // Their shared edge runs over four segments: no slit is left to cap.
+      {"two cubes on a long shared edge", readBinaryFacets(dataPath("two-cubes-edge.stl")), kUnlimited, 0, 0, 2, 384},
   };
   for (const Case &c : cases) {
     const std::string reduced = tempPath("reduced.stl"), solid = tempPath("solid.stl");
