@@ -584,7 +584,14 @@ int32_t qvTrialCertify(qvTrial* tr, const qvRedParams* params) {
   // area (the result holds no degenerate triangle the input didn't), or lies
   // along a seam: all corners pinned and two sides on the cut. The piece on
   // the other side of the cut may lay the same triangle, and the joined
-  // surface would fold over on itself there.
+  // surface would fold over on itself there. Likewise for a new edge between
+  // two pinned vertices: the other piece may draw the same chord, and the
+  // joined edge would have four triangles.
+  for (const qvEdg* e = tr->copy->edg; e; e = e->next)
+    if (qvVtxOf(e->ends[0])->flags & qvVtxOf(e->ends[1])->flags & kVtxPinned) {
+      tr->score = kInf;
+      return 0;
+    }
   for (const qvTri* t = tr->copy->tri; t; t = t->next) {
     double* c[3];
     if (qvTriCoords(t, 0, c) != 0) return -1;

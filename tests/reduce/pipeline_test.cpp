@@ -134,3 +134,18 @@ TEST(Tool, AModelScaledByAPowerOfTwoReducesToTheSameModelScaled) {
     }
   }
 }
+
+TEST(Tool, PiecesOfTheMediumMethodJoinWithinTheBoundAndClosed) {
+  // -qm cuts each block into pieces, one per processor, whose seams are
+  // frozen; no two pieces may draw the same chord between seam vertices.
+  const std::string tool = kBin + "/FacetTrim ", out = tempPath("medium.stl");
+  for (const char* name : {"sphere.stl", "bunny.stl", "gearwheel.stl"}) {
+    const Original original(kData + "/" + name);
+    for (const double percent : {0.5, 2.0}) {
+      char t[64];
+      std::snprintf(t, sizeof t, "%.17g", percent / 100.0 * original.diagonal);
+      ASSERT_EQ(runCommand(tool + kData + "/" + name + " -o" + out + " -qm -t" + t), 0) << name;
+      expectKept(original, out, std::atof(t), std::string(name) + " -qm " + t);
+    }
+  }
+}
