@@ -92,9 +92,6 @@ constexpr uint32_t kEdgReapTwice = kEdgMarkSwap;     // reaping: edge met in a s
 constexpr uint32_t kEdgReapCount = kEdgReapOnce | kEdgReapTwice;
 // A flip sweep leaves alone the edges it has examined and the ring of a commit.
 constexpr uint32_t kEdgFlipDone = kEdgMarkOuter | kEdgMarkVisit;
-// Reaping happens after the copy is made and the spoke collapsed: its counts
-// may reuse the spoke's and the walk's bits, never the ring's.
-static_assert((kEdgReapCount & kEdgMarkOuter) == 0, "reaping keeps the ring mark");
 static_assert((kEdgReapOnce & kEdgReapTwice) == 0, "two reap counts, two bits");
 // At the end of a pass edges keep only their lasting bits. The mask has seven
 // hex digits on purpose: besides the marks it clears kEdgReplace (0x4000000),
@@ -102,7 +99,6 @@ static_assert((kEdgReapOnce & kEdgReapTwice) == 0, "two reap counts, two bits");
 constexpr uint32_t kEdgPassKeep = 0xBFFFFFFu;
 
 // qvTri.flags
-constexpr uint32_t kTriMarkOld = kTriMarkFlood;  // triangle of the starting surface under a star
 // At the end of a pass triangles keep only their lasting bits. Seven hex
 // digits on purpose, as for edges: it clears kTriReplace and kTriRetired too.
 constexpr uint32_t kTriPassKeep = 0x9FFFFFFu;
@@ -169,10 +165,19 @@ struct qvMarkSet {
 };
 constexpr qvMarkSet kMarkSet = {kVtxMarkVisit, kEdgMarkVisit, kTriMarkVisit};
 
-// The ring of a spoke's far end bears these while the link test runs.
-// A corner of the measured surface whose nearest reference triangle is still
-// to be found.
-constexpr uint32_t kVtxMarkNearest = kVtxMarkEngine;
+// The marks by phase. While a trial runs, its star bears kMarkSet; the spoke
+// it collapses bears kEdgMarkSpoke and the ring edges of its copy
+// kEdgMarkOuter until the trial is committed or dropped, and the collapsing
+// vertex kVtxMarkCollapse. A commit then reaps with kEdgReapOnce and
+// kEdgReapTwice, which the spoke and swap marks lend, while kEdgMarkOuter
+// still stands; the flip sweep in the copy uses kEdgMarkVisit against
+// kEdgMarkOuter. Marks that stand at once never share a bit:
+static_assert((kMarkSet.edg & (kEdgMarkSpoke | kEdgMarkOuter)) == 0 && (kEdgMarkSpoke & kEdgMarkOuter) == 0,
+              "a trial's edge marks");
+static_assert((kMarkSet.vtx & kVtxMarkCollapse) == 0, "a trial's vertex marks");
+static_assert((kEdgReapCount & kEdgMarkOuter) == 0, "reaping keeps the ring mark");
+static_assert(((kEdgMarkVisit | kEdgMarkOuter) & kMarkMask) == (kEdgMarkVisit | kEdgMarkOuter),
+              "the flip sweep's marks are marks");
 
 // Valences. For each triangle of the head run bearing triMark, each corner whose
 // tag is 0 gets the number of triangles round it on the live surface, which must
