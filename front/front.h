@@ -104,7 +104,7 @@ extern void (*gAfterScanHook)(const char *inputName);
 // ---- Reduction drivers (drivers.cpp) ---------------------------------------------
 //
 // method picks the engine entry that reduces a shell: kMethodLow
-// reduceParallelLow (stepped passes on pieces), kMethodMedium
+// reduceParallelLow (the quick pass on pieces), kMethodMedium
 // reduceParallelMedium (one pass on pieces), kMethodHigh reduceOnePass (the
 // whole shell, serial).
 

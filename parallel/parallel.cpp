@@ -46,7 +46,7 @@ constexpr int kForkThreads = 2;
 constexpr int kNestedLevels = 2;
 
 constexpr qvParMethod kMedium = {reduceOnePass, 0};
-constexpr qvParMethod kLow = {reduceStepped, 1};
+constexpr qvParMethod kLow = {reduceQuick, 1};
 
 // A failed cut can leave records outside mesh: the lower half in
 // pair->second and pieces chained behind either half. They go back into

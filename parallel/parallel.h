@@ -13,7 +13,7 @@
 #include "mesh/qvMesh.h"
 
 // One stitched shell with null next, reduced on pieces side by side: medium
-// with reduceOnePass and silent, low with reduceStepped and progress lines on
+// with reduceOnePass and silent, low with reduceQuick and progress lines on
 // standard output. The triangles taken out, or -1. Either way mesh again holds
 // every triangle, in one set of lists, with null next.
 [[nodiscard]] int32_t reduceParallelMedium(qvMesh *mesh, double tolerance, const double *angleRef);

@@ -295,21 +295,12 @@ double qvRedOrderNext(qvRedOrder* order) {
   return order && orderFront(order) ? order->heap[0].score : std::numeric_limits<double>::infinity();
 }
 
-int32_t qvRingDefer(qvRedOrder* order, qvVtx* const* ring, int32_t n) {
-  bool ok = true;
-  for (int32_t i = 0; i < n && ok; ++i) {
-    scoreSet(ring[i], kRedScoreNone);
-    if (order) ok = orderPlace(order, ring[i]);
-  }
-  return ok ? 0 : -1;
-}
-
 // ---------------------------------------------------------------------------
 // Sweeps
 
 namespace {
 
-int32_t sweep(qvMesh* mesh, const qvRedParams* params, bool full, qvTrial* tr) {
+int32_t sweep(qvMesh* mesh, const qvRedParams* params, qvTrial* tr) {
   if (!mesh || !params) return -1;
   if (!mesh->vtx) return 0;
   qvRedOrder order;
@@ -328,8 +319,7 @@ int32_t sweep(qvMesh* mesh, const qvRedParams* params, bool full, qvTrial* tr) {
       removed = -1;
       break;
     }
-    const int32_t r =
-        full ? qvVtxRemoveFull(mesh, v, params, &order, tr) : qvVtxRemoveFast(mesh, v, params, &order, tr);
+    const int32_t r = qvVtxRemove(mesh, v, params, &order, tr);
     if (r < 0) {
       removed = -1;
       break;
@@ -366,10 +356,4 @@ int32_t sweep(qvMesh* mesh, const qvRedParams* params, bool full, qvTrial* tr) {
 
 }  // namespace
 
-int32_t qvRedSweepFull(qvMesh* mesh, const qvRedParams* params, qvTrial* tr) {
-  return sweep(mesh, params, true, tr);
-}
-
-int32_t qvRedSweepFast(qvMesh* mesh, const qvRedParams* params, qvTrial* tr) {
-  return sweep(mesh, params, false, tr);
-}
+int32_t qvRedSweep(qvMesh* mesh, const qvRedParams* params, qvTrial* tr) { return sweep(mesh, params, tr); }

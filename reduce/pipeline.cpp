@@ -1,9 +1,9 @@
 // The reduction pipeline: the two leaves of the engine and the bookkeeping at
-// the start and end of a pass. reduceOnePass makes one pass at the whole
-// tolerance against the input surface; reduceStepped spends the tolerance in
-// passes of growing size, each measured against the surface the last one
-// left. Open boundaries are capped for the time of the passes, so that every
-// fan is closed, and their vertices are never removed.
+// the start and end of a pass. Both make one pass at the whole tolerance
+// against the input surface: reduceOnePass weighs up to three spokes of a
+// vertex, reduceQuick its shortest spoke only. Open boundaries are capped for
+// the time of the pass, so that every fan is closed, and their vertices are
+// never removed.
 #include <cstdio>
 #include <cstdlib>
 #include <initializer_list>
@@ -15,11 +15,6 @@
 
 namespace {
 
-constexpr double kFirstStep = 0.125;    // the first pass spends an eighth of the budget
-constexpr double kClosingFrom = 0.75;   // from this share spent, the next pass closes
-constexpr double kClosingFloor = 0.1;   // a smaller rest isn't worth a closing pass
-constexpr double kSlowRatio = 0.25;     // a pass removing a smaller share doubles the step
-constexpr double kStepGrowth = 2.0;
 
 void clearPinned(qvMesh* mesh) { qvVtxAndAll(mesh->vtx, ~kVtxPinned); }
 
@@ -98,28 +93,6 @@ int32_t qvRedCapDrop(qvMesh* mesh) {
 // ---------------------------------------------------------------------------
 // Passes
 
-qvRedBudget qvRedBudgetStart(double total) { return qvRedBudget{total, 0.0, total * kFirstStep, 0.0, 0}; }
-
-int32_t qvRedBudgetNext(qvRedBudget* b) {
-  if (!b || (b->passes > 0 && !(b->total > b->spent))) return 0;
-  // A pass that removed nothing gives back what it was charged.
-  if (b->passes > 0 && b->ratio == 0.0) b->spent -= b->step;
-  if (b->spent >= b->total * kClosingFrom) {
-    b->step = b->total - b->spent;
-    if (b->total * kClosingFloor > b->step) return 0;
-    b->spent = b->total;
-    return 1;
-  }
-  if (b->passes > 0 && kSlowRatio > b->ratio) b->step *= kStepGrowth;
-  if (b->spent + b->step >= b->total) {
-    b->step = b->total - b->spent;
-    b->spent = b->total;
-  } else {
-    b->spent += b->step;
-  }
-  return 1;
-}
-
 int32_t qvRedFinishPass(qvMesh* mesh, int32_t keepFrozen) {
   if (!mesh) return -1;
   int32_t count = 0;
@@ -174,14 +147,14 @@ namespace {
 
 // One pass over a prepared mesh: covers made, every vertex scored, the sweep,
 // covers released.
-int32_t runPass(qvMesh* mesh, const qvRedParams* given, bool full) {
+int32_t runPass(qvMesh* mesh, const qvRedParams* given) {
   if (!mesh || !given) return -1;
   ftProgress(kProgressPass, qvVtxCount(mesh->vtx));
   qvRedParams params = *given;
   int32_t removed = -1;
   qvTrial tr{};
   if (qvCoverStart(mesh, &params) == 0 && qvRedScoreAll(mesh, &params, &tr) >= 0)
-    removed = full ? qvRedSweepFull(mesh, &params, &tr) : qvRedSweepFast(mesh, &params, &tr);
+    removed = qvRedSweep(mesh, &params, &tr);
   qvTrialFree(&tr);
   qvCoverEnd(mesh, &params);
   ftProgress(kProgressPassEnd, 0);
@@ -190,70 +163,41 @@ int32_t runPass(qvMesh* mesh, const qvRedParams* given, bool full) {
 
 }  // namespace
 
-int32_t qvRedPassFull(qvMesh* mesh, const qvRedParams* params) { return runPass(mesh, params, true); }
-
-int32_t qvRedPassFast(qvMesh* mesh, const qvRedParams* params) { return runPass(mesh, params, false); }
-
-int32_t qvRedPasses(qvMesh* mesh, const qvRedParams* params) {
-  if (!mesh || !params) return -1;
-  const double total = params->tol;
-  // A budget that is 0, negative or not a number runs no pass.
-  if (!(total > 0.0)) {
-    clearPinned(mesh);
-    return 0;
-  }
-  qvRedBudget budget = qvRedBudgetStart(total);
-  int32_t removed = 0;
-  while (qvRedBudgetNext(&budget)) {
-    // The pass is judged by its step, not by the running total.
-    qvRedParams pass;
-    if (qvRedParamsSet(budget.step, &pass) != 0) return -1;
-    const int32_t n0 = qvTriCount(mesh->tri);
-    if (qvRedPrepPass(mesh) < 0) return -1;
-    const int32_t r = budget.spent >= total ? qvRedPassFull(mesh, &pass) : qvRedPassFast(mesh, &pass);
-    if (r < 0) return -1;
-    removed += r;
-    const int32_t n1 = qvRedFinishPass(mesh, 1);
-    if (n1 < 0) return -1;
-    budget.ratio = n0 > 0 ? static_cast<double>(n0 - n1) / static_cast<double>(n0) : 0.0;
-    ++budget.passes;
-    qvTopo topo;
-    if (qvMeshTopo(mesh, &topo) != 0) return -1;
-  }
-  clearPinned(mesh);
-  return removed;
-}
+int32_t qvRedPass(qvMesh* mesh, const qvRedParams* params) { return runPass(mesh, params); }
 
 // ---------------------------------------------------------------------------
 // The leaves
 
-int32_t reduceOnePass(qvMesh* mesh, double tol, const double* angle, int32_t* removed) {
+namespace {
+
+// The leaves: one pass at the whole tolerance, quick or not.
+int32_t leaf(qvMesh* mesh, double tol, const double* angle, bool quick, int32_t* removed) {
   if (removed) *removed = 0;
   qvRedParams params;
   if (!mesh || qvRedParamsSet(tol, &params) != 0) return -1;
+  params.quick = quick;
   const int32_t before = qvTriCount(mesh->tri);
   const int32_t capped = leafStart(mesh, &params, angle);
   if (capped < 0) return -1;
   // A negative tolerance, or one that is not a number, removes nothing: no
-  // pass runs, and the caps go again. At exactly 0 the pass removes only
-  // what leaves the surface exactly as it was.
-  if (tol >= 0.0) {
-    if (qvRedPrepFirst(mesh) < 0 || qvRedPassFull(mesh, &params) < 0 || qvRedFinishPass(mesh, 0) < 0) return -1;
+  // pass runs, and the caps go again. At exactly 0 the full pass removes
+  // only what leaves the surface exactly as it was; the quick one runs none.
+  if (tol > 0.0 || (tol == 0.0 && !quick)) {
+    if (qvRedPrepFirst(mesh) < 0 || qvRedPass(mesh, &params) < 0 || qvRedFinishPass(mesh, 0) < 0) return -1;
   } else {
     clearPinned(mesh);
   }
   return leafEnd(mesh, capped, before, removed);
 }
 
-int32_t reduceStepped(qvMesh* mesh, double tol, const double* angle, int32_t* removed) {
-  if (removed) *removed = 0;
-  qvRedParams params;
-  if (!mesh || qvRedParamsSet(tol, &params) != 0) return -1;
-  const int32_t before = qvTriCount(mesh->tri);
-  const int32_t capped = leafStart(mesh, &params, angle);
-  if (capped < 0) return -1;
-  if (qvRedPasses(mesh, &params) < 0) return -1;
-  return leafEnd(mesh, capped, before, removed);
+}  // namespace
+
+int32_t reduceOnePass(qvMesh* mesh, double tol, const double* angle, int32_t* removed) {
+  return leaf(mesh, tol, angle, false, removed);
+}
+
+int32_t reduceQuick(qvMesh* mesh, double tol, const double* angle, int32_t* removed) {
+  return leaf(mesh, tol, angle, true, removed);
 }
 
 // ---------------------------------------------------------------------------

@@ -46,8 +46,6 @@
 //  a limit reached refuses the removal), and the commit applies that very
 //  trial: the grafted fan and the plan are those certified. Every other piece
 //  keeps a live home and partner. So (C) and (H) hold after each commit.
-//  Stepped passes add up: each pass is bounded against the surface the last
-//  left, and the steps of the passes sum to at most t.
 //  At t = 0 a removal is made only when the star and its ring lie exactly in
 //  one plane (orient3d) and the old and new triangles all turn one way in a
 //  coordinate plane (orient2d): both then tile the polygon of the ring, so the
@@ -74,8 +72,9 @@
 // failure; *removed (may be null) gets the number of triangles removed.
 // angle: fold angle in degrees, null for the default, negative to skip features.
 [[nodiscard]] int32_t reduceOnePass(qvMesh *mesh, double tol, const double *angle, int32_t *removed);
-// Several passes of growing tolerance (low method), likewise.
-[[nodiscard]] int32_t reduceStepped(qvMesh *mesh, double tol, const double *angle, int32_t *removed);
+// The same pass trying only the shortest spoke of each vertex (low method),
+// likewise; at a tolerance of 0 it runs no pass.
+[[nodiscard]] int32_t reduceQuick(qvMesh *mesh, double tol, const double *angle, int32_t *removed);
 
 // ---- Engine flags ---------------------------------------------------------------
 //
@@ -120,6 +119,7 @@ struct qvRedParams {
   double eta;          // the allowance for rounding, a share of the pass's largest coordinate
   double lim2;         // (t - eta)^2, rounded down: every certified bound is held to it
   qvCoverPool *pool;   // the pass's fragment corners; null outside a pass and at t = 0
+  bool quick;          // each vertex tries its shortest spoke only
 };
 
 // Fills params from the tolerance t (lim2 = t * t and no pool until
@@ -225,17 +225,10 @@ typedef qvQuad qvFlipRec;
 
 // ---- Passes -----------------------------------------------------------------------
 
-// The pass loop of reduceStepped: passes of growing step, from tol / 8, each
-// measured against the surface the previous one left; only the pass that
-// spends the rest of the budget is a full one. Clears kVtxPinned at the end.
-// Removed count, or -1.
-[[nodiscard]] int32_t qvRedPasses(qvMesh *mesh, const qvRedParams *params);
-// Score every vertex, then sweep in score order (qvRedSweepFull and
-// qvRedSweepFast): a commit sends the trials it changed back into the order
-// (full) or parks its ring at the tail (fast). Removed count, or -1 (also for
-// a null mesh).
-[[nodiscard]] int32_t qvRedPassFull(qvMesh *mesh, const qvRedParams *params);
-[[nodiscard]] int32_t qvRedPassFast(qvMesh *mesh, const qvRedParams *params);
+// Scores every vertex, then sweeps in score order (qvRedSweep): a commit
+// sends the trials it changed back into the order. Removed count, or -1
+// (also for a null mesh).
+[[nodiscard]] int32_t qvRedPass(qvMesh *mesh, const qvRedParams *params);
 // Ends a pass: retired records go, live aux becomes adj, link lists and caches
 // are released, and the pass's bits are cleared (kVtxPinned too unless
 // keepFrozen). Vertices stay in the engine's form and keep link and aux, which

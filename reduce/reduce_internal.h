@@ -289,14 +289,12 @@ void qvTrialDrop(qvTrial *tr);
 struct qvRedOrder;
 
 // Removes v for good, by a trial on the current mesh committed when its
-// score is within lim2 (and, for the full sweep, no greater than the next
-// key of order): 0 removed, 1 refused or no spoke, 2 not committed as the
-// score lies behind the next key (tr->score holds it), -1 failure (the mesh
-// is given up). order may be null outside a sweep.
-[[nodiscard]] int32_t qvVtxRemoveFull(qvMesh *mesh, qvVtx *v, const qvRedParams *params, qvRedOrder *order,
-                                      qvTrial *tr);
-[[nodiscard]] int32_t qvVtxRemoveFast(qvMesh *mesh, qvVtx *v, const qvRedParams *params, qvRedOrder *order,
-                                      qvTrial *tr);
+// score is within lim2 and no greater than the next key of order: 0
+// removed, 1 refused or no spoke, 2 not committed as the score lies behind
+// the next key (tr->score holds it), -1 failure (the mesh is given up).
+// order may be null outside a sweep.
+[[nodiscard]] int32_t qvVtxRemove(qvMesh *mesh, qvVtx *v, const qvRedParams *params, qvRedOrder *order,
+                                  qvTrial *tr);
 
 // ---- Removal candidates -----------------------------------------------------------
 
@@ -318,43 +316,18 @@ struct qvRedOrder;
 //
 // The order is a queue of keys: each vertex enters at its score, and a
 // vertex without one waits at the tail. The head is tried again on the
-// current mesh: the full sweep commits that very trial when its score is
-// within lim2 and no greater than the next key, and else puts the vertex
-// back at its new score; the fast sweep commits any trial within lim2. A
-// commit does not rescore its neighbourhood: the full sweep brings every
+// current mesh, and that very trial is committed when its score is within
+// lim2 and no greater than the next key; else the vertex goes back at its
+// new score. A commit does not rescore its neighbourhood: it brings every
 // vertex whose trial it changed (qvRingDirty) back to a key within tol2, so
 // that the sweep ends only when every vertex left was tried on the final
-// mesh; the fast sweep sends its ring to the tail for the rest of the pass.
-// Ties keep the order of the list. When the sweep ends the list is relinked:
-// retired vertices first, then the order.
-[[nodiscard]] int32_t qvRedSweepFull(qvMesh *mesh, const qvRedParams *params, qvTrial *tr);
-[[nodiscard]] int32_t qvRedSweepFast(qvMesh *mesh, const qvRedParams *params, qvTrial *tr);
-// After a full removal: the ring vertices whose key lies above the
-// tolerance, or that have none, enter the order again at key, so that each
-// is tried on the changed mesh before the sweep ends; the others keep their
-// keys and are tried again when they come up. 0, or -1.
+// mesh. Ties keep the order of the list. When the sweep ends the list is
+// relinked: retired vertices first, then the order.
+[[nodiscard]] int32_t qvRedSweep(qvMesh *mesh, const qvRedParams *params, qvTrial *tr);
+// After a removal: the ring vertices whose key lies above the tolerance, or
+// that have none, enter the order again at key, so that each is tried on
+// the changed mesh before the sweep ends; the others keep their keys and
+// are tried again when they come up. 0, or -1.
 [[nodiscard]] int32_t qvRingDirty(qvRedOrder *order, qvVtx *const *ring, int32_t n, double key);
 // The key at the head of the order, +inf when it is empty or null.
 double qvRedOrderNext(qvRedOrder *order);
-// After a fast removal: the ring is out for the rest of the pass, without a
-// score, at the tail in ring order. 0, or -1.
-[[nodiscard]] int32_t qvRingDefer(qvRedOrder *order, qvVtx *const *ring, int32_t n);
-
-// ---- The budget of a stepped run --------------------------------------------------
-
-// What reduceStepped has spent of its tolerance, pass by pass.
-struct qvRedBudget {
-  double total;    // the whole tolerance, T
-  double spent;    // charged so far, the pass about to run included
-  double step;     // the tolerance of the pass about to run
-  double ratio;    // share of the triangles that the last pass removed
-  int32_t passes;  // passes run so far
-};
-
-// A budget of total (greater than 0) before its first pass.
-qvRedBudget qvRedBudgetStart(double total);
-// Charges the next pass: 1 with step and spent set (the pass is the full,
-// closing one when spent has reached total), 0 when the budget is spent or
-// its rest is too small for a closing pass. The caller sets ratio and counts
-// passes after each pass.
-int32_t qvRedBudgetNext(qvRedBudget *b);

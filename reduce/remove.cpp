@@ -813,7 +813,7 @@ int32_t qvTrialRun(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvTrial* t
     }
   }
   qvTrial* alt = tr->spare;
-  const int32_t tries = tr->firstOnly ? 1 : spokes.n;
+  const int32_t tries = tr->firstOnly || params->quick ? 1 : spokes.n;
   for (int32_t k = 1; k < tries && tr->score > params->eta * params->eta; ++k) {
     markRing(tr, false);
     alt->v = v;
@@ -858,8 +858,7 @@ int32_t qvTrialCommit(qvMesh* mesh, qvTrial* tr, const qvRedParams* params) {
 
 namespace {
 
-int32_t removeVertex(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvRedOrder* order, bool full,
-                     qvTrial* tr) {
+int32_t removeVertex(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvRedOrder* order, qvTrial* tr) {
   if (!mesh || !v || !params || !tr || !v->aux) return -1;
   const int32_t r = qvTrialRun(mesh, v, params, tr);
   if (r != 0) return r;
@@ -867,15 +866,14 @@ int32_t removeVertex(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvRedOrd
     qvTrialDrop(tr);
     return 1;
   }
-  // A full sweep takes the vertex only while its score, made on the current
-  // mesh, heads the order; the keys behind it are the scores their vertices
-  // had when last tried, and a vertex is tried again when it comes up.
-  if (full && tr->score > qvRedOrderNext(order)) {
+  // A sweep takes the vertex only while its score, made on the current mesh,
+  // heads the order; the keys behind it are the scores their vertices had
+  // when last tried, and a vertex is tried again when it comes up.
+  if (tr->score > qvRedOrderNext(order)) {
     qvTrialDrop(tr);
     return 2;
   }
   if (qvTrialCommit(mesh, tr, params) != 0) return -1;
-  if (!full) return qvRingDefer(order, tr->ring, tr->nRing) < 0 ? -1 : 0;
   // The trials that the commit changes: those of the ring, whose stars
   // changed, and those of the far corners of the triangles round the ring,
   // whose stars lost pieces to the new fan or now border it.
@@ -889,10 +887,6 @@ int32_t removeVertex(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvRedOrd
 
 }  // namespace
 
-int32_t qvVtxRemoveFull(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvRedOrder* order, qvTrial* tr) {
-  return removeVertex(mesh, v, params, order, true, tr);
-}
-
-int32_t qvVtxRemoveFast(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvRedOrder* order, qvTrial* tr) {
-  return removeVertex(mesh, v, params, order, false, tr);
+int32_t qvVtxRemove(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvRedOrder* order, qvTrial* tr) {
+  return removeVertex(mesh, v, params, order, tr);
 }

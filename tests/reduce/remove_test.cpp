@@ -63,7 +63,7 @@ TEST(Removal, EveryCommitKeepsBothSurfacesAndTheCoversWhole) {
   for (qvVtx* v = f.mesh->vtx; v; v = v->next) order.push_back(v);
   int removed = 0;
   for (qvVtx* v : order) {
-    const int32_t r = qvVtxRemoveFull(f.mesh, v, &p, nullptr, &tr);
+    const int32_t r = qvVtxRemove(f.mesh, v, &p, nullptr, &tr);
     ASSERT_GE(r, 0);
     removed += r == 0;
     ASSERT_EQ(qvRedPassCheck(f.mesh, stderr), 0) << "after removal " << removed;
@@ -94,7 +94,7 @@ TEST(Sweep, EndsOnlyWhenEveryVertexLeftFailsOnTheFinalMesh) {
     ASSERT_EQ(qvCoverStart(f.mesh, &p), 0);
     qvTrial tr{};
     ASSERT_GE(qvRedScoreAll(f.mesh, &p, &tr), 0);
-    EXPECT_GT(qvRedSweepFull(f.mesh, &p, &tr), 10) << tol;
+    EXPECT_GT(qvRedSweep(f.mesh, &p, &tr), 10) << tol;
     for (qvVtx* v = f.mesh->vtx; v; v = v->next) {
       if (v->flags & kVtxRetired) continue;
       const int32_t r = qvTrialRun(f.mesh, v, &p, &tr);
