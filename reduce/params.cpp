@@ -76,6 +76,7 @@ int32_t qvRedParamsSet(double t, qvRedParams* params) {
   params->eta = 0.0;
   params->lim2 = t * t;
   params->pool = nullptr;
+  params->quick = false;
   return 0;
 }
 

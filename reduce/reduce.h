@@ -122,7 +122,7 @@ struct qvRedParams {
   bool quick;          // each vertex tries its shortest spoke only
 };
 
-// Fills params from the tolerance t (lim2 = t * t and no pool until
+// Fills params from the tolerance t (lim2 = t * t, not quick, and no pool until
 // qvCoverStart). 0, or -1 for a null params.
 [[nodiscard]] int32_t qvRedParamsSet(double t, qvRedParams *params);
 
