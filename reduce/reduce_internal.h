@@ -28,7 +28,7 @@ constexpr int32_t kValenceMin = 3;  // the fewest triangles round a vertex: a cl
 constexpr uint32_t kFanMarkMode = kFanMoveEdg | kFanMoveTri;  // marked star at the list heads
 
 // The spokes a removal tries, shortest first.
-constexpr int32_t kSpokeTries = 3;
+constexpr int32_t kSpokeTries = 4;
 struct qvSpokes {
   qvEdg *e[kSpokeTries];
   int32_t n;
