@@ -65,23 +65,8 @@ if [ "$with_dragon" = 1 ]; then
   [ -n "$dragon" ] && [ -s "$dragon" ] && models+=("$dragon")
 fi
 
-# Prints the JSON fields named in $2.. (dotted paths) of the object in file $1,
-# one per line; null, a missing key or an unreadable file print "-".
-json_fields() {
-  python3 - "$@" <<'PY'
-import json, sys
-try:
-    with open(sys.argv[1]) as f:
-        doc = json.loads(f.read())
-except Exception:
-    doc = {}
-for path in sys.argv[2:]:
-    value = doc
-    for key in path.split('.'):
-        value = value.get(key) if isinstance(value, dict) else None
-    print('-' if value is None else value)
-PY
-}
+# shellcheck source=bench/json_fields.sh
+. "$repo/bench/json_fields.sh"
 
 row_format='%-11s %-6s %5s %-11s %9s %10s %6s %7s %11s %6s %9s %9s %6s %9s %10s\n'
 printf "$row_format" model method tol% tolerance facets_in facets_out kept% wall_s in_facets/s rss_MB dH/tol \
