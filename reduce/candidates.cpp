@@ -91,9 +91,9 @@ int32_t qvVtxScore(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvTrial* t
   // The shortest spoke only: its score is at least the best spoke's, so the
   // vertex enters the order at worst later than it should, and the trial
   // made when it comes up weighs every spoke.
-  tr->firstOnly = true;
+  tr->only = 0;
   const int32_t r = qvTrialRun(mesh, v, params, tr);
-  tr->firstOnly = false;
+  tr->only = -1;
   if (r != 0) return r;
   scoreSet(v, tr->score);
   qvTrialDrop(tr);
@@ -166,6 +166,8 @@ struct qvRedOrder {
   size_t tailN, tailCap;
   qvVtx** retired;     // removed vertices, in order of removal
   size_t retiredN;
+  uint8_t* spoke;      // per vertex: 1 + the place of the spoke its last trial kept, while the
+                       // mesh round it is as that trial saw it; 0 when unknown
 };
 
 namespace {
@@ -176,6 +178,7 @@ void orderFree(qvRedOrder* o) {
   std::free(o->heap);
   std::free(o->tail);
   std::free(o->retired);
+  std::free(o->spoke);
   *o = qvRedOrder{};
 }
 
@@ -215,12 +218,11 @@ qvVtx* orderFront(qvRedOrder* o) {
 }
 
 // v leaves the order while it is tried: it comes back by orderPlace or
-// leaves for good by orderRetire.
-bool orderTake(qvRedOrder* o, const qvVtx* v) {
+// leaves for good by orderRetire. Its index, or kGone.
+uint32_t orderTake(qvRedOrder* o, const qvVtx* v) {
   const uint32_t id = orderId(o, v);
-  if (id == kGone) return false;
-  o->current[id] = kGone;
-  return true;
+  if (id != kGone) o->current[id] = kGone;
+  return id;
 }
 
 // v leaves the order for good.
@@ -241,7 +243,8 @@ bool orderStart(qvRedOrder* o, qvVtx* head) {
   o->byAddr = static_cast<qvVtx**>(ftMalloc(sizeof(qvVtx*) * (o->n + 1)));
   o->current = static_cast<uint32_t*>(ftMalloc(sizeof(uint32_t) * (o->n + 1)));
   o->retired = static_cast<qvVtx**>(ftMalloc(sizeof(qvVtx*) * (o->n + 1)));
-  if (!o->byAddr || !o->current || !o->retired) return false;
+  o->spoke = static_cast<uint8_t*>(ftCalloc(o->n + 1, 1));
+  if (!o->byAddr || !o->current || !o->retired || !o->spoke) return false;
   uint32_t i = 0;
   for (qvVtx* v = head; v; v = v->next) o->byAddr[i++] = v;
   std::sort(o->byAddr, o->byAddr + o->n, [](const qvVtx* a, const qvVtx* b) {
@@ -283,6 +286,8 @@ int32_t qvRingDirty(qvRedOrder* order, qvVtx* const* ring, int32_t n, double key
   bool ok = true;
   for (int32_t i = 0; i < n && order && ok; ++i) {
     qvVtx* x = ring[i];
+    const uint32_t id = orderId(order, x);
+    if (id != kGone) order->spoke[id] = 0;
     const double s = scoreOf(x);
     if ((x->flags & kVtxKeepSet) || (!noScore(s) && s <= key)) continue;
     scoreSet(x, key);
@@ -315,11 +320,22 @@ int32_t sweep(qvMesh* mesh, const qvRedParams* params, qvTrial* tr) {
     if (noScore(s) || s > params->tol2) break;
     // Out of the order while it is tried, so that the order's head is the
     // next candidate.
-    if (!orderTake(&order, v)) {
+    const uint32_t id = orderTake(&order, v);
+    if (id == kGone) {
       removed = -1;
       break;
     }
-    const int32_t r = qvVtxRemove(mesh, v, params, &order, tr);
+    // A vertex whose surroundings are as its last trial saw them gets the
+    // same trial again, so the spoke that trial kept is the one to try.
+    // Should that spoke now be refused, every spoke is tried.
+    tr->only = order.spoke[id] - 1;
+    int32_t r = qvVtxRemove(mesh, v, params, &order, tr);
+    if (r == 1 && tr->only >= 0) {
+      tr->only = -1;
+      r = qvVtxRemove(mesh, v, params, &order, tr);
+    }
+    tr->only = -1;
+    order.spoke[id] = r == 2 ? static_cast<uint8_t>(tr->spoke + 1) : 0;
     if (r < 0) {
       removed = -1;
       break;

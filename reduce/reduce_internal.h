@@ -203,7 +203,8 @@ struct qvTrial {
   double lim2;
   qvCoverPool *pool;
   qvTrial *spare;         // where the next spoke is tried, made on first use
-  bool firstOnly;         // the shortest spoke only: a first estimate, for the order
+  int32_t only = -1;      // the spoke tried alone, by its place among the picked; -1: all of them
+  int32_t spoke;          // the place of the spoke the trial kept
 };
 
 // Certifies the pieces the trial's removal displaces, against its fan and
@@ -273,9 +274,10 @@ qvMesh *qvStarCopy(qvMesh *mesh, qvTri *t, const double *p, uint32_t outerMark);
 
 // Makes a trial removal of v on the current mesh into tr (whose arrays are
 // reused), along up to kSpokeTries spokes, shortest first, until one is
-// certified within lim2: 0 with tr->copy and tr->score set (the last spoke's
-// when none is), 1 when v is no candidate or has no further spoke (tr holds
-// no copy), -1 on failure. The mesh is unchanged apart
+// certified within eta, and keeps the best: 0 with tr->copy, tr->score and
+// tr->spoke set, 1 when v is no candidate or has no further spoke (tr holds
+// no copy), -1 on failure. With tr->only set, the spoke in that place alone
+// is tried (the last one when there are fewer). The mesh is unchanged apart
 // from the order of records at the list heads and the mark on the ring edges.
 [[nodiscard]] int32_t qvTrialRun(qvMesh *mesh, qvVtx *v, const qvRedParams *params, qvTrial *tr);
 // Throws the trial's copy away and clears the ring edges' mark.
@@ -321,13 +323,16 @@ struct qvRedOrder;
 // new score. A commit does not rescore its neighbourhood: it brings every
 // vertex whose trial it changed (qvRingDirty) back to a key within tol2, so
 // that the sweep ends only when every vertex left was tried on the final
-// mesh. Ties keep the order of the list. When the sweep ends the list is
-// relinked: retired vertices first, then the order.
+// mesh. A vertex that goes back keeps the place of the spoke its trial
+// chose, until a commit changes its surroundings: tried again, it tries that
+// spoke alone, and every spoke only if that one is refused. Ties keep the
+// order of the list. When the sweep ends the list is relinked: retired
+// vertices first, then the order.
 [[nodiscard]] int32_t qvRedSweep(qvMesh *mesh, const qvRedParams *params, qvTrial *tr);
 // After a removal: the ring vertices whose key lies above the tolerance, or
 // that have none, enter the order again at key, so that each is tried on
 // the changed mesh before the sweep ends; the others keep their keys and
-// are tried again when they come up. 0, or -1.
+// are tried again when they come up, every spoke of them. 0, or -1.
 [[nodiscard]] int32_t qvRingDirty(qvRedOrder *order, qvVtx *const *ring, int32_t n, double key);
 // The key at the head of the order, +inf when it is empty or null.
 double qvRedOrderNext(qvRedOrder *order);

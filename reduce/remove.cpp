@@ -798,14 +798,17 @@ int32_t qvTrialRun(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvTrial* t
   if (qvSpokePick(mesh, static_cast<qvTri*>(v->aux), v, &spokes) != 0) return FT_FAIL(-1);
   if (spokes.n == 0) return 1;
   const bool clean = spokes.blocked == 0;
+  const int32_t first = tr->only < 0 ? 0 : std::min(tr->only, spokes.n - 1);
+  const int32_t tries = tr->only >= 0 || params->quick ? first + 1 : spokes.n;
   tr->beat = std::numeric_limits<double>::infinity();
-  const int32_t r = trialAlong(mesh, v, params, tr, spokes.e[0], clean);
+  const int32_t r = trialAlong(mesh, v, params, tr, spokes.e[first], clean);
   if (r != 0) return r;
+  tr->spoke = first;
   // The next spokes, shortest first, are tried while one may still do
   // better; the trial kept is the best, the first among equals. A score
   // within the rounding allowance counts as none: on a flat face the first
   // spoke stays, whatever the roundings of the others.
-  if (!tr->spare) {
+  if (tries > first + 1 && !tr->spare) {
     tr->spare = static_cast<qvTrial*>(ftCalloc(1, sizeof(qvTrial)));
     if (!tr->spare) {
       qvTrialDrop(tr);
@@ -813,8 +816,7 @@ int32_t qvTrialRun(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvTrial* t
     }
   }
   qvTrial* alt = tr->spare;
-  const int32_t tries = tr->firstOnly || params->quick ? 1 : spokes.n;
-  for (int32_t k = 1; k < tries && tr->score > params->eta * params->eta; ++k) {
+  for (int32_t k = first + 1; k < tries && tr->score > params->eta * params->eta; ++k) {
     markRing(tr, false);
     alt->v = v;
     // Only a strictly smaller score wins: the certificate stops at the first
@@ -826,8 +828,11 @@ int32_t qvTrialRun(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvTrial* t
     }
     if (alt->score < tr->score) {
       qvTrial* keep = tr->spare;
+      const int32_t only = tr->only;
       std::swap(*tr, *alt);
       tr->spare = keep;
+      tr->only = only;
+      tr->spoke = k;
       alt->spare = nullptr;
     }
     qvMeshFree(alt->copy);
