@@ -39,11 +39,10 @@ void unmarkStar(qvMesh* mesh) {
 // ---------------------------------------------------------------------------
 // The spoke
 
-int32_t qvSpokePick(qvMesh* mesh, qvTri* t, qvVtx* v, qvSpokes* out) {
-  if (!mesh || !t || !v || !out) return -1;
+int32_t qvSpokePickMarked(qvMesh* mesh, qvVtx* v, int32_t ring, bool valences, qvSpokes* out) {
+  if (!mesh || !v || !out) return -1;
   *out = qvSpokes{};
   const double* p = v->dat;
-  const int32_t ring = qvFanMark(mesh, t, p, kMarkSet.tri, kMarkSet.edg, kMarkSet.vtx, kFanMarkMode);
   bool failed = ring < kValenceMin;
   double len2[kSpokeTries];
   for (qvTri* s = mesh->tri; s && (s->flags & kMarkSet.tri) && !failed; s = s->next)
@@ -51,12 +50,14 @@ int32_t qvSpokePick(qvMesh* mesh, qvTri* t, qvVtx* v, qvSpokes* out) {
       // Each spoke once: the mark stays on it until the end.
       if ((e->flags & kEdgMarkSpoke) || !otherEnd(e, p)) continue;
       e->flags |= kEdgMarkSpoke;
-      const int32_t ok = qvLinkTest(s, e, p, kMarkSet.vtx, ring);
+      int32_t farValence = 0;
+      const int32_t ok = qvLinkTest(s, e, p, kMarkSet.vtx, ring, &farValence);
       if (ok < 0) {
         failed = true;
         break;
       }
       if (ok == 0) ++out->blocked;
+      else if (valences) qvVtxOf(otherEnd(e, p))->tag = farValence;
       if ((v->flags & kVtxRim) && !(e->flags & kEdgRim)) continue;
       if ((v->flags & kVtxFeatureEnd) && !(e->flags & kEdgFeatureSet)) continue;
       if ((e->flags & kEdgCap) || ok == 0) continue;
@@ -73,11 +74,18 @@ int32_t qvSpokePick(qvMesh* mesh, qvTri* t, qvVtx* v, qvSpokes* out) {
       len2[at] = l;
       out->n = std::min(out->n + 1, kSpokeTries);
     }
-
   for (qvTri* s = mesh->tri; s && (s->flags & kMarkSet.tri); s = s->next)
     for (qvEdg* e : s->edg) e->flags &= ~kEdgMarkSpoke;
-  unmarkStar(mesh);
+  if (valences && !failed) v->tag = ring;
   return failed ? -1 : 0;
+}
+
+int32_t qvSpokePick(qvMesh* mesh, qvTri* t, qvVtx* v, qvSpokes* out) {
+  if (!mesh || !t || !v || !out) return -1;
+  const int32_t ring = qvFanMark(mesh, t, v->dat, kMarkSet.tri, kMarkSet.edg, kMarkSet.vtx, kFanMarkMode);
+  const int32_t r = qvSpokePickMarked(mesh, v, ring, false, out);
+  unmarkStar(mesh);
+  return r;
 }
 
 // ---------------------------------------------------------------------------

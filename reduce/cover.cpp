@@ -692,6 +692,7 @@ void qvTrialFree(qvTrial* tr) {
   std::free(tr->star);
   std::free(tr->near);
   std::free(tr->ring);
+  std::free(tr->valences);
   std::free(tr->homes);
   std::free(tr->plan);
   std::free(tr->taken);

@@ -29,7 +29,7 @@ int32_t seeNeighbours(qvTri* t, void* ctx) {
 
 }  // namespace
 
-int32_t qvLinkTest(qvTri* t, qvEdg* e, const double* v, uint32_t ringMark, int32_t valence) {
+int32_t qvLinkTest(qvTri* t, qvEdg* e, const double* v, uint32_t ringMark, int32_t valence, int32_t* farValence) {
   if (!t || !e || !v) return -1;
   const int32_t i = qvTriEdgeSlot(t, e);
   const double* w = e->ends[0] == v ? e->ends[1] : e->ends[0];
@@ -43,6 +43,7 @@ int32_t qvLinkTest(qvTri* t, qvEdg* e, const double* v, uint32_t ringMark, int32
   const int32_t r = qvFanWalk(t, w, seeNeighbours, &walk);
   if (r == 2) return 0;
   if (r != 0) return -1;
+  if (farValence) *farValence = walk.valence;
   // Both ends of valence 3: the two rings share the edge a-b, and the four
   // triangles close a tetrahedron.
   return valence == kValenceMin && walk.valence == kValenceMin ? 0 : 1;

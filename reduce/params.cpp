@@ -56,17 +56,6 @@ int32_t prepare(qvMesh* mesh, bool every) {
   return turned;
 }
 
-int32_t countOne(qvTri*, void* ctx) {
-  ++*static_cast<int32_t*>(ctx);
-  return 0;
-}
-
-void zeroCornerTags(qvTri* t) {
-  qvVtx* c[3];
-  if (qvTriCornerVtx(t, 0, c) != 0) return;
-  for (qvVtx* x : c) x->tag = 0;
-}
-
 }  // namespace
 
 int32_t qvRedParamsSet(double t, qvRedParams* params) {
@@ -84,45 +73,3 @@ int32_t qvRedPrepFirst(qvMesh* mesh) { return prepare(mesh, true); }
 
 int32_t qvRedPrepPass(qvMesh* mesh) { return prepare(mesh, false); }
 
-int32_t qvValenceFill(qvMesh* mesh, uint32_t triMark) {
-  if (!mesh) return -1;
-  int32_t written = 0;
-  bool failed = false;
-  for (qvTri* t = mesh->tri; t && (t->flags & triMark) && !failed; t = t->next) {
-    double* c[3];
-    if (qvTriCorners(t, 0, c) != 0) {
-      failed = true;
-      break;
-    }
-    for (double* h : c) {
-      qvVtx* x = qvVtxOf(h);
-      if (x->tag != 0) continue;
-      int32_t n = 0;
-      if (qvFanWalk(t, h, countOne, &n) != 0 || n < kValenceMin) {
-        failed = true;
-        break;
-      }
-      x->tag = n;
-      ++written;
-    }
-  }
-  if (!failed) return written;
-  for (qvTri* t = mesh->tri; t && (t->flags & triMark); t = t->next) zeroCornerTags(t);
-  return -1;
-}
-
-int32_t qvValenceClear(qvMesh* mesh) {
-  if (!mesh) return -1;
-  int32_t n = 0;
-  bool failed = false;
-  for (qvTri* t = mesh->tri; t; t = t->next) {
-    qvVtx* c[3];
-    if (qvTriCornerVtx(t, 0, c) != 0) {
-      failed = true;
-      continue;
-    }
-    for (qvVtx* x : c) x->tag = 0;
-    ++n;
-  }
-  return failed ? -1 : n;
-}

@@ -179,15 +179,6 @@ static_assert((kEdgReapCount & kEdgMarkOuter) == 0, "reaping keeps the ring mark
 static_assert(((kEdgMarkVisit | kEdgMarkOuter) & kMarkMask) == (kEdgMarkVisit | kEdgMarkOuter),
               "the flip sweep's marks are marks");
 
-// Valences. For each triangle of the head run bearing triMark, each corner whose
-// tag is 0 gets the number of triangles round it on the live surface, which must
-// close and hold at least 3. Result: the number of tags written, or -1 (every
-// corner of the run then has tag 0).
-[[nodiscard]] int32_t qvValenceFill(qvMesh *mesh, uint32_t triMark);
-// Zeroes the tag of every corner of every triangle of mesh. The number of
-// triangles, or -1 for a null mesh or a triangle whose corners can't be read.
-[[nodiscard]] int32_t qvValenceClear(qvMesh *mesh);
-
 // ---- Feature classification ---------------------------------------------------
 
 // Marks the edges where the surface folds by more than the angle (degrees; null
@@ -205,8 +196,10 @@ static_assert(((kEdgMarkVisit | kEdgMarkOuter) & kMarkMask) == (kEdgMarkVisit | 
 // whose ring vertices bear ringMark and whose star has valence triangles: 1
 // when the rings of the two ends share only the two corners opposite e and
 // no edge, 0 when not, -1 on failure (e not in t or not at v, no neighbour
-// across e, an opposite corner without the mark, a broken fan).
-[[nodiscard]] int32_t qvLinkTest(qvTri *t, qvEdg *e, const double *v, uint32_t ringMark, int32_t valence);
+// across e, an opposite corner without the mark, a broken fan). When the
+// test passes, farValence (may be null) gets the triangles round the far end.
+[[nodiscard]] int32_t qvLinkTest(qvTri *t, qvEdg *e, const double *v, uint32_t ringMark, int32_t valence,
+                                 int32_t *farValence = nullptr);
 
 // Projects the ring of the vertex with handle p (t a triangle at it) onto the
 // first of five planes in which it doesn't cross itself, leaving (u, v) in

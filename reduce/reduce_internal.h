@@ -35,21 +35,6 @@ struct qvSpokes {
   int32_t blocked;  // spokes that fail the link test
 };
 
-// The star of a vertex as a trial or a removal opens it.
-struct qvStarView {
-  qvTri *start;  // the triangle the vertex's fan is entered at (its aux)
-  qvEdg *spoke;  // the spoke the vertex collapses along
-  bool clean;    // every spoke considered passed and the ring projects simply
-};
-
-// Marks the star of v, to collapse along spoke, with kMarkSet at the list
-// heads and, while the star is clean, projects the ring and fills the
-// valences. Returns -1 for a failure before anything was marked, and 0
-// when the star is marked: *err then says whether the marking, projection
-// or valences failed, and the caller unmarks.
-[[nodiscard]] int32_t qvStarOpen(qvMesh *mesh, qvVtx *v, qvEdg *spoke, bool clean, qvStarView *star,
-                                 int32_t *err);
-
 // ---- Ring projection ------------------------------------------------------------
 
 // Results of a plane row.
@@ -170,6 +155,12 @@ struct qvTaken {
   int32_t index;
 };
 
+// A corner of a star and the triangles round it.
+struct qvValence {
+  qvVtx *v;
+  int32_t n;
+};
+
 // A trial removal: the star's copy with the spoke collapsed and the fan
 // flipped, the certificate of every piece it displaces, and the plan that a
 // commit applies. A trial is made on the current mesh and committed, or
@@ -187,6 +178,8 @@ struct qvTrial {
   int32_t nNear, nearCap;
   qvVtx **ring;         // the ring's vertices, hubs left out, each once
   int32_t nRing, ringCap;
+  qvValence *valences;  // of a clean star: the triangles round each corner, set in tags while a spoke is tried
+  int32_t nValences, valencesCap;
   qvHome *homes;        // the new fan, then near
   int32_t nHomes, homesCap;
   qvPlanItem *plan;
@@ -306,6 +299,10 @@ struct qvRedOrder;
 // feature line only; ties in star order. 0 with *out filled (out->n may be
 // 0), or -1 on failure. Leaves no mark.
 [[nodiscard]] int32_t qvSpokePick(qvMesh *mesh, qvTri *t, qvVtx *v, qvSpokes *out);
+// The same on the star of v bearing kMarkSet at the list heads with ring
+// vertices; the marks stay. With valences, v and every far end that passes
+// the link test get in tag the triangles round them.
+[[nodiscard]] int32_t qvSpokePickMarked(qvMesh *mesh, qvVtx *v, int32_t ring, bool valences, qvSpokes *out);
 // Scores v by a trial removal along its shortest spoke: its score becomes the
 // certified squared deviation (+inf when refused), or kRedScoreNone when it is no candidate.
 // 0 scored or excluded, 1 no spoke, -1 failure. The mesh is unchanged apart

@@ -651,28 +651,6 @@ int32_t qvStarGraft(qvMesh* copy, qvMesh* mesh, uint32_t m) {
 }
 
 // ---------------------------------------------------------------------------
-// The commit
-
-int32_t qvStarOpen(qvMesh* mesh, qvVtx* v, qvEdg* spoke, bool clean, qvStarView* star, int32_t* err) {
-  if (!mesh || !v || !spoke || !star || !err || !v->aux) return -1;
-  double* const p = v->dat;
-  star->start = static_cast<qvTri*>(v->aux);
-  star->spoke = spoke;
-  star->clean = clean;
-  const int32_t ring =
-      qvFanMark(mesh, star->start, p, kMarkSet.tri, kMarkSet.edg, kMarkSet.vtx, kFanMarkMode);
-  *err = ring < kValenceMin ? -1 : 0;
-  if (*err == 0 && star->clean) {
-    const int32_t r = qvRingProject(mesh, star->start, p, ring);
-    if (r < 0) *err = -1;
-    star->clean = r == 0;
-    if (*err == 0 && star->clean && qvValenceFill(mesh, kMarkSet.tri) < 0) *err = -1;
-  }
-  return 0;
-}
-
-
-// ---------------------------------------------------------------------------
 // The trial and the commit
 
 namespace {
@@ -692,8 +670,9 @@ void unmarkStar(qvMesh* mesh) {
 }
 
 // The star, its ring and the live triangles across the ring, read while the
-// star bears kMarkSet at the list heads.
-bool gatherStar(qvMesh* mesh, qvTrial* tr) {
+// star bears kMarkSet at the list heads; with valences, the corners' tags
+// too, which go back to zero.
+bool gatherStar(qvMesh* mesh, qvTrial* tr, bool valences) {
   const double* p = tr->v->dat;
   for (qvTri* t = mesh->tri; t && (t->flags & kMarkSet.tri); t = t->next)
     if (!push(tr->star, tr->nStar, tr->starCap, t)) return false;
@@ -704,7 +683,11 @@ bool gatherStar(qvMesh* mesh, qvTrial* tr) {
       x->flags &= ~kMarkSet.vtx;
       if (x->flags & kVtxRetired) return false;
       if (!(x->flags & kVtxHub) && !push(tr->ring, tr->nRing, tr->ringCap, x)) return false;
+      if (valences && !push(tr->valences, tr->nValences, tr->valencesCap, qvValence{x, x->tag})) return false;
+      x->tag = 0;
     }
+  if (valences && !push(tr->valences, tr->nValences, tr->valencesCap, qvValence{tr->v, tr->v->tag})) return false;
+  tr->v->tag = 0;
   for (int32_t s = 0; s < tr->nStar; ++s) {
     qvTri* t = tr->star[s];
     for (int32_t i = 0; i < 3; ++i) {
@@ -717,6 +700,56 @@ bool gatherStar(qvMesh* mesh, qvTrial* tr) {
       if (!seen && !push(tr->near, tr->nNear, tr->nearCap, n)) return false;
     }
   }
+  for (int32_t i = 0; i < tr->nValences; ++i)
+    if (tr->valences[i].n < kValenceMin) return false;
+  return true;
+}
+
+// Opens the star of v once for every spoke a run tries: picks the spokes
+// while it is marked, projects the ring when no spoke is blocked, and
+// gathers the star, its ring, the triangles round it and, for a clean star,
+// the valences. 0, or -1 on failure; no mark and no tag stay.
+int32_t openStar(qvMesh* mesh, qvVtx* v, qvTrial* tr, qvSpokes* spokes) {
+  tr->nStar = tr->nNear = tr->nRing = tr->nValences = 0;
+  tr->start = static_cast<qvTri*>(v->aux);
+  const double* p = v->dat;
+  const int32_t ring = qvFanMark(mesh, tr->start, p, kMarkSet.tri, kMarkSet.edg, kMarkSet.vtx, kFanMarkMode);
+  bool ok = qvSpokePickMarked(mesh, v, ring, true, spokes) == 0;
+  tr->clean = ok && spokes->blocked == 0;
+  if (ok && tr->clean && spokes->n > 0) {
+    const int32_t r = qvRingProject(mesh, tr->start, p, ring);
+    ok = r >= 0;
+    tr->clean = r == 0;
+  }
+  ok = ok && gatherStar(mesh, tr, tr->clean);
+  if (!ok) {
+    for (qvTri* t = mesh->tri; t && (t->flags & kMarkSet.tri); t = t->next) {
+      qvVtx* c[3];
+      if (qvTriCornerVtx(t, 0, c) == 0)
+        for (qvVtx* x : c) x->tag = 0;
+    }
+  }
+  unmarkStar(mesh);
+  return ok ? 0 : -1;
+}
+
+// Gives alt the star that tr opened.
+bool shareStar(const qvTrial* tr, qvTrial* alt) {
+  alt->v = tr->v;
+  alt->start = tr->start;
+  alt->clean = tr->clean;
+  alt->nStar = alt->nNear = alt->nRing = alt->nValences = 0;
+  bool ok = qvGrow(alt->star, alt->starCap, tr->nStar) && qvGrow(alt->near, alt->nearCap, tr->nNear) &&
+            qvGrow(alt->ring, alt->ringCap, tr->nRing) && qvGrow(alt->valences, alt->valencesCap, tr->nValences);
+  if (!ok) return false;
+  std::copy(tr->star, tr->star + tr->nStar, alt->star);
+  std::copy(tr->near, tr->near + tr->nNear, alt->near);
+  std::copy(tr->ring, tr->ring + tr->nRing, alt->ring);
+  std::copy(tr->valences, tr->valences + tr->nValences, alt->valences);
+  alt->nStar = tr->nStar;
+  alt->nNear = tr->nNear;
+  alt->nRing = tr->nRing;
+  alt->nValences = tr->nValences;
   return true;
 }
 
@@ -732,48 +765,34 @@ void qvTrialDrop(qvTrial* tr) {
 
 namespace {
 
-// One trial along spoke. 0 or -1 as for qvTrialRun.
-int32_t trialAlong(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvTrial* tr, qvEdg* spoke, bool clean) {
+// One trial along spoke, on the star that tr holds. 0 or -1 as for
+// qvTrialRun.
+int32_t trialAlong(qvMesh* mesh, const qvRedParams* params, qvTrial* tr, qvEdg* spoke) {
   tr->copy = nullptr;
   tr->err = 0;
   tr->score = std::numeric_limits<double>::infinity();
-  tr->nStar = tr->nNear = tr->nRing = 0;
+  qvVtx* const v = tr->v;
   double* const p = v->dat;
-  qvStarView star;
-  int32_t err = 0;
-  if (qvStarOpen(mesh, v, spoke, clean, &star, &err) != 0) return -1;
-  tr->start = star.start;
-  tr->clean = star.clean;
-  bool ok = err == 0 && gatherStar(mesh, tr);
-  unmarkStar(mesh);
+  for (int32_t i = 0; i < tr->nValences; ++i) tr->valences[i].v->tag = tr->valences[i].n;
 
-  if (ok) {
-    star.spoke->flags |= kEdgMarkSpoke;
-    tr->copy = qvStarCopy(mesh, tr->start, p, kEdgMarkOuter);
-    star.spoke->flags &= ~kEdgMarkSpoke;
-    ok = tr->copy != nullptr;
-  }
+  spoke->flags |= kEdgMarkSpoke;
+  tr->copy = qvStarCopy(mesh, tr->start, p, kEdgMarkOuter);
+  spoke->flags &= ~kEdgMarkSpoke;
+  bool ok = tr->copy != nullptr;
   if (ok) {
     qvTriOrAll(tr->copy->tri, kTriReplace);
     qvEdgOrAll(tr->copy->edg, kEdgReplace);
     ok = qvCollapse(tr->copy, v, kEdgMarkSpoke) == 0;
   }
-  if (ok && tr->clean) {
-    ok = qvFanUnfold(tr->copy, otherEnd(star.spoke, p), (v->flags & kVtxFeatureEnd) != 0) >= 0 &&
+  if (ok && tr->clean)
+    ok = qvFanUnfold(tr->copy, otherEnd(spoke, p), (v->flags & kVtxFeatureEnd) != 0) >= 0 &&
          qvFlipSweep(tr->copy) >= 0;
-    v->tag = 0;
-    ok = qvValenceClear(tr->copy) >= 0 && ok;
-  }
+  for (int32_t i = 0; i < tr->nValences; ++i) tr->valences[i].v->tag = 0;
   ok = ok && qvTrialCertify(tr, params) == 0;
   if (ok) return 0;
   qvTrialDrop(tr);
-  if (tr->clean) (void)qvValenceClear(mesh);
   return FT_FAIL(-1);
 }
-
-}  // namespace
-
-namespace {
 
 // Sets or clears kEdgMarkOuter on the ring edges of the trial's star. Two
 // trials of one star share those edges: the mark stands for the one that
@@ -795,13 +814,12 @@ int32_t qvTrialRun(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvTrial* t
   if (v->flags & (kVtxKeepSet | kVtxRetired)) return 1;
   if (!v->aux) return -1;
   qvSpokes spokes;
-  if (qvSpokePick(mesh, static_cast<qvTri*>(v->aux), v, &spokes) != 0) return FT_FAIL(-1);
+  if (openStar(mesh, v, tr, &spokes) != 0) return FT_FAIL(-1);
   if (spokes.n == 0) return 1;
-  const bool clean = spokes.blocked == 0;
   const int32_t first = tr->only < 0 ? 0 : std::min(tr->only, spokes.n - 1);
   const int32_t tries = tr->only >= 0 || params->quick ? first + 1 : spokes.n;
   tr->beat = std::numeric_limits<double>::infinity();
-  const int32_t r = trialAlong(mesh, v, params, tr, spokes.e[first], clean);
+  const int32_t r = trialAlong(mesh, params, tr, spokes.e[first]);
   if (r != 0) return r;
   tr->spoke = first;
   // The next spokes, shortest first, are tried while one may still do
@@ -818,13 +836,12 @@ int32_t qvTrialRun(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvTrial* t
   qvTrial* alt = tr->spare;
   for (int32_t k = first + 1; k < tries && tr->score > params->eta * params->eta; ++k) {
     markRing(tr, false);
-    alt->v = v;
     // Only a strictly smaller score wins: the certificate stops at the first
     // piece that rules it out.
     alt->beat = tr->score;
-    if (trialAlong(mesh, v, params, alt, spokes.e[k], clean) < 0) {
+    if (!shareStar(tr, alt) || trialAlong(mesh, params, alt, spokes.e[k]) < 0) {
       qvTrialDrop(tr);
-      return -1;
+      return FT_FAIL(-1);
     }
     if (alt->score < tr->score) {
       qvTrial* keep = tr->spare;
