@@ -381,3 +381,20 @@ int32_t sweep(qvMesh* mesh, const qvRedParams* params, qvTrial* tr) {
 }  // namespace
 
 int32_t qvRedSweep(qvMesh* mesh, const qvRedParams* params, qvTrial* tr) { return sweep(mesh, params, tr); }
+
+int32_t qvRedQuickSweep(qvMesh* mesh, const qvRedParams* params, qvTrial* tr) {
+  if (!mesh || !params || !tr) return -1;
+  int32_t removed = 0;
+  int32_t untold = 0;
+  for (qvVtx* v = mesh->vtx; v; v = v->next) {
+    const int32_t r = qvVtxRemove(mesh, v, params, nullptr, tr);
+    if (r < 0) return -1;
+    if (r == 0) ++removed;
+    if (++untold == kProgressEvery) {
+      ftProgress(kProgressSweep, untold);
+      untold = 0;
+    }
+  }
+  ftProgress(kProgressSweep, untold);
+  return removed;
+}

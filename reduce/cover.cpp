@@ -402,16 +402,18 @@ struct Certified {
   int32_t kind;   // kPieceSingle or the slot of the partner
 };
 
-// The best single or pair home of a piece whose corners have the rows r.
-// A single home within lim2 ends the search; the rows are complete when it
-// doesn't.
-Certified bestHome(const qvTrial* tr, const double* const q[3], double* const r[3]) {
+// The best single or pair home of a piece whose corners have the rows r;
+// the first single home within enough, in the homes' order, when there is
+// one. A single home within lim2 ends the search; the rows are complete
+// when it doesn't.
+Certified bestHome(const qvTrial* tr, const double* const q[3], double* const r[3], double enough) {
   const int32_t nh = tr->nHomes;
   Certified best{kInf, -1, kPieceSingle};
   for (int32_t j = 0; j < nh; ++j) {
     double b = 0.0;
     for (int k = 0; k < 3 && b < best.bound; ++k) b = std::max(b, rowDist(tr, r[k], q[k], j));
     if (b < best.bound) best = Certified{b, j, kPieceSingle};
+    if (best.bound <= enough) return best;
   }
   if (best.bound <= tr->lim2) return best;
   int32_t nearest[3] = {0, 0, 0};
@@ -457,7 +459,10 @@ bool certify(qvTrial* tr, const double* const q[3], const qvTri* src, int32_t de
   }
   double* r[3];
   for (int k = 0; k < 3; ++k) r[k] = tr->rows + static_cast<size_t>(at[k]) * tr->nHomes;
-  const Certified c = bestHome(tr, q, r);
+  // A home that keeps the piece within the score so far leaves the score
+  // as it is, and is as good as the best for it; a quick trial asks only
+  // for one within lim2.
+  const Certified c = bestHome(tr, q, r, tr->quick ? tr->lim2 : tr->score);
   if (c.bound <= tr->lim2) {
     if (!qvGrow(tr->plan, tr->planCap, tr->nPlan + 1)) {
       tr->err = -1;
@@ -567,7 +572,7 @@ double qvPieceBound(const double* const q[3], qvHome* homes, int32_t n) {
   if (ok) {
     for (int k = 0; k < 3; ++k)
       for (int32_t j = 0; j < n; ++j) r[k][j] = qvHomeDist2(homes[j], q[k]);
-    bound = bestHome(&tr, q, r).bound;
+    bound = bestHome(&tr, q, r, -1.0).bound;
   }
   for (double* row : r) std::free(row);
   return bound;
@@ -613,6 +618,7 @@ int32_t qvTrialCertify(qvTrial* tr, const qvRedParams* params) {
   }
   tr->pool = params->pool;
   tr->lim2 = params->lim2;
+  tr->quick = params->quick;
   if (!tr->pool || !(tr->lim2 >= 0.0)) {
     tr->score = kInf;
     return 0;

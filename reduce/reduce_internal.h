@@ -194,6 +194,7 @@ struct qvTrial {
   int32_t fragments;      // fragments made by this trial
   double beat;            // the score to beat: a trial that can't is refused early
   double lim2;
+  bool quick;             // any home within lim2 will do: the score is compared with lim2 alone
   qvCoverPool *pool;
   qvTrial *spare;         // where the next spoke is tried, made on first use
   int32_t only = -1;      // the spoke tried alone, by its place among the picked; -1: all of them
@@ -326,6 +327,9 @@ struct qvRedOrder;
 // order of the list. When the sweep ends the list is relinked: retired
 // vertices first, then the order.
 [[nodiscard]] int32_t qvRedSweep(qvMesh *mesh, const qvRedParams *params, qvTrial *tr);
+// The quick sweep: each vertex in list order, once, removed by a trial along
+// its shortest spoke when that is certified within lim2. Removed count, or -1.
+[[nodiscard]] int32_t qvRedQuickSweep(qvMesh *mesh, const qvRedParams *params, qvTrial *tr);
 // After a removal: the ring vertices whose key lies above the tolerance, or
 // that have none, enter the order again at key, so that each is tried on
 // the changed mesh before the sweep ends; the others keep their keys and
