@@ -27,10 +27,12 @@ inline bool qvGrow(T *&arr, int32_t &cap, int32_t need, int32_t first = 32) {
 constexpr int32_t kValenceMin = 3;  // the fewest triangles round a vertex: a closed fan
 constexpr uint32_t kFanMarkMode = kFanMoveEdg | kFanMoveTri;  // marked star at the list heads
 
-// The spokes a removal tries, shortest first.
+// The spokes a removal weighs, shortest first; when none of them can be
+// certified, the longer ones up to kSpokeMax are tried too.
 constexpr int32_t kSpokeTries = 4;
+constexpr int32_t kSpokeMax = 16;
 struct qvSpokes {
-  qvEdg *e[kSpokeTries];
+  qvEdg *e[kSpokeMax];
   int32_t n;
   int32_t blocked;  // spokes that fail the link test
 };
@@ -170,6 +172,7 @@ struct qvTrial {
   qvTri *start;         // the triangle at v its star was entered at
   qvMesh *copy;         // the new fan; ring edges bear kEdgMarkOuter while it lives
   bool clean;           // the ring projected simply and the fan was flipped
+  bool flat;            // a clean star whose ring lies exactly in one plane
   double score;         // the largest certified squared bound; +inf when refused
   int32_t err;          // -1 after a failure
   qvTri **star;         // the star's triangles
@@ -197,8 +200,9 @@ struct qvTrial {
   bool quick;             // any home within lim2 will do: the score is compared with lim2 alone
   qvCoverPool *pool;
   qvTrial *spare;         // where the next spoke is tried, made on first use
-  int32_t only = -1;      // the spoke tried alone, by its place among the picked; -1: all of them
-  int32_t spoke;          // the place of the spoke the trial kept
+  int32_t only = -1;      // the try made alone (see qvTrialRun); -1: all of them
+  int32_t spoke;          // the try the trial kept
+  int32_t flips;          // Delaunay flips made in the copy
 };
 
 // Certifies the pieces the trial's removal displaces, against its fan and
@@ -295,7 +299,7 @@ struct qvRedOrder;
 // ---- Removal candidates -----------------------------------------------------------
 
 // The spokes of v to collapse along, starting from t, a live triangle at v:
-// the up to kSpokeTries shortest that pass the link test, are no cap edge,
+// the up to kSpokeMax shortest that pass the link test, are no cap edge,
 // and for a feature end are feature spokes, so that it moves along a
 // feature line only; ties in star order. 0 with *out filled (out->n may be
 // 0), or -1 on failure. Leaves no mark.

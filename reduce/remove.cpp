@@ -705,6 +705,32 @@ bool gatherStar(qvMesh* mesh, qvTrial* tr, bool valences) {
   return true;
 }
 
+// Whether the ring of a clean star lies exactly in one plane: every fan
+// over it then lays the same flat polygon, whatever its flips.
+bool ringFlat(const qvTrial* tr) {
+  const double* x[3] = {nullptr, nullptr, nullptr};
+  int32_t n = 0;
+  for (int32_t i = 0; i < tr->nValences; ++i) {
+    if (tr->valences[i].v == tr->v) continue;
+    const double* p = qvVtxXyz(tr->valences[i].v);
+    if (n < 2) {
+      x[n++] = p;
+      continue;
+    }
+    if (n == 2) {
+      // The third corner off the line of the first two fixes the plane.
+      const double a[3] = {x[1][0] - x[0][0], x[1][1] - x[0][1], x[1][2] - x[0][2]};
+      const double b[3] = {p[0] - x[0][0], p[1] - x[0][1], p[2] - x[0][2]};
+      const double c[3] = {a[1] * b[2] - a[2] * b[1], a[2] * b[0] - a[0] * b[2], a[0] * b[1] - a[1] * b[0]};
+      if (c[0] == 0.0 && c[1] == 0.0 && c[2] == 0.0) continue;
+      x[n++] = p;
+      continue;
+    }
+    if (orient3dSign(x[0], x[1], x[2], p) != 0) return false;
+  }
+  return n == 3;
+}
+
 // Opens the star of v once for every spoke a run tries: picks the spokes
 // while it is marked, projects the ring when no spoke is blocked, and
 // gathers the star, its ring, the triangles round it and, for a clean star,
@@ -722,6 +748,7 @@ int32_t openStar(qvMesh* mesh, qvVtx* v, qvTrial* tr, qvSpokes* spokes) {
     tr->clean = r == 0;
   }
   ok = ok && gatherStar(mesh, tr, tr->clean);
+  tr->flat = ok && tr->clean && ringFlat(tr);
   if (!ok) {
     for (qvTri* t = mesh->tri; t && (t->flags & kMarkSet.tri); t = t->next) {
       qvVtx* c[3];
@@ -738,6 +765,7 @@ bool shareStar(const qvTrial* tr, qvTrial* alt) {
   alt->v = tr->v;
   alt->start = tr->start;
   alt->clean = tr->clean;
+  alt->flat = tr->flat;
   alt->nStar = alt->nNear = alt->nRing = alt->nValences = 0;
   bool ok = qvGrow(alt->star, alt->starCap, tr->nStar) && qvGrow(alt->near, alt->nearCap, tr->nNear) &&
             qvGrow(alt->ring, alt->ringCap, tr->nRing) && qvGrow(alt->valences, alt->valencesCap, tr->nValences);
@@ -765,9 +793,11 @@ void qvTrialDrop(qvTrial* tr) {
 
 namespace {
 
-// One trial along spoke, on the star that tr holds. 0 or -1 as for
+// One trial along spoke, on the star that tr holds, with the fan's
+// Delaunay flips or without; tr->flips gets the flips made. 0 or -1 as for
 // qvTrialRun.
-int32_t trialAlong(qvMesh* mesh, const qvRedParams* params, qvTrial* tr, qvEdg* spoke) {
+int32_t trialAlong(qvMesh* mesh, const qvRedParams* params, qvTrial* tr, qvEdg* spoke, bool flip) {
+  tr->flips = 0;
   tr->copy = nullptr;
   tr->err = 0;
   tr->score = std::numeric_limits<double>::infinity();
@@ -784,9 +814,10 @@ int32_t trialAlong(qvMesh* mesh, const qvRedParams* params, qvTrial* tr, qvEdg* 
     qvEdgOrAll(tr->copy->edg, kEdgReplace);
     ok = qvCollapse(tr->copy, v, kEdgMarkSpoke) == 0;
   }
-  if (ok && tr->clean)
-    ok = qvFanUnfold(tr->copy, otherEnd(spoke, p), (v->flags & kVtxFeatureEnd) != 0) >= 0 &&
-         qvFlipSweep(tr->copy) >= 0;
+  if (ok && tr->clean) {
+    ok = qvFanUnfold(tr->copy, otherEnd(spoke, p), (v->flags & kVtxFeatureEnd) != 0) >= 0;
+    if (ok && flip) ok = (tr->flips = qvFlipSweep(tr->copy)) >= 0;
+  }
   for (int32_t i = 0; i < tr->nValences; ++i) tr->valences[i].v->tag = 0;
   ok = ok && qvTrialCertify(tr, params) == 0;
   if (ok) return 0;
@@ -816,17 +847,22 @@ int32_t qvTrialRun(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvTrial* t
   qvSpokes spokes;
   if (openStar(mesh, v, tr, &spokes) != 0) return FT_FAIL(-1);
   if (spokes.n == 0) return 1;
-  const int32_t first = tr->only < 0 ? 0 : std::min(tr->only, spokes.n - 1);
-  const int32_t tries = tr->only >= 0 || params->quick ? first + 1 : spokes.n;
+  // The tries in order: each spoke, shortest first, with the fan's flips,
+  // and without them when the flips changed the fan; try t is spoke t / 2,
+  // without flips when t is odd.
+  const int32_t last = 2 * std::min(spokes.n, kSpokeTries) - 1;
+  const int32_t first = tr->only < 0 ? 0 : std::min(tr->only, 2 * spokes.n - 1);
+  const bool alone = tr->only >= 0 || params->quick;
   tr->beat = std::numeric_limits<double>::infinity();
-  const int32_t r = trialAlong(mesh, params, tr, spokes.e[first]);
+  const int32_t r = trialAlong(mesh, params, tr, spokes.e[first / 2], first % 2 == 0);
   if (r != 0) return r;
   tr->spoke = first;
-  // The next spokes, shortest first, are tried while one may still do
-  // better; the trial kept is the best, the first among equals. A score
-  // within the rounding allowance counts as none: on a flat face the first
-  // spoke stays, whatever the roundings of the others.
-  if (tries > first + 1 && !tr->spare) {
+  // The next tries are made while one may still do better; the trial kept
+  // is the best, the first among equals, so a fan keeps its flips unless
+  // they raise its score. A score within the rounding allowance counts as
+  // none: on a flat face the first spoke stays, whatever the roundings of
+  // the others.
+  if (!alone && !tr->spare) {
     tr->spare = static_cast<qvTrial*>(ftCalloc(1, sizeof(qvTrial)));
     if (!tr->spare) {
       qvTrialDrop(tr);
@@ -834,22 +870,32 @@ int32_t qvTrialRun(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvTrial* t
     }
   }
   qvTrial* alt = tr->spare;
-  for (int32_t k = first + 1; k < tries && tr->score > params->eta * params->eta; ++k) {
+  // The flips stand unjudged where the planar rule alone should shape the
+  // fan: over a flat ring, where every fan lays the same surface and scores
+  // differ only by how finely the certificate cut the pieces, and at a
+  // feature vertex, whose fan lies on the flat faces either side of its line.
+  const bool judge = !tr->flat && !(v->flags & kVtxFeatureEnd);
+  int32_t flipped = judge ? tr->flips : 0;  // flips made by the last try with flips
+  for (int32_t t = first + 1; !alone && tr->score > params->eta * params->eta; ++t) {
+    // Past the shortest few only while every try was refused.
+    if (t > last && (t >= 2 * spokes.n || tr->score <= params->lim2)) break;
+    if (t % 2 == 1 && flipped == 0) continue;
     markRing(tr, false);
     // Only a strictly smaller score wins: the certificate stops at the first
     // piece that rules it out.
     alt->beat = tr->score;
-    if (!shareStar(tr, alt) || trialAlong(mesh, params, alt, spokes.e[k]) < 0) {
+    if (!shareStar(tr, alt) || trialAlong(mesh, params, alt, spokes.e[t / 2], t % 2 == 0) < 0) {
       qvTrialDrop(tr);
       return FT_FAIL(-1);
     }
+    if (t % 2 == 0) flipped = judge ? alt->flips : 0;
     if (alt->score < tr->score) {
       qvTrial* keep = tr->spare;
       const int32_t only = tr->only;
       std::swap(*tr, *alt);
       tr->spare = keep;
       tr->only = only;
-      tr->spoke = k;
+      tr->spoke = t;
       alt->spare = nullptr;
     }
     qvMeshFree(alt->copy);

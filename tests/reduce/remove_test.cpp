@@ -82,6 +82,45 @@ TEST(Removal, EveryCommitKeepsBothSurfacesAndTheCoversWhole) {
   backToRest(f.mesh);
 }
 
+TEST(Trial, KeepsTheBestTrySoFlipsNeverRaiseTheScore) {
+  // Half the torus removed first, so that the covers hold pieces. Then every
+  // vertex's trial scores no higher than any of its tries alone: each of the
+  // shortest spokes, with the fan's flips and without.
+  Fixture f(torusShape(24, 12));
+  qvRedParams p;
+  ASSERT_EQ(qvRedParamsSet(1.0, &p), 0);
+  ASSERT_GT(qvRedPrepFirst(f.mesh), 0);
+  ASSERT_EQ(qvCoverStart(f.mesh, &p), 0);
+  qvTrial tr{};
+  int32_t i = 0;
+  for (qvVtx* v = f.mesh->vtx; v; v = v->next)
+    if (i++ % 2 == 0) {
+      ASSERT_GE(qvVtxRemove(f.mesh, v, &p, nullptr, &tr), 0);
+    }
+  int32_t compared = 0, unflippedKept = 0;
+  for (qvVtx* v = f.mesh->vtx; v; v = v->next) {
+    if (v->flags & kVtxRetired || qvTrialRun(f.mesh, v, &p, &tr) != 0) continue;
+    const double best = tr.score;
+    unflippedKept += tr.spoke % 2;
+    qvTrialDrop(&tr);
+    for (tr.only = 0; tr.only < 2 * kSpokeTries; ++tr.only) {
+      ASSERT_GE(qvTrialRun(f.mesh, v, &p, &tr), 0);
+      if (!tr.copy) continue;
+      EXPECT_LE(best, std::max(tr.score, p.eta * p.eta)) << "try " << tr.only;
+      ++compared;
+      qvTrialDrop(&tr);
+    }
+    tr.only = -1;
+  }
+  EXPECT_GT(compared, 200);
+  EXPECT_GT(unflippedKept, 0);
+  qvTrialFree(&tr);
+  qvCoverEnd(f.mesh, &p);
+  ASSERT_GE(qvRedFinishPass(f.mesh, 0), 0);
+  EXPECT_EQ(validateText(f.mesh), "");
+  backToRest(f.mesh);
+}
+
 TEST(Sweep, EndsOnlyWhenEveryVertexLeftFailsOnTheFinalMesh) {
   // The order keeps stale keys and tries a vertex again when it comes up:
   // when the sweep ends, a trial of every vertex left, on the final mesh,
