@@ -114,6 +114,47 @@ constexpr uint32_t kTriMarkVisit = 0x80000000u;   // mark: visited; degenerate o
 constexpr uint32_t kTriSignSet = kTriSignPos | kTriSignNeg;
 constexpr uint32_t kTriLongSet = kTriLongOne | kTriLongMore;
 
+// ---------------------------------------------------------------------------
+// Marks by phase. Each phase names the mark bits it uses after the base
+// names above; two phases whose marks stand at once must not share a bit,
+// and the asserts below say so for each such pair.
+
+// A boundary walk (census, caps): marked edges and their ends, and the edges
+// whose ends the walk exchanged.
+constexpr uint32_t kWalkVtxBit = kVtxMarkBnd;
+constexpr uint32_t kWalkEdgBit = kEdgMarkBnd;
+constexpr uint32_t kWalkSwapBit = kEdgMarkSwap;
+
+// The engine's trial: the star of the vertex it works on bears kMarkSet, the
+// spoke it collapses kEdgMarkSpoke and the collapsing vertex
+// kVtxMarkCollapse; the ring edges of the trial's copy bear kEdgMarkOuter
+// until the trial is committed or dropped.
+struct qvMarkSet {
+  uint32_t vtx;  // on the ring's vertices
+  uint32_t edg;  // on the ring's edges (the edges opposite the centre)
+  uint32_t tri;  // on the star's triangles
+};
+constexpr qvMarkSet kMarkSet = {kVtxMarkVisit, kEdgMarkVisit, kTriMarkVisit};
+constexpr uint32_t kVtxMarkCollapse = kVtxMarkEngine;
+constexpr uint32_t kEdgMarkOuter = kEdgMarkBnd;
+static_assert((kMarkSet.edg & (kEdgMarkSpoke | kEdgMarkOuter)) == 0 && (kEdgMarkSpoke & kEdgMarkOuter) == 0,
+              "a trial's edge marks");
+static_assert((kMarkSet.vtx & kVtxMarkCollapse) == 0, "a trial's vertex marks");
+
+// The engine's commit: it reaps the star with two counts per edge, which the
+// spoke and swap marks lend, while kEdgMarkOuter still stands.
+constexpr uint32_t kEdgReapOnce = kEdgMarkSpoke;   // edge met in one reaped triangle
+constexpr uint32_t kEdgReapTwice = kEdgMarkSwap;   // edge met in a second one
+constexpr uint32_t kEdgReapCount = kEdgReapOnce | kEdgReapTwice;
+static_assert((kEdgReapOnce & kEdgReapTwice) == 0, "two reap counts, two bits");
+static_assert((kEdgReapCount & kEdgMarkOuter) == 0, "reaping keeps the ring mark");
+
+// The flip sweep in a trial's copy: it leaves alone the edges it has
+// examined (kEdgMarkVisit) and the ring (kEdgMarkOuter).
+constexpr uint32_t kEdgFlipDone = kEdgMarkVisit | kEdgMarkOuter;
+static_assert((kEdgMarkVisit & kEdgMarkOuter) == 0 && (kEdgFlipDone & kMarkMask) == kEdgFlipDone,
+              "the flip sweep's marks are two marks");
+
 // qvMesh.flags
 constexpr uint32_t kMeshStitched = 0x1u;          // adj is valid; the topology analysis may run
 constexpr uint32_t kMeshPass2 = 0x2u;             // cleared by every marking pass, set by nothing here
@@ -572,11 +613,6 @@ struct qvCensus {
 };
 static_assert(sizeof(qvCensus) == 20, "qvCensus grew");
 
-// The bits of a boundary walk: marked edges and their ends, and the edges
-// whose ends the pass exchanged.
-constexpr uint32_t kWalkVtxBit = kVtxMarkBnd;
-constexpr uint32_t kWalkEdgBit = kEdgMarkBnd;
-constexpr uint32_t kWalkSwapBit = kEdgMarkSwap;
 
 // Clears the eight counts of topo and fills nVtx (vertices without
 // kVtxNotCounted), nEdg and nTri; the characteristic goes into nBnd, where

@@ -82,17 +82,11 @@
 // During a pass the mesh holds two surfaces: the one the pass started from
 // (adj) and the live one (aux where set, else adj). Base triangles belong to
 // both, replacement triangles (kTriReplace) to the live one only, retired ones
-// (kTriRetired) to the starting one only. These are the engine's names for the
-// record bits it uses beyond those of mesh/qvMesh.h.
+// (kTriRetired) to the starting one only. The engine's marks, by phase, are
+// in the table of marks in mesh/qvMesh.h; these are the bits that outlive a
+// phase.
 
 // qvEdg.flags
-constexpr uint32_t kEdgMarkOuter = kEdgMarkBnd;      // ring edge of a star being committed
-constexpr uint32_t kEdgReapOnce = kEdgMarkSpoke;     // reaping: edge met in one reaped triangle
-constexpr uint32_t kEdgReapTwice = kEdgMarkSwap;     // reaping: edge met in a second one
-constexpr uint32_t kEdgReapCount = kEdgReapOnce | kEdgReapTwice;
-// A flip sweep leaves alone the edges it has examined and the ring of a commit.
-constexpr uint32_t kEdgFlipDone = kEdgMarkOuter | kEdgMarkVisit;
-static_assert((kEdgReapOnce & kEdgReapTwice) == 0, "two reap counts, two bits");
 // At the end of a pass edges keep only their lasting bits. The mask has seven
 // hex digits on purpose: besides the marks it clears kEdgReplace (0x4000000),
 // so no replacement mark survives into the next pass.
@@ -104,7 +98,6 @@ constexpr uint32_t kEdgPassKeep = 0xBFFFFFFu;
 constexpr uint32_t kTriPassKeep = 0x9FFFFFFu;
 
 // qvVtx.flags
-constexpr uint32_t kVtxMarkCollapse = kVtxMarkEngine;  // the vertex whose spoke is collapsing
 // Bits a vertex loses at the end of a pass: the marks it can carry and kVtxRetired.
 constexpr uint32_t kVtxPassDrop = kVtxMarkVisit | kVtxMarkBnd | kVtxMarkEngine | kVtxRetired;
 
@@ -155,30 +148,6 @@ inline double *qvScoreOf(const qvVtx *v) {
 // the others keep their score. Result: the number of vertices turned, or -1.
 [[nodiscard]] int32_t qvRedPrepFirst(qvMesh *mesh);
 [[nodiscard]] int32_t qvRedPrepPass(qvMesh *mesh);
-
-// ---- Marks ----------------------------------------------------------------------
-
-// The marks with which the engine marks the star of the vertex it works on.
-struct qvMarkSet {
-  uint32_t vtx;  // on the ring's vertices
-  uint32_t edg;  // on the ring's edges (the edges opposite the centre)
-  uint32_t tri;  // on the star's triangles
-};
-constexpr qvMarkSet kMarkSet = {kVtxMarkVisit, kEdgMarkVisit, kTriMarkVisit};
-
-// The marks by phase. While a trial runs, its star bears kMarkSet; the spoke
-// it collapses bears kEdgMarkSpoke and the ring edges of its copy
-// kEdgMarkOuter until the trial is committed or dropped, and the collapsing
-// vertex kVtxMarkCollapse. A commit then reaps with kEdgReapOnce and
-// kEdgReapTwice, which the spoke and swap marks lend, while kEdgMarkOuter
-// still stands; the flip sweep in the copy uses kEdgMarkVisit against
-// kEdgMarkOuter. Marks that stand at once never share a bit:
-static_assert((kMarkSet.edg & (kEdgMarkSpoke | kEdgMarkOuter)) == 0 && (kEdgMarkSpoke & kEdgMarkOuter) == 0,
-              "a trial's edge marks");
-static_assert((kMarkSet.vtx & kVtxMarkCollapse) == 0, "a trial's vertex marks");
-static_assert((kEdgReapCount & kEdgMarkOuter) == 0, "reaping keeps the ring mark");
-static_assert(((kEdgMarkVisit | kEdgMarkOuter) & kMarkMask) == (kEdgMarkVisit | kEdgMarkOuter),
-              "the flip sweep's marks are marks");
 
 // ---- Feature classification ---------------------------------------------------
 
