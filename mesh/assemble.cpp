@@ -65,7 +65,6 @@ int32_t qvMeshAddFacet(qvMesh* mesh, qvVtx* corners[3]) {
 namespace {
 
 qvLnk* lnkOf(void* link) { return static_cast<qvLnk*>(link); }
-qvEdg* edgOf(const qvLnk* l) { return static_cast<qvEdg*>(l->item); }
 qvTri* triOf(const qvLnk* l) { return static_cast<qvTri*>(l->item); }
 
 // Grouping without quadratic scans. Where a step compares every record of a
@@ -219,24 +218,25 @@ struct Stitch {
   int32_t groups = 0;  // non-manifold edges whose triangles all paired
 };
 
-// The working lists, built in the order of the library's routines of the
-// same purpose (each node in front of its list, records in list order): the
-// triangles of each edge, the edges at each vertex, the triangles at each
-// vertex.
-bool edgTriLists(Stitch& s) {
-  for (qvTri* t = s.mesh->tri; t; t = t->next)
-    for (qvEdg* e : t->edg)
-      if (e && !s.refs.push(e->link, t)) return false;
-  return true;
+// Takes every node naming item out of the list in link; whether one was there.
+bool dropAll(RefPool& refs, void*& link, const void* item) {
+  bool found = false;
+  qvLnk* list = lnkOf(link);
+  for (qvLnk* l = list; l;) {
+    qvLnk* next = l->next;  // read before the node is freed
+    if (l->item == item) {
+      list = listUnlink(list, l);
+      refs.drop(l);
+      found = true;
+    }
+    l = next;
+  }
+  link = list;
+  return found;
 }
 
-bool vtxEdgLists(Stitch& s) {
-  for (qvEdg* e = s.mesh->edg; e; e = e->next)
-    for (double* h : e->ends)
-      if (h && !s.refs.push(qvVtxOf(h)->link, e)) return false;
-  return true;
-}
-
+// The triangles at each vertex, in the order of the library's routine of the
+// same purpose: each node in front of its list, triangles in list order.
 bool vtxTriLists(Stitch& s) {
   for (qvTri* t = s.mesh->tri; t; t = t->next) {
     double* c[3];
@@ -273,7 +273,126 @@ bool stitchable(const qvMesh* mesh) {
 }
 
 // ---------------------------------------------------------------------------
-// Step 1: merge vertices
+// Steps 1-3: weld, merge edges, drop degenerate and doubled triangles, link
+//
+// These run on flat arrays over the soup's records, numbered in list order,
+// and each record that stays is written once at the end. What they compute is
+// fixed by the list orders of the soup:
+//  - The vertex order is by x, y, z, then list position (qvMeshSortVtx's
+//    order). A welded vertex joins the first vertex of its run, which stays.
+//  - Edges on the same two welded vertices form a group. Walked from the edge
+//    last in the list to the first, each edge that still has triangles takes
+//    over those of each later one in turn; the one with more triangles gives
+//    way, the later one at equal counts, and the one that takes over puts the
+//    other's triangles behind its own. The survivor of a group stays, at its
+//    own place in the list and with its own ends.
+//  - A triangle with two corners welded together goes. So does a triangle on
+//    the same three vertices as another: edges are visited in list order, and
+//    on each, among the triangles still there, the first of each opposite
+//    corner in the edge's order stays.
+//  - An edge left with one triangle is a boundary edge: these stand at the
+//    head of the edge list, last first; edges with two follow in list order,
+//    their triangles joined by adj; edges with more wait in edgHeld, last
+//    first, each with a list of its triangles, whose triangles wait in
+//    triHeld in reverse order of their first appearance there.
+//  - A vertex stays when a triangle that stays has it as a corner.
+
+// The soup as arrays. Vertices, edges and triangles are numbered by their
+// place in their lists; ends and slots refer to those numbers.
+struct Soup {
+  int32_t nv = 0, ne = 0, nt = 0;
+  qvVtx** vtx = nullptr;     // vertex records in list order
+  double* xyz = nullptr;     // their coordinates, three per vertex
+  qvEdg** edg = nullptr;     // edge records in list order
+  int32_t* ends = nullptr;   // two vertex numbers per edge
+  qvTri** tri = nullptr;     // triangle records in list order
+  int32_t* slots = nullptr;  // three edge numbers per triangle
+  int32_t* owner = nullptr;  // per edge: 3 x its triangle's number + its slot there
+  ~Soup() {
+    std::free(owner);
+    std::free(vtx);
+    std::free(xyz);
+    std::free(edg);
+    std::free(ends);
+    std::free(tri);
+    std::free(slots);
+  }
+};
+
+// Numbers the records of a soup made by qvMeshAddFacet: every triangle on
+// three edges of its own, in the cycle c0-c1, c1-c2, c2-c0 of three listed
+// vertices, none linked, every listed edge in one triangle. Vertex and edge
+// links hold number + 1 while this runs and are cleared before it returns.
+// False for any other mesh or when memory runs out.
+bool numberSoup(qvMesh* mesh, Soup& s) {
+  for (const qvVtx* v = mesh->vtx; v; v = v->next) ++s.nv;
+  for (const qvEdg* e = mesh->edg; e; e = e->next) ++s.ne;
+  for (const qvTri* t = mesh->tri; t; t = t->next) ++s.nt;
+  if (s.ne != 3 * s.nt) return false;
+  s.vtx = newArray<qvVtx*>(s.nv);
+  s.xyz = newArray<double>(3 * s.nv);
+  s.edg = newArray<qvEdg*>(s.ne);
+  s.ends = newArray<int32_t>(2 * s.ne);
+  s.tri = newArray<qvTri*>(s.nt);
+  s.slots = newArray<int32_t>(3 * s.nt);
+  s.owner = newArray<int32_t>(s.ne);
+  if (s.nt > 0 && (!s.vtx || !s.xyz || !s.edg || !s.ends || !s.tri || !s.slots || !s.owner)) return false;
+  int32_t i = 0;
+  for (qvVtx* v = mesh->vtx; v; v = v->next, ++i) {
+    s.vtx[i] = v;
+    std::memcpy(s.xyz + 3 * i, qvVtxXyz(v), 3 * sizeof(double));
+    v->link = reinterpret_cast<void*>(static_cast<uintptr_t>(i) + 1);
+  }
+  // A handle's number, or -1 when it isn't a vertex of the list.
+  auto vtxNumber = [&s](const double* h) -> int32_t {
+    const uintptr_t n = reinterpret_cast<uintptr_t>(qvVtxOf(h)->link);
+    return n >= 1 && n <= static_cast<uintptr_t>(s.nv) && s.vtx[n - 1]->dat == h ? static_cast<int32_t>(n - 1) : -1;
+  };
+  bool ok = true;
+  i = 0;
+  for (qvEdg* e = mesh->edg; e && ok; e = e->next, ++i) {
+    s.edg[i] = e;
+    s.ends[2 * i] = vtxNumber(e->ends[0]);
+    s.ends[2 * i + 1] = vtxNumber(e->ends[1]);
+    ok = s.ends[2 * i] >= 0 && s.ends[2 * i + 1] >= 0;
+    e->link = reinterpret_cast<void*>(static_cast<uintptr_t>(i) + 1);
+  }
+  i = 0;
+  for (qvTri* t = mesh->tri; t && ok; t = t->next, ++i) {
+    s.tri[i] = t;
+    for (int k = 0; k < 3 && ok; ++k) {
+      const qvEdg* e = t->edg[k];
+      const uintptr_t n = reinterpret_cast<uintptr_t>(e->link);
+      ok = !t->adj[k] && n >= 1 && n <= static_cast<uintptr_t>(s.ne) && s.edg[n - 1] == e;
+      if (!ok) break;
+      s.slots[3 * i + k] = static_cast<int32_t>(n - 1);
+      s.owner[n - 1] = 3 * i + k;
+      const_cast<qvEdg*>(e)->link = nullptr;  // a second use of the edge fails above
+    }
+    // The cycle: each edge starts where the one before it ends.
+    for (int k = 0; k < 3 && ok; ++k)
+      ok = s.ends[2 * s.slots[3 * i + k] + 1] == s.ends[2 * s.slots[3 * i + (k + 1) % 3]];
+  }
+  for (qvVtx* v = mesh->vtx; v; v = v->next) v->link = nullptr;
+  for (qvEdg* e = mesh->edg; e; e = e->next) {
+    ok = ok && !e->link;  // an edge of no triangle
+    e->link = nullptr;
+  }
+  return ok;
+}
+
+// The order of a vertex list (qvMeshSortVtx's, along x).
+struct VtxKey {
+  uint64_t k[3];  // the coordinate keys of x, y, z
+  int32_t pos;    // place in the list
+};
+
+bool vtxKeyBefore(const VtxKey& a, const VtxKey& b) {
+  if (a.k[0] != b.k[0]) return a.k[0] < b.k[0];
+  if (a.k[1] != b.k[1]) return a.k[1] < b.k[1];
+  if (a.k[2] != b.k[2]) return a.k[2] < b.k[2];
+  return a.pos < b.pos;
+}
 
 bool sameBits(const double* a, const double* b) { return std::memcmp(a, b, 3 * sizeof(double)) == 0; }
 
@@ -281,65 +400,69 @@ bool sameValue(const double* a, const double* b) { return a[0] == b[0] && a[1] =
 
 // With a tolerance: each vertex in turn is a base for the vertices behind it
 // in x order, up to tol[0] further along x. A vertex that matches joins the
-// base's chain, so merging is transitive and can span more than the
-// tolerance; merged vertices still serve as bases with their own coordinates.
-// The comparisons are written so that a NaN never matches and ends the walk.
-void weldNear(qvMesh* mesh, const double* tol) {
+// base's vertex (the base itself, or the one the base joined), so merging is
+// transitive and can span more than the tolerance; merged vertices still
+// serve as bases with their own coordinates. The comparisons are written so
+// that a NaN never matches and ends the walk. order holds vertex numbers in
+// x order, rep receives the vertex each one joins (-1 for none).
+void weldNear(const Soup& s, const int32_t* order, int32_t* rep, const double* tol) {
   const double lin = tol[0];
   const double sq = tol[1];
-  qvVtx* runEnd = nullptr;  // first vertex whose x differs from the base's
+  const int32_t n = s.nv;
+  int32_t runEnd = 0;  // first place whose x differs from the base's
   const double* runX = nullptr;
-  for (qvVtx* b = mesh->vtx; b; b = b->next) {
-    const double* pb = qvVtxXyz(b);
+  for (int32_t b = 0; b < n; ++b) {
+    const double* pb = s.xyz + 3 * order[b];
     if (!runX || !(pb[0] == *runX)) {
       runX = pb;
-      runEnd = b->next;
-      while (runEnd && qvVtxXyz(runEnd)[0] == pb[0]) runEnd = runEnd->next;
+      runEnd = b + 1;
+      while (runEnd < n && s.xyz[3 * order[runEnd]] == pb[0]) ++runEnd;
     }
-    qvVtx* head = b->link ? static_cast<qvVtx*>(b->link) : b;
-    for (qvVtx* c = b->next; c;) {
-      if (c->link) {
-        c = c->next;
+    const int32_t head = rep[order[b]] >= 0 ? rep[order[b]] : order[b];
+    for (int32_t c = b + 1; c < n;) {
+      if (rep[order[c]] >= 0) {
+        ++c;
         continue;
       }
-      const double* pc = qvVtxXyz(c);
+      const double* pc = s.xyz + 3 * order[c];
       const double dx = pc[0] - pb[0];
       if (!(dx <= lin)) break;
       const double dy = pc[1] - pb[1];
       const double dz = pc[2] - pb[2];
-      // Among equal x the list is in y order: nothing further at this x can
-      // come within reach in y.
+      // Among equal x the order is by y: nothing further at this x can come
+      // within reach in y.
       if (dx == 0.0 && dy > lin) {
         c = runEnd;
         continue;
       }
-      if (std::fabs(dy) <= lin && std::fabs(dz) <= lin && dx * dx + dy * dy + dz * dz <= sq) c->link = head;
-      c = c->next;
+      if (std::fabs(dy) <= lin && std::fabs(dz) <= lin && dx * dx + dy * dy + dz * dz <= sq) rep[order[c]] = head;
+      ++c;
     }
   }
 }
 
 // Without a tolerance: runs of bitwise equal coordinates join their first
-// vertex. The sort orders 0.0 and -0.0 as equal, so equal values with
+// vertex. The order takes 0.0 and -0.0 as equal, so equal values with
 // different signs of zero may interleave; a run is therefore a run of equal
 // values, and each vertex joins the first of that run with its very bits (at
 // most eight bit patterns share a value: the signs of three zeros).
-void weldExact(qvMesh* mesh) {
-  qvVtx* heads[8];
+void weldExact(const Soup& s, const int32_t* order, int32_t* rep) {
+  int32_t heads[8];
   int n = 0;
-  for (qvVtx* c = mesh->vtx; c; c = c->next) {
-    const double* pc = qvVtxXyz(c);
-    const double* p0 = n > 0 ? qvVtxXyz(heads[0]) : nullptr;
+  for (int32_t i = 0; i < s.nv; ++i) {
+    const int32_t c = order[i];
+    const double* pc = s.xyz + 3 * c;
+    const double* p0 = n > 0 ? s.xyz + 3 * heads[0] : nullptr;
     if (!p0 || !(sameBits(pc, p0) || sameValue(pc, p0))) {
       heads[0] = c;
       n = 1;
       continue;
     }
-    qvVtx* match = nullptr;
-    for (int i = 0; i < n && !match; ++i)
-      if (sameBits(pc, qvVtxXyz(heads[i]))) match = heads[i];
-    if (match) {
-      c->link = match;
+    int32_t match = -1;
+    for (int k = 0; k < n && match < 0; ++k)
+      if (sameBits(pc, s.xyz + 3 * heads[k])) match = heads[k];
+    if (match >= 0) {
+      rep[c] = match;
     } else if (n < 8) {
       heads[n++] = c;
     } else {
@@ -349,313 +472,314 @@ void weldExact(qvMesh* mesh) {
   }
 }
 
-bool mergeVertices(Stitch& s, const double* tol) {
-  qvMesh* mesh = s.mesh;
-  // The merge walks the list in x order: it must really be sorted by x.
-  if (mesh->vtx && qvMeshSortVtx(mesh, kMeshSortX, nullptr) != 0) return false;
-  if (tol) weldNear(mesh, tol);
-  else weldExact(mesh);
-  for (qvEdg* e = mesh->edg; e;) {
-    qvEdg* next = e->next;  // read before e moves to the head
-    for (double*& h : e->ends) {
-      const qvVtx* v = qvVtxOf(h);
-      if (v->link) h = static_cast<qvVtx*>(v->link)->dat;
-    }
-    if (e->ends[0] == e->ends[1]) mesh->edg = listMoveToHead(mesh->edg, e);
-    e = next;
-  }
-  for (qvVtx* v = mesh->vtx; v;) {
-    qvVtx* next = v->next;  // read before v is freed
-    if (v->link) mesh->vtx = qvVtxDelete(mesh->vtx, v);
-    v = next;
-  }
-  mesh->flags &= ~kMeshSortedSet;
-  return vtxEdgLists(s);
-}
-
-// ---------------------------------------------------------------------------
-// Step 2: merge edges
-
-bool sameEnds(const qvEdg* a, const qvEdg* b) {
-  return (a->ends[0] == b->ends[0] && a->ends[1] == b->ends[1]) ||
-         (a->ends[0] == b->ends[1] && a->ends[1] == b->ends[0]);
-}
-
-// Merges two edges on the same two vertices. The edge with more triangles
-// gives way and the one with fewer survives (b at equal counts): the slot
-// rewriting below pays for the longer list. This is deliberate and kept so.
-bool mergePair(qvMesh* mesh, qvEdg* a, qvEdg* b) {
-  if (!a->link || !b->link) return true;
-  const bool aGives = qvLnkCount(lnkOf(a->link)) > qvLnkCount(lnkOf(b->link));
-  qvEdg* gives = aGives ? a : b;
-  qvEdg* stays = aGives ? b : a;
-  for (qvLnk* l = lnkOf(gives->link); l; l = l->next) {
-    const int32_t slot = qvTriEdgeSlot(triOf(l), gives);
-    if (slot < 0) return false;
-    triOf(l)->edg[slot] = stays;
-  }
-  stays->link = ftmesh::listConcat(lnkOf(stays->link), lnkOf(gives->link));
-  gives->link = nullptr;
-  mesh->edg = listMoveToHead(mesh->edg, gives);
-  return true;
-}
-
-// Deletes the edges without triangles that stand at the head of the edge
-// list, taking every node for them out of the vertices' edge lists; a vertex
-// whose list empties moves to the head of the vertex list, and the vertices
-// at the head without a list are deleted. Each vertex list is walked once
-// for all the edges, not once per edge: at a vertex with thousands of edges
-// the latter would be quadratic.
-void purgeEdges(Stitch& s) {
-  qvMesh* mesh = s.mesh;
-  qvEdg* e = mesh->edg;
-  for (; e && !e->link; e = e->next) e->flags |= kEdgMarkVisit;
-  if (e == mesh->edg) return;
-  for (qvVtx* v = mesh->vtx; v;) {
-    qvVtx* next = v->next;  // read before v moves to the head
-    qvLnk* list = lnkOf(v->link);
-    const bool had = list != nullptr;
-    for (qvLnk* l = list; l;) {
-      qvLnk* after = l->next;  // read before the node is freed
-      if (edgOf(l)->flags & kEdgMarkVisit) {
-        list = listUnlink(list, l);
-        s.refs.drop(l);
-      }
-      l = after;
-    }
-    v->link = list;
-    if (had && !list) mesh->vtx = listMoveToHead(mesh->vtx, v);
-    v = next;
-  }
-  while (mesh->edg && (mesh->edg->flags & kEdgMarkVisit)) mesh->edg = qvEdgDelete(mesh->edg, mesh->edg);
-  while (mesh->vtx && !mesh->vtx->link) {
-    mesh->vtx = qvVtxDelete(mesh->vtx, mesh->vtx);
-    mesh->flags &= ~kMeshSortedSet;
-  }
-}
-
-// Takes every node naming item out of the list in link; whether one was there.
-bool dropAll(RefPool& refs, void*& link, const void* item) {
-  bool found = false;
-  qvLnk* list = lnkOf(link);
-  for (qvLnk* l = list; l;) {
-    qvLnk* next = l->next;  // read before the node is freed
-    if (l->item == item) {
-      list = listUnlink(list, l);
-      refs.drop(l);
-      found = true;
-    }
-    l = next;
-  }
-  link = list;
-  return found;
-}
-
-// Marks a triangle to go: mark, and to the head of the list.
-void markGone(qvMesh* mesh, qvTri* t, int32_t& marked) {
-  t->flags |= kTriMarkVisit;
-  mesh->tri = listMoveToHead(mesh->tri, t);
-  ++marked;
-}
-
-// Marks each unmarked triangle on e whose corner opposite e is that of an
-// earlier unmarked one: the two have the same three vertices. Which of them
-// goes to the head first doesn't matter, since all marked ones are deleted.
-bool markDoubled(qvMesh* mesh, qvEdg* e, int32_t& marked) {
-  const int32_t n = qvLnkCount(lnkOf(e->link));
-  if (n < kGroupFrom) {
-    for (qvLnk* a = lnkOf(e->link); a; a = a->next) {
-      if (triOf(a)->flags & kTriMarkVisit) continue;
-      const double* oa = qvTriOpposite(triOf(a), e);
-      if (!oa) return false;
-      for (qvLnk* b = a->next; b; b = b->next) {
-        if (triOf(b)->flags & kTriMarkVisit) continue;
-        const double* ob = qvTriOpposite(triOf(b), e);
-        if (!ob) return false;
-        if (ob == oa) markGone(mesh, triOf(b), marked);
-      }
-    }
-    return true;
-  }
-  Keyed* keyed = newArray<Keyed>(n);
-  bool ok = keyed != nullptr;
-  int32_t m = 0;
-  int32_t pos = 0;
-  for (qvLnk* l = lnkOf(e->link); l && ok; l = l->next, ++pos) {
-    if (triOf(l)->flags & kTriMarkVisit) continue;
-    const double* o = qvTriOpposite(triOf(l), e);
-    ok = o != nullptr;
-    keyed[m++] = {{keyOf(o), 0}, pos, l->item};
-  }
-  if (ok) sortKeyed(keyed, m);
-  for (int32_t i = 0; i < m && ok;) {
-    const int32_t end = groupEnd(keyed, m, i);
-    for (int32_t j = i + 1; j < end; ++j) {
-      qvTri* t = static_cast<qvTri*>(keyed[j].item);
-      if (!(t->flags & kTriMarkVisit)) markGone(mesh, t, marked);
-    }
-    i = end;
-  }
-  std::free(keyed);
-  return ok;
-}
-
-// Removes triangles on a degenerate edge, and the second of two triangles on
-// the same three vertices, whichever its orientation. Three different
-// vertices in a line are no degeneracy here: that triangle stays.
-bool removeDegenerate(Stitch& s) {
-  qvMesh* mesh = s.mesh;
-  int32_t marked = 0;
-  for (qvEdg* e = mesh->edg; e; e = e->next) {
-    if (e->ends[0] != e->ends[1]) continue;
-    for (qvLnk* l = lnkOf(e->link); l; l = l->next)
-      if (!(triOf(l)->flags & kTriMarkVisit)) markGone(mesh, triOf(l), marked);
-  }
-  for (qvEdg* e = mesh->edg; e; e = e->next)
-    if (!markDoubled(mesh, e, marked)) return false;
-  if (marked == 0) return true;
-
-  int32_t deleted = 0;
-  bool emptied = false;
-  while (mesh->tri && (mesh->tri->flags & kTriMarkVisit)) {
-    qvTri* t = mesh->tri;
-    for (qvEdg* e : t->edg) {
-      if (!dropAll(s.refs, e->link, t) || e->link) continue;
-      mesh->edg = listMoveToHead(mesh->edg, e);
-      emptied = true;
-    }
-    qvTriUnlink(t);
-    mesh->tri = qvTriDelete(mesh->tri, t);
-    ++deleted;
-  }
-  if (deleted != marked) return false;
-  if (emptied) purgeEdges(s);
-  return true;
-}
-
-// Merges the edges of each pair (a, b) of v's list, b behind a, that join
-// the same two vertices. A pair whose first edge has no triangles left does
-// nothing, so the inner walk stops there. 1 if something merged, 0 if not,
-// -1 on failure.
-int32_t mergePairs(qvMesh* mesh, qvLnk* const* node, int32_t n) {
-  int32_t merged = 0;
-  for (int32_t i = 0; i < n; ++i) {
-    qvEdg* a = edgOf(node[i]);
-    for (int32_t j = i + 1; j < n && a->link; ++j) {
-      qvEdg* b = edgOf(node[j]);
-      if (a == b || !sameEnds(a, b) || !b->link) continue;
-      if (!mergePair(mesh, a, b)) return FT_FAIL(-1);
-      merged = 1;
-    }
-  }
-  return merged;
-}
-
-// The edges at v, paired among those that end at the same other vertex. A
-// long list is grouped by that vertex first: a cone's apex has two edges for
-// each of its facets, and pairing them all would be quadratic.
-int32_t mergeAt(qvMesh* mesh, qvVtx* v) {
-  const int32_t n = qvLnkCount(lnkOf(v->link));
-  qvLnk* few[kGroupFrom];
-  Keyed* keyed = n >= kGroupFrom ? newArray<Keyed>(n) : nullptr;
-  qvLnk** nodes = n >= kGroupFrom ? newArray<qvLnk*>(n) : few;
-  int32_t merged = 0;
-  if (!nodes || (n >= kGroupFrom && !keyed)) {
-    merged = -1;
-  } else if (!keyed) {
-    int32_t i = 0;
-    for (qvLnk* l = lnkOf(v->link); l; l = l->next) nodes[i++] = l;
-    merged = mergePairs(mesh, nodes, n);
+// Step 1: the vertex order and the weld. order receives the vertex numbers
+// in x order; rank, each vertex's place in it. A mesh already marked as
+// sorted by x keeps its list order. rep[v] becomes the vertex v is welded
+// to, itself when it stays. False if memory ran out.
+bool weld(const qvMesh* mesh, const Soup& s, const double* tol, int32_t* order, int32_t* rep) {
+  if (mesh->flags & kMeshSortX) {
+    for (int32_t i = 0; i < s.nv; ++i) order[i] = i;
   } else {
-    int32_t i = 0;
-    for (qvLnk* l = lnkOf(v->link); l; l = l->next, ++i) {
-      const qvEdg* e = edgOf(l);
-      keyed[i] = {{keyOf(e->ends[0] == v->dat ? e->ends[1] : e->ends[0]), 0}, i, l};
+    VtxKey* keys = newArray<VtxKey>(s.nv);
+    if (!keys) return false;
+    for (int32_t i = 0; i < s.nv; ++i) {
+      for (int k = 0; k < 3; ++k) keys[i].k[k] = qvCoordKey(s.xyz[3 * i + k]);
+      keys[i].pos = i;
     }
-    sortKeyed(keyed, n);
-    for (i = 0; i < n && merged >= 0;) {
-      const int32_t end = groupEnd(keyed, n, i);
-      for (int32_t k = i; k < end; ++k) nodes[k - i] = static_cast<qvLnk*>(keyed[k].item);
-      const int32_t m = mergePairs(mesh, nodes, end - i);
-      merged = m < 0 ? -1 : (merged | m);
+    std::sort(keys, keys + s.nv, vtxKeyBefore);
+    for (int32_t i = 0; i < s.nv; ++i) order[i] = keys[i].pos;
+    std::free(keys);
+  }
+  for (int32_t i = 0; i < s.nv; ++i) rep[i] = -1;
+  if (tol) weldNear(s, order, rep, tol);
+  else weldExact(s, order, rep);
+  for (int32_t i = 0; i < s.nv; ++i)
+    if (rep[i] < 0) rep[i] = i;
+  return true;
+}
+
+// Where the edges stand while they merge: each edge's triangles as a chain
+// of entries, one entry per edge of the soup (the edge's own triangle),
+// chained from head to tail through next.
+struct EdgeLists {
+  int32_t* head;   // first entry of the edge's chain, -1 when empty
+  int32_t* tail;   // last entry
+  int32_t* count;  // entries in the chain
+  int32_t* next;   // entry behind an entry, -1 at the tail
+};
+
+// The survivor of two edges of a group takes over the other's triangles.
+void mergePair(EdgeLists& l, int32_t a, int32_t b) {
+  if (l.count[a] == 0 || l.count[b] == 0) return;
+  const bool aGives = l.count[a] > l.count[b];
+  const int32_t gives = aGives ? a : b;
+  const int32_t stays = aGives ? b : a;
+  l.next[l.tail[stays]] = l.head[gives];
+  l.tail[stays] = l.tail[gives];
+  l.count[stays] += l.count[gives];
+  l.head[gives] = -1;
+  l.count[gives] = 0;
+}
+
+// The survivors of the groups and their triangles, and the doubled
+// triangles marked. group receives, for each edge, the edge its group merged
+// into. gone[t] is set for each triangle that goes.
+bool mergeEdges(const Soup& s, const int32_t* rep, const int32_t* rank, EdgeLists& l, int32_t* group,
+                bool* gone) {
+  const int32_t ne = s.ne;
+  // The edges bucketed by their lower welded end (counting sort, by rank),
+  // each bucket from the last edge of the list to the first.
+  int32_t* start = newArray<int32_t>(s.nv + 1);
+  int32_t* bucket = newArray<int32_t>(ne);
+  if (!start || !bucket) {
+    std::free(start);
+    std::free(bucket);
+    return false;
+  }
+  auto lowEnd = [&](int32_t e) {
+    const int32_t a = rank[rep[s.ends[2 * e]]], b = rank[rep[s.ends[2 * e + 1]]];
+    return a < b ? a : b;
+  };
+  auto highEnd = [&](int32_t e) {
+    const int32_t a = rank[rep[s.ends[2 * e]]], b = rank[rep[s.ends[2 * e + 1]]];
+    return a < b ? b : a;
+  };
+  for (int32_t i = 0; i <= s.nv; ++i) start[i] = 0;
+  for (int32_t e = 0; e < ne; ++e) ++start[lowEnd(e) + 1];
+  for (int32_t i = 0; i < s.nv; ++i) start[i + 1] += start[i];
+  for (int32_t e = ne - 1; e >= 0; --e) bucket[start[lowEnd(e)]++] = e;
+  for (int32_t i = s.nv; i > 0; --i) start[i] = start[i - 1];
+  start[0] = 0;
+
+  for (int32_t e = 0; e < ne; ++e) {
+    l.head[e] = l.tail[e] = e;
+    l.count[e] = 1;
+    l.next[e] = -1;
+    group[e] = e;
+  }
+  for (int32_t v = 0; v < s.nv; ++v) {
+    int32_t* b = bucket + start[v];
+    const int32_t n = start[v + 1] - start[v];
+    // By the other end, keeping the order from the last edge to the first:
+    // an insertion sort, as a bucket holds a handful of edges.
+    for (int32_t i = 1; i < n; ++i) {
+      const int32_t e = b[i];
+      const int32_t key = highEnd(e);
+      int32_t j = i;
+      for (; j > 0 && highEnd(b[j - 1]) > key; --j) b[j] = b[j - 1];
+      b[j] = e;
+    }
+    for (int32_t i = 0; i < n;) {
+      int32_t end = i + 1;
+      const int32_t key = highEnd(b[i]);
+      while (end < n && highEnd(b[end]) == key) ++end;
+      // A degenerate group's triangles all go; it merges nothing that stays.
+      if (key != v) {
+        for (int32_t x = i; x < end; ++x)
+          for (int32_t y = x + 1; y < end && l.count[b[x]] > 0; ++y) mergePair(l, b[x], b[y]);
+        int32_t survivor = b[i];
+        for (int32_t x = i; x < end; ++x)
+          if (l.count[b[x]] > 0) survivor = b[x];
+        for (int32_t x = i; x < end; ++x) group[b[x]] = survivor;
+      } else {
+        for (int32_t x = i; x < end; ++x) {
+          gone[s.owner[b[x]] / 3] = true;
+          l.count[b[x]] = 0;
+          l.head[b[x]] = -1;
+        }
+      }
       i = end;
     }
   }
-  std::free(keyed);
-  if (nodes != few) std::free(nodes);
-  return merged;
+  std::free(start);
+  std::free(bucket);
+  return true;
 }
 
-bool mergeEdges(Stitch& s) {
-  qvMesh* mesh = s.mesh;
-  if (!edgTriLists(s)) return false;
-  // The merged-away edges gather at the head of the edge list. They are
-  // deleted once all vertices are through, not after each vertex: a pair
-  // with an edge that has no triangles does nothing, and no vertex loses its
-  // last edge here (each keeps the survivor), so the outcome is the same,
-  // and a vertex list is not walked again for every edge merged at its
-  // neighbours.
-  for (qvVtx* v = mesh->vtx; v; v = v->next)
-    if (mergeAt(mesh, v) < 0) return false;
-  purgeEdges(s);
-  if (!removeDegenerate(s)) return false;
-  for (qvVtx* v = mesh->vtx; v;) {
-    qvVtx* next = v->next;  // read before v is freed
-    if (v->link) {
-      s.refs.dropAll(lnkOf(v->link));
-      v->link = nullptr;
+// The welded vertex at corner k of triangle t: where its edge in slot k starts.
+int32_t cornerOf(const Soup& s, const int32_t* rep, int32_t t, int32_t k) {
+  return rep[s.ends[2 * s.slots[3 * t + k]]];
+}
+
+// On each surviving edge in list order, among its triangles not yet gone, the
+// first of each opposite corner stays and the others go.
+bool markDoubled(const Soup& s, const int32_t* rep, const EdgeLists& l, const int32_t* group, bool* gone) {
+  struct Opp {
+    int32_t corner;  // the welded vertex opposite the edge
+    int32_t pos;     // place in the edge's chain
+    int32_t t;       // the triangle
+  };
+  Opp few[kGroupFrom];
+  Opp* many = nullptr;
+  int32_t room = 0;
+  for (int32_t e = 0; e < s.ne; ++e) {
+    if (group[e] != e || l.count[e] < 2) continue;
+    Opp* o = few;
+    if (l.count[e] > kGroupFrom) {
+      if (l.count[e] > room) {
+        std::free(many);
+        room = l.count[e];
+        many = newArray<Opp>(room);
+        if (!many) return false;
+      }
+      o = many;
+    }
+    int32_t m = 0, pos = 0;
+    for (int32_t x = l.head[e]; x >= 0; x = l.next[x], ++pos) {
+      const int32_t t = s.owner[x] / 3;
+      if (!gone[t]) o[m++] = {cornerOf(s, rep, t, (s.owner[x] % 3 + 2) % 3), pos, t};
+    }
+    if (m <= kGroupFrom) {
+      for (int32_t a = 0; a < m; ++a)
+        for (int32_t b = 0; b < a; ++b)
+          if (o[b].corner == o[a].corner && !gone[o[b].t]) {
+            gone[o[a].t] = true;
+            break;
+          }
     } else {
-      mesh->vtx = qvVtxDelete(mesh->vtx, v);
+      std::sort(o, o + m, [](const Opp& a, const Opp& b) {
+        return a.corner != b.corner ? a.corner < b.corner : a.pos < b.pos;
+      });
+      for (int32_t a = 1; a < m; ++a)
+        if (o[a].corner == o[a - 1].corner) gone[o[a].t] = true;
+    }
+  }
+  std::free(many);
+  return true;
+}
+
+// Links a list of records given in order; the head, or null for none.
+template <class T>
+T* chainOf(T** items, int32_t n) {
+  for (int32_t i = 0; i < n; ++i) {
+    items[i]->prev = i > 0 ? items[i - 1] : nullptr;
+    items[i]->next = i + 1 < n ? items[i + 1] : nullptr;
+  }
+  return n > 0 ? items[0] : nullptr;
+}
+
+// Steps 1-3 on a soup (see above). On failure the mesh holds every record it
+// held, with the working fields clear, or, once records are written, the
+// mesh as it stands after step 3.
+bool weldAndLink(Stitch& st, const double* tol) {
+  qvMesh* mesh = st.mesh;
+  Soup s;
+  if (!numberSoup(mesh, s)) return false;
+  const int32_t nv = s.nv, ne = s.ne, nt = s.nt;
+  int32_t* order = newArray<int32_t>(nv > ne ? nv : ne);
+  int32_t* rep = newArray<int32_t>(nv);
+  int32_t* rank = newArray<int32_t>(nv);
+  int32_t* group = newArray<int32_t>(ne);
+  int32_t* kept = newArray<int32_t>(ne);  // per edge: its triangles that stay
+  EdgeLists l{newArray<int32_t>(ne), newArray<int32_t>(ne), newArray<int32_t>(ne), newArray<int32_t>(ne)};
+  bool* gone = static_cast<bool*>(ftCalloc(static_cast<size_t>(nt) + 1, sizeof(bool)));
+  bool* alive = static_cast<bool*>(ftCalloc(static_cast<size_t>(nv) + 1, sizeof(bool)));
+  void** items = newArray<void*>(nv > ne ? nv : ne);
+  bool ok = nt == 0 || (order && rep && rank && group && kept && l.head && l.tail && l.count && l.next && gone &&
+                        alive && items);
+  if (ok && nt > 0) {
+    ok = weld(mesh, s, tol, order, rep);
+    for (int32_t i = 0; ok && i < nv; ++i) rank[order[i]] = i;
+    ok = ok && mergeEdges(s, rep, rank, l, group, gone) && markDoubled(s, rep, l, group, gone);
+  }
+  if (!ok || nt == 0) {
+    std::free(order), std::free(rep), std::free(rank), std::free(group), std::free(kept);
+    std::free(l.head), std::free(l.tail), std::free(l.count), std::free(l.next);
+    std::free(gone), std::free(alive), std::free(items);
+    if (ok) {
+      // No triangle: nothing stays.
+      qvVtxDeleteAll(mesh->vtx);
+      mesh->vtx = nullptr;
       mesh->flags &= ~kMeshSortedSet;
     }
-    v = next;
+    return ok;
   }
-  // By triangle count: boundary edges to the head, non-manifold ones aside.
-  for (qvEdg* e = mesh->edg; e;) {
-    qvEdg* next = e->next;  // read before e moves
-    const int32_t n = qvLnkCount(lnkOf(e->link));
-    if (n == 0) {
-      mesh->edg = qvEdgDelete(mesh->edg, e);
-    } else if (n == 1) {
-      mesh->edg = listMoveToHead(mesh->edg, e);
-    } else if (n > 2) {
-      mesh->edg = listUnlink(mesh->edg, e);
-      mesh->edgHeld = listPrepend(mesh->edgHeld, e);
+
+  // Each surviving edge's triangles that stay, chained again.
+  for (int32_t e = 0; e < ne; ++e) {
+    kept[e] = 0;
+    if (group[e] != e) continue;
+    int32_t* link = &l.head[e];
+    for (int32_t x = l.head[e]; x >= 0; x = l.next[x]) {
+      if (gone[s.owner[x] / 3]) continue;
+      *link = x;
+      link = &l.next[x];
+      ++kept[e];
     }
-    e = next;
+    *link = -1;
   }
-  return true;
-}
-
-// ---------------------------------------------------------------------------
-// Step 3: link triangles
-
-// The lists of the edges in the mesh's list are not read after this step:
-// each is let go here, once its triangles are linked, rather than in a walk
-// of its own at the end (step 7), which would visit every edge once more.
-bool linkTriangles(Stitch& s) {
-  qvMesh* mesh = s.mesh;
-  for (qvEdg* e = mesh->edg; e; e = e->next) {
-    qvLnk* l = lnkOf(e->link);
-    if (!l) return false;
-    if (l->next && (l->next->next || qvTriLink(triOf(l), triOf(l->next), e) != 0)) return false;
-    s.refs.dropAll(l);
-    e->link = nullptr;
-  }
-  // The triangles of non-manifold edges wait apart, in reverse order.
-  bool moved = false;
-  for (qvEdg* e = mesh->edgHeld; e; e = e->next) {
-    for (qvLnk* l = lnkOf(e->link); l; l = l->next) {
-      qvTri* t = triOf(l);
-      if (t->flags & kTriMarkVisit) continue;
-      t->flags |= kTriMarkVisit;
-      mesh->tri = listUnlink(mesh->tri, t);
-      mesh->triHeld = listPrepend(mesh->triHeld, t);
-      moved = true;
+  for (int32_t t = 0; t < nt; ++t) {
+    if (gone[t]) continue;
+    qvTri* r = s.tri[t];
+    for (int k = 0; k < 3; ++k) {
+      alive[cornerOf(s, rep, t, k)] = true;
+      r->edg[k] = s.edg[group[s.slots[3 * t + k]]];
     }
   }
-  if (moved) qvTriAndAll(mesh->triHeld, kMarkKeep);
-  return true;
+  for (int32_t e = 0; e < ne; ++e) {
+    if (group[e] != e || kept[e] == 0) continue;
+    qvEdg* r = s.edg[e];
+    r->ends[0] = s.vtx[rep[s.ends[2 * e]]]->dat;
+    r->ends[1] = s.vtx[rep[s.ends[2 * e + 1]]]->dat;
+    if (kept[e] == 2) {
+      const int32_t x = l.head[e], y = l.next[x];
+      s.tri[s.owner[x] / 3]->adj[s.owner[x] % 3] = s.tri[s.owner[y] / 3];
+      s.tri[s.owner[y] / 3]->adj[s.owner[y] % 3] = s.tri[s.owner[x] / 3];
+    }
+  }
+
+  // The lists, and the records that go.
+  int32_t n = 0;
+  for (int32_t i = 0; i < nv; ++i) {
+    const int32_t v = order[i];
+    if (rep[v] == v && alive[v]) items[n++] = s.vtx[v];
+    else qvVtxFree(s.vtx[v]);
+  }
+  mesh->vtx = chainOf(reinterpret_cast<qvVtx**>(items), n);
+  n = 0;
+  for (int32_t e = ne - 1; e >= 0; --e)
+    if (group[e] == e && kept[e] == 1) items[n++] = s.edg[e];
+  for (int32_t e = 0; e < ne; ++e)
+    if (group[e] == e && kept[e] == 2) items[n++] = s.edg[e];
+  mesh->edg = chainOf(reinterpret_cast<qvEdg**>(items), n);
+  int32_t nHeld = 0;
+  for (int32_t e = ne - 1; e >= 0; --e)
+    if (group[e] == e && kept[e] > 2) {
+      items[nHeld] = s.edg[e];
+      order[nHeld++] = e;  // the vertex order is done with: it numbers the held edges now
+    }
+  mesh->edgHeld = chainOf(reinterpret_cast<qvEdg**>(items), nHeld);
+  for (int32_t e = 0; e < ne; ++e)
+    if (group[e] != e || kept[e] == 0) qvEdgFree(s.edg[e]);
+  for (int32_t t = 0; t < nt; ++t)
+    if (gone[t]) qvTriFree(s.tri[t]);
+  // The triangles of held edges wait apart, in reverse order of their first
+  // appearance there; they are then out of the triangle list like those gone.
+  qvTri* held = nullptr;
+  for (int32_t i = 0; i < nHeld; ++i)
+    for (int32_t x = l.head[order[i]]; x >= 0; x = l.next[x]) {
+      const int32_t t = s.owner[x] / 3;
+      if (gone[t]) continue;
+      gone[t] = true;
+      held = listPrepend(held, s.tri[t]);
+    }
+  mesh->triHeld = held;
+  n = 0;
+  for (int32_t t = 0; t < nt; ++t)
+    if (!gone[t]) items[n++] = s.tri[t];
+  mesh->tri = chainOf(reinterpret_cast<qvTri**>(items), n);
+  mesh->flags &= ~kMeshSortedSet;
+  // Held edges carry the list of their triangles, in order.
+  for (int32_t i = 0; ok && i < nHeld; ++i) {
+    const int32_t e = order[i];
+    n = 0;
+    for (int32_t x = l.head[e]; x >= 0; x = l.next[x]) items[n++] = s.tri[s.owner[x] / 3];
+    while (ok && n > 0) ok = st.refs.push(s.edg[e]->link, items[--n]);
+  }
+  std::free(order), std::free(rep), std::free(rank), std::free(group), std::free(kept);
+  std::free(l.head), std::free(l.tail), std::free(l.count), std::free(l.next);
+  std::free(gone), std::free(alive), std::free(items);
+  return ok;
 }
 
 // ---------------------------------------------------------------------------
@@ -987,7 +1111,7 @@ bool orient(qvMesh* mesh) {
 int32_t qvMeshStitch(qvMesh* mesh, const double* tol) {
   if (!mesh || !stitchable(mesh)) return FT_FAIL(-1);
   Stitch s{mesh, {}, {}};
-  const bool ok = mergeVertices(s, tol) && mergeEdges(s) && linkTriangles(s) && pullApart(s) &&
+  const bool ok = weldAndLink(s, tol) && pullApart(s) &&
                   splitVertices(s) && unpairJoined(s) && rejoin(mesh);
   if (!ok) {
     stitchRelease(s);
