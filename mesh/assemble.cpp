@@ -308,6 +308,7 @@ struct Soup {
   qvTri** tri = nullptr;     // triangle records in list order
   int32_t* slots = nullptr;  // three edge numbers per triangle
   int32_t* owner = nullptr;  // per edge: 3 x its triangle's number + its slot there
+  bool records = true;       // numbered from a mesh's records, not made from corners
   ~Soup() {
     std::free(owner);
     std::free(vtx);
@@ -658,13 +659,72 @@ T* chainOf(T** items, int32_t n) {
   return n > 0 ? items[0] : nullptr;
 }
 
+// The soup that qvMeshAddFacet would make of the facets, one per corner
+// triple in order, as arrays alone: facet f's corners c0, c1, c2 are vertices
+// 3 (n-1-f) + 2, + 1, + 0 of the list, and its edges c1-c2, c0-c1, c2-c0
+// edges 3 (n-1-f), + 1, + 2, since each facet goes in front of those before.
+// Records are made later, for what stays. False when memory runs out.
+bool soupOfCorners(const float* const* corners, int32_t n, Soup& s) {
+  s.records = false;
+  s.nv = s.ne = 3 * n;
+  s.nt = n;
+  s.vtx = static_cast<qvVtx**>(ftCalloc(static_cast<size_t>(s.nv) + 1, sizeof(qvVtx*)));
+  s.xyz = newArray<double>(3 * s.nv);
+  s.edg = static_cast<qvEdg**>(ftCalloc(static_cast<size_t>(s.ne) + 1, sizeof(qvEdg*)));
+  s.ends = newArray<int32_t>(2 * s.ne);
+  s.tri = static_cast<qvTri**>(ftCalloc(static_cast<size_t>(s.nt) + 1, sizeof(qvTri*)));
+  s.slots = newArray<int32_t>(3 * s.nt);
+  s.owner = newArray<int32_t>(s.ne);
+  if (n > 0 && (!s.vtx || !s.xyz || !s.edg || !s.ends || !s.tri || !s.slots || !s.owner)) return false;
+  for (int32_t f = 0; f < n; ++f) {
+    if (!corners[f]) return false;
+    const int32_t base = 3 * (n - 1 - f);
+    int32_t c[3];
+    for (int k = 0; k < 3; ++k) {
+      c[k] = base + 2 - k;
+      for (int d = 0; d < 3; ++d) s.xyz[3 * c[k] + d] = corners[f][3 * k + d];
+    }
+    const int32_t edge[3] = {base + 1, base, base + 2};  // by slot
+    for (int k = 0; k < 3; ++k) {
+      s.ends[2 * edge[k]] = c[k];
+      s.ends[2 * edge[k] + 1] = c[(k + 1) % 3];
+      s.slots[3 * f + k] = edge[k];
+      s.owner[edge[k]] = 3 * f + k;
+    }
+  }
+  return true;
+}
+
+// The records of a soup made from corners, for what stays: vertices in the
+// order of the list they will form, with a zero normal slot; edges and
+// triangles empty, to be written. False when memory runs out, with none made.
+bool makeRecords(Soup& s, const int32_t* order, const int32_t* rep, const bool* alive, const int32_t* group,
+                 const int32_t* kept, const bool* gone) {
+  bool ok = true;
+  for (int32_t i = 0; i < s.nv && ok; ++i) {
+    const int32_t v = order[i];
+    if (rep[v] != v || !alive[v]) continue;
+    s.vtx[v] = qvVtxNew(kVtxHasNormal, nullptr);
+    ok = s.vtx[v] != nullptr;
+    if (ok) std::memcpy(qvVtxXyz(s.vtx[v]), s.xyz + 3 * v, 3 * sizeof(double));
+  }
+  for (int32_t e = 0; e < s.ne && ok; ++e)
+    if (group[e] == e && kept[e] > 0) ok = (s.edg[e] = qvEdgNew(nullptr, nullptr, 0, 0)) != nullptr;
+  for (int32_t t = 0; t < s.nt && ok; ++t)
+    if (!gone[t]) ok = (s.tri[t] = qvTriNew(nullptr, nullptr, nullptr, 0)) != nullptr;
+  if (!ok) {
+    for (int32_t i = 0; i < s.nv; ++i) qvVtxFree(s.vtx[i]);
+    for (int32_t i = 0; i < s.ne; ++i) qvEdgFree(s.edg[i]);
+    for (int32_t i = 0; i < s.nt; ++i) qvTriFree(s.tri[i]);
+  }
+  return ok;
+}
+
 // Steps 1-3 on a soup (see above). On failure the mesh holds every record it
 // held, with the working fields clear, or, once records are written, the
 // mesh as it stands after step 3.
-bool weldAndLink(Stitch& st, const double* tol) {
+bool weldAndLink(Stitch& st, Soup& s, const double* tol) {
   qvMesh* mesh = st.mesh;
-  Soup s;
-  if (!numberSoup(mesh, s)) return false;
   const int32_t nv = s.nv, ne = s.ne, nt = s.nt;
   int32_t* order = newArray<int32_t>(nv > ne ? nv : ne);
   int32_t* rep = newArray<int32_t>(nv);
@@ -708,14 +768,18 @@ bool weldAndLink(Stitch& st, const double* tol) {
     }
     *link = -1;
   }
-  for (int32_t t = 0; t < nt; ++t) {
-    if (gone[t]) continue;
-    qvTri* r = s.tri[t];
-    for (int k = 0; k < 3; ++k) {
-      alive[cornerOf(s, rep, t, k)] = true;
-      r->edg[k] = s.edg[group[s.slots[3 * t + k]]];
-    }
+  for (int32_t t = 0; t < nt; ++t)
+    if (!gone[t])
+      for (int k = 0; k < 3; ++k) alive[cornerOf(s, rep, t, k)] = true;
+  if (!s.records && !makeRecords(s, order, rep, alive, group, kept, gone)) {
+    std::free(order), std::free(rep), std::free(rank), std::free(group), std::free(kept);
+    std::free(l.head), std::free(l.tail), std::free(l.count), std::free(l.next);
+    std::free(gone), std::free(alive), std::free(items);
+    return false;
   }
+  for (int32_t t = 0; t < nt; ++t)
+    if (!gone[t])
+      for (int k = 0; k < 3; ++k) s.tri[t]->edg[k] = s.edg[group[s.slots[3 * t + k]]];
   for (int32_t e = 0; e < ne; ++e) {
     if (group[e] != e || kept[e] == 0) continue;
     qvEdg* r = s.edg[e];
@@ -1108,11 +1172,12 @@ bool orient(qvMesh* mesh) {
 
 }  // namespace
 
-int32_t qvMeshStitch(qvMesh* mesh, const double* tol) {
-  if (!mesh || !stitchable(mesh)) return FT_FAIL(-1);
+namespace {
+
+// The stitch of a numbered soup (see qvMeshStitch).
+int32_t stitchSoup(qvMesh* mesh, Soup& soup, const double* tol) {
   Stitch s{mesh, {}, {}};
-  const bool ok = weldAndLink(s, tol) && pullApart(s) &&
-                  splitVertices(s) && unpairJoined(s) && rejoin(mesh);
+  const bool ok = weldAndLink(s, soup, tol) && pullApart(s) && splitVertices(s) && unpairJoined(s) && rejoin(mesh);
   if (!ok) {
     stitchRelease(s);
     return FT_FAIL(-1);
@@ -1123,6 +1188,15 @@ int32_t qvMeshStitch(qvMesh* mesh, const double* tol) {
   if (!orient(mesh)) return FT_FAIL(-1);
   mesh->flags |= kMeshStitched;
   return 0;
+}
+
+}  // namespace
+
+int32_t qvMeshStitch(qvMesh* mesh, const double* tol) {
+  if (!mesh || !stitchable(mesh)) return FT_FAIL(-1);
+  Soup soup;
+  if (!numberSoup(mesh, soup)) return FT_FAIL(-1);
+  return stitchSoup(mesh, soup, tol);
 }
 
 // ---------------------------------------------------------------------------
@@ -1306,4 +1380,17 @@ int32_t qvMeshShells(qvMesh* mesh, qvVtx* (*clone)(const qvVtx*)) {
 int32_t qvMeshAssemble(qvMesh* mesh, const double* tol) {
   if (qvMeshStitch(mesh, tol) != 0) return FT_FAIL(-1);
   return qvMeshShells(mesh, qvVtxClone);
+}
+
+qvMesh* qvMeshAssembleCorners(const float* const* corners, int32_t n, const double* tol, int32_t* shells) {
+  int32_t unused;
+  int32_t& count = shells ? *shells : unused;
+  count = -1;
+  if (!corners || n < 0 || n > INT32_MAX / 3) return FT_FAIL(nullptr);
+  qvMesh* mesh = qvMeshNew(nullptr, nullptr, nullptr, kMeshOwnsVtx);
+  if (!mesh) return FT_FAIL(nullptr);
+  Soup soup;
+  if (!soupOfCorners(corners, n, soup) || stitchSoup(mesh, soup, tol) != 0) return FT_FAIL(mesh);
+  count = qvMeshShells(mesh, qvVtxClone);
+  return mesh;
 }

@@ -667,7 +667,9 @@ constexpr double kWeldTol2 = 1e-12;
 // prepended. 0; -1 for a null argument or a failed allocation, and then the
 // mesh and the corners are as they were (the corners stay the caller's).
 [[nodiscard]] int32_t qvMeshAddFacet(qvMesh* mesh, qvVtx* corners[3]);
-// Welds and links a soup. tol, when not null, is the pair {linear, squared}
+// Welds and links a soup as qvMeshAddFacet builds it: every triangle on three
+// edges of its own in the cycle of its corners, no triangle linked; any other
+// mesh is refused with -1, untouched. tol, when not null, is the pair {linear, squared}
 // within which vertices merge (transitively along sorted x); without it only
 // bitwise equal coordinates merge. 0, with kMeshStitched set; -1 on failure,
 // with the mesh good only for being freed. A surface that can't be oriented
@@ -681,3 +683,10 @@ constexpr double kWeldTol2 = 1e-12;
 [[nodiscard]] int32_t qvMeshShells(qvMesh* mesh, qvVtx* (*clone)(const qvVtx*));
 // qvMeshStitch, then qvMeshShells with qvVtxClone: the number of shells, or -1.
 [[nodiscard]] int32_t qvMeshAssemble(qvMesh* mesh, const double* tol);
+// The chain that qvMeshAssemble makes of the soup of n facets that
+// qvMeshAddFacet would build from corners (nine coordinates each, three
+// corners in order), record for record and in the same list order; only the
+// records that stay are made. *shells (may be null) receives the number of
+// shells, or -1 on failure, when the mesh returned is good only for being
+// freed. Null when no mesh could be made.
+qvMesh* qvMeshAssembleCorners(const float* const* corners, int32_t n, const double* tol, int32_t* shells);

@@ -180,6 +180,15 @@ qvMesh *meshFromPointers(FacetRec *const *table, int count, int *status);
 // The run keys[0..count) of a file opened with stlOpenBinary or stlOpenAscii, as
 // one unassembled mesh, or null as for meshFromPointers.
 qvMesh *meshFromKeys(FILE *file, int format, const FacetKey *keys, int count, int *status);
+// The run table[0..count) assembled into a chain of shells, as meshFromPointers
+// and then qvMeshAssemble without a tolerance make it, record for record, but
+// with only the records that stay ever made. *shells (may be null): the number
+// of shells, or -1 on failure, when the mesh returned (if any) is good only for
+// being freed.
+qvMesh *assembleFromPointers(FacetRec *const *table, int count, int *shells);
+// The facets of the run keys[0..count) of a file opened with stlOpenBinary or
+// stlOpenAscii, in run order: a new array, or null.
+FacetRec *fetchFacetRun(FILE *file, int format, const FacetKey *keys, int count);
 // One triangle on three new vertices at the facet's corners. 0, or -1 with the
 // mesh as it was.
 [[nodiscard]] int addFacetToMesh(qvMesh *mesh, const FacetWire *wire);
