@@ -215,7 +215,11 @@ struct Stitch {
   qvMesh* mesh;
   RefPool refs;
   PairLog pairs;
-  int32_t groups = 0;  // non-manifold edges whose triangles all paired
+  int32_t groups = 0;     // non-manifold edges whose triangles all paired
+  bool oriented = false;  // orientation found consistent, every edge already along its first triangle
+  qvVtx** fans = nullptr; // vertices of more than one fan in list order, with their triangle lists
+  int32_t nFans = -1;     // how many; -1 when every vertex must be looked at
+  ~Stitch() { std::free(fans); }
 };
 
 // Takes every node naming item out of the list in link; whether one was there.
@@ -720,6 +724,108 @@ bool makeRecords(Soup& s, const int32_t* order, const int32_t* rep, const bool* 
   return ok;
 }
 
+// Where no edge has more than two triangles, adjacency is final after step
+// 3, and two later steps can be settled on the arrays. The vertices of more
+// than one fan are found by walking each vertex's fan across the triangles'
+// neighbours; only they get the list of their triangles (in reverse list
+// order, as step 5 builds it) and are split. And when every shared edge is
+// run in opposite directions by its two triangles, orientation has nothing to
+// turn: each edge is then laid along the first triangle in list order that
+// holds it, from its corner at the edge's slot, as the orientation step
+// would. The triangle list is in soup order here. False if memory ran out.
+bool settleManifold(Stitch& st, const Soup& s, const int32_t* order, const int32_t* rep, const int32_t* group,
+                    const int32_t* kept, const EdgeLists& l, const bool* gone) {
+  const int32_t nt = s.nt, nv = s.nv;
+  int32_t* adj = newArray<int32_t>(3 * nt);  // per slot: the neighbouring triangle, or -1
+  int32_t* deg = static_cast<int32_t*>(ftCalloc(static_cast<size_t>(nv) + 1, sizeof(int32_t)));
+  int32_t* start = newArray<int32_t>(nv);    // per vertex: 3 x a triangle at it + its corner there
+  bool ok = adj && deg && start;
+  bool consistent = true;
+  for (int32_t i = 0; ok && i < 3 * nt; ++i) adj[i] = -1;
+  for (int32_t e = 0; ok && e < s.ne; ++e) {
+    if (group[e] != e || kept[e] != 2) continue;
+    const int32_t x = s.owner[l.head[e]], y = s.owner[l.next[l.head[e]]];
+    adj[x] = y / 3;
+    adj[y] = x / 3;
+    consistent = consistent && cornerOf(s, rep, x / 3, x % 3) == cornerOf(s, rep, y / 3, (y % 3 + 1) % 3);
+  }
+  for (int32_t t = 0; ok && t < nt; ++t)
+    if (!gone[t])
+      for (int k = 0; k < 3; ++k) {
+        const int32_t v = cornerOf(s, rep, t, k);
+        if (deg[v]++ == 0) start[v] = 3 * t + k;
+      }
+  // The slot of the other edge at corner k than the one in slot k.
+  auto otherAt = [](int32_t k) { return (k + 2) % 3; };
+  // The triangles reached round v from start's triangle, crossing first the
+  // edge in slot across, then always the edge at v not crossed yet; the walk
+  // stops back at the start (closed), at a boundary, or past limit steps.
+  auto walk = [&](int32_t v, int32_t from, int32_t across, int32_t limit, bool& closed) {
+    const int32_t t0 = from / 3;
+    int32_t t = t0, slot = across, n = 0;
+    closed = false;
+    while (n <= limit) {
+      const int32_t u = adj[3 * t + slot];
+      if (u < 0) return n;
+      if (u == t0) {
+        closed = true;
+        return n;
+      }
+      ++n;
+      const int32_t shared = group[s.slots[3 * t + slot]];
+      int32_t ku = 0;
+      while (ku < 3 && cornerOf(s, rep, u, ku) != v) ++ku;
+      if (ku == 3) return limit + 1;
+      slot = group[s.slots[3 * u + ku]] == shared ? otherAt(ku) : ku;
+      t = u;
+    }
+    return n;
+  };
+  int32_t nFans = 0;
+  for (int32_t i = 0; ok && i < nv; ++i) {
+    const int32_t v = order[i];
+    if (deg[v] == 0) continue;
+    bool closed = false;
+    const int32_t k = start[v] % 3;
+    int32_t reached = 1 + walk(v, start[v], k, deg[v], closed);
+    if (!closed) reached += walk(v, start[v], otherAt(k), deg[v], closed);
+    if (reached != deg[v]) {
+      deg[v] = -deg[v];  // a vertex to split
+      ++nFans;
+    }
+  }
+  if (ok) {
+    st.fans = newArray<qvVtx*>(nFans + 1);
+    ok = st.fans != nullptr;
+  }
+  st.nFans = 0;
+  for (int32_t i = 0; ok && i < nv; ++i)
+    if (deg[order[i]] < 0) st.fans[st.nFans++] = s.vtx[order[i]];
+  for (int32_t t = 0; ok && nFans > 0 && t < nt; ++t)
+    if (!gone[t])
+      for (int k = 0; k < 3 && ok; ++k) {
+        const int32_t v = cornerOf(s, rep, t, k);
+        if (deg[v] < 0) ok = st.refs.push(s.vtx[v]->link, s.tri[t]);
+      }
+  if (ok && consistent) {
+    for (int32_t e = 0; e < s.ne; ++e) {
+      if (group[e] != e || kept[e] == 0) continue;
+      int32_t x = s.owner[l.head[e]];
+      if (kept[e] == 2 && s.owner[l.next[l.head[e]]] < x) x = s.owner[l.next[l.head[e]]];
+      qvEdg* r = s.edg[e];
+      r->ends[0] = s.vtx[cornerOf(s, rep, x / 3, x % 3)]->dat;
+      r->ends[1] = s.vtx[cornerOf(s, rep, x / 3, (x % 3 + 1) % 3)]->dat;
+    }
+    st.oriented = true;
+    st.mesh->flags &= ~kMeshPassSet;
+  }
+  std::free(adj);
+  std::free(deg);
+  std::free(start);
+  if (!ok) st.nFans = -1;
+  return ok;
+}
+
 // Steps 1-3 on a soup (see above). On failure the mesh holds every record it
 // held, with the working fields clear, or, once records are written, the
 // mesh as it stands after step 3.
@@ -833,6 +939,9 @@ bool weldAndLink(Stitch& st, Soup& s, const double* tol) {
     if (!gone[t]) items[n++] = s.tri[t];
   mesh->tri = chainOf(reinterpret_cast<qvTri**>(items), n);
   mesh->flags &= ~kMeshSortedSet;
+  // A soup given as records keeps the steps that settle it on records: the
+  // result is the same, and its assembly is the one the other is checked by.
+  if (nHeld == 0 && !s.records) ok = settleManifold(st, s, order, rep, group, kept, l, gone);
   // Held edges carry the list of their triangles, in order.
   for (int32_t i = 0; ok && i < nHeld; ++i) {
     const int32_t e = order[i];
@@ -1029,10 +1138,19 @@ bool splitFans(qvMesh* mesh, qvVtx* v) {
   return ok;
 }
 
+// Vertices of one fan are left as they are, so where the vertices of more
+// than one fan are known already, only those are split.
 bool splitVertices(Stitch& s) {
   qvMesh* mesh = s.mesh;
-  bool ok = vtxTriLists(s);
-  for (qvVtx* v = mesh->vtx; v && ok; v = v->next) ok = splitFans(mesh, v);
+  bool ok = true;
+  if (s.nFans >= 0) {
+    for (int32_t i = 0; i < s.nFans && ok; ++i) ok = splitFans(mesh, s.fans[i]);
+    for (int32_t i = 0; i < s.nFans; ++i) s.fans[i]->link = nullptr;
+    s.nFans = -1;
+  } else {
+    ok = vtxTriLists(s);
+    for (qvVtx* v = mesh->vtx; v && ok; v = v->next) ok = splitFans(mesh, v);
+  }
   // Nothing is made from the pool after this step: the nodes stay with it.
   for (qvVtx* v = mesh->vtx; v; v = v->next) v->link = nullptr;
   if (!ok) qvTriAndAll(mesh->tri, kMarkKeep);
@@ -1185,7 +1303,7 @@ int32_t stitchSoup(qvMesh* mesh, Soup& soup, const double* tol) {
   // Step 7: the edge lists of this mesh went in step 3; those of meshes
   // chained behind it are their own.
   qvEdgListsFree(mesh->next, qvLnkListFree);
-  if (!orient(mesh)) return FT_FAIL(-1);
+  if (!s.oriented && !orient(mesh)) return FT_FAIL(-1);
   mesh->flags |= kMeshStitched;
   return 0;
 }

@@ -130,8 +130,10 @@ std::vector<std::string> chainRecords(const qvMesh *chain) {
 
 TEST(MeshFromFacets, AssemblyFromFacetsIsTheSoupsAssemblyRecordForRecord) {
   // A tetrahedron with a facet given twice, once turned, a facet with two
-  // corners alike and one with all three, a corner at -0.0 beside 0.0, and a
-  // fin of three facets on one edge.
+  // corners alike and one with all three, a corner at -0.0 beside 0.0; apart,
+  // a fin of three facets on one edge. The soup is assembled as records, the
+  // run straight from its facets, which settles fans and orientation on its
+  // own where no edge has more than two facets.
   const std::vector<Facet> tetra = {{0, 0, 0, 1, 0, 0, 0, 1, 0}, {0, 0, 0, 0, 0, 1, 1, 0, 0},
                                     {0, 0, 0, 0, 1, 0, 0, 0, 1}, {1, 0, 0, 0, 0, 1, 0, 1, 0}};
   std::vector<Facet> built = tetra;
@@ -140,8 +142,24 @@ TEST(MeshFromFacets, AssemblyFromFacetsIsTheSoupsAssemblyRecordForRecord) {
   built.push_back({1, 0, 0, 1, 0, 0, 5, 5, 5});
   built.push_back({7, 7, 7, 7, 7, 7, 7, 7, 7});
   built.push_back({-0.0f, 0, 0, 3, 0, 0, 3, 3, 0});
-  for (float z : {1.0f, -1.0f, 2.0f}) built.push_back({9, 0, 0, 9, 1, 0, 10, 0.5f, z});
-  std::vector<std::vector<Facet>> models = {built};
+  // Two facets meeting at a corner only, and two that run their edge alike.
+  built.push_back({20, 0, 0, 21, 0, 0, 20, 1, 0});
+  built.push_back({20, 0, 0, 19, 0, 0, 20, -1, 0});
+  built.push_back({30, 0, 0, 31, 0, 0, 30, 1, 0});
+  built.push_back({30, 0, 0, 31, 0, 0, 31, -1, 0});
+  // A double cone whose rims are joined by a band: one shell, and its apex a
+  // vertex of two fans.
+  const float ring[3][2] = {{41, 0}, {40, 1}, {39, -1}};
+  for (int i = 0; i < 3; ++i) {
+    const float *a = ring[i], *b = ring[(i + 1) % 3];
+    built.push_back({40, 0, 0, a[0], a[1], 1, b[0], b[1], 1});
+    built.push_back({40, 0, 0, b[0], b[1], -1, a[0], a[1], -1});
+    built.push_back({a[0], a[1], 1, a[0], a[1], -1, b[0], b[1], -1});
+    built.push_back({a[0], a[1], 1, b[0], b[1], -1, b[0], b[1], 1});
+  }
+  std::vector<Facet> fin = tetra;
+  for (float z : {1.0f, -1.0f, 2.0f}) fin.push_back({9, 0, 0, 9, 1, 0, 10, 0.5f, z});
+  std::vector<std::vector<Facet>> models = {built, fin};
   for (const char *name : {"two-cubes-edge.stl", "pinched-edge.stl", "plate-hole.stl", "torus.stl", "bunny.stl"}) {
     Blocks blocks;
     const int n = blocks.load(dataPath(name));
