@@ -313,7 +313,9 @@ struct Soup {
   int32_t* slots = nullptr;  // three edge numbers per triangle
   int32_t* owner = nullptr;  // per edge: 3 x its triangle's number + its slot there
   bool records = true;       // numbered from a mesh's records, not made from corners
+  int32_t* adj = nullptr;    // per triangle slot: the neighbour's number or -1, once settled on arrays
   ~Soup() {
+    std::free(adj);
     std::free(owner);
     std::free(vtx);
     std::free(xyz);
@@ -477,6 +479,69 @@ void weldExact(const Soup& s, const int32_t* order, int32_t* rep) {
   }
 }
 
+// A float's place in the same total order as qvCoordKey's: 0.0 and -0.0
+// alike, NaN after every number.
+uint32_t floatKey(float f) {
+  if (std::isnan(f)) return UINT32_MAX;
+  if (f == 0.0f) f = 0.0f;
+  uint32_t bits;
+  std::memcpy(&bits, &f, sizeof bits);
+  const uint32_t sign = uint32_t{1} << 31;
+  return (bits & sign) ? ~bits : (bits | sign);
+}
+
+// The vertex order when every coordinate is a float widened, as from a file:
+// a float orders as its double does, so the three keys fit in 96 bits, and a
+// stable radix sort of them, 16 bits a pass from the last, keeps list order
+// among equal keys. 1 when sorted into order, 0 when some coordinate is no
+// float (the caller sorts), -1 when memory ran out.
+int32_t sortFloatCorners(const Soup& s, int32_t* order) {
+  const int32_t n = s.nv;
+  for (int32_t i = 0; i < 3 * n; ++i) {
+    const double d = s.xyz[i];
+    if (!std::isnan(d) && static_cast<double>(static_cast<float>(d)) != d) return 0;
+  }
+  struct Item {
+    uint64_t xy;  // x key above y key
+    uint32_t z;   // z key
+    int32_t pos;  // place in the list
+  };
+  constexpr int kPasses = 6;
+  constexpr int kDigits = 1 << 16;
+  Item* a = newArray<Item>(n);
+  Item* b = newArray<Item>(n);
+  uint32_t* count = static_cast<uint32_t*>(ftCalloc(static_cast<size_t>(kPasses) * kDigits, sizeof(uint32_t)));
+  if (!a || !b || !count) {
+    std::free(a), std::free(b), std::free(count);
+    return -1;
+  }
+  auto digit = [](const Item& it, int pass) -> uint32_t {
+    const uint64_t word = pass < 2 ? it.z : it.xy;
+    return static_cast<uint32_t>(word >> (16 * (pass < 2 ? pass : pass - 2))) & (kDigits - 1);
+  };
+  for (int32_t i = 0; i < n; ++i) {
+    const double* p = s.xyz + 3 * i;
+    a[i] = {uint64_t{floatKey(static_cast<float>(p[0]))} << 32 | floatKey(static_cast<float>(p[1])),
+            floatKey(static_cast<float>(p[2])), i};
+    for (int pass = 0; pass < kPasses; ++pass) ++count[pass * kDigits + digit(a[i], pass)];
+  }
+  for (int pass = 0; pass < kPasses; ++pass) {
+    uint32_t* c = count + pass * kDigits;
+    if (n > 0 && c[digit(a[0], pass)] == static_cast<uint32_t>(n)) continue;  // one digit: nothing moves
+    uint32_t sum = 0;
+    for (int d = 0; d < kDigits; ++d) {
+      const uint32_t here = c[d];
+      c[d] = sum;
+      sum += here;
+    }
+    for (int32_t i = 0; i < n; ++i) b[c[digit(a[i], pass)]++] = a[i];
+    std::swap(a, b);
+  }
+  for (int32_t i = 0; i < n; ++i) order[i] = a[i].pos;
+  std::free(a), std::free(b), std::free(count);
+  return 1;
+}
+
 // Step 1: the vertex order and the weld. order receives the vertex numbers
 // in x order; rank, each vertex's place in it. A mesh already marked as
 // sorted by x keeps its list order. rep[v] becomes the vertex v is welded
@@ -484,7 +549,8 @@ void weldExact(const Soup& s, const int32_t* order, int32_t* rep) {
 bool weld(const qvMesh* mesh, const Soup& s, const double* tol, int32_t* order, int32_t* rep) {
   if (mesh->flags & kMeshSortX) {
     for (int32_t i = 0; i < s.nv; ++i) order[i] = i;
-  } else {
+  } else if (int32_t sorted = sortFloatCorners(s, order); sorted <= 0) {
+    if (sorted < 0) return false;
     VtxKey* keys = newArray<VtxKey>(s.nv);
     if (!keys) return false;
     for (int32_t i = 0; i < s.nv; ++i) {
@@ -733,7 +799,7 @@ bool makeRecords(Soup& s, const int32_t* order, const int32_t* rep, const bool* 
 // turn: each edge is then laid along the first triangle in list order that
 // holds it, from its corner at the edge's slot, as the orientation step
 // would. The triangle list is in soup order here. False if memory ran out.
-bool settleManifold(Stitch& st, const Soup& s, const int32_t* order, const int32_t* rep, const int32_t* group,
+bool settleManifold(Stitch& st, Soup& s, const int32_t* order, const int32_t* rep, const int32_t* group,
                     const int32_t* kept, const EdgeLists& l, const bool* gone) {
   const int32_t nt = s.nt, nv = s.nv;
   int32_t* adj = newArray<int32_t>(3 * nt);  // per slot: the neighbouring triangle, or -1
@@ -818,6 +884,8 @@ bool settleManifold(Stitch& st, const Soup& s, const int32_t* order, const int32
     }
     st.oriented = true;
     st.mesh->flags &= ~kMeshPassSet;
+    s.adj = adj;  // final: the shells can be found on it
+    adj = nullptr;
   }
   std::free(adj);
   std::free(deg);
@@ -1500,6 +1568,66 @@ int32_t qvMeshAssemble(qvMesh* mesh, const double* tol) {
   return qvMeshShells(mesh, qvVtxClone);
 }
 
+namespace {
+
+// qvMeshShells on a settled soup whose triangles are all one shell: the
+// flood that gathers a shell, each triangle's unreached neighbours moved
+// directly behind it, is run on the arrays and the list written once. Falls
+// back to qvMeshShells at the first triangle the flood doesn't reach.
+int32_t shellsOnArrays(qvMesh* mesh, const Soup& s) {
+  const int32_t nt = s.nt;
+  int32_t* next = newArray<int32_t>(nt);
+  int32_t* prev = newArray<int32_t>(nt);
+  bool* reached = static_cast<bool*>(ftCalloc(static_cast<size_t>(nt) + 1, sizeof(bool)));
+  int32_t head = -1, last = -1, shells = 0;
+  bool ok = next && prev && reached;
+  for (int32_t t = 0; ok && t < nt; ++t) {
+    if (!s.tri[t]) continue;
+    if (last >= 0) next[last] = t;
+    else head = t;
+    prev[t] = last;
+    last = t;
+  }
+  if (last >= 0) next[last] = -1;
+  for (int32_t t = head; ok && t >= 0 && shells <= 1; t = next[t]) {
+    if (!reached[t]) {
+      reached[t] = true;
+      ++shells;
+    }
+    for (int k = 0; k < 3 && shells <= 1; ++k) {
+      const int32_t u = s.adj[3 * t + k];
+      if (u < 0 || reached[u]) continue;
+      reached[u] = true;
+      // u out of the list, then in behind t.
+      if (prev[u] >= 0) next[prev[u]] = next[u];
+      else head = next[u];
+      if (next[u] >= 0) prev[next[u]] = prev[u];
+      prev[u] = t;
+      next[u] = next[t];
+      if (next[t] >= 0) prev[next[t]] = u;
+      next[t] = u;
+    }
+  }
+  if (ok && shells == 1) {
+    qvTri* before = nullptr;
+    for (int32_t t = head; t >= 0; t = next[t]) {
+      qvTri* r = s.tri[t];
+      r->prev = before;
+      r->next = nullptr;
+      if (before) before->next = r;
+      else mesh->tri = r;
+      before = r;
+    }
+  }
+  std::free(next);
+  std::free(prev);
+  std::free(reached);
+  if (!ok) return FT_FAIL(-1);
+  return shells == 1 ? 1 : qvMeshShells(mesh, qvVtxClone);
+}
+
+}  // namespace
+
 qvMesh* qvMeshAssembleCorners(const float* const* corners, int32_t n, const double* tol, int32_t* shells) {
   int32_t unused;
   int32_t& count = shells ? *shells : unused;
@@ -1509,6 +1637,6 @@ qvMesh* qvMeshAssembleCorners(const float* const* corners, int32_t n, const doub
   if (!mesh) return FT_FAIL(nullptr);
   Soup soup;
   if (!soupOfCorners(corners, n, soup) || stitchSoup(mesh, soup, tol) != 0) return FT_FAIL(mesh);
-  count = qvMeshShells(mesh, qvVtxClone);
+  count = soup.adj ? shellsOnArrays(mesh, soup) : qvMeshShells(mesh, qvVtxClone);
   return mesh;
 }
