@@ -127,8 +127,14 @@ FacetRec **sortFacetPointers(FacetBlock *const *blocks, int count, int axis);
 // status out; an ASCII file whose terminator stands before its last facet, or
 // that holds more facets than a count given, is refused with -1.
 FacetKey *readFacetKeys(const char *name, int axis, int *count, int *format);
-// Orders by key, equal keys by ordinal. count, or -1 for a negative count.
-[[nodiscard]] int sortFacetKeys(FacetKey *keys, int count);
+// Tables of this many keys or more are sorted in place: the radix sort's spare
+// table of 8 bytes a facet would otherwise set the streamed route's peak,
+// which is otherwise the keys and one block's mesh.
+constexpr int kKeySortInPlaceFrom = 40000000;
+// Orders by key, equal keys by ordinal, the same order whichever sort runs:
+// a radix sort with a spare table, or from inPlaceFrom keys on a comparison
+// sort in place. count, or -1 for a negative count.
+[[nodiscard]] int sortFacetKeys(FacetKey *keys, int count, int inPlaceFrom = kKeySortInPlaceFrom);
 // Releases blocks from the last to the first and clears each slot.
 void freeFacetBlocks(FacetBlock **blocks, int blockCount);
 
