@@ -314,8 +314,10 @@ struct Soup {
   int32_t* owner = nullptr;  // per edge: 3 x its triangle's number + its slot there
   bool records = true;       // numbered from a mesh's records, not made from corners
   int32_t* adj = nullptr;    // per triangle slot: the neighbour's number or -1, once settled on arrays
+  int32_t* corner = nullptr; // per triangle slot k: the welded vertex at corner k, once welded
   ~Soup() {
     std::free(adj);
+    std::free(corner);
     std::free(owner);
     std::free(vtx);
     std::free(xyz);
@@ -602,19 +604,20 @@ bool mergeEdges(const Soup& s, const int32_t* rep, const int32_t* rank, EdgeList
   // each bucket from the last edge of the list to the first.
   int32_t* start = newArray<int32_t>(s.nv + 1);
   int32_t* bucket = newArray<int32_t>(ne);
-  if (!start || !bucket) {
+  int32_t* span = newArray<int32_t>(2 * ne);  // per edge: the ranks of its welded ends, lower first
+  if (!start || !bucket || !span) {
     std::free(start);
     std::free(bucket);
+    std::free(span);
     return false;
   }
-  auto lowEnd = [&](int32_t e) {
+  for (int32_t e = 0; e < ne; ++e) {
     const int32_t a = rank[rep[s.ends[2 * e]]], b = rank[rep[s.ends[2 * e + 1]]];
-    return a < b ? a : b;
-  };
-  auto highEnd = [&](int32_t e) {
-    const int32_t a = rank[rep[s.ends[2 * e]]], b = rank[rep[s.ends[2 * e + 1]]];
-    return a < b ? b : a;
-  };
+    span[2 * e] = a < b ? a : b;
+    span[2 * e + 1] = a < b ? b : a;
+  }
+  auto lowEnd = [span](int32_t e) { return span[2 * e]; };
+  auto highEnd = [span](int32_t e) { return span[2 * e + 1]; };
   for (int32_t i = 0; i <= s.nv; ++i) start[i] = 0;
   for (int32_t e = 0; e < ne; ++e) ++start[lowEnd(e) + 1];
   for (int32_t i = 0; i < s.nv; ++i) start[i + 1] += start[i];
@@ -664,17 +667,16 @@ bool mergeEdges(const Soup& s, const int32_t* rep, const int32_t* rank, EdgeList
   }
   std::free(start);
   std::free(bucket);
+  std::free(span);
   return true;
 }
 
 // The welded vertex at corner k of triangle t: where its edge in slot k starts.
-int32_t cornerOf(const Soup& s, const int32_t* rep, int32_t t, int32_t k) {
-  return rep[s.ends[2 * s.slots[3 * t + k]]];
-}
+int32_t cornerOf(const Soup& s, int32_t t, int32_t k) { return s.corner[3 * t + k]; }
 
 // On each surviving edge in list order, among its triangles not yet gone, the
 // first of each opposite corner stays and the others go.
-bool markDoubled(const Soup& s, const int32_t* rep, const EdgeLists& l, const int32_t* group, bool* gone) {
+bool markDoubled(const Soup& s, const EdgeLists& l, const int32_t* group, bool* gone) {
   struct Opp {
     int32_t corner;  // the welded vertex opposite the edge
     int32_t pos;     // place in the edge's chain
@@ -698,7 +700,7 @@ bool markDoubled(const Soup& s, const int32_t* rep, const EdgeLists& l, const in
     int32_t m = 0, pos = 0;
     for (int32_t x = l.head[e]; x >= 0; x = l.next[x], ++pos) {
       const int32_t t = s.owner[x] / 3;
-      if (!gone[t]) o[m++] = {cornerOf(s, rep, t, (s.owner[x] % 3 + 2) % 3), pos, t};
+      if (!gone[t]) o[m++] = {cornerOf(s, t, (s.owner[x] % 3 + 2) % 3), pos, t};
     }
     if (m <= kGroupFrom) {
       for (int32_t a = 0; a < m; ++a)
@@ -799,7 +801,7 @@ bool makeRecords(Soup& s, const int32_t* order, const int32_t* rep, const bool* 
 // turn: each edge is then laid along the first triangle in list order that
 // holds it, from its corner at the edge's slot, as the orientation step
 // would. The triangle list is in soup order here. False if memory ran out.
-bool settleManifold(Stitch& st, Soup& s, const int32_t* order, const int32_t* rep, const int32_t* group,
+bool settleManifold(Stitch& st, Soup& s, const int32_t* order, const int32_t* group,
                     const int32_t* kept, const EdgeLists& l, const bool* gone) {
   const int32_t nt = s.nt, nv = s.nv;
   int32_t* adj = newArray<int32_t>(3 * nt);  // per slot: the neighbouring triangle, or -1
@@ -813,12 +815,12 @@ bool settleManifold(Stitch& st, Soup& s, const int32_t* order, const int32_t* re
     const int32_t x = s.owner[l.head[e]], y = s.owner[l.next[l.head[e]]];
     adj[x] = y / 3;
     adj[y] = x / 3;
-    consistent = consistent && cornerOf(s, rep, x / 3, x % 3) == cornerOf(s, rep, y / 3, (y % 3 + 1) % 3);
+    consistent = consistent && cornerOf(s, x / 3, x % 3) == cornerOf(s, y / 3, (y % 3 + 1) % 3);
   }
   for (int32_t t = 0; ok && t < nt; ++t)
     if (!gone[t])
       for (int k = 0; k < 3; ++k) {
-        const int32_t v = cornerOf(s, rep, t, k);
+        const int32_t v = cornerOf(s, t, k);
         if (deg[v]++ == 0) start[v] = 3 * t + k;
       }
   // The slot of the other edge at corner k than the one in slot k.
@@ -840,7 +842,7 @@ bool settleManifold(Stitch& st, Soup& s, const int32_t* order, const int32_t* re
       ++n;
       const int32_t shared = group[s.slots[3 * t + slot]];
       int32_t ku = 0;
-      while (ku < 3 && cornerOf(s, rep, u, ku) != v) ++ku;
+      while (ku < 3 && cornerOf(s, u, ku) != v) ++ku;
       if (ku == 3) return limit + 1;
       slot = group[s.slots[3 * u + ku]] == shared ? otherAt(ku) : ku;
       t = u;
@@ -870,7 +872,7 @@ bool settleManifold(Stitch& st, Soup& s, const int32_t* order, const int32_t* re
   for (int32_t t = 0; ok && nFans > 0 && t < nt; ++t)
     if (!gone[t])
       for (int k = 0; k < 3 && ok; ++k) {
-        const int32_t v = cornerOf(s, rep, t, k);
+        const int32_t v = cornerOf(s, t, k);
         if (deg[v] < 0) ok = st.refs.push(s.vtx[v]->link, s.tri[t]);
       }
   if (ok && consistent) {
@@ -879,8 +881,8 @@ bool settleManifold(Stitch& st, Soup& s, const int32_t* order, const int32_t* re
       int32_t x = s.owner[l.head[e]];
       if (kept[e] == 2 && s.owner[l.next[l.head[e]]] < x) x = s.owner[l.next[l.head[e]]];
       qvEdg* r = s.edg[e];
-      r->ends[0] = s.vtx[cornerOf(s, rep, x / 3, x % 3)]->dat;
-      r->ends[1] = s.vtx[cornerOf(s, rep, x / 3, (x % 3 + 1) % 3)]->dat;
+      r->ends[0] = s.vtx[cornerOf(s, x / 3, x % 3)]->dat;
+      r->ends[1] = s.vtx[cornerOf(s, x / 3, (x % 3 + 1) % 3)]->dat;
     }
     st.oriented = true;
     st.mesh->flags &= ~kMeshPassSet;
@@ -913,8 +915,11 @@ bool weldAndLink(Stitch& st, Soup& s, const double* tol) {
                         alive && items);
   if (ok && nt > 0) {
     ok = weld(mesh, s, tol, order, rep);
+    s.corner = ok ? newArray<int32_t>(3 * nt) : nullptr;
+    ok = s.corner != nullptr;
+    for (int32_t i = 0; ok && i < 3 * nt; ++i) s.corner[i] = rep[s.ends[2 * s.slots[i]]];
     for (int32_t i = 0; ok && i < nv; ++i) rank[order[i]] = i;
-    ok = ok && mergeEdges(s, rep, rank, l, group, gone) && markDoubled(s, rep, l, group, gone);
+    ok = ok && mergeEdges(s, rep, rank, l, group, gone) && markDoubled(s, l, group, gone);
   }
   if (!ok || nt == 0) {
     std::free(order), std::free(rep), std::free(rank), std::free(group), std::free(kept);
@@ -944,7 +949,7 @@ bool weldAndLink(Stitch& st, Soup& s, const double* tol) {
   }
   for (int32_t t = 0; t < nt; ++t)
     if (!gone[t])
-      for (int k = 0; k < 3; ++k) alive[cornerOf(s, rep, t, k)] = true;
+      for (int k = 0; k < 3; ++k) alive[cornerOf(s, t, k)] = true;
   if (!s.records && !makeRecords(s, order, rep, alive, group, kept, gone)) {
     std::free(order), std::free(rep), std::free(rank), std::free(group), std::free(kept);
     std::free(l.head), std::free(l.tail), std::free(l.count), std::free(l.next);
@@ -1009,7 +1014,7 @@ bool weldAndLink(Stitch& st, Soup& s, const double* tol) {
   mesh->flags &= ~kMeshSortedSet;
   // A soup given as records keeps the steps that settle it on records: the
   // result is the same, and its assembly is the one the other is checked by.
-  if (nHeld == 0 && !s.records) ok = settleManifold(st, s, order, rep, group, kept, l, gone);
+  if (nHeld == 0 && !s.records) ok = settleManifold(st, s, order, group, kept, l, gone);
   // Held edges carry the list of their triangles, in order.
   for (int32_t i = 0; ok && i < nHeld; ++i) {
     const int32_t e = order[i];
