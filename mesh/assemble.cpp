@@ -7,13 +7,19 @@
 // could not tell apart (and split again), rejoin the pieces of pulled-apart
 // edges that still meet, release the working lists, orient.
 //
-// Working lists: vertices hold qvLnk lists of their edges (steps 1-2) and of
-// their triangles (step 5) in link; edges hold qvLnk lists of their
-// triangles in link, except in edgHeld after step 4, where link is the one
-// triangle itself. Whatever the outcome, all of them are released before
-// qvMeshStitch returns. Their nodes come from a pool that the stitch owns
-// (RefPool below), so releasing a list is clearing a link, and the pool goes
-// as a whole at the end.
+// Steps 1-3 run on flat arrays over the soup, numbered in list order: the
+// vertices are ordered by sorting (key, place) pairs, the edges grouped by
+// their welded ends, and each record that stays is written once. A soup can
+// come as records (qvMeshStitch) or as corners alone (qvMeshAssembleCorners),
+// which makes only the records that stay and, where no edge has more than two
+// triangles, settles fans, orientation and a single shell on the arrays too.
+//
+// Working lists: vertices hold qvLnk lists of their triangles (step 5) in
+// link; edges in edgHeld hold qvLnk lists of their triangles in link, until
+// step 4 leaves each piece with its one triangle itself. Whatever the
+// outcome, all of them are released before qvMeshStitch returns. Their nodes
+// come from a pool that the stitch owns (RefPool below), so releasing a list
+// is clearing a link, and the pool goes as a whole at the end.
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
@@ -1373,7 +1379,7 @@ int32_t stitchSoup(qvMesh* mesh, Soup& soup, const double* tol) {
     stitchRelease(s);
     return FT_FAIL(-1);
   }
-  // Step 7: the edge lists of this mesh went in step 3; those of meshes
+  // Step 7: this mesh's edges hold no list after step 3; those of meshes
   // chained behind it are their own.
   qvEdgListsFree(mesh->next, qvLnkListFree);
   if (!s.oriented && !orient(mesh)) return FT_FAIL(-1);
