@@ -1,5 +1,8 @@
 // List routines. They are written once over the record type and given a
 // name per type; every record type chains itself through prev and next.
+#include <cstdlib>
+
+#include "kernels/alloc.h"
 #include "mesh/mesh_internal.h"
 
 namespace {
@@ -140,3 +143,86 @@ int32_t qvLnkCount(const qvLnk* head) { return listCount(head); }
 qvLnk* qvLnkTail(qvLnk* head) { return listTail(head); }
 
 void qvLnkListFree(void* list) { qvLnkDeleteAll(static_cast<qvLnk*>(list)); }
+
+int32_t qvMeshCompact(qvMesh* mesh) {
+  if (!mesh || mesh->edgHeld || mesh->triHeld) return -1;
+  int32_t nt = 0, ne = 0;
+  for (const qvTri* t = mesh->tri; t; t = t->next, ++nt)
+    if (t->link || t->aux[0] || t->aux[1] || t->aux[2]) return -1;
+  for (const qvEdg* e = mesh->edg; e; e = e->next, ++ne)
+    if (e->link) return -1;
+  qvTri** tris = static_cast<qvTri**>(ftMalloc(sizeof(qvTri*) * (static_cast<size_t>(nt) + 1)));
+  qvEdg** edgs = static_cast<qvEdg**>(ftMalloc(sizeof(qvEdg*) * (static_cast<size_t>(ne) + 1)));
+  int32_t madeT = 0, madeE = 0;
+  bool ok = tris && edgs;
+  // The copies, in list order; each original names its copy in link.
+  for (qvEdg* e = ok ? mesh->edg : nullptr; e && ok; e = e->next) {
+    qvEdg* c = static_cast<qvEdg*>(ftMalloc(sizeof(qvEdg)));
+    ok = c != nullptr;
+    if (ok) {
+      *c = *e;
+      edgs[madeE++] = c;
+      e->link = c;
+    }
+  }
+  for (qvTri* t = ok ? mesh->tri : nullptr; t && ok; t = t->next) {
+    qvTri* c = static_cast<qvTri*>(ftMalloc(sizeof(qvTri)));
+    ok = c != nullptr;
+    if (ok) {
+      *c = *t;
+      tris[madeT++] = c;
+      t->link = c;
+    }
+  }
+  // Every edge and neighbour a triangle names must be one of the mesh's.
+  for (int32_t i = 0; i < madeT && ok; ++i)
+    for (int k = 0; k < 3 && ok; ++k) {
+      const qvEdg* e = tris[i]->edg[k];
+      const qvTri* n = tris[i]->adj[k];
+      ok = (!e || e->link) && (!n || n->link);
+    }
+  if (ok) {
+    for (int32_t i = 0; i < madeT; ++i) {
+      qvTri* c = tris[i];
+      for (int k = 0; k < 3; ++k) {
+        if (c->edg[k]) c->edg[k] = static_cast<qvEdg*>(c->edg[k]->link);
+        if (c->adj[k]) c->adj[k] = static_cast<qvTri*>(c->adj[k]->link);
+      }
+      c->link = nullptr;
+      c->prev = i > 0 ? tris[i - 1] : nullptr;
+      c->next = i + 1 < madeT ? tris[i + 1] : nullptr;
+    }
+    for (int32_t i = 0; i < madeE; ++i) {
+      qvEdg* c = edgs[i];
+      c->link = nullptr;
+      c->prev = i > 0 ? edgs[i - 1] : nullptr;
+      c->next = i + 1 < madeE ? edgs[i + 1] : nullptr;
+    }
+  }
+  // The records that go: the originals, or the copies when something failed.
+  // A copy holds its original's distance block, so only the record is freed.
+  qvTri* oldTri = mesh->tri;
+  qvEdg* oldEdg = mesh->edg;
+  for (qvTri* t = oldTri; t;) {
+    qvTri* next = t->next;  // read before t is freed
+    if (ok) std::free(t);
+    else t->link = nullptr;
+    t = next;
+  }
+  for (qvEdg* e = oldEdg; e;) {
+    qvEdg* next = e->next;  // read before e is freed
+    if (ok) std::free(e);
+    else e->link = nullptr;
+    e = next;
+  }
+  if (ok) {
+    mesh->tri = madeT > 0 ? tris[0] : nullptr;
+    mesh->edg = madeE > 0 ? edgs[0] : nullptr;
+  } else {
+    for (int32_t i = 0; i < madeT; ++i) std::free(tris[i]);
+    for (int32_t i = 0; i < madeE; ++i) std::free(edgs[i]);
+  }
+  std::free(tris);
+  std::free(edgs);
+  return ok ? 0 : -1;
+}
