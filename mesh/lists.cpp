@@ -145,84 +145,44 @@ qvLnk* qvLnkTail(qvLnk* head) { return listTail(head); }
 void qvLnkListFree(void* list) { qvLnkDeleteAll(static_cast<qvLnk*>(list)); }
 
 int32_t qvMeshCompact(qvMesh* mesh) {
-  if (!mesh || mesh->edgHeld || mesh->triHeld) return -1;
-  int32_t nt = 0, ne = 0;
-  for (const qvTri* t = mesh->tri; t; t = t->next, ++nt)
+  if (!mesh || mesh->triHeld) return -1;
+  int32_t n = 0;
+  for (const qvTri* t = mesh->tri; t; t = t->next, ++n)
     if (t->link || t->aux[0] || t->aux[1] || t->aux[2]) return -1;
-  for (const qvEdg* e = mesh->edg; e; e = e->next, ++ne)
-    if (e->link) return -1;
-  qvTri** tris = static_cast<qvTri**>(ftMalloc(sizeof(qvTri*) * (static_cast<size_t>(nt) + 1)));
-  qvEdg** edgs = static_cast<qvEdg**>(ftMalloc(sizeof(qvEdg*) * (static_cast<size_t>(ne) + 1)));
-  int32_t madeT = 0, madeE = 0;
-  bool ok = tris && edgs;
+  qvTri** made = static_cast<qvTri**>(ftMalloc(sizeof(qvTri*) * (static_cast<size_t>(n) + 1)));
+  int32_t count = 0;
+  bool ok = made != nullptr;
   // The copies, in list order; each original names its copy in link.
-  for (qvEdg* e = ok ? mesh->edg : nullptr; e && ok; e = e->next) {
-    qvEdg* c = static_cast<qvEdg*>(ftMalloc(sizeof(qvEdg)));
-    ok = c != nullptr;
-    if (ok) {
-      *c = *e;
-      edgs[madeE++] = c;
-      e->link = c;
-    }
-  }
   for (qvTri* t = ok ? mesh->tri : nullptr; t && ok; t = t->next) {
     qvTri* c = static_cast<qvTri*>(ftMalloc(sizeof(qvTri)));
     ok = c != nullptr;
     if (ok) {
       *c = *t;
-      tris[madeT++] = c;
+      made[count++] = c;
       t->link = c;
     }
   }
-  // Every edge and neighbour a triangle names must be one of the mesh's.
-  for (int32_t i = 0; i < madeT && ok; ++i)
-    for (int k = 0; k < 3 && ok; ++k) {
-      const qvEdg* e = tris[i]->edg[k];
-      const qvTri* n = tris[i]->adj[k];
-      ok = (!e || e->link) && (!n || n->link);
-    }
-  if (ok) {
-    for (int32_t i = 0; i < madeT; ++i) {
-      qvTri* c = tris[i];
-      for (int k = 0; k < 3; ++k) {
-        if (c->edg[k]) c->edg[k] = static_cast<qvEdg*>(c->edg[k]->link);
-        if (c->adj[k]) c->adj[k] = static_cast<qvTri*>(c->adj[k]->link);
-      }
-      c->link = nullptr;
-      c->prev = i > 0 ? tris[i - 1] : nullptr;
-      c->next = i + 1 < madeT ? tris[i + 1] : nullptr;
-    }
-    for (int32_t i = 0; i < madeE; ++i) {
-      qvEdg* c = edgs[i];
-      c->link = nullptr;
-      c->prev = i > 0 ? edgs[i - 1] : nullptr;
-      c->next = i + 1 < madeE ? edgs[i + 1] : nullptr;
-    }
+  // Every neighbour a triangle names must be one of the mesh's.
+  for (int32_t i = 0; i < count && ok; ++i)
+    for (const qvTri* a : made[i]->adj) ok = ok && (!a || a->link);
+  for (int32_t i = 0; i < count && ok; ++i) {
+    qvTri* c = made[i];
+    for (qvTri*& a : c->adj)
+      if (a) a = static_cast<qvTri*>(a->link);
+    c->link = nullptr;
+    c->prev = i > 0 ? made[i - 1] : nullptr;
+    c->next = i + 1 < count ? made[i + 1] : nullptr;
   }
   // The records that go: the originals, or the copies when something failed.
   // A copy holds its original's distance block, so only the record is freed.
-  qvTri* oldTri = mesh->tri;
-  qvEdg* oldEdg = mesh->edg;
-  for (qvTri* t = oldTri; t;) {
+  for (qvTri* t = mesh->tri; t;) {
     qvTri* next = t->next;  // read before t is freed
     if (ok) std::free(t);
     else t->link = nullptr;
     t = next;
   }
-  for (qvEdg* e = oldEdg; e;) {
-    qvEdg* next = e->next;  // read before e is freed
-    if (ok) std::free(e);
-    else e->link = nullptr;
-    e = next;
-  }
-  if (ok) {
-    mesh->tri = madeT > 0 ? tris[0] : nullptr;
-    mesh->edg = madeE > 0 ? edgs[0] : nullptr;
-  } else {
-    for (int32_t i = 0; i < madeT; ++i) std::free(tris[i]);
-    for (int32_t i = 0; i < madeE; ++i) std::free(edgs[i]);
-  }
-  std::free(tris);
-  std::free(edgs);
+  if (ok) mesh->tri = count > 0 ? made[0] : nullptr;
+  for (int32_t i = 0; i < count && !ok; ++i) std::free(made[i]);
+  std::free(made);
   return ok ? 0 : -1;
 }

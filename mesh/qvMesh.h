@@ -325,11 +325,11 @@ qvTri* qvTriTail(qvTri* head);
 // returns the new head, the former tail.
 qvTri* qvTriReverse(qvTri* head);
 
-// Makes every triangle and edge of a mesh at rest anew, in list order, and
-// frees the former records, so that a walk along the lists runs through
-// memory in order; contents, list order and the vertices stay as they were.
-// 0; -1 for a mesh not at rest (held records, a working link or aux set) or
-// when memory runs out, and then nothing has changed.
+// Makes every triangle of a mesh at rest anew, in list order, and frees the
+// former records, so that a walk along the list runs through memory in order;
+// contents, list order, edges and vertices stay as they were. 0; -1 for a
+// mesh not at rest (held triangles, a working link or aux set) or when memory
+// runs out, and then nothing has changed.
 int32_t qvMeshCompact(qvMesh* mesh);
 
 qvMesh* qvMeshConcat(qvMesh* a, qvMesh* b);

@@ -112,7 +112,7 @@ std::vector<int> shape(const qvMesh* m) {
   return out;
 }
 
-TEST(MeshCompact, RecordsMadeAnewKeepContentsAndOrderAndRefusalsChangeNothing) {
+TEST(MeshCompact, TrianglesMadeAnewKeepContentsAndOrderAndRefusalsChangeNothing) {
   for (const Shape* s : {&kOctahedron, &kOpenCone, &kBowTie, &kThreeOnEdge}) {
     Fixture f(*s);
     f.mesh->tri = qvTriReverse(f.mesh->tri);  // list order against the order of making
