@@ -11,6 +11,7 @@
 // Read order: the output file, the walk over a mesh chain, the block loop, the
 // two block routes, then the three method entries.
 #include "front/front.h"
+#include "kernels/alloc.h"
 #include "kernels/failure.h"
 #include "kernels/progress.h"
 #include "front/front_internal.h"
@@ -141,11 +142,28 @@ struct FacetSource {
   int format;             // the input's format, for keys
 };
 
-qvMesh *buildRun(const FacetSource &source, int start, int size, int *status) {
+// The run assembled into a chain of shells; shells as assembleFromPointers.
+// The streamed route fetches the run's facets first.
+qvMesh *assembleRun(const FacetSource &source, int start, int size, int *shells) {
+  *shells = -1;
   if (source.table) {
-    return meshFromPointers(source.table + start, size, status);
+    progressStage(kStageAssembly);
+    return assembleFromPointers(source.table + start, size, shells);
   }
-  return meshFromKeys(source.input, source.format, source.keys + start, size, status);
+  progressStage(kStageFetch);
+  FacetRec *facets = fetchFacetRun(source.input, source.format, source.keys + start, size);
+  auto **table = static_cast<FacetRec **>(ftMalloc(sizeof(FacetRec *) * static_cast<size_t>(size)));
+  qvMesh *mesh = nullptr;
+  if (facets && table) {
+    for (int i = 0; i < size; ++i) {
+      table[i] = &facets[i];
+    }
+    progressStage(kStageAssembly);
+    mesh = assembleFromPointers(table, size, shells);
+  }
+  std::free(table);
+  std::free(facets);
+  return mesh;
 }
 
 // Hands the memory of a released block back before the next block is built.
@@ -172,13 +190,11 @@ int64_t reduceBlocks(const FacetSource &source, int count, FILE *output, int met
   for (int start = 0; start < count; start += kFacetBlockSize) {
     const int size = std::min(kFacetBlockSize, count - start);
     progressUnit(kUnitBlock, start / kFacetBlockSize, blocks, size, count);
-    progressStage(kStageFetch);
-    int status = 0;
-    qvMesh *mesh = buildRun(source, start, size, &status);
-    progressStage(kStageAssembly);
     // With no tolerance only coinciding coordinates weld. A run that leaves no
     // triangle fails the whole run.
-    if (!mesh || status != 0 || qvMeshAssemble(mesh, nullptr) < 1) {
+    int shells = -1;
+    qvMesh *mesh = assembleRun(source, start, size, &shells);
+    if (!mesh || shells < 1) {
       qvMeshDeleteAll(mesh);
       return FT_FAIL(-1);
     }

@@ -7,13 +7,19 @@
 // could not tell apart (and split again), rejoin the pieces of pulled-apart
 // edges that still meet, release the working lists, orient.
 //
-// Working lists: vertices hold qvLnk lists of their edges (steps 1-2) and of
-// their triangles (step 5) in link; edges hold qvLnk lists of their
-// triangles in link, except in edgHeld after step 4, where link is the one
-// triangle itself. Whatever the outcome, all of them are released before
-// qvMeshStitch returns. Their nodes come from a pool that the stitch owns
-// (RefPool below), so releasing a list is clearing a link, and the pool goes
-// as a whole at the end.
+// Steps 1-3 run on flat arrays over the soup, numbered in list order: the
+// vertices are ordered by sorting (key, place) pairs, the edges grouped by
+// their welded ends, and each record that stays is written once. A soup can
+// come as records (qvMeshStitch) or as corners alone (qvMeshAssembleCorners),
+// which makes only the records that stay and, where no edge has more than two
+// triangles, settles fans, orientation and a single shell on the arrays too.
+//
+// Working lists: vertices hold qvLnk lists of their triangles (step 5) in
+// link; edges in edgHeld hold qvLnk lists of their triangles in link, until
+// step 4 leaves each piece with its one triangle itself. Whatever the
+// outcome, all of them are released before qvMeshStitch returns. Their nodes
+// come from a pool that the stitch owns (RefPool below), so releasing a list
+// is clearing a link, and the pool goes as a whole at the end.
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
@@ -65,7 +71,6 @@ int32_t qvMeshAddFacet(qvMesh* mesh, qvVtx* corners[3]) {
 namespace {
 
 qvLnk* lnkOf(void* link) { return static_cast<qvLnk*>(link); }
-qvEdg* edgOf(const qvLnk* l) { return static_cast<qvEdg*>(l->item); }
 qvTri* triOf(const qvLnk* l) { return static_cast<qvTri*>(l->item); }
 
 // Grouping without quadratic scans. Where a step compares every record of a
@@ -216,27 +221,32 @@ struct Stitch {
   qvMesh* mesh;
   RefPool refs;
   PairLog pairs;
-  int32_t groups = 0;  // non-manifold edges whose triangles all paired
+  int32_t groups = 0;     // non-manifold edges whose triangles all paired
+  bool oriented = false;  // orientation found consistent, every edge already along its first triangle
+  qvVtx** fans = nullptr; // vertices of more than one fan in list order, with their triangle lists
+  int32_t nFans = -1;     // how many; -1 when every vertex must be looked at
+  ~Stitch() { std::free(fans); }
 };
 
-// The working lists, built in the order of the library's routines of the
-// same purpose (each node in front of its list, records in list order): the
-// triangles of each edge, the edges at each vertex, the triangles at each
-// vertex.
-bool edgTriLists(Stitch& s) {
-  for (qvTri* t = s.mesh->tri; t; t = t->next)
-    for (qvEdg* e : t->edg)
-      if (e && !s.refs.push(e->link, t)) return false;
-  return true;
+// Takes every node naming item out of the list in link; whether one was there.
+bool dropAll(RefPool& refs, void*& link, const void* item) {
+  bool found = false;
+  qvLnk* list = lnkOf(link);
+  for (qvLnk* l = list; l;) {
+    qvLnk* next = l->next;  // read before the node is freed
+    if (l->item == item) {
+      list = listUnlink(list, l);
+      refs.drop(l);
+      found = true;
+    }
+    l = next;
+  }
+  link = list;
+  return found;
 }
 
-bool vtxEdgLists(Stitch& s) {
-  for (qvEdg* e = s.mesh->edg; e; e = e->next)
-    for (double* h : e->ends)
-      if (h && !s.refs.push(qvVtxOf(h)->link, e)) return false;
-  return true;
-}
-
+// The triangles at each vertex, in the order of the library's routine of the
+// same purpose: each node in front of its list, triangles in list order.
 bool vtxTriLists(Stitch& s) {
   for (qvTri* t = s.mesh->tri; t; t = t->next) {
     double* c[3];
@@ -273,7 +283,131 @@ bool stitchable(const qvMesh* mesh) {
 }
 
 // ---------------------------------------------------------------------------
-// Step 1: merge vertices
+// Steps 1-3: weld, merge edges, drop degenerate and doubled triangles, link
+//
+// These run on flat arrays over the soup's records, numbered in list order,
+// and each record that stays is written once at the end. What they compute is
+// fixed by the list orders of the soup:
+//  - The vertex order is by x, y, z, then list position (qvMeshSortVtx's
+//    order). A welded vertex joins the first vertex of its run, which stays.
+//  - Edges on the same two welded vertices form a group. Walked from the edge
+//    last in the list to the first, each edge that still has triangles takes
+//    over those of each later one in turn; the one with more triangles gives
+//    way, the later one at equal counts, and the one that takes over puts the
+//    other's triangles behind its own. The survivor of a group stays, at its
+//    own place in the list and with its own ends.
+//  - A triangle with two corners welded together goes. So does a triangle on
+//    the same three vertices as another: edges are visited in list order, and
+//    on each, among the triangles still there, the first of each opposite
+//    corner in the edge's order stays.
+//  - An edge left with one triangle is a boundary edge: these stand at the
+//    head of the edge list, last first; edges with two follow in list order,
+//    their triangles joined by adj; edges with more wait in edgHeld, last
+//    first, each with a list of its triangles, whose triangles wait in
+//    triHeld in reverse order of their first appearance there.
+//  - A vertex stays when a triangle that stays has it as a corner.
+
+// The soup as arrays. Vertices, edges and triangles are numbered by their
+// place in their lists; ends and slots refer to those numbers.
+struct Soup {
+  int32_t nv = 0, ne = 0, nt = 0;
+  qvVtx** vtx = nullptr;     // vertex records in list order
+  double* xyz = nullptr;     // their coordinates, three per vertex
+  qvEdg** edg = nullptr;     // edge records in list order
+  int32_t* ends = nullptr;   // two vertex numbers per edge
+  qvTri** tri = nullptr;     // triangle records in list order
+  int32_t* slots = nullptr;  // three edge numbers per triangle
+  int32_t* owner = nullptr;  // per edge: 3 x its triangle's number + its slot there
+  bool records = true;       // numbered from a mesh's records, not made from corners
+  int32_t* adj = nullptr;    // per triangle slot: the neighbour's number or -1, once settled on arrays
+  int32_t* corner = nullptr; // per triangle slot k: the welded vertex at corner k, once welded
+  ~Soup() {
+    std::free(adj);
+    std::free(corner);
+    std::free(owner);
+    std::free(vtx);
+    std::free(xyz);
+    std::free(edg);
+    std::free(ends);
+    std::free(tri);
+    std::free(slots);
+  }
+};
+
+// Numbers the records of a soup made by qvMeshAddFacet: every triangle on
+// three edges of its own, in the cycle c0-c1, c1-c2, c2-c0 of three listed
+// vertices, none linked, every listed edge in one triangle. Vertex and edge
+// links hold number + 1 while this runs and are cleared before it returns.
+// False for any other mesh or when memory runs out.
+bool numberSoup(qvMesh* mesh, Soup& s) {
+  for (const qvVtx* v = mesh->vtx; v; v = v->next) ++s.nv;
+  for (const qvEdg* e = mesh->edg; e; e = e->next) ++s.ne;
+  for (const qvTri* t = mesh->tri; t; t = t->next) ++s.nt;
+  if (s.ne != 3 * s.nt) return false;
+  s.vtx = newArray<qvVtx*>(s.nv);
+  s.xyz = newArray<double>(3 * s.nv);
+  s.edg = newArray<qvEdg*>(s.ne);
+  s.ends = newArray<int32_t>(2 * s.ne);
+  s.tri = newArray<qvTri*>(s.nt);
+  s.slots = newArray<int32_t>(3 * s.nt);
+  s.owner = newArray<int32_t>(s.ne);
+  if (s.nt > 0 && (!s.vtx || !s.xyz || !s.edg || !s.ends || !s.tri || !s.slots || !s.owner)) return false;
+  int32_t i = 0;
+  for (qvVtx* v = mesh->vtx; v; v = v->next, ++i) {
+    s.vtx[i] = v;
+    std::memcpy(s.xyz + 3 * i, qvVtxXyz(v), 3 * sizeof(double));
+    v->link = reinterpret_cast<void*>(static_cast<uintptr_t>(i) + 1);
+  }
+  // A handle's number, or -1 when it isn't a vertex of the list.
+  auto vtxNumber = [&s](const double* h) -> int32_t {
+    const uintptr_t n = reinterpret_cast<uintptr_t>(qvVtxOf(h)->link);
+    return n >= 1 && n <= static_cast<uintptr_t>(s.nv) && s.vtx[n - 1]->dat == h ? static_cast<int32_t>(n - 1) : -1;
+  };
+  bool ok = true;
+  i = 0;
+  for (qvEdg* e = mesh->edg; e && ok; e = e->next, ++i) {
+    s.edg[i] = e;
+    s.ends[2 * i] = vtxNumber(e->ends[0]);
+    s.ends[2 * i + 1] = vtxNumber(e->ends[1]);
+    ok = s.ends[2 * i] >= 0 && s.ends[2 * i + 1] >= 0;
+    e->link = reinterpret_cast<void*>(static_cast<uintptr_t>(i) + 1);
+  }
+  i = 0;
+  for (qvTri* t = mesh->tri; t && ok; t = t->next, ++i) {
+    s.tri[i] = t;
+    for (int k = 0; k < 3 && ok; ++k) {
+      const qvEdg* e = t->edg[k];
+      const uintptr_t n = reinterpret_cast<uintptr_t>(e->link);
+      ok = !t->adj[k] && n >= 1 && n <= static_cast<uintptr_t>(s.ne) && s.edg[n - 1] == e;
+      if (!ok) break;
+      s.slots[3 * i + k] = static_cast<int32_t>(n - 1);
+      s.owner[n - 1] = 3 * i + k;
+      const_cast<qvEdg*>(e)->link = nullptr;  // a second use of the edge fails above
+    }
+    // The cycle: each edge starts where the one before it ends.
+    for (int k = 0; k < 3 && ok; ++k)
+      ok = s.ends[2 * s.slots[3 * i + k] + 1] == s.ends[2 * s.slots[3 * i + (k + 1) % 3]];
+  }
+  for (qvVtx* v = mesh->vtx; v; v = v->next) v->link = nullptr;
+  for (qvEdg* e = mesh->edg; e; e = e->next) {
+    ok = ok && !e->link;  // an edge of no triangle
+    e->link = nullptr;
+  }
+  return ok;
+}
+
+// The order of a vertex list (qvMeshSortVtx's, along x).
+struct VtxKey {
+  uint64_t k[3];  // the coordinate keys of x, y, z
+  int32_t pos;    // place in the list
+};
+
+bool vtxKeyBefore(const VtxKey& a, const VtxKey& b) {
+  if (a.k[0] != b.k[0]) return a.k[0] < b.k[0];
+  if (a.k[1] != b.k[1]) return a.k[1] < b.k[1];
+  if (a.k[2] != b.k[2]) return a.k[2] < b.k[2];
+  return a.pos < b.pos;
+}
 
 bool sameBits(const double* a, const double* b) { return std::memcmp(a, b, 3 * sizeof(double)) == 0; }
 
@@ -281,65 +415,69 @@ bool sameValue(const double* a, const double* b) { return a[0] == b[0] && a[1] =
 
 // With a tolerance: each vertex in turn is a base for the vertices behind it
 // in x order, up to tol[0] further along x. A vertex that matches joins the
-// base's chain, so merging is transitive and can span more than the
-// tolerance; merged vertices still serve as bases with their own coordinates.
-// The comparisons are written so that a NaN never matches and ends the walk.
-void weldNear(qvMesh* mesh, const double* tol) {
+// base's vertex (the base itself, or the one the base joined), so merging is
+// transitive and can span more than the tolerance; merged vertices still
+// serve as bases with their own coordinates. The comparisons are written so
+// that a NaN never matches and ends the walk. order holds vertex numbers in
+// x order, rep receives the vertex each one joins (-1 for none).
+void weldNear(const Soup& s, const int32_t* order, int32_t* rep, const double* tol) {
   const double lin = tol[0];
   const double sq = tol[1];
-  qvVtx* runEnd = nullptr;  // first vertex whose x differs from the base's
+  const int32_t n = s.nv;
+  int32_t runEnd = 0;  // first place whose x differs from the base's
   const double* runX = nullptr;
-  for (qvVtx* b = mesh->vtx; b; b = b->next) {
-    const double* pb = qvVtxXyz(b);
+  for (int32_t b = 0; b < n; ++b) {
+    const double* pb = s.xyz + 3 * order[b];
     if (!runX || !(pb[0] == *runX)) {
       runX = pb;
-      runEnd = b->next;
-      while (runEnd && qvVtxXyz(runEnd)[0] == pb[0]) runEnd = runEnd->next;
+      runEnd = b + 1;
+      while (runEnd < n && s.xyz[3 * order[runEnd]] == pb[0]) ++runEnd;
     }
-    qvVtx* head = b->link ? static_cast<qvVtx*>(b->link) : b;
-    for (qvVtx* c = b->next; c;) {
-      if (c->link) {
-        c = c->next;
+    const int32_t head = rep[order[b]] >= 0 ? rep[order[b]] : order[b];
+    for (int32_t c = b + 1; c < n;) {
+      if (rep[order[c]] >= 0) {
+        ++c;
         continue;
       }
-      const double* pc = qvVtxXyz(c);
+      const double* pc = s.xyz + 3 * order[c];
       const double dx = pc[0] - pb[0];
       if (!(dx <= lin)) break;
       const double dy = pc[1] - pb[1];
       const double dz = pc[2] - pb[2];
-      // Among equal x the list is in y order: nothing further at this x can
-      // come within reach in y.
+      // Among equal x the order is by y: nothing further at this x can come
+      // within reach in y.
       if (dx == 0.0 && dy > lin) {
         c = runEnd;
         continue;
       }
-      if (std::fabs(dy) <= lin && std::fabs(dz) <= lin && dx * dx + dy * dy + dz * dz <= sq) c->link = head;
-      c = c->next;
+      if (std::fabs(dy) <= lin && std::fabs(dz) <= lin && dx * dx + dy * dy + dz * dz <= sq) rep[order[c]] = head;
+      ++c;
     }
   }
 }
 
 // Without a tolerance: runs of bitwise equal coordinates join their first
-// vertex. The sort orders 0.0 and -0.0 as equal, so equal values with
+// vertex. The order takes 0.0 and -0.0 as equal, so equal values with
 // different signs of zero may interleave; a run is therefore a run of equal
 // values, and each vertex joins the first of that run with its very bits (at
 // most eight bit patterns share a value: the signs of three zeros).
-void weldExact(qvMesh* mesh) {
-  qvVtx* heads[8];
+void weldExact(const Soup& s, const int32_t* order, int32_t* rep) {
+  int32_t heads[8];
   int n = 0;
-  for (qvVtx* c = mesh->vtx; c; c = c->next) {
-    const double* pc = qvVtxXyz(c);
-    const double* p0 = n > 0 ? qvVtxXyz(heads[0]) : nullptr;
+  for (int32_t i = 0; i < s.nv; ++i) {
+    const int32_t c = order[i];
+    const double* pc = s.xyz + 3 * c;
+    const double* p0 = n > 0 ? s.xyz + 3 * heads[0] : nullptr;
     if (!p0 || !(sameBits(pc, p0) || sameValue(pc, p0))) {
       heads[0] = c;
       n = 1;
       continue;
     }
-    qvVtx* match = nullptr;
-    for (int i = 0; i < n && !match; ++i)
-      if (sameBits(pc, qvVtxXyz(heads[i]))) match = heads[i];
-    if (match) {
-      c->link = match;
+    int32_t match = -1;
+    for (int k = 0; k < n && match < 0; ++k)
+      if (sameBits(pc, s.xyz + 3 * heads[k])) match = heads[k];
+    if (match >= 0) {
+      rep[c] = match;
     } else if (n < 8) {
       heads[n++] = c;
     } else {
@@ -349,313 +487,551 @@ void weldExact(qvMesh* mesh) {
   }
 }
 
-bool mergeVertices(Stitch& s, const double* tol) {
-  qvMesh* mesh = s.mesh;
-  // The merge walks the list in x order: it must really be sorted by x.
-  if (mesh->vtx && qvMeshSortVtx(mesh, kMeshSortX, nullptr) != 0) return false;
-  if (tol) weldNear(mesh, tol);
-  else weldExact(mesh);
-  for (qvEdg* e = mesh->edg; e;) {
-    qvEdg* next = e->next;  // read before e moves to the head
-    for (double*& h : e->ends) {
-      const qvVtx* v = qvVtxOf(h);
-      if (v->link) h = static_cast<qvVtx*>(v->link)->dat;
-    }
-    if (e->ends[0] == e->ends[1]) mesh->edg = listMoveToHead(mesh->edg, e);
-    e = next;
-  }
-  for (qvVtx* v = mesh->vtx; v;) {
-    qvVtx* next = v->next;  // read before v is freed
-    if (v->link) mesh->vtx = qvVtxDelete(mesh->vtx, v);
-    v = next;
-  }
-  mesh->flags &= ~kMeshSortedSet;
-  return vtxEdgLists(s);
+// A float's place in the same total order as qvCoordKey's: 0.0 and -0.0
+// alike, NaN after every number.
+uint32_t floatKey(float f) {
+  if (std::isnan(f)) return UINT32_MAX;
+  if (f == 0.0f) f = 0.0f;
+  uint32_t bits;
+  std::memcpy(&bits, &f, sizeof bits);
+  const uint32_t sign = uint32_t{1} << 31;
+  return (bits & sign) ? ~bits : (bits | sign);
 }
 
-// ---------------------------------------------------------------------------
-// Step 2: merge edges
-
-bool sameEnds(const qvEdg* a, const qvEdg* b) {
-  return (a->ends[0] == b->ends[0] && a->ends[1] == b->ends[1]) ||
-         (a->ends[0] == b->ends[1] && a->ends[1] == b->ends[0]);
-}
-
-// Merges two edges on the same two vertices. The edge with more triangles
-// gives way and the one with fewer survives (b at equal counts): the slot
-// rewriting below pays for the longer list. This is deliberate and kept so.
-bool mergePair(qvMesh* mesh, qvEdg* a, qvEdg* b) {
-  if (!a->link || !b->link) return true;
-  const bool aGives = qvLnkCount(lnkOf(a->link)) > qvLnkCount(lnkOf(b->link));
-  qvEdg* gives = aGives ? a : b;
-  qvEdg* stays = aGives ? b : a;
-  for (qvLnk* l = lnkOf(gives->link); l; l = l->next) {
-    const int32_t slot = qvTriEdgeSlot(triOf(l), gives);
-    if (slot < 0) return false;
-    triOf(l)->edg[slot] = stays;
+// The vertex order when every coordinate is a float widened, as from a file:
+// a float orders as its double does, so the three keys fit in 96 bits, and a
+// stable radix sort of them, 16 bits a pass from the last, keeps list order
+// among equal keys. 1 when sorted into order, 0 when some coordinate is no
+// float (the caller sorts), -1 when memory ran out.
+int32_t sortFloatCorners(const Soup& s, int32_t* order) {
+  const int32_t n = s.nv;
+  for (int32_t i = 0; i < 3 * n; ++i) {
+    const double d = s.xyz[i];
+    if (!std::isnan(d) && static_cast<double>(static_cast<float>(d)) != d) return 0;
   }
-  stays->link = ftmesh::listConcat(lnkOf(stays->link), lnkOf(gives->link));
-  gives->link = nullptr;
-  mesh->edg = listMoveToHead(mesh->edg, gives);
-  return true;
-}
-
-// Deletes the edges without triangles that stand at the head of the edge
-// list, taking every node for them out of the vertices' edge lists; a vertex
-// whose list empties moves to the head of the vertex list, and the vertices
-// at the head without a list are deleted. Each vertex list is walked once
-// for all the edges, not once per edge: at a vertex with thousands of edges
-// the latter would be quadratic.
-void purgeEdges(Stitch& s) {
-  qvMesh* mesh = s.mesh;
-  qvEdg* e = mesh->edg;
-  for (; e && !e->link; e = e->next) e->flags |= kEdgMarkVisit;
-  if (e == mesh->edg) return;
-  for (qvVtx* v = mesh->vtx; v;) {
-    qvVtx* next = v->next;  // read before v moves to the head
-    qvLnk* list = lnkOf(v->link);
-    const bool had = list != nullptr;
-    for (qvLnk* l = list; l;) {
-      qvLnk* after = l->next;  // read before the node is freed
-      if (edgOf(l)->flags & kEdgMarkVisit) {
-        list = listUnlink(list, l);
-        s.refs.drop(l);
-      }
-      l = after;
-    }
-    v->link = list;
-    if (had && !list) mesh->vtx = listMoveToHead(mesh->vtx, v);
-    v = next;
+  struct Item {
+    uint64_t xy;  // x key above y key
+    uint32_t z;   // z key
+    int32_t pos;  // place in the list
+  };
+  constexpr int kPasses = 6;
+  constexpr int kDigits = 1 << 16;
+  Item* a = newArray<Item>(n);
+  Item* b = newArray<Item>(n);
+  uint32_t* count = static_cast<uint32_t*>(ftCalloc(static_cast<size_t>(kPasses) * kDigits, sizeof(uint32_t)));
+  if (!a || !b || !count) {
+    std::free(a), std::free(b), std::free(count);
+    return -1;
   }
-  while (mesh->edg && (mesh->edg->flags & kEdgMarkVisit)) mesh->edg = qvEdgDelete(mesh->edg, mesh->edg);
-  while (mesh->vtx && !mesh->vtx->link) {
-    mesh->vtx = qvVtxDelete(mesh->vtx, mesh->vtx);
-    mesh->flags &= ~kMeshSortedSet;
-  }
-}
-
-// Takes every node naming item out of the list in link; whether one was there.
-bool dropAll(RefPool& refs, void*& link, const void* item) {
-  bool found = false;
-  qvLnk* list = lnkOf(link);
-  for (qvLnk* l = list; l;) {
-    qvLnk* next = l->next;  // read before the node is freed
-    if (l->item == item) {
-      list = listUnlink(list, l);
-      refs.drop(l);
-      found = true;
-    }
-    l = next;
-  }
-  link = list;
-  return found;
-}
-
-// Marks a triangle to go: mark, and to the head of the list.
-void markGone(qvMesh* mesh, qvTri* t, int32_t& marked) {
-  t->flags |= kTriMarkVisit;
-  mesh->tri = listMoveToHead(mesh->tri, t);
-  ++marked;
-}
-
-// Marks each unmarked triangle on e whose corner opposite e is that of an
-// earlier unmarked one: the two have the same three vertices. Which of them
-// goes to the head first doesn't matter, since all marked ones are deleted.
-bool markDoubled(qvMesh* mesh, qvEdg* e, int32_t& marked) {
-  const int32_t n = qvLnkCount(lnkOf(e->link));
-  if (n < kGroupFrom) {
-    for (qvLnk* a = lnkOf(e->link); a; a = a->next) {
-      if (triOf(a)->flags & kTriMarkVisit) continue;
-      const double* oa = qvTriOpposite(triOf(a), e);
-      if (!oa) return false;
-      for (qvLnk* b = a->next; b; b = b->next) {
-        if (triOf(b)->flags & kTriMarkVisit) continue;
-        const double* ob = qvTriOpposite(triOf(b), e);
-        if (!ob) return false;
-        if (ob == oa) markGone(mesh, triOf(b), marked);
-      }
-    }
-    return true;
-  }
-  Keyed* keyed = newArray<Keyed>(n);
-  bool ok = keyed != nullptr;
-  int32_t m = 0;
-  int32_t pos = 0;
-  for (qvLnk* l = lnkOf(e->link); l && ok; l = l->next, ++pos) {
-    if (triOf(l)->flags & kTriMarkVisit) continue;
-    const double* o = qvTriOpposite(triOf(l), e);
-    ok = o != nullptr;
-    keyed[m++] = {{keyOf(o), 0}, pos, l->item};
-  }
-  if (ok) sortKeyed(keyed, m);
-  for (int32_t i = 0; i < m && ok;) {
-    const int32_t end = groupEnd(keyed, m, i);
-    for (int32_t j = i + 1; j < end; ++j) {
-      qvTri* t = static_cast<qvTri*>(keyed[j].item);
-      if (!(t->flags & kTriMarkVisit)) markGone(mesh, t, marked);
-    }
-    i = end;
-  }
-  std::free(keyed);
-  return ok;
-}
-
-// Removes triangles on a degenerate edge, and the second of two triangles on
-// the same three vertices, whichever its orientation. Three different
-// vertices in a line are no degeneracy here: that triangle stays.
-bool removeDegenerate(Stitch& s) {
-  qvMesh* mesh = s.mesh;
-  int32_t marked = 0;
-  for (qvEdg* e = mesh->edg; e; e = e->next) {
-    if (e->ends[0] != e->ends[1]) continue;
-    for (qvLnk* l = lnkOf(e->link); l; l = l->next)
-      if (!(triOf(l)->flags & kTriMarkVisit)) markGone(mesh, triOf(l), marked);
-  }
-  for (qvEdg* e = mesh->edg; e; e = e->next)
-    if (!markDoubled(mesh, e, marked)) return false;
-  if (marked == 0) return true;
-
-  int32_t deleted = 0;
-  bool emptied = false;
-  while (mesh->tri && (mesh->tri->flags & kTriMarkVisit)) {
-    qvTri* t = mesh->tri;
-    for (qvEdg* e : t->edg) {
-      if (!dropAll(s.refs, e->link, t) || e->link) continue;
-      mesh->edg = listMoveToHead(mesh->edg, e);
-      emptied = true;
-    }
-    qvTriUnlink(t);
-    mesh->tri = qvTriDelete(mesh->tri, t);
-    ++deleted;
-  }
-  if (deleted != marked) return false;
-  if (emptied) purgeEdges(s);
-  return true;
-}
-
-// Merges the edges of each pair (a, b) of v's list, b behind a, that join
-// the same two vertices. A pair whose first edge has no triangles left does
-// nothing, so the inner walk stops there. 1 if something merged, 0 if not,
-// -1 on failure.
-int32_t mergePairs(qvMesh* mesh, qvLnk* const* node, int32_t n) {
-  int32_t merged = 0;
+  auto digit = [](const Item& it, int pass) -> uint32_t {
+    const uint64_t word = pass < 2 ? it.z : it.xy;
+    return static_cast<uint32_t>(word >> (16 * (pass < 2 ? pass : pass - 2))) & (kDigits - 1);
+  };
   for (int32_t i = 0; i < n; ++i) {
-    qvEdg* a = edgOf(node[i]);
-    for (int32_t j = i + 1; j < n && a->link; ++j) {
-      qvEdg* b = edgOf(node[j]);
-      if (a == b || !sameEnds(a, b) || !b->link) continue;
-      if (!mergePair(mesh, a, b)) return FT_FAIL(-1);
-      merged = 1;
-    }
+    const double* p = s.xyz + 3 * i;
+    a[i] = {uint64_t{floatKey(static_cast<float>(p[0]))} << 32 | floatKey(static_cast<float>(p[1])),
+            floatKey(static_cast<float>(p[2])), i};
+    for (int pass = 0; pass < kPasses; ++pass) ++count[pass * kDigits + digit(a[i], pass)];
   }
-  return merged;
+  for (int pass = 0; pass < kPasses; ++pass) {
+    uint32_t* c = count + pass * kDigits;
+    if (n > 0 && c[digit(a[0], pass)] == static_cast<uint32_t>(n)) continue;  // one digit: nothing moves
+    uint32_t sum = 0;
+    for (int d = 0; d < kDigits; ++d) {
+      const uint32_t here = c[d];
+      c[d] = sum;
+      sum += here;
+    }
+    for (int32_t i = 0; i < n; ++i) b[c[digit(a[i], pass)]++] = a[i];
+    std::swap(a, b);
+  }
+  for (int32_t i = 0; i < n; ++i) order[i] = a[i].pos;
+  std::free(a), std::free(b), std::free(count);
+  return 1;
 }
 
-// The edges at v, paired among those that end at the same other vertex. A
-// long list is grouped by that vertex first: a cone's apex has two edges for
-// each of its facets, and pairing them all would be quadratic.
-int32_t mergeAt(qvMesh* mesh, qvVtx* v) {
-  const int32_t n = qvLnkCount(lnkOf(v->link));
-  qvLnk* few[kGroupFrom];
-  Keyed* keyed = n >= kGroupFrom ? newArray<Keyed>(n) : nullptr;
-  qvLnk** nodes = n >= kGroupFrom ? newArray<qvLnk*>(n) : few;
-  int32_t merged = 0;
-  if (!nodes || (n >= kGroupFrom && !keyed)) {
-    merged = -1;
-  } else if (!keyed) {
-    int32_t i = 0;
-    for (qvLnk* l = lnkOf(v->link); l; l = l->next) nodes[i++] = l;
-    merged = mergePairs(mesh, nodes, n);
-  } else {
-    int32_t i = 0;
-    for (qvLnk* l = lnkOf(v->link); l; l = l->next, ++i) {
-      const qvEdg* e = edgOf(l);
-      keyed[i] = {{keyOf(e->ends[0] == v->dat ? e->ends[1] : e->ends[0]), 0}, i, l};
+// Step 1: the vertex order and the weld. order receives the vertex numbers
+// in x order; rank, each vertex's place in it. A mesh already marked as
+// sorted by x keeps its list order. rep[v] becomes the vertex v is welded
+// to, itself when it stays. False if memory ran out.
+bool weld(const qvMesh* mesh, const Soup& s, const double* tol, int32_t* order, int32_t* rep) {
+  if (mesh->flags & kMeshSortX) {
+    for (int32_t i = 0; i < s.nv; ++i) order[i] = i;
+  } else if (int32_t sorted = sortFloatCorners(s, order); sorted <= 0) {
+    if (sorted < 0) return false;
+    VtxKey* keys = newArray<VtxKey>(s.nv);
+    if (!keys) return false;
+    for (int32_t i = 0; i < s.nv; ++i) {
+      for (int k = 0; k < 3; ++k) keys[i].k[k] = qvCoordKey(s.xyz[3 * i + k]);
+      keys[i].pos = i;
     }
-    sortKeyed(keyed, n);
-    for (i = 0; i < n && merged >= 0;) {
-      const int32_t end = groupEnd(keyed, n, i);
-      for (int32_t k = i; k < end; ++k) nodes[k - i] = static_cast<qvLnk*>(keyed[k].item);
-      const int32_t m = mergePairs(mesh, nodes, end - i);
-      merged = m < 0 ? -1 : (merged | m);
+    std::sort(keys, keys + s.nv, vtxKeyBefore);
+    for (int32_t i = 0; i < s.nv; ++i) order[i] = keys[i].pos;
+    std::free(keys);
+  }
+  for (int32_t i = 0; i < s.nv; ++i) rep[i] = -1;
+  if (tol) weldNear(s, order, rep, tol);
+  else weldExact(s, order, rep);
+  for (int32_t i = 0; i < s.nv; ++i)
+    if (rep[i] < 0) rep[i] = i;
+  return true;
+}
+
+// Where the edges stand while they merge: each edge's triangles as a chain
+// of entries, one entry per edge of the soup (the edge's own triangle),
+// chained from head to tail through next.
+struct EdgeLists {
+  int32_t* head;   // first entry of the edge's chain, -1 when empty
+  int32_t* tail;   // last entry
+  int32_t* count;  // entries in the chain
+  int32_t* next;   // entry behind an entry, -1 at the tail
+};
+
+// The survivor of two edges of a group takes over the other's triangles.
+void mergePair(EdgeLists& l, int32_t a, int32_t b) {
+  if (l.count[a] == 0 || l.count[b] == 0) return;
+  const bool aGives = l.count[a] > l.count[b];
+  const int32_t gives = aGives ? a : b;
+  const int32_t stays = aGives ? b : a;
+  l.next[l.tail[stays]] = l.head[gives];
+  l.tail[stays] = l.tail[gives];
+  l.count[stays] += l.count[gives];
+  l.head[gives] = -1;
+  l.count[gives] = 0;
+}
+
+// The survivors of the groups and their triangles, and the doubled
+// triangles marked. group receives, for each edge, the edge its group merged
+// into. gone[t] is set for each triangle that goes.
+bool mergeEdges(const Soup& s, const int32_t* rep, const int32_t* rank, EdgeLists& l, int32_t* group,
+                bool* gone) {
+  const int32_t ne = s.ne;
+  // The edges bucketed by their lower welded end (counting sort, by rank),
+  // each bucket from the last edge of the list to the first.
+  int32_t* start = newArray<int32_t>(s.nv + 1);
+  int32_t* bucket = newArray<int32_t>(ne);
+  int32_t* span = newArray<int32_t>(2 * ne);  // per edge: the ranks of its welded ends, lower first
+  if (!start || !bucket || !span) {
+    std::free(start);
+    std::free(bucket);
+    std::free(span);
+    return false;
+  }
+  for (int32_t e = 0; e < ne; ++e) {
+    const int32_t a = rank[rep[s.ends[2 * e]]], b = rank[rep[s.ends[2 * e + 1]]];
+    span[2 * e] = a < b ? a : b;
+    span[2 * e + 1] = a < b ? b : a;
+  }
+  auto lowEnd = [span](int32_t e) { return span[2 * e]; };
+  auto highEnd = [span](int32_t e) { return span[2 * e + 1]; };
+  for (int32_t i = 0; i <= s.nv; ++i) start[i] = 0;
+  for (int32_t e = 0; e < ne; ++e) ++start[lowEnd(e) + 1];
+  for (int32_t i = 0; i < s.nv; ++i) start[i + 1] += start[i];
+  for (int32_t e = ne - 1; e >= 0; --e) bucket[start[lowEnd(e)]++] = e;
+  for (int32_t i = s.nv; i > 0; --i) start[i] = start[i - 1];
+  start[0] = 0;
+
+  for (int32_t e = 0; e < ne; ++e) {
+    l.head[e] = l.tail[e] = e;
+    l.count[e] = 1;
+    l.next[e] = -1;
+    group[e] = e;
+  }
+  for (int32_t v = 0; v < s.nv; ++v) {
+    int32_t* b = bucket + start[v];
+    const int32_t n = start[v + 1] - start[v];
+    // By the other end, keeping the order from the last edge to the first:
+    // an insertion sort, as a bucket holds a handful of edges.
+    for (int32_t i = 1; i < n; ++i) {
+      const int32_t e = b[i];
+      const int32_t key = highEnd(e);
+      int32_t j = i;
+      for (; j > 0 && highEnd(b[j - 1]) > key; --j) b[j] = b[j - 1];
+      b[j] = e;
+    }
+    for (int32_t i = 0; i < n;) {
+      int32_t end = i + 1;
+      const int32_t key = highEnd(b[i]);
+      while (end < n && highEnd(b[end]) == key) ++end;
+      // A degenerate group's triangles all go; it merges nothing that stays.
+      if (key != v) {
+        for (int32_t x = i; x < end; ++x)
+          for (int32_t y = x + 1; y < end && l.count[b[x]] > 0; ++y) mergePair(l, b[x], b[y]);
+        int32_t survivor = b[i];
+        for (int32_t x = i; x < end; ++x)
+          if (l.count[b[x]] > 0) survivor = b[x];
+        for (int32_t x = i; x < end; ++x) group[b[x]] = survivor;
+      } else {
+        for (int32_t x = i; x < end; ++x) {
+          gone[s.owner[b[x]] / 3] = true;
+          l.count[b[x]] = 0;
+          l.head[b[x]] = -1;
+        }
+      }
       i = end;
     }
   }
-  std::free(keyed);
-  if (nodes != few) std::free(nodes);
-  return merged;
+  std::free(start);
+  std::free(bucket);
+  std::free(span);
+  return true;
 }
 
-bool mergeEdges(Stitch& s) {
-  qvMesh* mesh = s.mesh;
-  if (!edgTriLists(s)) return false;
-  // The merged-away edges gather at the head of the edge list. They are
-  // deleted once all vertices are through, not after each vertex: a pair
-  // with an edge that has no triangles does nothing, and no vertex loses its
-  // last edge here (each keeps the survivor), so the outcome is the same,
-  // and a vertex list is not walked again for every edge merged at its
-  // neighbours.
-  for (qvVtx* v = mesh->vtx; v; v = v->next)
-    if (mergeAt(mesh, v) < 0) return false;
-  purgeEdges(s);
-  if (!removeDegenerate(s)) return false;
-  for (qvVtx* v = mesh->vtx; v;) {
-    qvVtx* next = v->next;  // read before v is freed
-    if (v->link) {
-      s.refs.dropAll(lnkOf(v->link));
-      v->link = nullptr;
+// The welded vertex at corner k of triangle t: where its edge in slot k starts.
+int32_t cornerOf(const Soup& s, int32_t t, int32_t k) { return s.corner[3 * t + k]; }
+
+// On each surviving edge in list order, among its triangles not yet gone, the
+// first of each opposite corner stays and the others go.
+bool markDoubled(const Soup& s, const EdgeLists& l, const int32_t* group, bool* gone) {
+  struct Opp {
+    int32_t corner;  // the welded vertex opposite the edge
+    int32_t pos;     // place in the edge's chain
+    int32_t t;       // the triangle
+  };
+  Opp few[kGroupFrom];
+  Opp* many = nullptr;
+  int32_t room = 0;
+  for (int32_t e = 0; e < s.ne; ++e) {
+    if (group[e] != e || l.count[e] < 2) continue;
+    Opp* o = few;
+    if (l.count[e] > kGroupFrom) {
+      if (l.count[e] > room) {
+        std::free(many);
+        room = l.count[e];
+        many = newArray<Opp>(room);
+        if (!many) return false;
+      }
+      o = many;
+    }
+    int32_t m = 0, pos = 0;
+    for (int32_t x = l.head[e]; x >= 0; x = l.next[x], ++pos) {
+      const int32_t t = s.owner[x] / 3;
+      if (!gone[t]) o[m++] = {cornerOf(s, t, (s.owner[x] % 3 + 2) % 3), pos, t};
+    }
+    if (m <= kGroupFrom) {
+      for (int32_t a = 0; a < m; ++a)
+        for (int32_t b = 0; b < a; ++b)
+          if (o[b].corner == o[a].corner && !gone[o[b].t]) {
+            gone[o[a].t] = true;
+            break;
+          }
     } else {
-      mesh->vtx = qvVtxDelete(mesh->vtx, v);
+      std::sort(o, o + m, [](const Opp& a, const Opp& b) {
+        return a.corner != b.corner ? a.corner < b.corner : a.pos < b.pos;
+      });
+      for (int32_t a = 1; a < m; ++a)
+        if (o[a].corner == o[a - 1].corner) gone[o[a].t] = true;
+    }
+  }
+  std::free(many);
+  return true;
+}
+
+// Links a list of records given in order; the head, or null for none.
+template <class T>
+T* chainOf(T** items, int32_t n) {
+  for (int32_t i = 0; i < n; ++i) {
+    items[i]->prev = i > 0 ? items[i - 1] : nullptr;
+    items[i]->next = i + 1 < n ? items[i + 1] : nullptr;
+  }
+  return n > 0 ? items[0] : nullptr;
+}
+
+// The soup that qvMeshAddFacet would make of the facets, one per corner
+// triple in order, as arrays alone: facet f's corners c0, c1, c2 are vertices
+// 3 (n-1-f) + 2, + 1, + 0 of the list, and its edges c1-c2, c0-c1, c2-c0
+// edges 3 (n-1-f), + 1, + 2, since each facet goes in front of those before.
+// Records are made later, for what stays. False when memory runs out.
+bool soupOfCorners(const float* const* corners, int32_t n, Soup& s) {
+  s.records = false;
+  s.nv = s.ne = 3 * n;
+  s.nt = n;
+  s.vtx = static_cast<qvVtx**>(ftCalloc(static_cast<size_t>(s.nv) + 1, sizeof(qvVtx*)));
+  s.xyz = newArray<double>(3 * s.nv);
+  s.edg = static_cast<qvEdg**>(ftCalloc(static_cast<size_t>(s.ne) + 1, sizeof(qvEdg*)));
+  s.ends = newArray<int32_t>(2 * s.ne);
+  s.tri = static_cast<qvTri**>(ftCalloc(static_cast<size_t>(s.nt) + 1, sizeof(qvTri*)));
+  s.slots = newArray<int32_t>(3 * s.nt);
+  s.owner = newArray<int32_t>(s.ne);
+  if (n > 0 && (!s.vtx || !s.xyz || !s.edg || !s.ends || !s.tri || !s.slots || !s.owner)) return false;
+  for (int32_t f = 0; f < n; ++f) {
+    if (!corners[f]) return false;
+    const int32_t base = 3 * (n - 1 - f);
+    int32_t c[3];
+    for (int k = 0; k < 3; ++k) {
+      c[k] = base + 2 - k;
+      for (int d = 0; d < 3; ++d) s.xyz[3 * c[k] + d] = corners[f][3 * k + d];
+    }
+    const int32_t edge[3] = {base + 1, base, base + 2};  // by slot
+    for (int k = 0; k < 3; ++k) {
+      s.ends[2 * edge[k]] = c[k];
+      s.ends[2 * edge[k] + 1] = c[(k + 1) % 3];
+      s.slots[3 * f + k] = edge[k];
+      s.owner[edge[k]] = 3 * f + k;
+    }
+  }
+  return true;
+}
+
+// The records of a soup made from corners, for what stays: vertices in the
+// order of the list they will form, with a zero normal slot; edges and
+// triangles empty, to be written. False when memory runs out, with none made.
+bool makeRecords(Soup& s, const int32_t* order, const int32_t* rep, const bool* alive, const int32_t* group,
+                 const int32_t* kept, const bool* gone) {
+  bool ok = true;
+  for (int32_t i = 0; i < s.nv && ok; ++i) {
+    const int32_t v = order[i];
+    if (rep[v] != v || !alive[v]) continue;
+    s.vtx[v] = qvVtxNew(kVtxHasNormal, nullptr);
+    ok = s.vtx[v] != nullptr;
+    if (ok) std::memcpy(qvVtxXyz(s.vtx[v]), s.xyz + 3 * v, 3 * sizeof(double));
+  }
+  for (int32_t e = 0; e < s.ne && ok; ++e)
+    if (group[e] == e && kept[e] > 0) ok = (s.edg[e] = qvEdgNew(nullptr, nullptr, 0, 0)) != nullptr;
+  for (int32_t t = 0; t < s.nt && ok; ++t)
+    if (!gone[t]) ok = (s.tri[t] = qvTriNew(nullptr, nullptr, nullptr, 0)) != nullptr;
+  if (!ok) {
+    for (int32_t i = 0; i < s.nv; ++i) qvVtxFree(s.vtx[i]);
+    for (int32_t i = 0; i < s.ne; ++i) qvEdgFree(s.edg[i]);
+    for (int32_t i = 0; i < s.nt; ++i) qvTriFree(s.tri[i]);
+  }
+  return ok;
+}
+
+// Where no edge has more than two triangles, adjacency is final after step
+// 3, and two later steps can be settled on the arrays. The vertices of more
+// than one fan are found by walking each vertex's fan across the triangles'
+// neighbours; only they get the list of their triangles (in reverse list
+// order, as step 5 builds it) and are split. And when every shared edge is
+// run in opposite directions by its two triangles, orientation has nothing to
+// turn: each edge is then laid along the first triangle in list order that
+// holds it, from its corner at the edge's slot, as the orientation step
+// would. The triangle list is in soup order here. False if memory ran out.
+bool settleManifold(Stitch& st, Soup& s, const int32_t* order, const int32_t* group,
+                    const int32_t* kept, const EdgeLists& l, const bool* gone) {
+  const int32_t nt = s.nt, nv = s.nv;
+  int32_t* adj = newArray<int32_t>(3 * nt);  // per slot: the neighbouring triangle, or -1
+  int32_t* deg = static_cast<int32_t*>(ftCalloc(static_cast<size_t>(nv) + 1, sizeof(int32_t)));
+  int32_t* start = newArray<int32_t>(nv);    // per vertex: 3 x a triangle at it + its corner there
+  bool ok = adj && deg && start;
+  bool consistent = true;
+  for (int32_t i = 0; ok && i < 3 * nt; ++i) adj[i] = -1;
+  for (int32_t e = 0; ok && e < s.ne; ++e) {
+    if (group[e] != e || kept[e] != 2) continue;
+    const int32_t x = s.owner[l.head[e]], y = s.owner[l.next[l.head[e]]];
+    adj[x] = y / 3;
+    adj[y] = x / 3;
+    consistent = consistent && cornerOf(s, x / 3, x % 3) == cornerOf(s, y / 3, (y % 3 + 1) % 3);
+  }
+  for (int32_t t = 0; ok && t < nt; ++t)
+    if (!gone[t])
+      for (int k = 0; k < 3; ++k) {
+        const int32_t v = cornerOf(s, t, k);
+        if (deg[v]++ == 0) start[v] = 3 * t + k;
+      }
+  // The slot of the other edge at corner k than the one in slot k.
+  auto otherAt = [](int32_t k) { return (k + 2) % 3; };
+  // The triangles reached round v from start's triangle, crossing first the
+  // edge in slot across, then always the edge at v not crossed yet; the walk
+  // stops back at the start (closed), at a boundary, or past limit steps.
+  auto walk = [&](int32_t v, int32_t from, int32_t across, int32_t limit, bool& closed) {
+    const int32_t t0 = from / 3;
+    int32_t t = t0, slot = across, n = 0;
+    closed = false;
+    while (n <= limit) {
+      const int32_t u = adj[3 * t + slot];
+      if (u < 0) return n;
+      if (u == t0) {
+        closed = true;
+        return n;
+      }
+      ++n;
+      const int32_t shared = group[s.slots[3 * t + slot]];
+      int32_t ku = 0;
+      while (ku < 3 && cornerOf(s, u, ku) != v) ++ku;
+      if (ku == 3) return limit + 1;
+      slot = group[s.slots[3 * u + ku]] == shared ? otherAt(ku) : ku;
+      t = u;
+    }
+    return n;
+  };
+  int32_t nFans = 0;
+  for (int32_t i = 0; ok && i < nv; ++i) {
+    const int32_t v = order[i];
+    if (deg[v] == 0) continue;
+    bool closed = false;
+    const int32_t k = start[v] % 3;
+    int32_t reached = 1 + walk(v, start[v], k, deg[v], closed);
+    if (!closed) reached += walk(v, start[v], otherAt(k), deg[v], closed);
+    if (reached != deg[v]) {
+      deg[v] = -deg[v];  // a vertex to split
+      ++nFans;
+    }
+  }
+  if (ok) {
+    st.fans = newArray<qvVtx*>(nFans + 1);
+    ok = st.fans != nullptr;
+  }
+  st.nFans = 0;
+  for (int32_t i = 0; ok && i < nv; ++i)
+    if (deg[order[i]] < 0) st.fans[st.nFans++] = s.vtx[order[i]];
+  for (int32_t t = 0; ok && nFans > 0 && t < nt; ++t)
+    if (!gone[t])
+      for (int k = 0; k < 3 && ok; ++k) {
+        const int32_t v = cornerOf(s, t, k);
+        if (deg[v] < 0) ok = st.refs.push(s.vtx[v]->link, s.tri[t]);
+      }
+  if (ok && consistent) {
+    for (int32_t e = 0; e < s.ne; ++e) {
+      if (group[e] != e || kept[e] == 0) continue;
+      int32_t x = s.owner[l.head[e]];
+      if (kept[e] == 2 && s.owner[l.next[l.head[e]]] < x) x = s.owner[l.next[l.head[e]]];
+      qvEdg* r = s.edg[e];
+      r->ends[0] = s.vtx[cornerOf(s, x / 3, x % 3)]->dat;
+      r->ends[1] = s.vtx[cornerOf(s, x / 3, (x % 3 + 1) % 3)]->dat;
+    }
+    st.oriented = true;
+    st.mesh->flags &= ~kMeshPassSet;
+    s.adj = adj;  // final: the shells can be found on it
+    adj = nullptr;
+  }
+  std::free(adj);
+  std::free(deg);
+  std::free(start);
+  if (!ok) st.nFans = -1;
+  return ok;
+}
+
+// Steps 1-3 on a soup (see above). On failure the mesh holds every record it
+// held, with the working fields clear, or, once records are written, the
+// mesh as it stands after step 3.
+bool weldAndLink(Stitch& st, Soup& s, const double* tol) {
+  qvMesh* mesh = st.mesh;
+  const int32_t nv = s.nv, ne = s.ne, nt = s.nt;
+  int32_t* order = newArray<int32_t>(nv > ne ? nv : ne);
+  int32_t* rep = newArray<int32_t>(nv);
+  int32_t* rank = newArray<int32_t>(nv);
+  int32_t* group = newArray<int32_t>(ne);
+  int32_t* kept = newArray<int32_t>(ne);  // per edge: its triangles that stay
+  EdgeLists l{newArray<int32_t>(ne), newArray<int32_t>(ne), newArray<int32_t>(ne), newArray<int32_t>(ne)};
+  bool* gone = static_cast<bool*>(ftCalloc(static_cast<size_t>(nt) + 1, sizeof(bool)));
+  bool* alive = static_cast<bool*>(ftCalloc(static_cast<size_t>(nv) + 1, sizeof(bool)));
+  void** items = newArray<void*>(nv > ne ? nv : ne);
+  bool ok = nt == 0 || (order && rep && rank && group && kept && l.head && l.tail && l.count && l.next && gone &&
+                        alive && items);
+  if (ok && nt > 0) {
+    ok = weld(mesh, s, tol, order, rep);
+    s.corner = ok ? newArray<int32_t>(3 * nt) : nullptr;
+    ok = s.corner != nullptr;
+    for (int32_t i = 0; ok && i < 3 * nt; ++i) s.corner[i] = rep[s.ends[2 * s.slots[i]]];
+    for (int32_t i = 0; ok && i < nv; ++i) rank[order[i]] = i;
+    ok = ok && mergeEdges(s, rep, rank, l, group, gone) && markDoubled(s, l, group, gone);
+  }
+  if (!ok || nt == 0) {
+    std::free(order), std::free(rep), std::free(rank), std::free(group), std::free(kept);
+    std::free(l.head), std::free(l.tail), std::free(l.count), std::free(l.next);
+    std::free(gone), std::free(alive), std::free(items);
+    if (ok) {
+      // No triangle: nothing stays.
+      qvVtxDeleteAll(mesh->vtx);
+      mesh->vtx = nullptr;
       mesh->flags &= ~kMeshSortedSet;
     }
-    v = next;
+    return ok;
   }
-  // By triangle count: boundary edges to the head, non-manifold ones aside.
-  for (qvEdg* e = mesh->edg; e;) {
-    qvEdg* next = e->next;  // read before e moves
-    const int32_t n = qvLnkCount(lnkOf(e->link));
-    if (n == 0) {
-      mesh->edg = qvEdgDelete(mesh->edg, e);
-    } else if (n == 1) {
-      mesh->edg = listMoveToHead(mesh->edg, e);
-    } else if (n > 2) {
-      mesh->edg = listUnlink(mesh->edg, e);
-      mesh->edgHeld = listPrepend(mesh->edgHeld, e);
+
+  // Each surviving edge's triangles that stay, chained again.
+  for (int32_t e = 0; e < ne; ++e) {
+    kept[e] = 0;
+    if (group[e] != e) continue;
+    int32_t* link = &l.head[e];
+    for (int32_t x = l.head[e]; x >= 0; x = l.next[x]) {
+      if (gone[s.owner[x] / 3]) continue;
+      *link = x;
+      link = &l.next[x];
+      ++kept[e];
     }
-    e = next;
+    *link = -1;
   }
-  return true;
-}
-
-// ---------------------------------------------------------------------------
-// Step 3: link triangles
-
-// The lists of the edges in the mesh's list are not read after this step:
-// each is let go here, once its triangles are linked, rather than in a walk
-// of its own at the end (step 7), which would visit every edge once more.
-bool linkTriangles(Stitch& s) {
-  qvMesh* mesh = s.mesh;
-  for (qvEdg* e = mesh->edg; e; e = e->next) {
-    qvLnk* l = lnkOf(e->link);
-    if (!l) return false;
-    if (l->next && (l->next->next || qvTriLink(triOf(l), triOf(l->next), e) != 0)) return false;
-    s.refs.dropAll(l);
-    e->link = nullptr;
+  for (int32_t t = 0; t < nt; ++t)
+    if (!gone[t])
+      for (int k = 0; k < 3; ++k) alive[cornerOf(s, t, k)] = true;
+  if (!s.records && !makeRecords(s, order, rep, alive, group, kept, gone)) {
+    std::free(order), std::free(rep), std::free(rank), std::free(group), std::free(kept);
+    std::free(l.head), std::free(l.tail), std::free(l.count), std::free(l.next);
+    std::free(gone), std::free(alive), std::free(items);
+    return false;
   }
-  // The triangles of non-manifold edges wait apart, in reverse order.
-  bool moved = false;
-  for (qvEdg* e = mesh->edgHeld; e; e = e->next) {
-    for (qvLnk* l = lnkOf(e->link); l; l = l->next) {
-      qvTri* t = triOf(l);
-      if (t->flags & kTriMarkVisit) continue;
-      t->flags |= kTriMarkVisit;
-      mesh->tri = listUnlink(mesh->tri, t);
-      mesh->triHeld = listPrepend(mesh->triHeld, t);
-      moved = true;
+  for (int32_t t = 0; t < nt; ++t)
+    if (!gone[t])
+      for (int k = 0; k < 3; ++k) s.tri[t]->edg[k] = s.edg[group[s.slots[3 * t + k]]];
+  for (int32_t e = 0; e < ne; ++e) {
+    if (group[e] != e || kept[e] == 0) continue;
+    qvEdg* r = s.edg[e];
+    r->ends[0] = s.vtx[rep[s.ends[2 * e]]]->dat;
+    r->ends[1] = s.vtx[rep[s.ends[2 * e + 1]]]->dat;
+    if (kept[e] == 2) {
+      const int32_t x = l.head[e], y = l.next[x];
+      s.tri[s.owner[x] / 3]->adj[s.owner[x] % 3] = s.tri[s.owner[y] / 3];
+      s.tri[s.owner[y] / 3]->adj[s.owner[y] % 3] = s.tri[s.owner[x] / 3];
     }
   }
-  if (moved) qvTriAndAll(mesh->triHeld, kMarkKeep);
-  return true;
+
+  // The lists, and the records that go.
+  int32_t n = 0;
+  for (int32_t i = 0; i < nv; ++i) {
+    const int32_t v = order[i];
+    if (rep[v] == v && alive[v]) items[n++] = s.vtx[v];
+    else qvVtxFree(s.vtx[v]);
+  }
+  mesh->vtx = chainOf(reinterpret_cast<qvVtx**>(items), n);
+  n = 0;
+  for (int32_t e = ne - 1; e >= 0; --e)
+    if (group[e] == e && kept[e] == 1) items[n++] = s.edg[e];
+  for (int32_t e = 0; e < ne; ++e)
+    if (group[e] == e && kept[e] == 2) items[n++] = s.edg[e];
+  mesh->edg = chainOf(reinterpret_cast<qvEdg**>(items), n);
+  int32_t nHeld = 0;
+  for (int32_t e = ne - 1; e >= 0; --e)
+    if (group[e] == e && kept[e] > 2) {
+      items[nHeld] = s.edg[e];
+      order[nHeld++] = e;  // the vertex order is done with: it numbers the held edges now
+    }
+  mesh->edgHeld = chainOf(reinterpret_cast<qvEdg**>(items), nHeld);
+  for (int32_t e = 0; e < ne; ++e)
+    if (group[e] != e || kept[e] == 0) qvEdgFree(s.edg[e]);
+  for (int32_t t = 0; t < nt; ++t)
+    if (gone[t]) qvTriFree(s.tri[t]);
+  // The triangles of held edges wait apart, in reverse order of their first
+  // appearance there; they are then out of the triangle list like those gone.
+  qvTri* held = nullptr;
+  for (int32_t i = 0; i < nHeld; ++i)
+    for (int32_t x = l.head[order[i]]; x >= 0; x = l.next[x]) {
+      const int32_t t = s.owner[x] / 3;
+      if (gone[t]) continue;
+      gone[t] = true;
+      held = listPrepend(held, s.tri[t]);
+    }
+  mesh->triHeld = held;
+  n = 0;
+  for (int32_t t = 0; t < nt; ++t)
+    if (!gone[t]) items[n++] = s.tri[t];
+  mesh->tri = chainOf(reinterpret_cast<qvTri**>(items), n);
+  mesh->flags &= ~kMeshSortedSet;
+  // A soup given as records keeps the steps that settle it on records: the
+  // result is the same, and its assembly is the one the other is checked by.
+  if (nHeld == 0 && !s.records) ok = settleManifold(st, s, order, group, kept, l, gone);
+  // Held edges carry the list of their triangles, in order.
+  for (int32_t i = 0; ok && i < nHeld; ++i) {
+    const int32_t e = order[i];
+    n = 0;
+    for (int32_t x = l.head[e]; x >= 0; x = l.next[x]) items[n++] = s.tri[s.owner[x] / 3];
+    while (ok && n > 0) ok = st.refs.push(s.edg[e]->link, items[--n]);
+  }
+  std::free(order), std::free(rep), std::free(rank), std::free(group), std::free(kept);
+  std::free(l.head), std::free(l.tail), std::free(l.count), std::free(l.next);
+  std::free(gone), std::free(alive), std::free(items);
+  return ok;
 }
 
 // ---------------------------------------------------------------------------
@@ -841,10 +1217,19 @@ bool splitFans(qvMesh* mesh, qvVtx* v) {
   return ok;
 }
 
+// Vertices of one fan are left as they are, so where the vertices of more
+// than one fan are known already, only those are split.
 bool splitVertices(Stitch& s) {
   qvMesh* mesh = s.mesh;
-  bool ok = vtxTriLists(s);
-  for (qvVtx* v = mesh->vtx; v && ok; v = v->next) ok = splitFans(mesh, v);
+  bool ok = true;
+  if (s.nFans >= 0) {
+    for (int32_t i = 0; i < s.nFans && ok; ++i) ok = splitFans(mesh, s.fans[i]);
+    for (int32_t i = 0; i < s.nFans; ++i) s.fans[i]->link = nullptr;
+    s.nFans = -1;
+  } else {
+    ok = vtxTriLists(s);
+    for (qvVtx* v = mesh->vtx; v && ok; v = v->next) ok = splitFans(mesh, v);
+  }
   // Nothing is made from the pool after this step: the nodes stay with it.
   for (qvVtx* v = mesh->vtx; v; v = v->next) v->link = nullptr;
   if (!ok) qvTriAndAll(mesh->tri, kMarkKeep);
@@ -984,21 +1369,31 @@ bool orient(qvMesh* mesh) {
 
 }  // namespace
 
-int32_t qvMeshStitch(qvMesh* mesh, const double* tol) {
-  if (!mesh || !stitchable(mesh)) return FT_FAIL(-1);
+namespace {
+
+// The stitch of a numbered soup (see qvMeshStitch).
+int32_t stitchSoup(qvMesh* mesh, Soup& soup, const double* tol) {
   Stitch s{mesh, {}, {}};
-  const bool ok = mergeVertices(s, tol) && mergeEdges(s) && linkTriangles(s) && pullApart(s) &&
-                  splitVertices(s) && unpairJoined(s) && rejoin(mesh);
+  const bool ok = weldAndLink(s, soup, tol) && pullApart(s) && splitVertices(s) && unpairJoined(s) && rejoin(mesh);
   if (!ok) {
     stitchRelease(s);
     return FT_FAIL(-1);
   }
-  // Step 7: the edge lists of this mesh went in step 3; those of meshes
+  // Step 7: this mesh's edges hold no list after step 3; those of meshes
   // chained behind it are their own.
   qvEdgListsFree(mesh->next, qvLnkListFree);
-  if (!orient(mesh)) return FT_FAIL(-1);
+  if (!s.oriented && !orient(mesh)) return FT_FAIL(-1);
   mesh->flags |= kMeshStitched;
   return 0;
+}
+
+}  // namespace
+
+int32_t qvMeshStitch(qvMesh* mesh, const double* tol) {
+  if (!mesh || !stitchable(mesh)) return FT_FAIL(-1);
+  Soup soup;
+  if (!numberSoup(mesh, soup)) return FT_FAIL(-1);
+  return stitchSoup(mesh, soup, tol);
 }
 
 // ---------------------------------------------------------------------------
@@ -1182,4 +1577,77 @@ int32_t qvMeshShells(qvMesh* mesh, qvVtx* (*clone)(const qvVtx*)) {
 int32_t qvMeshAssemble(qvMesh* mesh, const double* tol) {
   if (qvMeshStitch(mesh, tol) != 0) return FT_FAIL(-1);
   return qvMeshShells(mesh, qvVtxClone);
+}
+
+namespace {
+
+// qvMeshShells on a settled soup whose triangles are all one shell: the
+// flood that gathers a shell, each triangle's unreached neighbours moved
+// directly behind it, is run on the arrays and the list written once. Falls
+// back to qvMeshShells at the first triangle the flood doesn't reach.
+int32_t shellsOnArrays(qvMesh* mesh, const Soup& s) {
+  const int32_t nt = s.nt;
+  int32_t* next = newArray<int32_t>(nt);
+  int32_t* prev = newArray<int32_t>(nt);
+  bool* reached = static_cast<bool*>(ftCalloc(static_cast<size_t>(nt) + 1, sizeof(bool)));
+  int32_t head = -1, last = -1, shells = 0;
+  bool ok = next && prev && reached;
+  for (int32_t t = 0; ok && t < nt; ++t) {
+    if (!s.tri[t]) continue;
+    if (last >= 0) next[last] = t;
+    else head = t;
+    prev[t] = last;
+    last = t;
+  }
+  if (last >= 0) next[last] = -1;
+  for (int32_t t = head; ok && t >= 0 && shells <= 1; t = next[t]) {
+    if (!reached[t]) {
+      reached[t] = true;
+      ++shells;
+    }
+    for (int k = 0; k < 3 && shells <= 1; ++k) {
+      const int32_t u = s.adj[3 * t + k];
+      if (u < 0 || reached[u]) continue;
+      reached[u] = true;
+      // u out of the list, then in behind t.
+      if (prev[u] >= 0) next[prev[u]] = next[u];
+      else head = next[u];
+      if (next[u] >= 0) prev[next[u]] = prev[u];
+      prev[u] = t;
+      next[u] = next[t];
+      if (next[t] >= 0) prev[next[t]] = u;
+      next[t] = u;
+    }
+  }
+  if (ok && shells == 1) {
+    qvTri* before = nullptr;
+    for (int32_t t = head; t >= 0; t = next[t]) {
+      qvTri* r = s.tri[t];
+      r->prev = before;
+      r->next = nullptr;
+      if (before) before->next = r;
+      else mesh->tri = r;
+      before = r;
+    }
+  }
+  std::free(next);
+  std::free(prev);
+  std::free(reached);
+  if (!ok) return FT_FAIL(-1);
+  return shells == 1 ? 1 : qvMeshShells(mesh, qvVtxClone);
+}
+
+}  // namespace
+
+qvMesh* qvMeshAssembleCorners(const float* const* corners, int32_t n, const double* tol, int32_t* shells) {
+  int32_t unused;
+  int32_t& count = shells ? *shells : unused;
+  count = -1;
+  if (!corners || n < 0 || n > INT32_MAX / 3) return FT_FAIL(nullptr);
+  qvMesh* mesh = qvMeshNew(nullptr, nullptr, nullptr, kMeshOwnsVtx);
+  if (!mesh) return FT_FAIL(nullptr);
+  Soup soup;
+  if (!soupOfCorners(corners, n, soup) || stitchSoup(mesh, soup, tol) != 0) return FT_FAIL(mesh);
+  count = soup.adj ? shellsOnArrays(mesh, soup) : qvMeshShells(mesh, qvVtxClone);
+  return mesh;
 }

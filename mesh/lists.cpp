@@ -1,5 +1,8 @@
 // List routines. They are written once over the record type and given a
 // name per type; every record type chains itself through prev and next.
+#include <cstdlib>
+
+#include "kernels/alloc.h"
 #include "mesh/mesh_internal.h"
 
 namespace {
@@ -140,3 +143,46 @@ int32_t qvLnkCount(const qvLnk* head) { return listCount(head); }
 qvLnk* qvLnkTail(qvLnk* head) { return listTail(head); }
 
 void qvLnkListFree(void* list) { qvLnkDeleteAll(static_cast<qvLnk*>(list)); }
+
+int32_t qvMeshCompact(qvMesh* mesh) {
+  if (!mesh || mesh->triHeld) return -1;
+  int32_t n = 0;
+  for (const qvTri* t = mesh->tri; t; t = t->next, ++n)
+    if (t->link || t->aux[0] || t->aux[1] || t->aux[2]) return -1;
+  qvTri** made = static_cast<qvTri**>(ftMalloc(sizeof(qvTri*) * (static_cast<size_t>(n) + 1)));
+  int32_t count = 0;
+  bool ok = made != nullptr;
+  // The copies, in list order; each original names its copy in link.
+  for (qvTri* t = ok ? mesh->tri : nullptr; t && ok; t = t->next) {
+    qvTri* c = static_cast<qvTri*>(ftMalloc(sizeof(qvTri)));
+    ok = c != nullptr;
+    if (ok) {
+      *c = *t;
+      made[count++] = c;
+      t->link = c;
+    }
+  }
+  // Every neighbour a triangle names must be one of the mesh's.
+  for (int32_t i = 0; i < count && ok; ++i)
+    for (const qvTri* a : made[i]->adj) ok = ok && (!a || a->link);
+  for (int32_t i = 0; i < count && ok; ++i) {
+    qvTri* c = made[i];
+    for (qvTri*& a : c->adj)
+      if (a) a = static_cast<qvTri*>(a->link);
+    c->link = nullptr;
+    c->prev = i > 0 ? made[i - 1] : nullptr;
+    c->next = i + 1 < count ? made[i + 1] : nullptr;
+  }
+  // The records that go: the originals, or the copies when something failed.
+  // A copy holds its original's distance block, so only the record is freed.
+  for (qvTri* t = mesh->tri; t;) {
+    qvTri* next = t->next;  // read before t is freed
+    if (ok) std::free(t);
+    else t->link = nullptr;
+    t = next;
+  }
+  if (ok) mesh->tri = count > 0 ? made[0] : nullptr;
+  for (int32_t i = 0; i < count && !ok; ++i) std::free(made[i]);
+  std::free(made);
+  return ok ? 0 : -1;
+}

@@ -366,6 +366,13 @@ qvTri* qvTriTail(qvTri* head);
 // returns the new head, the former tail.
 qvTri* qvTriReverse(qvTri* head);
 
+// Makes every triangle of a mesh at rest anew, in list order, and frees the
+// former records, so that a walk along the list runs through memory in order;
+// contents, list order, edges and vertices stay as they were. 0; -1 for a
+// mesh not at rest (held triangles, a working link or aux set) or when memory
+// runs out, and then nothing has changed.
+int32_t qvMeshCompact(qvMesh* mesh);
+
 qvMesh* qvMeshConcat(qvMesh* a, qvMesh* b);
 int32_t qvMeshDeleteAll(qvMesh* head);
 [[nodiscard]] int32_t qvMeshCount(const qvMesh* head);
@@ -703,7 +710,9 @@ constexpr double kWeldTol2 = 1e-12;
 // prepended. 0; -1 for a null argument or a failed allocation, and then the
 // mesh and the corners are as they were (the corners stay the caller's).
 [[nodiscard]] int32_t qvMeshAddFacet(qvMesh* mesh, qvVtx* corners[3]);
-// Welds and links a soup. tol, when not null, is the pair {linear, squared}
+// Welds and links a soup as qvMeshAddFacet builds it: every triangle on three
+// edges of its own in the cycle of its corners, no triangle linked; any other
+// mesh is refused with -1, untouched. tol, when not null, is the pair {linear, squared}
 // within which vertices merge (transitively along sorted x); without it only
 // bitwise equal coordinates merge. 0, with kMeshStitched set; -1 on failure,
 // with the mesh good only for being freed. A surface that can't be oriented
@@ -717,3 +726,10 @@ constexpr double kWeldTol2 = 1e-12;
 [[nodiscard]] int32_t qvMeshShells(qvMesh* mesh, qvVtx* (*clone)(const qvVtx*));
 // qvMeshStitch, then qvMeshShells with qvVtxClone: the number of shells, or -1.
 [[nodiscard]] int32_t qvMeshAssemble(qvMesh* mesh, const double* tol);
+// The chain that qvMeshAssemble makes of the soup of n facets that
+// qvMeshAddFacet would build from corners (nine coordinates each, three
+// corners in order), record for record and in the same list order; only the
+// records that stay are made. *shells (may be null) receives the number of
+// shells, or -1 on failure, when the mesh returned is good only for being
+// freed. Null when no mesh could be made.
+qvMesh* qvMeshAssembleCorners(const float* const* corners, int32_t n, const double* tol, int32_t* shells);

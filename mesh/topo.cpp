@@ -80,10 +80,22 @@ int32_t qvBndCount(qvMesh* mesh) {
 // ---------------------------------------------------------------------------
 // Orientation
 
-int32_t qvOrientCheck(qvMesh* mesh) {
+namespace {
+
+// qvOrientCheck, and with bnd the boundary count of qvBndCount in the same
+// walk: both take each edge once, where a triangle first holds it. *bnd is
+// the count when the check comes out 0, and -1 when the count fails. The
+// disagreement test is qvTriDisagree's, with t's corners read once for its
+// three slots.
+int32_t orientCheck(qvMesh* mesh, int32_t* bnd) {
   if (!mesh) return -1;
   int32_t result = 0;
+  int32_t count = 0;
+  bool counted = (mesh->flags & kMeshStitched) != 0;
   for (qvTri* t = mesh->tri; t && result == 0; t = t->next) {
+    if (!(t->flags & kTriLinked)) counted = false;
+    double* c[3];
+    int32_t corners = -1;  // 0 read, 1 unreadable, -1 not read yet
     for (int32_t i = 0; i < 3 && result == 0; ++i) {
       qvEdg* e = t->edg[i];
       if (!e) {
@@ -92,13 +104,27 @@ int32_t qvOrientCheck(qvMesh* mesh) {
       }
       if (e->flags & kEdgMarkVisit) continue;
       e->flags |= kEdgMarkVisit;
-      // A boundary edge is never inconsistent: qvTriDisagree gives 0 there.
-      result = qvTriDisagree(t, i);
+      const qvTri* n = t->adj[i];
+      // A boundary edge is never inconsistent.
+      if (!n) {
+        ++count;
+        continue;
+      }
+      const int32_t j = qvTriEdgeSlot(n, e);
+      if (corners < 0) corners = qvTriCorners(t, 0, c) != 0 ? 1 : 0;
+      const int32_t mine = corners != 0 ? -1 : e->ends[0] != c[i] ? 1 : 0;
+      const int32_t theirs = j < 0 ? -1 : qvTriEdgeRev(n, j);
+      result = j < 0 || mine < 0 || theirs < 0 ? -1 : mine == theirs ? 1 : 0;
     }
   }
   clearTriEdgeBits(mesh, kEdgMarkVisit);
+  if (bnd) *bnd = counted ? count : -1;
   return result;
 }
+
+}  // namespace
+
+int32_t qvOrientCheck(qvMesh* mesh) { return orientCheck(mesh, nullptr); }
 
 // Each triangle gets kTriMarkVisit when its orientation is settled and
 // kTriMarkFlood when it has been reached in list order. A triangle's
@@ -462,7 +488,8 @@ int32_t qvMeshTopo(qvMesh* mesh, qvTopo* topo) {
   topo->euler = topo->nBnd;
 
   bool orientable = true;
-  const int32_t check = qvOrientCheck(mesh);
+  int32_t bnd = -1;
+  const int32_t check = orientCheck(mesh, &bnd);
   if (check < 0) return 2;
   if (check > 0) {
     topo->orient = 2;
@@ -474,7 +501,8 @@ int32_t qvMeshTopo(qvMesh* mesh, qvTopo* topo) {
     }
   }
 
-  const int32_t bnd = qvBndCount(mesh);
+  // The count of the check's walk holds unless the flood turned triangles.
+  if (check > 0) bnd = qvBndCount(mesh);
   if (bnd < 0) {
     topo->nBnd = 0;
     return 3;

@@ -157,22 +157,16 @@ qvMesh *meshFromPointers(FacetRec *const *table, int count, int *status) {
   return finishSoup(mesh);
 }
 
-// The facets are fetched in file order and only then added in run order: a
-// binary file is read forwards through its buffer and an ASCII file parsed once
-// from the top, where fetching in run order would seek, or parse again from the
+// The facets are fetched in file order into their places in the run: a binary
+// file is read forwards through its buffer and an ASCII file parsed once from
+// the top, where fetching in run order would seek, or parse again from the
 // top, for nearly every facet. One cursor serves the whole run, starting at -1.
-qvMesh *meshFromKeys(FILE *file, int format, const FacetKey *keys, int count, int *status) {
-  int unused;
-  int &result = status ? *status : unused;
-  result = 0;
-  if (!file || !keys || count < 1) {
-    return nullptr;
-  }
+FacetRec *fetchFacetRun(FILE *file, int format, const FacetKey *keys, int count) {
   const size_t size = static_cast<size_t>(count);
   auto *order = static_cast<Fetch *>(ftMalloc(sizeof(Fetch) * size));
   auto *facets = static_cast<FacetRec *>(ftMalloc(sizeof(FacetRec) * size));
-  qvMesh *mesh = order && facets ? newSoup() : nullptr;
-  if (mesh) {
+  bool ok = order && facets;
+  if (ok) {
     for (int i = 0; i < count; ++i) {
       order[i] = {keys[i].ordinal, i};
     }
@@ -181,26 +175,62 @@ qvMesh *meshFromKeys(FILE *file, int format, const FacetKey *keys, int count, in
     });
     int position = -1;
     FacetWire wire;
-    for (int i = 0; mesh && i < count; ++i) {
-      if (stlReadFacetAt(file, format, order[i].ordinal, &position, &wire) != 0) {
-        qvMeshFree(mesh);
-        mesh = nullptr;
-      } else {
+    for (int i = 0; ok && i < count; ++i) {
+      ok = stlReadFacetAt(file, format, order[i].ordinal, &position, &wire) == 0;
+      if (ok) {
         std::memcpy(facets[order[i].slot].v, wire.v + 3, sizeof(FacetRec));
       }
     }
   }
+  std::free(order);
+  if (!ok) {
+    std::free(facets);
+    return nullptr;
+  }
+  return facets;
+}
+
+qvMesh *meshFromKeys(FILE *file, int format, const FacetKey *keys, int count, int *status) {
+  int unused;
+  int &result = status ? *status : unused;
+  result = 0;
+  if (!file || !keys || count < 1) {
+    return nullptr;
+  }
+  FacetRec *facets = fetchFacetRun(file, format, keys, count);
+  qvMesh *mesh = facets ? newSoup() : nullptr;
   for (int i = 0; mesh && i < count; ++i) {
     if (addCorners(mesh, facets[i].v) != 0) {
       qvMeshFree(mesh);
       mesh = nullptr;
     }
   }
-  std::free(order);
   std::free(facets);
   if (!mesh) {
     result = -1;
     return nullptr;
   }
   return finishSoup(mesh);
+}
+
+qvMesh *assembleFromPointers(FacetRec *const *table, int count, int *shells) {
+  int unused;
+  int &result = shells ? *shells : unused;
+  result = -1;
+  if (!table || count < 1) {
+    return nullptr;
+  }
+  auto *corners = static_cast<const float **>(ftMalloc(sizeof(float *) * static_cast<size_t>(count)));
+  bool ok = corners != nullptr;
+  for (int i = 0; ok && i < count; ++i) {
+    ok = table[i] != nullptr;
+    if (ok) {
+      corners[i] = table[i]->v;
+    }
+  }
+  int32_t made = -1;
+  qvMesh *mesh = ok ? qvMeshAssembleCorners(corners, count, nullptr, &made) : nullptr;
+  std::free(corners);
+  result = made;
+  return mesh;
 }

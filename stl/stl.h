@@ -127,8 +127,14 @@ FacetRec **sortFacetPointers(FacetBlock *const *blocks, int count, int axis);
 // status out; an ASCII file whose terminator stands before its last facet, or
 // that holds more facets than a count given, is refused with -1.
 FacetKey *readFacetKeys(const char *name, int axis, int *count, int *format);
-// Orders by key, equal keys by ordinal. count, or -1 for a negative count.
-[[nodiscard]] int sortFacetKeys(FacetKey *keys, int count);
+// Tables of this many keys or more are sorted in place: the radix sort's spare
+// table of 8 bytes a facet would otherwise set the streamed route's peak,
+// which is otherwise the keys and one block's mesh.
+constexpr int kKeySortInPlaceFrom = 40000000;
+// Orders by key, equal keys by ordinal, the same order whichever sort runs:
+// a radix sort with a spare table, or from inPlaceFrom keys on a comparison
+// sort in place. count, or -1 for a negative count.
+[[nodiscard]] int sortFacetKeys(FacetKey *keys, int count, int inPlaceFrom = kKeySortInPlaceFrom);
 // Releases blocks from the last to the first and clears each slot.
 void freeFacetBlocks(FacetBlock **blocks, int blockCount);
 
@@ -180,6 +186,15 @@ qvMesh *meshFromPointers(FacetRec *const *table, int count, int *status);
 // The run keys[0..count) of a file opened with stlOpenBinary or stlOpenAscii, as
 // one unassembled mesh, or null as for meshFromPointers.
 qvMesh *meshFromKeys(FILE *file, int format, const FacetKey *keys, int count, int *status);
+// The run table[0..count) assembled into a chain of shells, as meshFromPointers
+// and then qvMeshAssemble without a tolerance make it, record for record, but
+// with only the records that stay ever made. *shells (may be null): the number
+// of shells, or -1 on failure, when the mesh returned (if any) is good only for
+// being freed.
+qvMesh *assembleFromPointers(FacetRec *const *table, int count, int *shells);
+// The facets of the run keys[0..count) of a file opened with stlOpenBinary or
+// stlOpenAscii, in run order: a new array, or null.
+FacetRec *fetchFacetRun(FILE *file, int format, const FacetKey *keys, int count);
 // One triangle on three new vertices at the facet's corners. 0, or -1 with the
 // mesh as it was.
 [[nodiscard]] int addFacetToMesh(qvMesh *mesh, const FacetWire *wire);

@@ -89,11 +89,12 @@ void radixPasses(FacetKey *keys, FacetKey *spare, size_t count, bool byKey) {
 
 // Orders a table by key, equal keys by ordinal: a total order, so the result
 // does not depend on the method. Long tables take a radix sort (ordinal
-// first unless the table is in file order already, then key); short ones, or
-// any table when the spare half cannot be allocated, a comparison sort.
-void sortKeyTable(FacetKey *keys, int count) {
+// first unless the table is in file order already, then key), which needs a
+// spare table as large; short ones, tables of inPlaceFrom entries or more,
+// and any table when the spare cannot be allocated, a comparison sort in place.
+void sortKeyTable(FacetKey *keys, int count, int inPlaceFrom) {
   FacetKey *spare = nullptr;
-  if (count >= kRadixMinimum) {
+  if (count >= kRadixMinimum && count < inPlaceFrom) {
     spare = static_cast<FacetKey *>(ftMalloc(sizeof(FacetKey) * static_cast<size_t>(count)));
   }
   if (!spare) {
@@ -267,7 +268,7 @@ FacetRec **sortFacetPointers(FacetBlock *const *blocks, int count, int axis) {
   for (int ordinal = 0; ordinal < count; ++ordinal) {
     keys[ordinal] = {ordinal, facetKeyOf(recordAt(blocks, ordinal)->v, axis)};
   }
-  sortKeyTable(keys, count);
+  sortKeyTable(keys, count, kKeySortInPlaceFrom);
   for (int i = 0; i < count; ++i) {
     table[i] = recordAt(blocks, keys[i].ordinal);
   }
@@ -296,12 +297,12 @@ FacetKey *readFacetKeys(const char *name, int axis, int *count, int *format) {
   return nullptr;
 }
 
-int sortFacetKeys(FacetKey *keys, int count) {
+int sortFacetKeys(FacetKey *keys, int count, int inPlaceFrom) {
   if (count < 0 || (count >= 2 && !keys)) {
     return -1;
   }
   if (count >= 2) {
-    sortKeyTable(keys, count);
+    sortKeyTable(keys, count, inPlaceFrom);
   }
   return count;
 }

@@ -3,6 +3,7 @@
 
 #include <vector>
 
+#include "fixture.h"
 #include "mesh/qvMesh.h"
 
 namespace {
@@ -87,4 +88,44 @@ TEST(Records, MeshWithoutOwnershipLeavesItsVerticesAlive) {
   qvMeshFree(m);
   EXPECT_EQ(order(head), (std::vector<int>{2, 1, 0}));  // read after free would trip ASan
   qvMeshDeleteAll(qvMeshNew(nullptr, nullptr, head, kMeshOwnsVtx));
+}
+
+// Each triangle as its corners' places in the vertex list and its neighbours'
+// places in the triangle list, each edge as its ends' places, in list order.
+std::vector<int> shape(const qvMesh* m) {
+  std::vector<const void*> vtx, tri;
+  for (const qvVtx* v = m->vtx; v; v = v->next) vtx.push_back(v->dat);
+  for (const qvTri* t = m->tri; t; t = t->next) tri.push_back(t);
+  auto at = [](const std::vector<const void*>& list, const void* p) {
+    for (size_t i = 0; i < list.size(); ++i)
+      if (list[i] == p) return static_cast<int>(i);
+    return -1;
+  };
+  std::vector<int> out;
+  for (const qvTri* t = m->tri; t; t = t->next) {
+    double* c[3];
+    EXPECT_EQ(qvTriCorners(t, 0, c), 0);
+    for (int k = 0; k < 3; ++k) out.insert(out.end(), {at(vtx, c[k]), at(tri, t->adj[k]), static_cast<int>(t->flags)});
+  }
+  for (const qvEdg* e = m->edg; e; e = e->next)
+    out.insert(out.end(), {at(vtx, e->ends[0]), at(vtx, e->ends[1]), static_cast<int>(e->flags)});
+  return out;
+}
+
+TEST(MeshCompact, TrianglesMadeAnewKeepContentsAndOrderAndRefusalsChangeNothing) {
+  for (const Shape* s : {&kOctahedron, &kOpenCone, &kBowTie, &kThreeOnEdge}) {
+    Fixture f(*s);
+    f.mesh->tri = qvTriReverse(f.mesh->tri);  // list order against the order of making
+    const std::vector<int> before = shape(f.mesh);
+    const qvTri* oldHead = f.mesh->tri;
+    f.mesh->tri->next->link = f.mesh->tri;  // a working link: refused
+    EXPECT_EQ(qvMeshCompact(f.mesh), -1);
+    EXPECT_EQ(f.mesh->tri, oldHead);
+    f.mesh->tri->next->link = nullptr;
+    EXPECT_EQ(shape(f.mesh), before);
+    ASSERT_EQ(qvMeshCompact(f.mesh), 0);
+    EXPECT_EQ(shape(f.mesh), before);
+    EXPECT_EQ(validateText(f.mesh), "");
+    f.t.clear();
+  }
 }

@@ -9,6 +9,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
+#include <map>
+#include <string>
+
 namespace {
 
 // The corners of each triangle in list order; releases the mesh.
@@ -93,6 +97,95 @@ TEST(StlWriteMesh, NormalIsUnitOrZeroByTheCrossProductsLength) {
             "\t\tvertex     -1.500000     0.250000     2.000000\n"
             "\tendloop\n"
             "endfacet\n");
+}
+
+
+// Every record of a chain, by place: each shell's vertices (flags and data
+// bits), edges (flags, ends as vertex places) and triangles (flags, edges and
+// neighbours as places), in list order.
+std::vector<std::string> chainRecords(const qvMesh *chain) {
+  std::vector<std::string> out;
+  for (const qvMesh *m = chain; m; m = m->next) {
+    std::map<const void *, int> place;
+    int i = 0;
+    for (const qvVtx *v = m->vtx; v; v = v->next) place[v->dat] = i++;
+    for (const qvEdg *e = m->edg; e; e = e->next) place[e] = i++;
+    for (const qvTri *t = m->tri; t; t = t->next) place[t] = i++;
+    auto at = [&](const void *p) { return p ? (place.count(p) ? place[p] : -2) : -1; };
+    out.push_back("mesh " + std::to_string(m->flags));
+    for (const qvVtx *v = m->vtx; v; v = v->next)
+      out.push_back("v " + std::to_string(v->flags) + " " +
+                    std::string(reinterpret_cast<const char *>(v->dat), sizeof(double) * v->ndat));
+    for (const qvEdg *e = m->edg; e; e = e->next)
+      out.push_back("e " + std::to_string(e->flags) + " " + std::to_string(at(e->ends[0])) + " " +
+                    std::to_string(at(e->ends[1])));
+    for (const qvTri *t = m->tri; t; t = t->next) {
+      std::string line = "t " + std::to_string(t->flags);
+      for (int k = 0; k < 3; ++k) line += " " + std::to_string(at(t->edg[k])) + "/" + std::to_string(at(t->adj[k]));
+      out.push_back(line);
+    }
+  }
+  return out;
+}
+
+TEST(MeshFromFacets, AssemblyFromFacetsIsTheSoupsAssemblyRecordForRecord) {
+  // A tetrahedron with a facet given twice, once turned, a facet with two
+  // corners alike and one with all three, a corner at -0.0 beside 0.0; apart,
+  // a fin of three facets on one edge. The soup is assembled as records, the
+  // run straight from its facets, which settles fans and orientation on its
+  // own where no edge has more than two facets.
+  const std::vector<Facet> tetra = {{0, 0, 0, 1, 0, 0, 0, 1, 0}, {0, 0, 0, 0, 0, 1, 1, 0, 0},
+                                    {0, 0, 0, 0, 1, 0, 0, 0, 1}, {1, 0, 0, 0, 0, 1, 0, 1, 0}};
+  std::vector<Facet> built = tetra;
+  built.push_back(tetra[1]);
+  built.push_back({0, 0, 1, 0, 0, 0, 1, 0, 0});
+  built.push_back({1, 0, 0, 1, 0, 0, 5, 5, 5});
+  built.push_back({7, 7, 7, 7, 7, 7, 7, 7, 7});
+  built.push_back({-0.0f, 0, 0, 3, 0, 0, 3, 3, 0});
+  // Two facets meeting at a corner only, and two that run their edge alike.
+  built.push_back({20, 0, 0, 21, 0, 0, 20, 1, 0});
+  built.push_back({20, 0, 0, 19, 0, 0, 20, -1, 0});
+  built.push_back({30, 0, 0, 31, 0, 0, 30, 1, 0});
+  built.push_back({30, 0, 0, 31, 0, 0, 31, -1, 0});
+  // A double cone whose rims are joined by a band: one shell, and its apex a
+  // vertex of two fans.
+  const float ring[3][2] = {{41, 0}, {40, 1}, {39, -1}};
+  for (int i = 0; i < 3; ++i) {
+    const float *a = ring[i], *b = ring[(i + 1) % 3];
+    built.push_back({40, 0, 0, a[0], a[1], 1, b[0], b[1], 1});
+    built.push_back({40, 0, 0, b[0], b[1], -1, a[0], a[1], -1});
+    built.push_back({a[0], a[1], 1, a[0], a[1], -1, b[0], b[1], -1});
+    built.push_back({a[0], a[1], 1, b[0], b[1], -1, b[0], b[1], 1});
+  }
+  std::vector<Facet> fin = tetra;
+  for (float z : {1.0f, -1.0f, 2.0f}) fin.push_back({9, 0, 0, 9, 1, 0, 10, 0.5f, z});
+  std::vector<std::vector<Facet>> models = {built, fin};
+  for (const char *name : {"two-cubes-edge.stl", "pinched-edge.stl", "plate-hole.stl", "torus.stl", "bunny.stl"}) {
+    Blocks blocks;
+    const int n = blocks.load(dataPath(name));
+    ASSERT_GT(n, 0) << name;
+    models.emplace_back();
+    for (int i = 0; i < n; ++i) models.back().push_back(blocks.at(i));
+  }
+  for (const auto &facets : models) {
+    std::vector<FacetRec> recs(facets.size());
+    std::vector<FacetRec *> table;
+    for (size_t i = 0; i < facets.size(); ++i) {
+      std::memcpy(recs[i].v, facets[i].data(), sizeof(FacetRec));
+      table.push_back(&recs[i]);
+    }
+    const int n = static_cast<int>(table.size());
+    int status = -1;
+    qvMesh *soup = meshFromPointers(table.data(), n, &status);
+    const int shells = qvMeshAssemble(soup, nullptr);
+    int direct = -2;
+    qvMesh *chain = assembleFromPointers(table.data(), n, &direct);
+    EXPECT_GE(shells, 1);
+    EXPECT_EQ(direct, shells);
+    EXPECT_EQ(chainRecords(chain), chainRecords(soup));
+    qvMeshDeleteAll(chain);
+    qvMeshDeleteAll(soup);
+  }
 }
 
 }  // namespace

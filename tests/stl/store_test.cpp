@@ -16,8 +16,9 @@ TEST(FacetStore, SortAxisTakesStrictlyLongerExtentsOnly) {
 }
 
 // Both routes and both formats must give the reference order, ties by ordinal,
-// on the comparison path (short tables) and the radix path (long ones), and
-// the key sort must find it from any starting order.
+// on the comparison path (short tables, and long ones from the size where the
+// key sort turns to sorting in place) and the radix path, and the key sort
+// must find it from any starting order.
 TEST(FacetStore, PointerAndKeyOrdersEqualReferenceWithTiesByOrdinal) {
   const float values[] = {3.5f, -0.0f, 0.0f, -2.25f, 3.5f, 1e-30f, -1e30f};
   for (int count : {300, 5000}) {
@@ -46,13 +47,17 @@ TEST(FacetStore, PointerAndKeyOrdersEqualReferenceWithTiesByOrdinal) {
         ASSERT_EQ(keyCount, count);
         std::vector<FacetKey> reversed(keys, keys + count);
         std::reverse(reversed.begin(), reversed.end());
-        EXPECT_EQ(sortFacetKeys(keys, count), count);
-        EXPECT_EQ(sortFacetKeys(reversed.data(), count), count);
+        // The key sort just below and at the size where it turns to sorting in place.
+        std::vector<FacetKey> inPlace = reversed;
+        EXPECT_EQ(sortFacetKeys(keys, count, count + 1), count);
+        EXPECT_EQ(sortFacetKeys(reversed.data(), count, count + 1), count);
+        EXPECT_EQ(sortFacetKeys(inPlace.data(), count, count), count);
         for (int i = 0; i < count; ++i) {
           const FacetRec *expectedRec = &blocks.slot[0]->rec[expected[i]];
           ASSERT_EQ(table[i], expectedRec) << leaf << " axis " << axis << " at " << i;
           ASSERT_EQ(keys[i].ordinal, expected[i]) << leaf << " axis " << axis << " at " << i;
           ASSERT_EQ(reversed[i].ordinal, expected[i]) << leaf << " axis " << axis << " at " << i;
+          ASSERT_EQ(inPlace[i].ordinal, expected[i]) << leaf << " axis " << axis << " at " << i;
         }
         std::free(table);
         std::free(keys);
