@@ -32,14 +32,6 @@ constexpr uid_t kNobody = 65534;
 constexpr int kCannotBecomeNobody = 126; // exit status of a child that can't change user
 constexpr int kCannotRun = 127;          // exit status of a child whose exec failed
 
-// Four tetrahedra: 16 facets that no method thins, 884 bytes as binary.
-std::vector<Facet> fourTetrahedra() {
-  std::vector<Facet> facets;
-  for (int i = 0; i < 4; ++i)
-    for (const Facet &facet : tetrahedron(2.0f * i)) facets.push_back(facet);
-  return facets;
-}
-
 struct Limits {
   rlim_t fileSize = RLIM_INFINITY; // RLIMIT_FSIZE of the child
   bool nobody = false;             // run as uid 65534 when running as root
@@ -56,7 +48,7 @@ protected:
     fs::permissions(dir_, fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec |
                               fs::perms::others_read | fs::perms::others_exec);
     fs::copy_file(FT_BINARY_DIR "/FacetTrim", dir_ / "FacetTrim");
-    input_ = binaryStl(fourTetrahedra());
+    input_ = binaryStl(tetrahedra(16)); // four tetrahedra, which no method thins
     writeBytes(path("part.stl"), input_);
   }
   void TearDown() override {
@@ -276,16 +268,14 @@ void changeInput(const char *name) {
 // format between the scan and the load fails both block methods without an
 // output; the changed input is left as the change made it.
 TEST(FaultWindow, InputChangedBetweenScanAndLoadFailsTheBlockMethods) {
-  const std::vector<Facet> facets = fourTetrahedra();
+  const std::vector<Facet> facets = tetrahedra(16);
   const std::string binary = binaryStl(facets), ascii = asciiStl(facets);
-  std::vector<Facet> more = facets;
-  for (const Facet &facet : tetrahedron(20)) more.push_back(facet);
   const std::pair<std::string, std::string> cases[] = {
       // the input as scanned, and as loaded
       {ascii, kGone},
       {binary, binaryStl({facets.begin(), facets.begin() + 8})},
       {binary, binary.substr(0, 84 + 50 * 8 + 17)},
-      {ascii, asciiStl(more)},
+      {ascii, asciiStl(tetrahedra(20))},
       {binary, asciiStl({facets.begin(), facets.begin() + 15})},
   };
   const std::string input = tempPath("window.stl"), output = tempPath("window-out.stl");
