@@ -45,13 +45,13 @@ protected:
   }
   void TearDown() override { fs::remove_all(dir_); }
 
-  // Runs the tool in the test folder; returns its exit status and fills out.
-  // No argument here holds a single quote, so quoting each one is enough.
-  int run(const std::vector<std::string> &args, std::string *out) const {
-    std::string command = "cd '" + dir_.string() + "' && '" FT_BINARY_DIR "/FacetTrim'";
+  // The shell command that runs the tool in the test folder. No argument here
+  // holds a single quote, so quoting each one is enough.
+  std::string command(const std::vector<std::string> &args) const {
+    std::string text = "cd '" + dir_.string() + "' && '" FT_BINARY_DIR "/FacetTrim'";
     for (const std::string &arg : args)
-      command += " '" + arg + "'";
-    return runCommand(command, out);
+      text += " '" + arg + "'";
+    return text;
   }
 
   // Files under the folder other than STL files, outputs named otherwise
@@ -69,11 +69,9 @@ protected:
   // Runs each case and removes its reports, so that the next case starts clean.
   void checkCases(const std::vector<Case> &cases) {
     for (const Case &c : cases) {
-      std::string where = "FacetTrim";
-      for (const std::string &arg : c.args)
-        where += " '" + arg + "'";
+      const std::string where = command(c.args);
       std::string out;
-      EXPECT_EQ(run(c.args, &out), c.status) << where;
+      EXPECT_EQ(runCommand(where, &out), c.status) << where;
       if (c.out) {
         EXPECT_EQ(out, c.out) << where;
       }
@@ -126,14 +124,14 @@ TEST_F(Tool, MessagesStatusesAndReportsFollowTheCommandLine) {
 // FT_TRACE=1 adds the place of the first failure on standard error, and
 // nothing else changes; without it standard error stays empty.
 TEST_F(Tool, TraceNamesWhereARunFirstFailed) {
-  const std::string cd = "cd '" + dir_.string() + "' && ", tool = "'" FT_BINARY_DIR "/FacetTrim'";
   for (const char *args : {" broken.stl -qm", " missing.stl -qh", " part.stl -qm -onodir/out.stl"}) {
+    const std::string where = command({}) + args;
     std::string err, out;
-    EXPECT_EQ(runCommand(cd + "FT_TRACE=1 " + tool + args + " 2>&1 >/dev/null", &err), 255) << args;
-    EXPECT_EQ(err.rfind("FacetTrim: first failure at ", 0), 0u) << args << ": " << err;
-    EXPECT_NE(err.find(".cpp:"), std::string::npos) << args << ": " << err;
-    EXPECT_EQ(runCommand(cd + tool + args + " 2>&1", &out), 255) << args;
-    EXPECT_EQ(out, kFailed) << args;
+    EXPECT_EQ(runCommand("export FT_TRACE=1; " + where + " 2>&1 >/dev/null", &err), 255) << where;
+    EXPECT_EQ(err.rfind("FacetTrim: first failure at ", 0), 0u) << where << ": " << err;
+    EXPECT_NE(err.find(".cpp:"), std::string::npos) << where << ": " << err;
+    EXPECT_EQ(runCommand(where + " 2>&1", &out), 255) << where;
+    EXPECT_EQ(out, kFailed) << where;
   }
 }
 
