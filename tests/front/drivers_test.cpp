@@ -52,7 +52,6 @@ TEST(Drivers, BothRoutesSplitBlocksAt500000AndWriteIdenticalFiles) {
   ASSERT_EQ(written.size(), order.size());
   EXPECT_EQ(sorted({written.begin(), written.end() - 1}), sorted({order.begin(), order.end() - 1}));
   EXPECT_EQ(written.back(), order.back());
-
 }
 
 // Facets that assembly drops (one degenerate, one doubled) count as removed on

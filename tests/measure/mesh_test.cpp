@@ -11,24 +11,18 @@
 using fixture::Soup;
 using fixture::Welded;
 
-namespace {
-
-// Expected counts: facets, vertices, edges, shells, closed shells, boundary,
-// non-manifold and degenerate.
-struct Counts {
-  const char *file;
-  int64_t f, v, e, shells, closed, boundary, nonManifold, degenerate;
-  double area, volume;
-};
-
-} // namespace
-
 // Hand counts. The torus is a 64 x 32 grid (V - E + F = 0). Two 10-cubes with
 // 4 x 4 grids per face share the edge x = y = 10 cut into four: 2 * 98 - 5
 // vertices, 2 * 288 - 4 edges, four edges on four facets, two shells, each
 // closed in itself.
 TEST(Topology, CountsOnRealModels) {
-  const Counts table[] = {
+  // facets, vertices, edges, shells, closed shells, boundary and non-manifold
+  // edges, degenerate facets, area and volume (checked when not negative)
+  const struct Counts {
+    const char *file;
+    int64_t f, v, e, shells, closed, boundary, nonManifold, degenerate;
+    double area, volume;
+  } table[] = {
       {"cube.stl", 12, 8, 18, 1, 1, 0, 0, 0, 24, 8},
       {"tetrahedron.stl", 4, 4, 6, 1, 1, 0, 0, 0, -1, -1},
       {"torus.stl", 4096, 2048, 6144, 1, 1, 0, 0, 0, -1, -1},
