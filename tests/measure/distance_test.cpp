@@ -142,6 +142,11 @@ TEST(Tree, NearestEqualsScanOfEveryTriangleWhateverTheHint) {
     EXPECT_EQ(measureTreeNearest(&tree, p, &hint), scan);
   }
   measureTreeFree(&tree);
+  MeasureTree empty;
+  MeasureMesh none = {};
+  ASSERT_EQ(measureTreeBuild(&none, &empty), 0);
+  const double p[3] = {0, 0, 0};
+  EXPECT_EQ(measureTreeNearest(&empty, p, nullptr), std::numeric_limits<double>::infinity());
 }
 
 // Random height fields and soups against random finer and coarser ones, flat
