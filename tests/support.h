@@ -1,7 +1,7 @@
 // Helpers shared by the test folders, free of product code: a private
 // temporary directory, whole files as bytes, binary STL written byte by byte,
-// ASCII STL as text, an independent binary reader, and a shell command run
-// with its standard output captured.
+// ASCII STL as text, tetrahedra and boxes, an independent binary reader, and a
+// shell command run with its standard output captured.
 #pragma once
 
 #include <sys/wait.h>
@@ -81,6 +81,33 @@ inline std::vector<Facet> tetrahedron(float base = 0) {
   const float b = base + 1;
   return {{base, 0, 0, base, 1, 0, b, 0, 0}, {base, 0, 0, b, 0, 0, base, 0, 1},
           {b, 0, 0, base, 1, 0, base, 0, 1}, {base, 0, 0, base, 0, 1, base, 1, 0}};
+}
+
+// Closed tetrahedra two units apart along x, then lone facets beyond them to
+// make up count.
+inline std::vector<Facet> tetrahedra(int count) {
+  std::vector<Facet> facets;
+  for (int i = 0; i + 4 <= count; i += 4)
+    for (const Facet &facet : tetrahedron(static_cast<float>(i / 2))) facets.push_back(facet);
+  for (float x = static_cast<float>(count); static_cast<int>(facets.size()) < count; x += 2)
+    facets.push_back({x, 0, 0, x + 1, 0, 0, x, 1, 0});
+  return facets;
+}
+
+// Box from lo to hi, faces turned outwards, two facets a face; without its top
+// face (z = hi) when open. Corner i takes hi on axis k where bit k of i is set.
+inline std::vector<Facet> boxFacets(std::array<float, 3> lo, std::array<float, 3> hi, bool open = false) {
+  static const int quads[6][4] = {{0, 2, 3, 1}, {0, 1, 5, 4}, {2, 6, 7, 3},
+                                  {0, 4, 6, 2}, {1, 3, 7, 5}, {4, 5, 7, 6}};
+  std::vector<Facet> facets;
+  for (int f = 0; f < (open ? 5 : 6); ++f)
+    for (int half = 0; half < 2; ++half) {
+      const int corners[3] = {quads[f][0], quads[f][1 + half], quads[f][2 + half]};
+      Facet &facet = facets.emplace_back();
+      for (int v = 0; v < 3; ++v)
+        for (int k = 0; k < 3; ++k) facet[3 * v + k] = (corners[v] >> k & 1) ? hi[k] : lo[k];
+    }
+  return facets;
 }
 
 // The count field of a binary STL, or -1 for a file shorter than a header.

@@ -27,16 +27,6 @@ std::vector<Facet> sorted(std::vector<Facet> facets) {
   return facets;
 }
 
-// Tetrahedra two units apart along x, then lone facets beyond to make up count.
-std::vector<Facet> tetrahedra(int count) {
-  std::vector<Facet> facets;
-  for (int i = 0; i + 4 <= count; i += 4)
-    for (const Facet &facet : tetrahedron(static_cast<float>(i / 2))) facets.push_back(facet);
-  for (float x = static_cast<float>(count); static_cast<int>(facets.size()) < count; x += 2)
-    facets.push_back({x, 0, 0, x + 1, 0, 0, x, 1, 0});
-  return facets;
-}
-
 // 500,001 facets, partly in reverse file order: the first block holds the
 // 500,000 first by (key, ordinal), the second the one left, and both routes
 // write the same bytes.
@@ -62,7 +52,6 @@ TEST(Drivers, BothRoutesSplitBlocksAt500000AndWriteIdenticalFiles) {
   ASSERT_EQ(written.size(), order.size());
   EXPECT_EQ(sorted({written.begin(), written.end() - 1}), sorted({order.begin(), order.end() - 1}));
   EXPECT_EQ(written.back(), order.back());
-
 }
 
 // Facets that assembly drops (one degenerate, one doubled) count as removed on

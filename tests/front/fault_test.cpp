@@ -19,7 +19,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cmath>
 #include <csignal>
 #include <set>
 
@@ -31,14 +30,6 @@ const char *const kFailed = "ERROR: REDUCTION NOT POSSIBLE !\n";
 constexpr uid_t kNobody = 65534;
 constexpr int kCannotBecomeNobody = 126; // exit status of a child that can't change user
 constexpr int kCannotRun = 127;          // exit status of a child whose exec failed
-
-// Four tetrahedra: 16 facets that no method thins, 884 bytes as binary.
-std::vector<Facet> fourTetrahedra() {
-  std::vector<Facet> facets;
-  for (int i = 0; i < 4; ++i)
-    for (const Facet &facet : tetrahedron(2.0f * i)) facets.push_back(facet);
-  return facets;
-}
 
 struct Limits {
   rlim_t fileSize = RLIM_INFINITY; // RLIMIT_FSIZE of the child
@@ -56,7 +47,7 @@ protected:
     fs::permissions(dir_, fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec |
                               fs::perms::others_read | fs::perms::others_exec);
     fs::copy_file(FT_BINARY_DIR "/FacetTrim", dir_ / "FacetTrim");
-    input_ = binaryStl(fourTetrahedra());
+    input_ = binaryStl(tetrahedra(16)); // four tetrahedra, which no method thins
     writeBytes(path("part.stl"), input_);
   }
   void TearDown() override {
@@ -220,31 +211,17 @@ TEST_F(Fault, UnwritableOutputFailsAndLeavesEveryFileAsItWas) {
   }
 }
 
-// A wavy height field of 2 * n * n facets on a unit grid: slow enough to reduce
-// at a small tolerance that a run can be stopped in the middle.
-std::vector<Facet> wavyField(int n) {
-  auto z = [](int x, int y) { return static_cast<float>(std::sin(0.3 * x) * std::cos(0.2 * y)); };
-  std::vector<Facet> facets;
-  for (int y = 0; y < n; ++y)
-    for (int x = 0; x < n; ++x) {
-      const float ax = x, ay = y, bx = x + 1.0f, by = y + 1.0f;
-      facets.push_back({ax, ay, z(x, y), bx, ay, z(x + 1, y), bx, by, z(x + 1, y + 1)});
-      facets.push_back({ax, ay, z(x, y), bx, by, z(x + 1, y + 1), ax, by, z(x, y + 1)});
-    }
-  return facets;
-}
-
 // Ctrl-C or a batch system's SIGTERM in the middle of a run: the tool ends by
 // that signal and leaves neither its output nor a report. The signal is sent
 // once the output has its header, while the engine works.
 TEST_F(Fault, StoppedRunLeavesNoOutput) {
-  writeBytes(path("wavy.stl"), binaryStl(wavyField(150)));
+  const std::string sphere = dataPath("sphere.stl"); // 20,480 facets, reduced for about half a second
   for (const char *method : kMethods) {
     const pid_t child = fork();
     if (child == 0) {
       if (chdir(dir_.c_str()) != 0) _exit(kCannotRun);
       std::freopen("/dev/null", "w", stdout);
-      execl("./FacetTrim", "./FacetTrim", "wavy.stl", method, "-t0.0005", "-oout.stl", "-s", nullptr);
+      execl("./FacetTrim", "./FacetTrim", sphere.c_str(), method, "-t0.005", "-oout.stl", "-s", nullptr);
       _exit(kCannotRun);
     }
     for (int wait = 0; wait < 20000 && !(fs::exists(path("out.stl")) && fs::file_size(path("out.stl")) >= 84);
@@ -276,16 +253,14 @@ void changeInput(const char *name) {
 // format between the scan and the load fails both block methods without an
 // output; the changed input is left as the change made it.
 TEST(FaultWindow, InputChangedBetweenScanAndLoadFailsTheBlockMethods) {
-  const std::vector<Facet> facets = fourTetrahedra();
+  const std::vector<Facet> facets = tetrahedra(16);
   const std::string binary = binaryStl(facets), ascii = asciiStl(facets);
-  std::vector<Facet> more = facets;
-  for (const Facet &facet : tetrahedron(20)) more.push_back(facet);
   const std::pair<std::string, std::string> cases[] = {
       // the input as scanned, and as loaded
       {ascii, kGone},
       {binary, binaryStl({facets.begin(), facets.begin() + 8})},
       {binary, binary.substr(0, 84 + 50 * 8 + 17)},
-      {ascii, asciiStl(more)},
+      {ascii, asciiStl(tetrahedra(20))},
       {binary, asciiStl({facets.begin(), facets.begin() + 15})},
   };
   const std::string input = tempPath("window.stl"), output = tempPath("window-out.stl");

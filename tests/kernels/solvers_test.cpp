@@ -86,55 +86,44 @@ TEST(SegSegIntersect2d, AgreesWithExactOrientationOnRandomSegments) {
   EXPECT_GT(contacts, 1000);
 }
 
-TEST(SolveQuadratic, HandlesEachDegenerateCase) {
+// Without a cubic term, the quadratic's roots: none, one for a linear or a
+// double root (the discriminant within tol counts as zero), or a complex pair,
+// whose imaginary parts are +-sqrt(-disc), not divided by 2 a2. Roots are
+// checked relative to their size, which a cancelling formula misses at 1e-8.
+TEST(SolveCubic, DegenerateRepeatedAndComplexRootsOnHandMadePolynomials) {
   struct Case {
-    double a2, a1, a0;
+    double a3, a2, a1, a0, tol;
     int32_t count, kind;
-    double re0, re1, im0;
+    double roots[3], im;  // real parts, sorted; the largest imaginary part
   };
+  const double d = std::sqrt(1e-13);
   const Case cases[] = {
-      {0, 0, 3, 0, kRootsReal, 0, 0, 0},  {0, 2, 3, 1, kRootsReal, -1.5, 0, 0},
-      {1, -2, 1, 1, kRootsReal, 1, 0, 0}, {-1, 3, -2, 2, kRootsReal, 2, 1, 0},
-      {1, 2, 5, 2, kRootsComplex, -1, -1, 4},  // im is sqrt(-disc), not divided by 2 a2
-  };
-  for (const Case& k : cases) {
-    double re[2] = {0, 0}, im[2] = {0, 0};
-    int32_t kind = -9;
-    ASSERT_EQ(solveQuadratic(k.a2, k.a1, k.a0, 1e-12, re, im, &kind), k.count) << k.a0;
-    EXPECT_EQ(kind, k.kind) << k.a0;
-    EXPECT_DOUBLE_EQ(re[0], k.re0) << k.a0;
-    EXPECT_DOUBLE_EQ(re[1], k.count == 2 ? k.re1 : 0) << k.a0;
-    EXPECT_DOUBLE_EQ(im[0], k.im0) << k.a0;
-    EXPECT_DOUBLE_EQ(im[1], -k.im0) << k.a0;
-  }
-  double re[2], im[2];
-  int32_t kind;
-  EXPECT_EQ(solveQuadratic(1, -2, 1 - 1e-13, 1e-12, re, im, &kind), 1);  // disc within tol
-  EXPECT_EQ(solveQuadratic(1, -2, 1 - 1e-13, 0.0, re, im, &kind), 2);
-  ASSERT_EQ(solveQuadratic(1, -1e8, 1, 0.0, re, im, &kind), 2);  // no cancellation
-  EXPECT_NEAR(re[1], 1e-8, 1e-22);
-}
-
-TEST(SolveCubic, RepeatedRootsCountOnce) {
-  struct Case {
-    double a3, a2, a1, a0;
-    int32_t count, kind;
-    double roots[3];  // real parts, sorted
-  };
-  const Case cases[] = {
-      {1, -6, 9, -4, 2, kRootsReal, {1, 4}},  {1, -6, 12, -8, 1, kRootsReal, {2}},
-      {0, 1, -3, 2, 2, kRootsReal, {1, 2}},  // no cubic term: the quadratic's roots
+      {0, 0, 0, 3, 1e-12, 0, kRootsReal, {}, 0},
+      {0, 0, 2, 3, 1e-12, 1, kRootsReal, {-1.5}, 0},
+      {0, 1, -2, 1, 1e-12, 1, kRootsReal, {1}, 0},
+      {0, -1, 3, -2, 1e-12, 2, kRootsReal, {1, 2}, 0},
+      {0, 1, 2, 5, 1e-12, 2, kRootsComplex, {-1, -1}, 4},
+      {0, 1, -2, 1 - 1e-13, 1e-12, 1, kRootsReal, {1}, 0},
+      {0, 1, -2, 1 - 1e-13, 0, 2, kRootsReal, {1 - d, 1 + d}, 0},
+      {0, 1, -1e8, 1, 0, 2, kRootsReal, {1e-8, 1e8}, 0},
+      {1, -6, 9, -4, 1e-12, 2, kRootsReal, {1, 4}, 0},
+      {1, -6, 12, -8, 1e-12, 1, kRootsReal, {2}, 0},
       // (x - 0.1)^2 (x - 0.4), coefficients rounded: the discriminant is a
       // rounding residue within the limit, so the root counts as double.
-      {1, -0.6, 0.09, -0.004, 2, kRootsReal, {0.1, 0.4}},
+      {1, -0.6, 0.09, -0.004, 1e-12, 2, kRootsReal, {0.1, 0.4}, 0},
   };
   for (const Case& k : cases) {
     double re[3], im[3];
     int32_t kind = -9;
-    ASSERT_EQ(solveCubic(k.a3, k.a2, k.a1, k.a0, 1e-12, re, im, &kind), k.count) << k.a2;
+    SCOPED_TRACE(testing::Message() << k.a3 << " " << k.a2 << " " << k.a1 << " " << k.a0);
+    ASSERT_EQ(solveCubic(k.a3, k.a2, k.a1, k.a0, k.tol, re, im, &kind), k.count);
     EXPECT_EQ(kind, k.kind);
     sortRoots(re, k.count);
-    for (int i = 0; i < k.count; i++) EXPECT_NEAR(re[i], k.roots[i], 1e-9) << k.a2;
+    for (int i = 0; i < k.count; i++) EXPECT_NEAR(re[i], k.roots[i], 1e-9 * std::fabs(k.roots[i]));
+    if (k.count > 0) {
+      EXPECT_EQ(*std::max_element(im, im + k.count), k.im);
+      EXPECT_EQ(*std::min_element(im, im + k.count), -k.im);
+    }
   }
 }
 

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -35,11 +36,8 @@ double bruteDistance(const double p[3], const double a[3], const double b[3], co
 }
 
 double longestSide(const double a[3], const double b[3], const double c[3]) {
-  auto len = [](const double *x, const double *y) {
-    return std::sqrt((x[0] - y[0]) * (x[0] - y[0]) + (x[1] - y[1]) * (x[1] - y[1]) +
-                     (x[2] - y[2]) * (x[2] - y[2]));
-  };
-  return std::max(len(a, b), std::max(len(b, c), len(c, a)));
+  auto len = [](const double *x, const double *y) { return std::hypot(x[0] - y[0], x[1] - y[1], x[2] - y[2]); };
+  return std::max({len(a, b), len(b, c), len(c, a)});
 }
 
 MeasureDistance distance(const MeasureMesh &from, const MeasureMesh &to, double step,

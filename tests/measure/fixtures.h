@@ -15,20 +15,6 @@ inline void tri(Soup &s, const float a[3], const float b[3], const float c[3]) {
   s.insert(s.end(), c, c + 3);
 }
 
-// Closed box from (lo, lo, lo) to (hi, hi, hi), outward, 12 facets.
-inline Soup box(float lo, float hi) {
-  const float p[8][3] = {{lo, lo, lo}, {hi, lo, lo}, {hi, hi, lo}, {lo, hi, lo},
-                         {lo, lo, hi}, {hi, lo, hi}, {hi, hi, hi}, {lo, hi, hi}};
-  const int quad[6][4] = {{0, 3, 2, 1}, {4, 5, 6, 7}, {0, 1, 5, 4},
-                          {1, 2, 6, 5}, {2, 3, 7, 6}, {3, 0, 4, 7}};
-  Soup s;
-  for (const auto &q : quad) {
-    tri(s, p[q[0]], p[q[1]], p[q[2]]);
-    tri(s, p[q[0]], p[q[2]], p[q[3]]);
-  }
-  return s;
-}
-
 // The square [-1, 1]^2 at z = 0 as two facets split along the diagonal from
 // (-1, -1) to (1, 1); with h > 0, four facets rising to an apex (0, 0, h).
 inline Soup square(float h) {

@@ -17,33 +17,16 @@ namespace {
 
 const double kUnlimited = -1.0; // in a case table: pass no limit at all
 
-// Box from lo to hi, faces turned outwards, two facets a face; without its top
-// face (z = hi) when open. Corner i takes hi on axis k where bit k of i is set.
-std::vector<Facet> box(std::array<float, 3> lo, std::array<float, 3> hi, bool open = false) {
-  static const int quads[6][4] = {{0, 2, 3, 1}, {0, 1, 5, 4}, {2, 6, 7, 3},
-                                  {0, 4, 6, 2}, {1, 3, 7, 5}, {4, 5, 7, 6}};
-  std::vector<Facet> facets;
-  for (int f = 0; f < (open ? 5 : 6); ++f)
-    for (int half = 0; half < 2; ++half) {
-      const int corners[3] = {quads[f][0], quads[f][1 + half], quads[f][2 + half]};
-      Facet &facet = facets.emplace_back();
-      for (int v = 0; v < 3; ++v)
-        for (int k = 0; k < 3; ++k)
-          facet[3 * v + k] = (corners[v] >> k & 1) ? hi[k] : lo[k];
-    }
-  return facets;
-}
-
 std::vector<Facet> operator+(std::vector<Facet> a, const std::vector<Facet> &b) {
   a.insert(a.end(), b.begin(), b.end());
   return a;
 }
 
 // Bowl: area 6, the cap over its rim 4, volume 1 once capped. Cube: area 54, volume 27.
-const std::vector<Facet> kBowl = box({0, 0, 0}, {2, 2, 0.25f}, true);
-const std::vector<Facet> kCube = box({5, 0, 0}, {8, 3, 3});
-const std::vector<Facet> kSpeck = box({10, 10, 10}, {10.01f, 10.01f, 10.01f}); // area 6e-4
-const std::vector<Facet> kSlab = box({0, 0, 0}, {4, 4, 0.25f}); // area 36, volume 4
+const std::vector<Facet> kBowl = boxFacets({0, 0, 0}, {2, 2, 0.25f}, true);
+const std::vector<Facet> kCube = boxFacets({5, 0, 0}, {8, 3, 3});
+const std::vector<Facet> kSpeck = boxFacets({10, 10, 10}, {10.01f, 10.01f, 10.01f}); // area 6e-4
+const std::vector<Facet> kSlab = boxFacets({0, 0, 0}, {4, 4, 0.25f}); // area 36, volume 4
 // The cube with one corner of one facet a float step (5e-7) away from the others.
 const std::vector<Facet> kNudgedCube = [] {
   std::vector<Facet> facets = kCube;
@@ -66,7 +49,7 @@ TEST(ExtractSolids, LimitsAreStrictCapsCloseAndOpenShellsGoAtTheEnd) {
       // Welded, the cube is closed; a gap would need a cap of some area.
       {"corners within the welding tolerance join", kNudgedCube, 0.0, 0.0, 0.0, 1, 12},
       {"hole above the limit", kBowl + kCube, 6.0, 3.5, 0.0, 1, 12},
-      {"only open surfaces", kBowl + box({5, 0, 0}, {8, 3, 3}, true), 0.09, 0.09, 0.027, 0, 0},
+      {"only open surfaces", kBowl + boxFacets({5, 0, 0}, {8, 3, 3}, true), 0.09, 0.09, 0.027, 0, 0},
       // Their shared edge runs over four segments: no slit is left to cap.
       {"two cubes on a long shared edge", readBinaryFacets(dataPath("two-cubes-edge.stl")), kUnlimited, 0, 0, 2, 384},
   };
@@ -142,7 +125,7 @@ TEST(SolidTool, SolidFileReplacesTheReducedFileWhenTheNamesAreEqual) {
   // The open bowl is in the reduced file but in no solid file.
   writeBytes((dir / "part.stl").string(),
              binaryStl(readBinaryFacets(dataPath("two-cubes-edge.stl")) +
-                       box({100, 100, 0}, {102, 102, 0.25f}, true)));
+                       boxFacets({100, 100, 0}, {102, 102, 0.25f}, true)));
   ASSERT_EQ(runTool(dir, "part.stl -t0.01 -qh -oapart.stl -ssolid.stl"), 0);
   ASSERT_EQ(runTool(dir, "part.stl -t0.01 -qh -s"), 0);
   const std::string solid = fileBytes(dir / "solid.stl");
