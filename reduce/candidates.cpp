@@ -44,7 +44,7 @@ int32_t qvSpokePickMarked(qvMesh* mesh, qvVtx* v, int32_t ring, bool valences, q
   *out = qvSpokes{};
   const double* p = v->dat;
   bool failed = ring < kValenceMin;
-  double len2[kSpokeMax];
+  double len2[kSpokeTries];
   for (qvTri* s = mesh->tri; s && (s->flags & kMarkSet.tri) && !failed; s = s->next)
     for (qvEdg* e : s->edg) {
       // Each spoke once: the mark stays on it until the end.
@@ -65,14 +65,14 @@ int32_t qvSpokePickMarked(qvMesh* mesh, qvVtx* v, int32_t ring, bool valences, q
       const double l = qvEdgLen2(e);
       int32_t at = out->n;
       while (at > 0 && len2[at - 1] > l) --at;
-      if (at == kSpokeMax) continue;
-      for (int32_t k = std::min(out->n, kSpokeMax - 1); k > at; --k) {
+      if (at == kSpokeTries) continue;
+      for (int32_t k = std::min(out->n, kSpokeTries - 1); k > at; --k) {
         out->e[k] = out->e[k - 1];
         len2[k] = len2[k - 1];
       }
       out->e[at] = e;
       len2[at] = l;
-      out->n = std::min(out->n + 1, kSpokeMax);
+      out->n = std::min(out->n + 1, kSpokeTries);
     }
   for (qvTri* s = mesh->tri; s && (s->flags & kMarkSet.tri); s = s->next)
     for (qvEdg* e : s->edg) e->flags &= ~kEdgMarkSpoke;
@@ -382,19 +382,3 @@ int32_t sweep(qvMesh* mesh, const qvRedParams* params, qvTrial* tr) {
 
 int32_t qvRedSweep(qvMesh* mesh, const qvRedParams* params, qvTrial* tr) { return sweep(mesh, params, tr); }
 
-int32_t qvRedQuickSweep(qvMesh* mesh, const qvRedParams* params, qvTrial* tr) {
-  if (!mesh || !params || !tr) return -1;
-  int32_t removed = 0;
-  int32_t untold = 0;
-  for (qvVtx* v = mesh->vtx; v; v = v->next) {
-    const int32_t r = qvVtxRemove(mesh, v, params, nullptr, tr);
-    if (r < 0) return -1;
-    if (r == 0) ++removed;
-    if (++untold == kProgressEvery) {
-      ftProgress(kProgressSweep, untold);
-      untold = 0;
-    }
-  }
-  ftProgress(kProgressSweep, untold);
-  return removed;
-}

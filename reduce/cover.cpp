@@ -460,9 +460,8 @@ bool certify(qvTrial* tr, const double* const q[3], const qvTri* src, int32_t de
   double* r[3];
   for (int k = 0; k < 3; ++k) r[k] = tr->rows + static_cast<size_t>(at[k]) * tr->nHomes;
   // A home that keeps the piece within the score so far leaves the score
-  // as it is, and is as good as the best for it; a quick trial asks only
-  // for one within lim2.
-  const Certified c = bestHome(tr, q, r, tr->quick ? tr->lim2 : tr->score);
+  // as it is, and is as good as the best for it.
+  const Certified c = bestHome(tr, q, r, tr->score);
   if (c.bound <= tr->lim2) {
     if (!qvGrow(tr->plan, tr->planCap, tr->nPlan + 1)) {
       tr->err = -1;
@@ -618,7 +617,6 @@ int32_t qvTrialCertify(qvTrial* tr, const qvRedParams* params) {
   }
   tr->pool = params->pool;
   tr->lim2 = params->lim2;
-  tr->quick = params->quick;
   if (!tr->pool || !(tr->lim2 >= 0.0)) {
     tr->score = kInf;
     return 0;

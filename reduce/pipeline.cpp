@@ -1,8 +1,7 @@
 // The reduction pipeline: the two leaves of the engine and the bookkeeping at
 // the start and end of a pass. Both make one pass at the whole tolerance
-// against the input surface: reduceOnePass removes the vertex that costs
-// least first and weighs up to four spokes of each, reduceQuick takes the
-// vertices in list order, each once along its shortest spoke. Open boundaries are capped for
+// against the input surface: reduceOnePass weighs up to four spokes of a
+// vertex, reduceQuick its shortest spoke only. Open boundaries are capped for
 // the time of the pass, so that every fan is closed, and their vertices are
 // never removed.
 #include <cstdio>
@@ -146,18 +145,16 @@ int32_t qvRedFinishPass(qvMesh* mesh, int32_t keepFrozen) {
 
 namespace {
 
-// One pass over a prepared mesh: covers made, every vertex scored and the
-// sweep (or the quick sweep alone), covers released.
+// One pass over a prepared mesh: covers made, every vertex scored, the sweep,
+// covers released.
 int32_t runPass(qvMesh* mesh, const qvRedParams* given) {
   if (!mesh || !given) return -1;
   ftProgress(kProgressPass, qvVtxCount(mesh->vtx));
   qvRedParams params = *given;
   int32_t removed = -1;
   qvTrial tr{};
-  if (qvCoverStart(mesh, &params) == 0) {
-    if (params.quick) removed = qvRedQuickSweep(mesh, &params, &tr);
-    else if (qvRedScoreAll(mesh, &params, &tr) >= 0) removed = qvRedSweep(mesh, &params, &tr);
-  }
+  if (qvCoverStart(mesh, &params) == 0 && qvRedScoreAll(mesh, &params, &tr) >= 0)
+    removed = qvRedSweep(mesh, &params, &tr);
   qvTrialFree(&tr);
   qvCoverEnd(mesh, &params);
   ftProgress(kProgressPassEnd, 0);

@@ -27,12 +27,10 @@ inline bool qvGrow(T *&arr, int32_t &cap, int32_t need, int32_t first = 32) {
 constexpr int32_t kValenceMin = 3;  // the fewest triangles round a vertex: a closed fan
 constexpr uint32_t kFanMarkMode = kFanMoveEdg | kFanMoveTri;  // marked star at the list heads
 
-// The spokes a removal weighs, shortest first; when none of them can be
-// certified, the longer ones up to kSpokeMax are tried too.
+// The spokes a removal tries, shortest first.
 constexpr int32_t kSpokeTries = 4;
-constexpr int32_t kSpokeMax = 16;
 struct qvSpokes {
-  qvEdg *e[kSpokeMax];
+  qvEdg *e[kSpokeTries];
   int32_t n;
   int32_t blocked;  // spokes that fail the link test
 };
@@ -197,7 +195,6 @@ struct qvTrial {
   int32_t fragments;      // fragments made by this trial
   double beat;            // the score to beat: a trial that can't is refused early
   double lim2;
-  bool quick;             // any home within lim2 will do: the score is compared with lim2 alone
   qvCoverPool *pool;
   qvTrial *spare;         // where the next spoke is tried, made on first use
   int32_t only = -1;      // the try made alone (see qvTrialRun); -1: all of them
@@ -299,7 +296,7 @@ struct qvRedOrder;
 // ---- Removal candidates -----------------------------------------------------------
 
 // The spokes of v to collapse along, starting from t, a live triangle at v:
-// the up to kSpokeMax shortest that pass the link test, are no cap edge,
+// the up to kSpokeTries shortest that pass the link test, are no cap edge,
 // and for a feature end are feature spokes, so that it moves along a
 // feature line only; ties in star order. 0 with *out filled (out->n may be
 // 0), or -1 on failure. Leaves no mark.
@@ -331,9 +328,6 @@ struct qvRedOrder;
 // order of the list. When the sweep ends the list is relinked: retired
 // vertices first, then the order.
 [[nodiscard]] int32_t qvRedSweep(qvMesh *mesh, const qvRedParams *params, qvTrial *tr);
-// The quick sweep: each vertex in list order, once, removed by a trial along
-// its shortest spoke when that is certified within lim2. Removed count, or -1.
-[[nodiscard]] int32_t qvRedQuickSweep(qvMesh *mesh, const qvRedParams *params, qvTrial *tr);
 // After a removal: the ring vertices whose key lies above the tolerance, or
 // that have none, enter the order again at key, so that each is tried on
 // the changed mesh before the sweep ends; the others keep their keys and

@@ -850,8 +850,8 @@ int32_t qvTrialRun(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvTrial* t
   // The tries in order: each spoke, shortest first, with the fan's flips,
   // and without them when the flips changed the fan; try t is spoke t / 2,
   // without flips when t is odd.
-  const int32_t last = 2 * std::min(spokes.n, kSpokeTries) - 1;
-  const int32_t first = tr->only < 0 ? 0 : std::min(tr->only, 2 * spokes.n - 1);
+  const int32_t last = 2 * spokes.n - 1;
+  const int32_t first = tr->only < 0 ? 0 : std::min(tr->only, last);
   const bool alone = tr->only >= 0 || params->quick;
   tr->beat = std::numeric_limits<double>::infinity();
   const int32_t r = trialAlong(mesh, params, tr, spokes.e[first / 2], first % 2 == 0);
@@ -876,9 +876,7 @@ int32_t qvTrialRun(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvTrial* t
   // feature vertex, whose fan lies on the flat faces either side of its line.
   const bool judge = !tr->flat && !(v->flags & kVtxFeatureEnd);
   int32_t flipped = judge ? tr->flips : 0;  // flips made by the last try with flips
-  for (int32_t t = first + 1; !alone && tr->score > params->eta * params->eta; ++t) {
-    // Past the shortest few only while every try was refused.
-    if (t > last && (t >= 2 * spokes.n || tr->score <= params->lim2)) break;
+  for (int32_t t = first + 1; !alone && t <= last && tr->score > params->eta * params->eta; ++t) {
     if (t % 2 == 1 && flipped == 0) continue;
     markRing(tr, false);
     // Only a strictly smaller score wins: the certificate stops at the first
