@@ -48,65 +48,76 @@ TEST(SpokePick, TheShortestLinkableSpokeAndAFeatureEndOnlyAlongItsFeature) {
   }
 }
 
+// A torus in a pass at tolerance tol: covers made, a trial to reuse. finish
+// ends the pass, checks the mesh and gives the triangles left.
+struct TorusPass {
+  Fixture f{torusShape(24, 12)};
+  qvRedParams p{};
+  qvTrial tr{};
+  explicit TorusPass(double tol) {
+    EXPECT_EQ(qvRedParamsSet(tol, &p), 0);
+    EXPECT_GT(qvRedPrepFirst(f.mesh), 0);
+    EXPECT_EQ(qvCoverStart(f.mesh, &p), 0);
+  }
+  int32_t finish() {
+    qvTrialFree(&tr);
+    qvCoverEnd(f.mesh, &p);
+    const int32_t left = qvRedFinishPass(f.mesh, 0);
+    EXPECT_EQ(validateText(f.mesh), "");
+    return left;
+  }
+  ~TorusPass() {  // both frees may come twice
+    qvTrialFree(&tr);
+    qvCoverEnd(f.mesh, &p);
+    backToRest(f.mesh);
+  }
+};
+
 TEST(Removal, EveryCommitKeepsBothSurfacesAndTheCoversWhole) {
   // Commits on a torus in list order, far beyond the first ring, so that
   // stars come to hold replacement triangles whose covers hold fragments:
   // after each commit both surfaces are linked, every piece is certified
   // afresh against its home and partner, and the pieces tile the start.
-  Fixture f(torusShape(24, 12));
-  qvRedParams p;
-  ASSERT_EQ(qvRedParamsSet(3.0, &p), 0);
-  ASSERT_GT(qvRedPrepFirst(f.mesh), 0);
-  ASSERT_EQ(qvCoverStart(f.mesh, &p), 0);
-  qvTrial tr{};
+  TorusPass pass(3.0);
   std::vector<qvVtx*> order;
-  for (qvVtx* v = f.mesh->vtx; v; v = v->next) order.push_back(v);
+  for (qvVtx* v = pass.f.mesh->vtx; v; v = v->next) order.push_back(v);
   int removed = 0;
   for (qvVtx* v : order) {
-    const int32_t r = qvVtxRemove(f.mesh, v, &p, nullptr, &tr);
+    const int32_t r = qvVtxRemove(pass.f.mesh, v, &pass.p, nullptr, &pass.tr);
     ASSERT_GE(r, 0);
     removed += r == 0;
-    ASSERT_EQ(qvRedPassCheck(f.mesh, stderr), 0) << "after removal " << removed;
-    ASSERT_EQ(qvCoverCheck(f.mesh, &p, stderr), 0) << "after removal " << removed;
+    ASSERT_EQ(qvRedPassCheck(pass.f.mesh, stderr), 0) << "after removal " << removed;
+    ASSERT_EQ(qvCoverCheck(pass.f.mesh, &pass.p, stderr), 0) << "after removal " << removed;
   }
   EXPECT_GT(removed, 60);
-  qvTrialFree(&tr);
-  qvCoverEnd(f.mesh, &p);
-  const int32_t left = qvRedFinishPass(f.mesh, 0);
-  EXPECT_EQ(left, qvTriCount(f.mesh->tri));
-  EXPECT_EQ(validateText(f.mesh), "");
-  for (qvVtx* v = f.mesh->vtx; v; v = v->next) EXPECT_EQ(v->flags & (kVtxRetired | kMarkMask), 0u);
+  const int32_t left = pass.finish();
+  EXPECT_EQ(left, qvTriCount(pass.f.mesh->tri));
+  for (qvVtx* v = pass.f.mesh->vtx; v; v = v->next) EXPECT_EQ(v->flags & (kVtxRetired | kMarkMask), 0u);
   qvTopo topo;
-  EXPECT_EQ(qvMeshTopo(f.mesh, &topo), 0);
+  EXPECT_EQ(qvMeshTopo(pass.f.mesh, &topo), 0);
   EXPECT_EQ(topo.genus, 1);
-  backToRest(f.mesh);
 }
 
 TEST(Trial, KeepsTheBestTrySoFlipsNeverRaiseTheScore) {
   // Half the torus removed first, so that the covers hold pieces. Then every
   // vertex's trial scores no higher than any of its tries alone: each of the
   // shortest spokes, with the fan's flips and without.
-  Fixture f(torusShape(24, 12));
-  qvRedParams p;
-  ASSERT_EQ(qvRedParamsSet(1.0, &p), 0);
-  ASSERT_GT(qvRedPrepFirst(f.mesh), 0);
-  ASSERT_EQ(qvCoverStart(f.mesh, &p), 0);
-  qvTrial tr{};
+  TorusPass pass(1.0);
+  qvMesh* const mesh = pass.f.mesh;
+  qvTrial& tr = pass.tr;
   int32_t i = 0;
-  for (qvVtx* v = f.mesh->vtx; v; v = v->next)
-    if (i++ % 2 == 0) {
-      ASSERT_GE(qvVtxRemove(f.mesh, v, &p, nullptr, &tr), 0);
-    }
+  for (qvVtx* v = mesh->vtx; v; v = v->next, ++i)
+    ASSERT_GE(i % 2 ? 0 : qvVtxRemove(mesh, v, &pass.p, nullptr, &tr), 0);
   int32_t compared = 0, unflippedKept = 0;
-  for (qvVtx* v = f.mesh->vtx; v; v = v->next) {
-    if (v->flags & kVtxRetired || qvTrialRun(f.mesh, v, &p, &tr) != 0) continue;
+  for (qvVtx* v = mesh->vtx; v; v = v->next) {
+    if (v->flags & kVtxRetired || qvTrialRun(mesh, v, &pass.p, &tr) != 0) continue;
     const double best = tr.score;
     unflippedKept += tr.spoke % 2;
     qvTrialDrop(&tr);
     for (tr.only = 0; tr.only < 2 * kSpokeTries; ++tr.only) {
-      ASSERT_GE(qvTrialRun(f.mesh, v, &p, &tr), 0);
+      ASSERT_GE(qvTrialRun(mesh, v, &pass.p, &tr), 0);
       if (!tr.copy) continue;
-      EXPECT_LE(best, std::max(tr.score, p.eta * p.eta)) << "try " << tr.only;
+      EXPECT_LE(best, std::max(tr.score, pass.p.eta * pass.p.eta)) << "try " << tr.only;
       ++compared;
       qvTrialDrop(&tr);
     }
@@ -114,11 +125,7 @@ TEST(Trial, KeepsTheBestTrySoFlipsNeverRaiseTheScore) {
   }
   EXPECT_GT(compared, 200);
   EXPECT_GT(unflippedKept, 0);
-  qvTrialFree(&tr);
-  qvCoverEnd(f.mesh, &p);
-  ASSERT_GE(qvRedFinishPass(f.mesh, 0), 0);
-  EXPECT_EQ(validateText(f.mesh), "");
-  backToRest(f.mesh);
+  EXPECT_GE(pass.finish(), 0);
 }
 
 TEST(Sweep, EndsOnlyWhenEveryVertexLeftFailsOnTheFinalMesh) {
@@ -126,26 +133,16 @@ TEST(Sweep, EndsOnlyWhenEveryVertexLeftFailsOnTheFinalMesh) {
   // when the sweep ends, a trial of every vertex left, on the final mesh,
   // finds no spoke or scores above the limit.
   for (const double tol : {0.3, 1.5}) {
-    Fixture f(torusShape(24, 12));
-    qvRedParams p;
-    ASSERT_EQ(qvRedParamsSet(tol, &p), 0);
-    ASSERT_GT(qvRedPrepFirst(f.mesh), 0);
-    ASSERT_EQ(qvCoverStart(f.mesh, &p), 0);
-    qvTrial tr{};
-    ASSERT_GE(qvRedScoreAll(f.mesh, &p, &tr), 0);
-    EXPECT_GT(qvRedSweep(f.mesh, &p, &tr), 10) << tol;
-    for (qvVtx* v = f.mesh->vtx; v; v = v->next) {
-      if (v->flags & kVtxRetired) continue;
-      const int32_t r = qvTrialRun(f.mesh, v, &p, &tr);
+    TorusPass pass(tol);
+    ASSERT_GE(qvRedScoreAll(pass.f.mesh, &pass.p, &pass.tr), 0);
+    EXPECT_GT(qvRedSweep(pass.f.mesh, &pass.p, &pass.tr), 10) << tol;
+    for (qvVtx* v = pass.f.mesh->vtx; v; v = v->next) {
+      const int32_t r = qvTrialRun(pass.f.mesh, v, &pass.p, &pass.tr);
       ASSERT_GE(r, 0);
-      if (r == 1) continue;
-      EXPECT_GT(tr.score, p.lim2) << tol;
-      qvTrialDrop(&tr);
+      if (r == 1) continue;  // retired, or no spoke
+      EXPECT_GT(pass.tr.score, pass.p.lim2) << tol;
+      qvTrialDrop(&pass.tr);
     }
-    qvTrialFree(&tr);
-    qvCoverEnd(f.mesh, &p);
-    ASSERT_GE(qvRedFinishPass(f.mesh, 0), 0);
-    EXPECT_EQ(validateText(f.mesh), "");
-    backToRest(f.mesh);
+    EXPECT_GE(pass.finish(), 0);
   }
 }
