@@ -718,12 +718,15 @@ bool ringFlat(const qvTrial* tr) {
       continue;
     }
     if (n == 2) {
-      // The third corner off the line of the first two fixes the plane.
-      const double a[3] = {x[1][0] - x[0][0], x[1][1] - x[0][1], x[1][2] - x[0][2]};
-      const double b[3] = {p[0] - x[0][0], p[1] - x[0][1], p[2] - x[0][2]};
-      const double c[3] = {a[1] * b[2] - a[2] * b[1], a[2] * b[0] - a[0] * b[2], a[0] * b[1] - a[1] * b[0]};
-      if (c[0] == 0.0 && c[1] == 0.0 && c[2] == 0.0) continue;
-      x[n++] = p;
+      // The third corner off the line of the first two, in some coordinate
+      // plane (exactly), fixes the plane.
+      bool off = false;
+      for (int32_t drop = 0; drop < 3 && !off; ++drop) {
+        const int32_t i0 = (drop + 1) % 3, i1 = (drop + 2) % 3;
+        const double a[2] = {x[0][i0], x[0][i1]}, b[2] = {x[1][i0], x[1][i1]}, c[2] = {p[i0], p[i1]};
+        off = orient2d(a, b, c) != 0.0;
+      }
+      if (off) x[n++] = p;
       continue;
     }
     if (orient3dSign(x[0], x[1], x[2], p) != 0) return false;
