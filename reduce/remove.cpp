@@ -317,6 +317,30 @@ namespace {
 
 constexpr int32_t kFillMax = 48;  // the longest ring a fill takes on
 
+// Whether the n points at(0) .. at(n - 1) lie in one plane and not all on
+// one line, exactly: the first point off the line of the first two, in some
+// coordinate plane, fixes the plane, and every other point must lie in it.
+template <class At>
+bool flatPoints(int32_t n, At at) {
+  if (n < 3) return false;
+  const double* x0 = at(0);
+  const double* x1 = at(1);
+  auto offLine = [&](const double* p) {
+    for (int32_t drop = 0; drop < 3; ++drop) {
+      const int32_t i = (drop + 1) % 3, j = (drop + 2) % 3;
+      const double a[2] = {x0[i], x0[j]}, b[2] = {x1[i], x1[j]}, c[2] = {p[i], p[j]};
+      if (orient2d(a, b, c) != 0.0) return true;
+    }
+    return false;
+  };
+  int32_t k = 2;
+  while (k < n && !offLine(at(k))) ++k;
+  if (k == n) return false;
+  for (int32_t i = 2; i < n; ++i)
+    if (i != k && orient3dSign(x0, x1, at(k), at(i)) != 0) return false;
+  return true;
+}
+
 inline const double* uv(const double* h) { return h + kRedPairAt; }
 
 // 1, -1 or 0 for the turn of a, b, c in (u, v), times sense.
@@ -484,23 +508,7 @@ int32_t applyFlips(qvMesh* copy, const Fill& f) {
 // the surface over itself. On a curved surface the certificate alone
 // judges a folded fan.
 bool flatRing(const Fill& f) {
-  const double* x[kFillMax];
-  for (int32_t i = 0; i < f.n; ++i) x[i] = qvVtxXyz(qvVtxOf(f.poly[i]));
-  // A third corner off the line of the first two, in some coordinate plane.
-  auto offLine = [&](int32_t k) {
-    for (int32_t drop = 0; drop < 3; ++drop) {
-      const int32_t i = (drop + 1) % 3, j = (drop + 2) % 3;
-      const double a[2] = {x[0][i], x[0][j]}, b[2] = {x[1][i], x[1][j]}, c[2] = {x[k][i], x[k][j]};
-      if (orient2d(a, b, c) != 0.0) return true;
-    }
-    return false;
-  };
-  int32_t k = 2;
-  while (k < f.n && !offLine(k)) ++k;
-  if (k == f.n) return false;
-  for (int32_t i = 2; i < f.n; ++i)
-    if (i != k && orient3dSign(x[0], x[1], x[k], x[i]) != 0) return false;
-  return true;
+  return flatPoints(f.n, [&](int32_t i) { return qvVtxXyz(qvVtxOf(f.poly[i])); });
 }
 
 }  // namespace
@@ -708,30 +716,10 @@ bool gatherStar(qvMesh* mesh, qvTrial* tr, bool valences) {
 // Whether the ring of a clean star lies exactly in one plane: every fan
 // over it then lays the same flat polygon, whatever its flips.
 bool ringFlat(const qvTrial* tr) {
-  const double* x[3] = {nullptr, nullptr, nullptr};
-  int32_t n = 0;
-  for (int32_t i = 0; i < tr->nValences; ++i) {
-    if (tr->valences[i].v == tr->v) continue;
-    const double* p = qvVtxXyz(tr->valences[i].v);
-    if (n < 2) {
-      x[n++] = p;
-      continue;
-    }
-    if (n == 2) {
-      // The third corner off the line of the first two, in some coordinate
-      // plane (exactly), fixes the plane.
-      bool off = false;
-      for (int32_t drop = 0; drop < 3 && !off; ++drop) {
-        const int32_t i0 = (drop + 1) % 3, i1 = (drop + 2) % 3;
-        const double a[2] = {x[0][i0], x[0][i1]}, b[2] = {x[1][i0], x[1][i1]}, c[2] = {p[i0], p[i1]};
-        off = orient2d(a, b, c) != 0.0;
-      }
-      if (off) x[n++] = p;
-      continue;
-    }
-    if (orient3dSign(x[0], x[1], x[2], p) != 0) return false;
-  }
-  return n == 3;
+  // The star's centre comes last among the valences.
+  const int32_t n = tr->nValences - 1;
+  if (n < 0 || tr->valences[n].v != tr->v) return false;
+  return flatPoints(n, [&](int32_t i) { return qvVtxXyz(tr->valences[i].v); });
 }
 
 // Opens the star of v once for every spoke a run tries: picks the spokes
