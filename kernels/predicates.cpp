@@ -30,6 +30,7 @@ double ccwerrboundC;    // orient2d tail correction
 double iccerrboundA;    // incircle filter
 double iccerrboundB;    // incircle first adaptive stage
 double iccerrboundC;    // incircle tail correction
+double o3derrboundA;    // orient3d filter
 
 constexpr double kThreshParallel = 1e-20;  // turn2d: squared sine at or below this is parallel
 
@@ -59,6 +60,7 @@ void computeConstants() {
   iccerrboundA = (10.0 + 96.0 * epsilon) * epsilon;
   iccerrboundB = (4.0 + 48.0 * epsilon) * epsilon;
   iccerrboundC = (44.0 + 576.0 * epsilon) * epsilon * epsilon;
+  o3derrboundA = (7.0 + 56.0 * epsilon) * epsilon;
 }
 
 // The one-time set-up. A function-local static is initialised exactly once
@@ -727,8 +729,11 @@ int32_t turn2dFast(const double* a, const double* b, const double* c, int32_t gi
 }
 
 // ---------------------------------------------------------------------------
-// orient3d, exact and unfiltered: it serves the rare tests that must decide
-// exact coplanarity, so no floating-point filter is worth its code.
+// orient3d: a floating-point filter, then, when the differences to the last
+// point are exact (as they are between nearby float coordinates), the one
+// triple product of the differences as an expansion; only otherwise the four
+// triple products of the points themselves. Exactly coplanar points, the
+// common case of the flat tests, end in the second stage.
 
 namespace {
 
@@ -746,12 +751,42 @@ int tripleExpansion(const double* p, const double* q, const double* r, double* h
   return fast_expansion_sum_zeroelim(tl, t, sl[2], s[2], h);
 }
 
+int32_t signOf(const double* e, int n) {
+  const double top = e[n - 1];
+  return top > 0.0 ? 1 : (top < 0.0 ? -1 : 0);
+}
+
 }  // namespace
 
 int32_t orient3dSign(const double* pa, const double* pb, const double* pc, const double* pd) {
   ensureInit();
-  // The determinant of the rows (p, 1) for p = a, b, c, d, expanded along
-  // its column of ones: [abc] - [abd] + [acd] - [bcd].
+  // The determinant of the rows (p, 1) equals (a - d) . ((b - d) x (c - d)).
+  double ad[3], bd[3], cd[3];
+  bool exact = true;
+  for (int k = 0; k < 3; ++k) {
+    ad[k] = pa[k] - pd[k];
+    bd[k] = pb[k] - pd[k];
+    cd[k] = pc[k] - pd[k];
+    exact = exact && twoDiffTail(pa[k], pd[k], ad[k]) == 0.0 && twoDiffTail(pb[k], pd[k], bd[k]) == 0.0 &&
+            twoDiffTail(pc[k], pd[k], cd[k]) == 0.0;
+  }
+  const double bc = bd[1] * cd[2] - bd[2] * cd[1];
+  const double ca = cd[1] * ad[2] - cd[2] * ad[1];
+  const double ab = ad[1] * bd[2] - ad[2] * bd[1];
+  const double det = ad[0] * bc + bd[0] * ca + cd[0] * ab;
+  const double permanent = (std::fabs(bd[1] * cd[2]) + std::fabs(bd[2] * cd[1])) * std::fabs(ad[0]) +
+                           (std::fabs(cd[1] * ad[2]) + std::fabs(cd[2] * ad[1])) * std::fabs(bd[0]) +
+                           (std::fabs(ad[1] * bd[2]) + std::fabs(ad[2] * bd[1])) * std::fabs(cd[0]);
+  // Strict, so that an infinite or undefined estimate goes on to the exact stages.
+  const double errbound = o3derrboundA * permanent;
+  if (det > errbound) return 1;
+  if (-det > errbound) return -1;
+  double h[24];
+  if (exact) {
+    const int n = tripleExpansion(ad, bd, cd, h);
+    return signOf(h, n);
+  }
+  // [abc] - [abd] + [acd] - [bcd], each triple product of the points themselves.
   double t[4][24];
   int tl[4];
   tl[0] = tripleExpansion(pa, pb, pc, t[0]);
@@ -766,6 +801,5 @@ int32_t orient3dSign(const double* pa, const double* pb, const double* pc, const
   const int ul = fast_expansion_sum_zeroelim(tl[0], t[0], tl[1], t[1], u);
   const int wl = fast_expansion_sum_zeroelim(tl[2], t[2], tl[3], t[3], w);
   const int n = fast_expansion_sum_zeroelim(ul, u, wl, w, all);
-  const double top = all[n - 1];
-  return top > 0.0 ? 1 : (top < 0.0 ? -1 : 0);
+  return signOf(all, n);
 }

@@ -82,5 +82,6 @@ int32_t turn2dFast(const double* a, const double* b, const double* c, int32_t gi
 // The sign of the determinant of the rows (a, 1), (b, 1), (c, 1), (d, 1):
 // 0 exactly when the four points are coplanar, and otherwise the side of the
 // plane through a, b, c on which d lies. Exact for finite input whose products
-// neither overflow nor underflow; slow, as it has no filter.
+// neither overflow nor underflow. Filtered: fast unless the points are
+// coplanar or nearly so.
 [[nodiscard]] int32_t orient3dSign(const double* a, const double* b, const double* c, const double* d);

@@ -114,6 +114,38 @@ TEST(Predicates, SignsMatchRationalArithmeticOnNearDegenerateInput) {
   }
 }
 
+TEST(Predicates, Orient3dSignMatchesRationalArithmeticNearAPlane) {
+  exactinit();
+  std::mt19937_64 rng(17);
+  std::uniform_real_distribution<double> unit(-1.0, 1.0);
+  std::uniform_int_distribution<int> expo(-30, 40), kick(-2, 2);
+  for (int i = 0; i < 3000; i++) {
+    // Nearby float points with a fourth on their plane, rounded; or four on
+    // the plane x = y with magnitudes far apart, whose differences round.
+    double p[4][3];
+    const double s = std::ldexp(1.0, expo(rng)), off = i % 4 == 0 ? 1e3 * s : 0.0;
+    for (int k = 0; k < 3; k++)
+      for (double& x : p[k]) x = float(off + s * unit(rng));
+    for (int c = 0; c < 3; c++) p[3][c] = p[0][c] + 0.5 * (p[1][c] - p[0][c]) - 0.25 * (p[2][c] - p[0][c]);
+    if (i % 2) {
+      for (auto& q : p) {
+        q[0] = q[1] = float(std::ldexp(unit(rng), expo(rng)));
+        q[2] = float(std::ldexp(unit(rng), expo(rng)));
+      }
+    }
+    p[i % 4][i % 3] = ulps(p[i % 4][i % 3], kick(rng));
+    mpq_class d[3][3];
+    for (int k = 0; k < 3; k++)
+      for (int c = 0; c < 3; c++) d[k][c] = mpq_class(p[k][c]) - p[3][c];
+    const int e = sgn(d[0][0] * (d[1][1] * d[2][2] - d[1][2] * d[2][1]) -
+                      d[0][1] * (d[1][0] * d[2][2] - d[1][2] * d[2][0]) +
+                      d[0][2] * (d[1][0] * d[2][1] - d[1][1] * d[2][0]));
+    ASSERT_EQ(orient3dSign(p[0], p[1], p[2], p[3]), e) << i;
+    ASSERT_EQ(orient3dSign(p[1], p[0], p[2], p[3]), -e) << i;
+    ASSERT_EQ(orient3dSign(p[3], p[0], p[1], p[2]), -e) << i;
+  }
+}
+
 // ---------------------------------------------------------------------------
 // Classifiers
 
