@@ -8,11 +8,13 @@
 // largest certified bound is the removal's score. See reduce/reduce.h for the
 // invariants and the proof.
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <unordered_map>
+#include <vector>
 
 #include "kernels/failure.h"
 #include "kernels/predicates.h"
@@ -157,6 +159,7 @@ int32_t qvCoverStart(qvMesh* mesh, qvRedParams* params) {
   pool->scale = scale;
   params->pool = pool;
   for (qvTri* t = mesh->tri; t; t = t->next) {
+    t->flags &= ~kTriFlatHeld;
     if (t->flags & kTriCap) continue;
     qvPiece whole{{nullptr, nullptr, nullptr}, t, 0.0f, kPieceSingle};
     double* c[3];
@@ -169,7 +172,10 @@ int32_t qvCoverStart(qvMesh* mesh, qvRedParams* params) {
 
 void qvCoverEnd(qvMesh* mesh, qvRedParams* params) {
   if (mesh)
-    for (qvTri* t = mesh->tri; t; t = t->next) qvCoverFree(t);
+    for (qvTri* t = mesh->tri; t; t = t->next) {
+      qvCoverFree(t);
+      t->flags &= ~kTriFlatHeld;
+    }
   if (!params || !params->pool) return;
   for (qvCoverPool::Chunk* c = params->pool->head; c;) {
     qvCoverPool::Chunk* next = c->next;
@@ -518,12 +524,21 @@ struct Affected {
   int32_t order;  // place in the gathering: the tie-break of the worst-first order
 };
 
-// At a tolerance of 0: whether the new fan covers exactly what the star
-// covered. It does when the star and the ring lie in one plane (exactly) and,
-// in a coordinate plane onto which that plane projects one to one, the old and
-// the new triangles all turn the same way, strictly: both then tile the
-// polygon of the ring.
-bool flatStar(const qvTrial* tr) {
+// The plane of a flat star: three points of it, and the coordinate plane
+// onto which it projects one to one, where its triangles turn as sense.
+struct FlatPlane {
+  const double* p;
+  const double* a;
+  const double* b;
+  int32_t drop;
+  int32_t sense;
+};
+
+// Whether the new fan covers exactly what the star covered. It does when the
+// star and the ring lie in one plane (exactly) and, in a coordinate plane
+// onto which that plane projects one to one, the old and the new triangles
+// all turn the same way, strictly: both then tile the polygon of the ring.
+bool flatStar(const qvTrial* tr, FlatPlane* fp) {
   const double* p = qvVtxXyz(tr->v);
   // A plane through v and two ring corners that are not collinear with it.
   const double* a = nullptr;
@@ -554,7 +569,92 @@ bool flatStar(const qvTrial* tr) {
     double* c[3];
     if (qvTriCoords(t, 0, c) != 0 || orient2dDrop(c[0], c[1], c[2], drop) != sense) return false;
   }
+  *fp = FlatPlane{p, a, b, drop, sense};
   return true;
+}
+
+// Whether the piece is a whole starting triangle that lies in the plane and,
+// there, inside the closed triangle with corners c.
+bool wholeInside(const qvPiece& piece, const double* const c[3], const FlatPlane& fp) {
+  double* s[3];
+  if (piece.kind == kPieceFlat || qvTriCoords(piece.src, 0, s) != 0) return false;
+  for (int k = 0; k < 3; ++k)
+    if (piece.q[k] != s[k] || orient3dSign(fp.p, fp.a, fp.b, s[k]) != 0) return false;
+  if (orient2dDrop(s[0], s[1], s[2], fp.drop) == 0) return false;
+  for (int i = 0; i < 3; ++i)
+    for (const double* x : s)
+      if (orient2dDrop(c[i], c[(i + 1) % 3], x, fp.drop) * fp.sense < 0) return false;
+  return true;
+}
+
+// The fan of a flat star laid in the coordinate plane, as 10 numbers per
+// triangle: its corners' pairs, then its box (low pair, high pair).
+constexpr int32_t kFlatFanStride = 10;
+
+bool layFlatFan(qvTrial* tr, const FlatPlane& fp) {
+  const int32_t nFan = tr->nHomes - tr->nNear;
+  if (!qvGrow(tr->flatFan, tr->flatFanCap, nFan * kFlatFanStride)) return false;
+  const int32_t i = (fp.drop + 1) % 3;
+  const int32_t j = (fp.drop + 2) % 3;
+  for (int32_t f = 0; f < nFan; ++f) {
+    double* o = tr->flatFan + f * kFlatFanStride;
+    for (int k = 0; k < 3; ++k) {
+      o[2 * k] = tr->homes[f].x[k][i];
+      o[2 * k + 1] = tr->homes[f].x[k][j];
+    }
+    o[6] = std::min({o[0], o[2], o[4]});
+    o[7] = std::min({o[1], o[3], o[5]});
+    o[8] = std::max({o[0], o[2], o[4]});
+    o[9] = std::max({o[1], o[3], o[5]});
+  }
+  return true;
+}
+
+int32_t turn(const double* a, const double* b, const double* c) {
+  const double d = orient2d(a, b, c);
+  return d > 0.0 ? 1 : (d < 0.0 ? -1 : 0);
+}
+
+// Files a flat piece with every triangle of the flat fan (laid by
+// layFlatFan) whose interior its own overlaps: for each, no side of either
+// triangle has the other wholly outside it or on its line. A piece inside
+// one triangle overlaps no other. 1, 0 when it overlaps none, -1 on failure.
+int32_t fileFlat(qvTrial* tr, const qvPiece& piece, const FlatPlane& fp) {
+  const int32_t i = (fp.drop + 1) % 3;
+  const int32_t j = (fp.drop + 2) % 3;
+  double q[3][2];
+  for (int k = 0; k < 3; ++k) {
+    q[k][0] = piece.q[k][i];
+    q[k][1] = piece.q[k][j];
+  }
+  const double lo[2] = {std::min({q[0][0], q[1][0], q[2][0]}), std::min({q[0][1], q[1][1], q[2][1]})};
+  const double hi[2] = {std::max({q[0][0], q[1][0], q[2][0]}), std::max({q[0][1], q[1][1], q[2][1]})};
+  const int32_t qSense = turn(q[0], q[1], q[2]);
+  const int32_t nFan = tr->nHomes - tr->nNear;
+  int32_t filed = 0;
+  for (int32_t f = 0; f < nFan; ++f) {
+    const double* c = tr->flatFan + f * kFlatFanStride;
+    if (hi[0] <= c[6] || c[8] <= lo[0] || hi[1] <= c[7] || c[9] <= lo[1]) continue;
+    bool apart = false;
+    bool inside = true;
+    for (int e = 0; e < 3 && !apart; ++e) {
+      int32_t out = 0;
+      for (int k = 0; k < 3; ++k) out += turn(c + 2 * e, c + 2 * ((e + 1) % 3), q[k]) * fp.sense <= 0;
+      apart = out == 3;
+      inside = inside && out == 0;
+    }
+    for (int e = 0; e < 3 && !apart && !inside; ++e) {
+      int32_t out = 0;
+      for (int k = 0; k < 3; ++k) out += turn(q[e], q[(e + 1) % 3], c + 2 * k) * qSense <= 0;
+      apart = out == 3;
+    }
+    if (apart) continue;
+    if (!qvGrow(tr->plan, tr->planCap, tr->nPlan + 1)) return -1;
+    tr->plan[tr->nPlan++] = qvPlanItem{f, qvPiece{{piece.q[0], piece.q[1], piece.q[2]}, piece.src, 0.0f, kPieceFlat}};
+    ++filed;
+    if (inside) break;
+  }
+  return filed > 0 ? 1 : 0;
 }
 
 }  // namespace
@@ -611,8 +711,9 @@ int32_t qvTrialCertify(qvTrial* tr, const qvRedParams* params) {
       return 0;
     }
   }
+  FlatPlane plane{};
   if (params->tol == 0.0) {
-    if (!flatStar(tr)) tr->score = kInf;
+    if (!flatStar(tr, &plane)) tr->score = kInf;
     return 0;
   }
   tr->pool = params->pool;
@@ -623,8 +724,17 @@ int32_t qvTrialCertify(qvTrial* tr, const qvRedParams* params) {
   }
   if (!gatherHomes(tr)) return -1;
 
+  // A flat star's fan lays the same surface: the flat pieces over it, and
+  // the whole starting triangles inside its triangles, are filed with the
+  // fan's triangles they overlap, with no measure.
+  bool flat = tr->flat;
+  for (int32_t i = 0; i < tr->nStar && flat; ++i) flat = !(tr->star[i]->flags & kTriCap);
+  flat = flat && flatStar(tr, &plane);
+  if (flat && !layFlatFan(tr, plane)) return -1;
+
   // The pieces to place: every piece of the star's covers, and the pair
-  // pieces round the ring whose partner lies across a ring edge.
+  // pieces round the ring whose partner lies across a ring edge. A flat
+  // piece filed with several star triangles is placed once.
   int32_t count = 0;
   for (int32_t i = 0; i < tr->nStar; ++i) {
     const qvCover* c = static_cast<const qvCover*>(tr->star[i]->link);
@@ -637,16 +747,48 @@ int32_t qvTrialCertify(qvTrial* tr, const qvRedParams* params) {
   Affected* affected = static_cast<Affected*>(ftMalloc(sizeof(Affected) * static_cast<size_t>(count + 1)));
   if (!affected) return -1;
   int32_t n = 0;
-  for (int32_t i = 0; i < tr->nStar; ++i) {
+  int32_t filed = 1;
+  tr->nSources = 0;
+  for (int32_t i = 0; i < tr->nStar && filed > 0; ++i) {
     const qvCover* c = static_cast<const qvCover*>(tr->star[i]->link);
-    for (int32_t k = 0; c && k < c->n; ++k, ++n) affected[n] = Affected{&c->p[k], n};
+    double* corners[3];
+    if (flat && qvTriCoords(tr->star[i], 0, corners) != 0) filed = -1;
+    for (int32_t k = 0; c && k < c->n && filed > 0; ++k) {
+      const qvPiece& piece = c->p[k];
+      if (piece.kind == kPieceFlat) {
+        auto* src = const_cast<qvTri*>(piece.src);
+        if (!(src->flags & kTriFlatHeld) || (src->flags & kTriMarkSource)) continue;
+        if (!qvGrow(tr->sources, tr->sourcesCap, tr->nSources + 1)) {
+          filed = -1;
+          break;
+        }
+        tr->sources[tr->nSources++] = src;
+        src->flags |= kTriMarkSource;
+        if (flat) {
+          filed = fileFlat(tr, piece, plane);
+          continue;
+        }
+      } else if (flat && wholeInside(piece, corners, plane)) {
+        filed = fileFlat(tr, piece, plane);
+        continue;
+      }
+      affected[n] = Affected{&piece, n};
+      ++n;
+    }
+  }
+  for (int32_t i = 0; i < tr->nSources; ++i) const_cast<qvTri*>(tr->sources[i])->flags &= ~kTriMarkSource;
+  if (filed <= 0) {
+    std::free(affected);
+    if (filed < 0) return -1;
+    tr->score = kInf;  // a flat piece the fan doesn't reach: not expected, and refused
+    return 0;
   }
   bool ok = true;
   for (int32_t i = 0; i < tr->nNear && ok; ++i) {
     const qvCover* c = static_cast<const qvCover*>(tr->near[i]->link);
     for (int32_t k = 0; c && k < c->n; ++k) {
       const qvPiece& piece = c->p[k];
-      if (piece.kind == kPieceSingle || !(tr->near[i]->edg[piece.kind]->flags & kEdgMarkOuter)) continue;
+      if (piece.kind < 0 || !(tr->near[i]->edg[piece.kind]->flags & kEdgMarkOuter)) continue;
       if (!qvGrow(tr->taken, tr->takenCap, tr->nTaken + 1)) {
         ok = false;
         break;
@@ -687,8 +829,15 @@ int32_t qvTrialApply(qvTrial* tr) {
       if (c->p[k].q[0]) c->p[kept++] = c->p[k];
     c->n = kept;
   }
-  for (int32_t i = 0; i < tr->nPlan; ++i)
-    if (qvCoverAdd(tr->homes[tr->plan[i].home].tri, tr->plan[i].piece) != 0) return -1;
+  // A starting triangle is held flat, whole, or in pieces that are measured:
+  // a measured piece of it ends its flat filings.
+  for (int32_t i = 0; i < tr->nPlan; ++i) {
+    const qvPiece& piece = tr->plan[i].piece;
+    auto* src = const_cast<qvTri*>(piece.src);
+    if (piece.kind == kPieceFlat) src->flags |= kTriFlatHeld;
+    else src->flags &= ~kTriFlatHeld;
+    if (qvCoverAdd(tr->homes[tr->plan[i].home].tri, piece) != 0) return -1;
+  }
   return 0;
 }
 
@@ -700,6 +849,8 @@ void qvTrialFree(qvTrial* tr) {
   std::free(tr->homes);
   std::free(tr->plan);
   std::free(tr->taken);
+  std::free(tr->sources);
+  std::free(tr->flatFan);
   std::free(tr->rowKey);
   std::free(tr->rows);
   std::free(tr->slots);
@@ -730,6 +881,13 @@ int32_t qvCoverCheckPiece(const qvTri* home, const qvPiece& piece, const qvRedPa
   if (!home || (home->flags & (kTriCap | kTriRetired))) return 1;
   qvHome t;
   if (qvHomeSet(&t, const_cast<qvTri*>(home)) != 0) return 1;
+  if (piece.kind == kPieceFlat) {
+    // Stale filings claim nothing; a held one lies in its home's plane.
+    if (!(piece.src->flags & kTriFlatHeld)) return 0;
+    for (const double* x : piece.q)
+      if (orient3dSign(t.x[0], t.x[1], t.x[2], x) != 0) return 1;
+    return 0;
+  }
   double b = 0.0;
   if (piece.kind == kPieceSingle) {
     // A corner of the home itself lies at distance 0, as a trial counts it.
@@ -747,6 +905,52 @@ int32_t qvCoverCheckPiece(const qvTri* home, const qvPiece& piece, const qvRedPa
   return b <= params->lim2 || b == 0.0 ? 0 : 1;
 }
 
+namespace {
+
+// The area of the part of triangle q inside triangle c, both in one plane,
+// measured in the coordinate plane where that plane's normal is largest.
+double clippedArea(const double* const q[3], const double* const c[3]) {
+  double ab[3], ac[3], nrm[3];
+  sub3(c[1], c[0], ab);
+  sub3(c[2], c[0], ac);
+  cross3(ab, ac, nrm);
+  int32_t drop = 0;
+  for (int32_t k = 1; k < 3; ++k)
+    if (std::fabs(nrm[k]) > std::fabs(nrm[drop])) drop = k;
+  const int32_t i = (drop + 1) % 3, j = (drop + 2) % 3;
+  const double sense = nrm[drop] > 0.0 ? 1.0 : -1.0;
+  std::vector<std::array<double, 2>> poly = {{q[0][i], q[0][j]}, {q[1][i], q[1][j]}, {q[2][i], q[2][j]}};
+  for (int32_t e = 0; e < 3 && !poly.empty(); ++e) {
+    const double* a = c[e];
+    const double* b = c[(e + 1) % 3];
+    auto side = [&](const std::array<double, 2>& x) {
+      return sense * ((b[i] - a[i]) * (x[1] - a[j]) - (b[j] - a[j]) * (x[0] - a[i]));
+    };
+    std::vector<std::array<double, 2>> out;
+    for (size_t k = 0; k < poly.size(); ++k) {
+      const auto& x = poly[k];
+      const auto& y = poly[(k + 1) % poly.size()];
+      const double sx = side(x), sy = side(y);
+      if (sx >= 0.0) out.push_back(x);
+      if ((sx >= 0.0) != (sy >= 0.0)) {
+        const double f = sx / (sx - sy);
+        out.push_back({x[0] + f * (y[0] - x[0]), x[1] + f * (y[1] - x[1])});
+      }
+    }
+    poly = out;
+  }
+  double twice = 0.0;
+  for (size_t k = 0; k < poly.size(); ++k) {
+    const auto& x = poly[k];
+    const auto& y = poly[(k + 1) % poly.size()];
+    twice += x[0] * y[1] - x[1] * y[0];
+  }
+  // Back to the plane's own measure from its projection.
+  return 0.5 * std::fabs(twice) * std::sqrt(dot3(nrm, nrm)) / std::fabs(nrm[drop]);
+}
+
+}  // namespace
+
 int32_t qvCoverCheck(const qvMesh* mesh, const qvRedParams* params, FILE* out) {
   if (!mesh || !params || !params->pool) return 0;
   int32_t bad = 0;
@@ -755,6 +959,9 @@ int32_t qvCoverCheck(const qvMesh* mesh, const qvRedParams* params, FILE* out) {
     if (out) std::fprintf(out, "covers: %s (%p)\n", what, rec);
   };
   std::unordered_map<const qvTri*, double> area;
+  // A held flat piece counts once for its area, and the parts of it inside
+  // its homes add up to it.
+  std::unordered_map<const qvTri*, double> inside;
   for (const qvTri* t = mesh->tri; t; t = t->next) {
     const auto* c = static_cast<const qvCover*>(t->link);
     if (!c) continue;
@@ -763,10 +970,20 @@ int32_t qvCoverCheck(const qvMesh* mesh, const qvRedParams* params, FILE* out) {
       continue;
     }
     for (int32_t k = 0; k < c->n; ++k) {
-      if (qvCoverCheckPiece(t, c->p[k], params) != 0) report("a piece is not within the limit of its home", t);
-      area[c->p[k].src] += pieceArea(c->p[k]);
+      const qvPiece& piece = c->p[k];
+      if (qvCoverCheckPiece(t, piece, params) != 0) report("a piece is not within the limit of its home", t);
+      if (piece.kind != kPieceFlat) {
+        area[piece.src] += pieceArea(piece);
+      } else if (piece.src->flags & kTriFlatHeld) {
+        double* h[3];
+        if (qvTriCoords(t, 0, h) == 0) inside[piece.src] += clippedArea(piece.q, h);
+        area.emplace(piece.src, pieceArea(piece));
+      }
     }
   }
+  for (const auto& held : inside)
+    if (std::fabs(held.second - area[held.first]) > 1e-9 * area[held.first])
+      report("a flat piece lies outside its homes", held.first);
   for (const qvTri* t = mesh->tri; t; t = t->next) {
     if ((t->flags & kTriCap) || (t->flags & kTriReplace)) continue;
     const double want = qvTriArea(t);

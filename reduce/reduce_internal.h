@@ -94,12 +94,19 @@ extern const qvPlaneFn qvPlaneTable[kPlaneRows];
 // A piece of the pass's starting surface: a starting triangle, or a fragment
 // of one cut at midpoints. Its corners point at vertex coordinates or at
 // points of the pass's pool; both live until the pass ends.
+//
+// A flat piece is a whole starting triangle that lies exactly in the plane of
+// the live triangles over it: it is filed with every live triangle its
+// interior overlaps, and together they contain it, so its distance is 0. Its
+// starting triangle bears kTriFlatHeld while this holds; a filing whose
+// source has lost the flag is stale, and is skipped and dropped.
 constexpr int32_t kPieceSingle = -1;  // kind of a piece held by its home alone
+constexpr int32_t kPieceFlat = -2;    // kind of a flat piece
 struct qvPiece {
   const double *q[3];  // corners
   const qvTri *src;    // the starting triangle it is part of
   float bound;         // its certified squared bound, rounded up: the order of evaluation only
-  int32_t kind;        // kPieceSingle, or the home's slot across which its partner lies
+  int32_t kind;        // kPieceSingle, kPieceFlat, or the home's slot across which its partner lies
 };
 
 // The pieces a live non-cap triangle answers for, hung on its link.
@@ -193,6 +200,10 @@ struct qvTrial {
   int32_t *slots;         // open-addressed index of rowKey
   int32_t slotCount;
   int32_t fragments;      // fragments made by this trial
+  const qvTri **sources;  // starting triangles of flat pieces met, marked kTriMarkSource
+  int32_t nSources, sourcesCap;
+  double *flatFan;        // a flat star's fan laid in its coordinate plane
+  int32_t flatFanCap;
   double beat;            // the score to beat: a trial that can't is refused early
   double lim2;
   qvCoverPool *pool;
