@@ -109,7 +109,6 @@ constexpr uint32_t kTriLongMore = 0x40000u;       // long form with more slots, 
 constexpr uint32_t kTriCap = 0x100000u;           // provisional: triangle of a cap
 constexpr uint32_t kTriRetired = 0x2000000u;      // engine: starting surface only
 constexpr uint32_t kTriReplace = 0x4000000u;      // engine: replacement, live surface only
-constexpr uint32_t kTriFlatHeld = 0x8000000u;     // engine: starting triangle held whole by a flat surface
 constexpr uint32_t kTriMarkSource = 0x10000000u;  // mark: starting triangle a trial has met
 constexpr uint32_t kTriMarkFlood = 0x40000000u;   // mark: reached by the orientation flood
 constexpr uint32_t kTriMarkVisit = 0x80000000u;   // mark: visited; degenerate on its way out

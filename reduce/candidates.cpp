@@ -111,19 +111,11 @@ int32_t qvVtxScore(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvTrial* t
 // ---------------------------------------------------------------------------
 // The order
 
-int32_t qvRedScoreAll(qvMesh* mesh, const qvRedParams* params, qvTrial* tr) {
-  if (!mesh || !params) return -1;
-  int32_t n = 0;
-  for (qvVtx* v = mesh->vtx; v; v = v->next, ++n)
-    if (qvVtxScore(mesh, v, params, tr) < 0) return -1;
-  return n;
-}
-
 // ---------------------------------------------------------------------------
 // Keeping the order
 //
-// The live order is a min-heap of entries (score, seq): seq grows with every
-// entry made, so among equal scores the later entry comes behind, as a
+// The live order is a min-heap of entries (score, weight, seq): seq grows
+// with every entry made, so among equal keys the later entry comes behind, as a
 // vertex merged into a sorted list behind its equals would. The vertices
 // without a score form a queue in arrival order. A vertex's entry is valid
 // while the vertex's current seq is the entry's; entries left behind by a
@@ -136,15 +128,17 @@ namespace {
 constexpr uint32_t kGone = 0xFFFFFFFFu;  // current seq of a retired vertex: no entry is valid
 
 struct OrderEntry {
-  double score;  // the score the vertex had when it entered
+  double score;    // the score the vertex had when it entered
+  int32_t weight;  // the pieces its last trial displaced
   uint32_t seq;  // when it entered
   uint32_t id;   // the vertex's index in byAddr
 };
 
-// Scores, then seq: a total order, as no two entries share a seq.
+// Scores, then weights, then seq: a total order, as no two entries share a seq.
 bool entryBefore(const OrderEntry& a, const OrderEntry& b) {
   assert(a.seq != b.seq || a.id == b.id);
-  return a.score < b.score || (a.score == b.score && a.seq < b.seq);
+  if (a.score != b.score) return a.score < b.score;
+  return a.weight < b.weight || (a.weight == b.weight && a.seq < b.seq);
 }
 // std::push_heap and pop_heap keep the largest first: invert.
 bool heapAfter(const OrderEntry& a, const OrderEntry& b) { return entryBefore(b, a); }
@@ -176,6 +170,7 @@ struct qvRedOrder {
   size_t retiredN;
   uint8_t* spoke;      // per vertex: 1 + the place of the spoke its last trial kept, while the
                        // mesh round it is as that trial saw it; 0 when unknown
+  int32_t* weight;     // per vertex: the pieces its last trial displaced
 };
 
 namespace {
@@ -187,6 +182,7 @@ void orderFree(qvRedOrder* o) {
   std::free(o->tail);
   std::free(o->retired);
   std::free(o->spoke);
+  std::free(o->weight);
   *o = qvRedOrder{};
 }
 
@@ -203,7 +199,7 @@ uint32_t orderId(const qvRedOrder* o, const qvVtx* v) {
 bool orderPlace(qvRedOrder* o, qvVtx* v) {
   const uint32_t id = orderId(o, v);
   if (id == kGone) return false;
-  const OrderEntry e{scoreOf(v), o->seq++, id};
+  const OrderEntry e{scoreOf(v), o->weight[id], o->seq++, id};
   o->current[id] = e.seq;
   if (noScore(e.score)) {
     if (!grow(o->tail, o->tailCap, o->tailN + 1)) return false;
@@ -242,24 +238,30 @@ bool orderRetire(qvRedOrder* o, qvVtx* v) {
   return true;
 }
 
-// The order of a scored list: ascending keys, ties and the vertices without
-// a score in list order. false when no memory can be had.
-bool orderStart(qvRedOrder* o, qvVtx* head) {
+// Scores every vertex of the list, and makes the order: ascending keys,
+// ties and the vertices without a score in list order. false on failure.
+bool orderStart(qvRedOrder* o, qvMesh* mesh, const qvRedParams* params, qvTrial* tr) {
   *o = qvRedOrder{};
-  const int32_t count = qvVtxCount(head);
+  const int32_t count = qvVtxCount(mesh->vtx);
   o->n = static_cast<uint32_t>(count);
   o->byAddr = static_cast<qvVtx**>(ftMalloc(sizeof(qvVtx*) * (o->n + 1)));
   o->current = static_cast<uint32_t*>(ftMalloc(sizeof(uint32_t) * (o->n + 1)));
   o->retired = static_cast<qvVtx**>(ftMalloc(sizeof(qvVtx*) * (o->n + 1)));
   o->spoke = static_cast<uint8_t*>(ftCalloc(o->n + 1, 1));
-  if (!o->byAddr || !o->current || !o->retired || !o->spoke) return false;
+  o->weight = static_cast<int32_t*>(ftCalloc(o->n + 1, sizeof(int32_t)));
+  if (!o->byAddr || !o->current || !o->retired || !o->spoke || !o->weight) return false;
   uint32_t i = 0;
-  for (qvVtx* v = head; v; v = v->next) o->byAddr[i++] = v;
+  for (qvVtx* v = mesh->vtx; v; v = v->next) o->byAddr[i++] = v;
   std::sort(o->byAddr, o->byAddr + o->n, [](const qvVtx* a, const qvVtx* b) {
     return reinterpret_cast<uintptr_t>(a) < reinterpret_cast<uintptr_t>(b);
   });
-  // In list order, so that equal scores keep the order of the sort.
-  for (qvVtx* v = head; v; v = v->next)
+  for (qvVtx* v = mesh->vtx; v; v = v->next) {
+    tr->weight = 0;
+    if (qvVtxScore(mesh, v, params, tr) < 0) return false;
+    o->weight[orderId(o, v)] = tr->weight;
+  }
+  // In list order, so that equal keys keep the order of the list.
+  for (qvVtx* v = mesh->vtx; v; v = v->next)
     if (!orderPlace(o, v)) return false;
   return true;
 }
@@ -304,8 +306,10 @@ int32_t qvRingDirty(qvRedOrder* order, qvVtx* const* ring, int32_t n, double key
   return ok ? 0 : -1;
 }
 
-double qvRedOrderNext(qvRedOrder* order) {
-  return order && orderFront(order) ? order->heap[0].score : std::numeric_limits<double>::infinity();
+bool qvRedOrderBehind(qvRedOrder* order, double score, int32_t weight) {
+  if (!order || !orderFront(order)) return false;
+  const OrderEntry& head = order->heap[0];
+  return score > head.score || (score == head.score && weight > head.weight);
 }
 
 // ---------------------------------------------------------------------------
@@ -317,7 +321,7 @@ int32_t sweep(qvMesh* mesh, const qvRedParams* params, qvTrial* tr) {
   if (!mesh || !params) return -1;
   if (!mesh->vtx) return 0;
   qvRedOrder order;
-  if (!orderStart(&order, mesh->vtx)) {
+  if (!orderStart(&order, mesh, params, tr)) {
     orderFree(&order);
     return -1;
   }
@@ -355,6 +359,7 @@ int32_t sweep(qvMesh* mesh, const qvRedParams* params, qvTrial* tr) {
       // Behind the head at its new score, or refused: to the tail, until a
       // neighbour's removal brings it back.
       scoreSet(v, r == 2 ? tr->score : kRedScoreNone);
+      order.weight[id] = r == 2 ? tr->weight : 0;
       if (!orderPlace(&order, v)) removed = -1;
     }
     if (removed < 0) break;

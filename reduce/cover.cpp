@@ -159,7 +159,6 @@ int32_t qvCoverStart(qvMesh* mesh, qvRedParams* params) {
   pool->scale = scale;
   params->pool = pool;
   for (qvTri* t = mesh->tri; t; t = t->next) {
-    t->flags &= ~kTriFlatHeld;
     if (t->flags & kTriCap) continue;
     qvPiece whole{{nullptr, nullptr, nullptr}, t, 0.0f, kPieceSingle};
     double* c[3];
@@ -172,10 +171,7 @@ int32_t qvCoverStart(qvMesh* mesh, qvRedParams* params) {
 
 void qvCoverEnd(qvMesh* mesh, qvRedParams* params) {
   if (mesh)
-    for (qvTri* t = mesh->tri; t; t = t->next) {
-      qvCoverFree(t);
-      t->flags &= ~kTriFlatHeld;
-    }
+    for (qvTri* t = mesh->tri; t; t = t->next) qvCoverFree(t);
   if (!params || !params->pool) return;
   for (qvCoverPool::Chunk* c = params->pool->head; c;) {
     qvCoverPool::Chunk* next = c->next;
@@ -451,10 +447,45 @@ Certified bestHome(const qvTrial* tr, const double* const q[3], double* const r[
   return best;
 }
 
+// Whether the piece with corners q overlaps the interior of a star
+// triangle, as seen in the coordinate plane where the piece's normal is
+// largest (an overlap there is needed for one in space).
+bool overStar(const qvTrial* tr, const double* const q[3]) {
+  double ab[3], ac[3], nrm[3];
+  sub3(q[1], q[0], ab);
+  sub3(q[2], q[0], ac);
+  cross3(ab, ac, nrm);
+  int32_t drop = 0;
+  for (int32_t k = 1; k < 3; ++k)
+    if (std::fabs(nrm[k]) > std::fabs(nrm[drop])) drop = k;
+  const int32_t qSense = orient2dDrop(q[0], q[1], q[2], drop);
+  for (int32_t i = 0; i < tr->nStar; ++i) {
+    double* c[3];
+    if (qvTriCoords(tr->star[i], 0, c) != 0) return true;
+    const int32_t cSense = orient2dDrop(c[0], c[1], c[2], drop);
+    bool apart = false;
+    for (int side = 0; side < 2 && !apart; ++side) {
+      const double* const* t = side ? c : q;
+      const double* const* o = side ? q : c;
+      const int32_t sense = side ? cSense : qSense;
+      for (int e = 0; e < 3 && !apart; ++e) {
+        int32_t out = 0;
+        for (int k = 0; k < 3; ++k) out += orient2dDrop(t[e], t[(e + 1) % 3], o[k], drop) * sense <= 0;
+        apart = out == 3;
+      }
+    }
+    if (!apart) return true;
+  }
+  return false;
+}
+
 // Certifies the piece with corners q (a fragment of src): a plan entry per
 // piece or fragment that holds, true when all hold; false when one can't be
-// certified within the limits, or on failure (tr->err).
-bool certify(qvTrial* tr, const double* const q[3], const qvTri* src, int32_t depth) {
+// certified within the limits, or on failure (tr->err). A fragment of a
+// flat piece that overlaps no star triangle needs nothing: the live
+// triangles round it that hold the flat piece still contain it.
+bool certify(qvTrial* tr, const double* const q[3], const qvTri* src, bool flat, int32_t depth) {
+  if (flat && !overStar(tr, q)) return true;
   int32_t at[3];
   for (int k = 0; k < 3; ++k) {
     at[k] = rowOf(tr, q[k]);
@@ -479,8 +510,9 @@ bool certify(qvTrial* tr, const double* const q[3], const qvTri* src, int32_t de
     if (c.bound > tr->score) tr->score = c.bound;
     return true;
   }
-  // A corner beyond lim of every home can't be helped by splitting.
-  for (int k = 0; k < 3; ++k) {
+  // A corner beyond lim of every home can't be helped by splitting, unless
+  // the fragment that holds it may lie off the star.
+  for (int k = 0; k < 3 && !flat; ++k) {
     double nearest = kInf;
     for (int32_t j = 0; j < tr->nHomes; ++j) nearest = std::min(nearest, r[k][j]);
     if (!(nearest <= tr->lim2)) return false;
@@ -500,7 +532,7 @@ bool certify(qvTrial* tr, const double* const q[3], const qvTri* src, int32_t de
   }
   const double* parts[4][3] = {{q[0], m[0], m[2]}, {m[0], q[1], m[1]}, {m[2], m[1], q[2]}, {m[0], m[1], m[2]}};
   for (auto& part : parts)
-    if (!certify(tr, part, src, depth + 1)) return false;
+    if (!certify(tr, part, src, flat, depth + 1)) return false;
   return true;
 }
 
@@ -679,6 +711,7 @@ double qvPieceBound(const double* const q[3], qvHome* homes, int32_t n) {
 
 int32_t qvTrialCertify(qvTrial* tr, const qvRedParams* params) {
   tr->score = 0.0;
+  tr->weight = 0;
   tr->nPlan = 0;
   tr->nTaken = 0;
   tr->fragments = 0;
@@ -744,6 +777,7 @@ int32_t qvTrialCertify(qvTrial* tr, const qvRedParams* params) {
     const qvCover* c = static_cast<const qvCover*>(tr->near[i]->link);
     count += c ? c->n : 0;
   }
+  tr->weight = count;
   Affected* affected = static_cast<Affected*>(ftMalloc(sizeof(Affected) * static_cast<size_t>(count + 1)));
   if (!affected) return -1;
   int32_t n = 0;
@@ -757,7 +791,7 @@ int32_t qvTrialCertify(qvTrial* tr, const qvRedParams* params) {
       const qvPiece& piece = c->p[k];
       if (piece.kind == kPieceFlat) {
         auto* src = const_cast<qvTri*>(piece.src);
-        if (!(src->flags & kTriFlatHeld) || (src->flags & kTriMarkSource)) continue;
+        if (src->flags & kTriMarkSource) continue;
         if (!qvGrow(tr->sources, tr->sourcesCap, tr->nSources + 1)) {
           filed = -1;
           break;
@@ -805,7 +839,7 @@ int32_t qvTrialCertify(qvTrial* tr, const qvRedParams* params) {
   for (int32_t i = 0; i < n && ok; ++i) {
     const qvPiece& piece = *affected[i].piece;
     // Refused, or already no better than the bound it had to beat.
-    if (!certify(tr, piece.q, piece.src, 0) || tr->score >= tr->beat) {
+    if (!certify(tr, piece.q, piece.src, piece.kind == kPieceFlat, 0) || tr->score >= tr->beat) {
       tr->score = kInf;
       break;
     }
@@ -829,15 +863,8 @@ int32_t qvTrialApply(qvTrial* tr) {
       if (c->p[k].q[0]) c->p[kept++] = c->p[k];
     c->n = kept;
   }
-  // A starting triangle is held flat, whole, or in pieces that are measured:
-  // a measured piece of it ends its flat filings.
-  for (int32_t i = 0; i < tr->nPlan; ++i) {
-    const qvPiece& piece = tr->plan[i].piece;
-    auto* src = const_cast<qvTri*>(piece.src);
-    if (piece.kind == kPieceFlat) src->flags |= kTriFlatHeld;
-    else src->flags &= ~kTriFlatHeld;
-    if (qvCoverAdd(tr->homes[tr->plan[i].home].tri, piece) != 0) return -1;
-  }
+  for (int32_t i = 0; i < tr->nPlan; ++i)
+    if (qvCoverAdd(tr->homes[tr->plan[i].home].tri, tr->plan[i].piece) != 0) return -1;
   return 0;
 }
 
@@ -882,8 +909,7 @@ int32_t qvCoverCheckPiece(const qvTri* home, const qvPiece& piece, const qvRedPa
   qvHome t;
   if (qvHomeSet(&t, const_cast<qvTri*>(home)) != 0) return 1;
   if (piece.kind == kPieceFlat) {
-    // Stale filings claim nothing; a held one lies in its home's plane.
-    if (!(piece.src->flags & kTriFlatHeld)) return 0;
+    // A filing of a flat piece lies in its home's plane.
     for (const double* x : piece.q)
       if (orient3dSign(t.x[0], t.x[1], t.x[2], x) != 0) return 1;
     return 0;
@@ -958,10 +984,9 @@ int32_t qvCoverCheck(const qvMesh* mesh, const qvRedParams* params, FILE* out) {
     ++bad;
     if (out) std::fprintf(out, "covers: %s (%p)\n", what, rec);
   };
-  std::unordered_map<const qvTri*, double> area;
-  // A held flat piece counts once for its area, and the parts of it inside
-  // its homes add up to it.
-  std::unordered_map<const qvTri*, double> inside;
+  // Per starting triangle: the area of its measured pieces, and the area of
+  // its flat piece inside the triangles that hold it.
+  std::unordered_map<const qvTri*, double> area, flat;
   for (const qvTri* t = mesh->tri; t; t = t->next) {
     const auto* c = static_cast<const qvCover*>(t->link);
     if (!c) continue;
@@ -969,27 +994,26 @@ int32_t qvCoverCheck(const qvMesh* mesh, const qvRedParams* params, FILE* out) {
       report("a cap or a retired triangle holds a cover", t);
       continue;
     }
+    double* h[3];
+    if (qvTriCoords(t, 0, h) != 0) report("a triangle without corners holds a cover", t);
     for (int32_t k = 0; k < c->n; ++k) {
       const qvPiece& piece = c->p[k];
       if (qvCoverCheckPiece(t, piece, params) != 0) report("a piece is not within the limit of its home", t);
-      if (piece.kind != kPieceFlat) {
-        area[piece.src] += pieceArea(piece);
-      } else if (piece.src->flags & kTriFlatHeld) {
-        double* h[3];
-        if (qvTriCoords(t, 0, h) == 0) inside[piece.src] += clippedArea(piece.q, h);
-        area.emplace(piece.src, pieceArea(piece));
-      }
+      if (piece.kind != kPieceFlat) area[piece.src] += pieceArea(piece);
+      else flat[piece.src] += clippedArea(piece.q, h);
     }
   }
-  for (const auto& held : inside)
-    if (std::fabs(held.second - area[held.first]) > 1e-9 * area[held.first])
-      report("a flat piece lies outside its homes", held.first);
+  // The measured pieces tile their part of a starting triangle, and the
+  // holders of its flat piece cover the rest (they may overlap the pieces).
   for (const qvTri* t = mesh->tri; t; t = t->next) {
     if ((t->flags & kTriCap) || (t->flags & kTriReplace)) continue;
     const double want = qvTriArea(t);
     const auto it = area.find(t);
     const double have = it == area.end() ? 0.0 : it->second;
-    if (std::fabs(have - want) > 1e-9 * want) report("the pieces of a starting triangle don't tile it", t);
+    const auto held = flat.find(t);
+    if (held == flat.end() ? std::fabs(have - want) > 1e-9 * want
+                           : have > want * (1.0 + 1e-9) || have + held->second < want * (1.0 - 1e-9))
+      report("the pieces of a starting triangle don't tile it", t);
   }
   return bad;
 }

@@ -145,16 +145,15 @@ int32_t qvRedFinishPass(qvMesh* mesh, int32_t keepFrozen) {
 
 namespace {
 
-// One pass over a prepared mesh: covers made, every vertex scored, the sweep,
-// covers released.
+// One pass over a prepared mesh: covers made, the sweep (which scores every
+// vertex first), covers released.
 int32_t runPass(qvMesh* mesh, const qvRedParams* given) {
   if (!mesh || !given) return -1;
   ftProgress(kProgressPass, qvVtxCount(mesh->vtx));
   qvRedParams params = *given;
   int32_t removed = -1;
   qvTrial tr{};
-  if (qvCoverStart(mesh, &params) == 0 && qvRedScoreAll(mesh, &params, &tr) >= 0)
-    removed = qvRedSweep(mesh, &params, &tr);
+  if (qvCoverStart(mesh, &params) == 0) removed = qvRedSweep(mesh, &params, &tr);
   qvTrialFree(&tr);
   qvCoverEnd(mesh, &params);
   ftProgress(kProgressPassEnd, 0);

@@ -95,11 +95,12 @@ extern const qvPlaneFn qvPlaneTable[kPlaneRows];
 // of one cut at midpoints. Its corners point at vertex coordinates or at
 // points of the pass's pool; both live until the pass ends.
 //
-// A flat piece is a whole starting triangle that lies exactly in the plane of
-// the live triangles over it: it is filed with every live triangle its
-// interior overlaps, and together they contain it, so its distance is 0. Its
-// starting triangle bears kTriFlatHeld while this holds; a filing whose
-// source has lost the flag is stale, and is skipped and dropped.
+// A flat piece is a starting triangle that lies exactly in the plane of the
+// live triangles over it: it is filed with every live triangle in its plane
+// whose interior its own overlaps, and its distance there is 0. The
+// triangles that hold it and its measured pieces together contain it: a
+// removal in its plane files it with the fan's triangles again, any other
+// removal measures the fragments of it over the star.
 constexpr int32_t kPieceSingle = -1;  // kind of a piece held by its home alone
 constexpr int32_t kPieceFlat = -2;    // kind of a flat piece
 struct qvPiece {
@@ -211,6 +212,7 @@ struct qvTrial {
   int32_t only = -1;      // the try made alone (see qvTrialRun); -1: all of them
   int32_t spoke;          // the try the trial kept
   int32_t flips;          // Delaunay flips made in the copy
+  int32_t weight;         // the pieces in the covers the trial displaced (0 with no covers)
 };
 
 // Certifies the pieces the trial's removal displaces, against its fan and
@@ -321,28 +323,29 @@ struct qvRedOrder;
 // 0 scored or excluded, 1 no spoke, -1 failure. The mesh is unchanged apart
 // from the score and the order of records at the list heads.
 [[nodiscard]] int32_t qvVtxScore(qvMesh *mesh, qvVtx *v, const qvRedParams *params, qvTrial *tr);
-// Scores every vertex in list order. Vertices visited, or -1.
-[[nodiscard]] int32_t qvRedScoreAll(qvMesh *mesh, const qvRedParams *params, qvTrial *tr);
-// Removes vertices from the head of the order while its key is within tol2.
-// Removed count, or -1.
+// Scores every vertex in list order, then removes vertices from the head of
+// the order while its key is within tol2. Removed count, or -1.
 //
 // The order is a queue of keys: each vertex enters at its score, and a
-// vertex without one waits at the tail. The head is tried again on the
-// current mesh, and that very trial is committed when its score is within
-// lim2 and no greater than the next key; else the vertex goes back at its
-// new score. A commit does not rescore its neighbourhood: it brings every
-// vertex whose trial it changed (qvRingDirty) back to a key within tol2, so
-// that the sweep ends only when every vertex left was tried on the final
-// mesh. A vertex that goes back keeps the place of the spoke its trial
-// chose, until a commit changes its surroundings: tried again, it tries that
-// spoke alone, and every spoke only if that one is refused. Ties keep the
-// order of the list. When the sweep ends the list is relinked: retired
-// vertices first, then the order.
+// vertex without one waits at the tail. Among equal scores the trial that
+// displaced fewer pieces comes first, so that a flat face, where every score
+// is 0, thins out evenly rather than in fans that grow across it; then the
+// order of the list. The head is tried again on the current mesh, and that
+// very trial is committed when its score is within lim2 and its key no
+// greater than the next one; else the vertex goes back at its new key. A
+// commit does not rescore its neighbourhood: it brings every vertex whose
+// trial it changed (qvRingDirty) back to a key within tol2, so that the
+// sweep ends only when every vertex left was tried on the final mesh. A
+// vertex that goes back keeps the place of the spoke its trial chose, until
+// a commit changes its surroundings: tried again, it tries that spoke alone,
+// and every spoke only if that one is refused. When the sweep ends the list
+// is relinked: retired vertices first, then the order.
 [[nodiscard]] int32_t qvRedSweep(qvMesh *mesh, const qvRedParams *params, qvTrial *tr);
 // After a removal: the ring vertices whose key lies above the tolerance, or
 // that have none, enter the order again at key, so that each is tried on
 // the changed mesh before the sweep ends; the others keep their keys and
 // are tried again when they come up, every spoke of them. 0, or -1.
 [[nodiscard]] int32_t qvRingDirty(qvRedOrder *order, qvVtx *const *ring, int32_t n, double key);
-// The key at the head of the order, +inf when it is empty or null.
-double qvRedOrderNext(qvRedOrder *order);
+// Whether a trial of this score and weight comes behind the head of the
+// order; false when the order is empty or null.
+bool qvRedOrderBehind(qvRedOrder *order, double score, int32_t weight);

@@ -926,7 +926,7 @@ int32_t removeVertex(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvRedOrd
   // A sweep takes the vertex only while its score, made on the current mesh,
   // heads the order; the keys behind it are the scores their vertices had
   // when last tried, and a vertex is tried again when it comes up.
-  if (tr->score > qvRedOrderNext(order)) {
+  if (qvRedOrderBehind(order, tr->score, tr->weight)) {
     qvTrialDrop(tr);
     return 2;
   }

@@ -130,7 +130,6 @@ TEST(Sweep, EndsOnlyWhenEveryVertexLeftFailsOnTheFinalMesh) {
   // finds no spoke or scores above the limit.
   for (const double tol : {0.3, 1.5}) {
     TorusPass pass(tol);
-    ASSERT_GE(qvRedScoreAll(pass.f.mesh, &pass.p, &pass.tr), 0);
     EXPECT_GT(qvRedSweep(pass.f.mesh, &pass.p, &pass.tr), 10) << tol;
     for (qvVtx* v = pass.f.mesh->vtx; v; v = v->next) {
       const int32_t r = qvTrialRun(pass.f.mesh, v, &pass.p, &pass.tr);
