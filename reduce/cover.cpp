@@ -556,21 +556,12 @@ struct Affected {
   int32_t order;  // place in the gathering: the tie-break of the worst-first order
 };
 
-// The plane of a flat star: three points of it, and the coordinate plane
-// onto which it projects one to one, where its triangles turn as sense.
-struct FlatPlane {
-  const double* p;
-  const double* a;
-  const double* b;
-  int32_t drop;
-  int32_t sense;
-};
-
-// Whether the new fan covers exactly what the star covered. It does when the
-// star and the ring lie in one plane (exactly) and, in a coordinate plane
-// onto which that plane projects one to one, the old and the new triangles
-// all turn the same way, strictly: both then tile the polygon of the ring.
-bool flatStar(const qvTrial* tr, FlatPlane* fp) {
+// At a tolerance of 0: whether the new fan covers exactly what the star
+// covered. It does when the star and the ring lie in one plane (exactly)
+// and, in a coordinate plane onto which that plane projects one to one, the
+// old and the new triangles all turn the same way, strictly: both then tile
+// the polygon of the ring.
+bool flatStar(const qvTrial* tr) {
   const double* p = qvVtxXyz(tr->v);
   // A plane through v and two ring corners that are not collinear with it.
   const double* a = nullptr;
@@ -601,44 +592,160 @@ bool flatStar(const qvTrial* tr, FlatPlane* fp) {
     double* c[3];
     if (qvTriCoords(t, 0, c) != 0 || orient2dDrop(c[0], c[1], c[2], drop) != sense) return false;
   }
-  *fp = FlatPlane{p, a, b, drop, sense};
   return true;
 }
 
-// Whether the piece is a whole starting triangle that lies in the plane and,
-// there, inside the closed triangle with corners c.
-bool wholeInside(const qvPiece& piece, const double* const c[3], const FlatPlane& fp) {
-  double* s[3];
-  if (piece.kind == kPieceFlat || qvTriCoords(piece.src, 0, s) != 0) return false;
+// The directed sides of triangles, each side met in both directions taken
+// out: the boundary of the region they tile, when they turn one way.
+struct Side {
+  const double* from;
+  const double* to;
+};
+
+void addSides(std::vector<Side>& sides, const double* const h[3]) {
+  for (int k = 0; k < 3; ++k) {
+    const Side s{h[k], h[(k + 1) % 3]};
+    auto back = std::find_if(sides.begin(), sides.end(), [&](const Side& o) { return o.from == s.to && o.to == s.from; });
+    if (back != sides.end()) sides.erase(back);
+    else sides.push_back(s);
+  }
+}
+
+// Whether the star's sides left over (after those the fan shares) run
+// a -> v -> w while the fan's run a -> w, with v strictly inside the segment
+// from a to w: then both bound the same region.
+bool straightThrough(const std::vector<Side>& star, const std::vector<Side>& fan, const double* v,
+                     const qvTrial* tr, int32_t drop) {
+  if (star.empty() && fan.empty()) return true;
+  if (star.size() != 2 || fan.size() != 1) return false;
+  const Side& in = star[0].to == v ? star[0] : star[1];
+  const Side& out = star[0].to == v ? star[1] : star[0];
+  if (in.to != v || out.from != v || in.from != fan[0].from || out.to != fan[0].to) return false;
+  const double* a = qvVtxXyz(qvVtxOf(in.from));
+  const double* w = qvVtxXyz(qvVtxOf(out.to));
+  const double* x = qvVtxXyz(tr->v);
+  if (!a || !w || orient2dDrop(a, w, x, drop) != 0) return false;
   for (int k = 0; k < 3; ++k)
-    if (piece.q[k] != s[k] || orient3dSign(fp.p, fp.a, fp.b, s[k]) != 0) return false;
-  if (orient2dDrop(s[0], s[1], s[2], fp.drop) == 0) return false;
-  for (int i = 0; i < 3; ++i)
-    for (const double* x : s)
-      if (orient2dDrop(c[i], c[(i + 1) % 3], x, fp.drop) * fp.sense < 0) return false;
-  return true;
+    if (a[k] != w[k]) return (a[k] < x[k] && x[k] < w[k]) || (w[k] < x[k] && x[k] < a[k]);
+  return false;
 }
 
-// The fan of a flat star laid in the coordinate plane, as 10 numbers per
-// triangle: its corners' pairs, then its box (low pair, high pair).
-constexpr int32_t kFlatFanStride = 10;
-
-bool layFlatFan(qvTrial* tr, const FlatPlane& fp) {
+// Groups the triangles of the star and of the fan by plane: group[i] for
+// star triangle i, and group[nStar + j] for fan triangle j, is the first
+// star triangle in the same plane exactly (-1 for a cap, or a fan triangle
+// in no star triangle's plane). The fan keeps a plane when its star
+// triangles and fan triangles there all turn one way, strictly, in a
+// coordinate plane onto which it projects one to one, and bound the same
+// region: their boundaries agree but where the star's runs through v on a
+// straight outline. false on failure.
+bool groupPlanes(qvTrial* tr) {
+  const int32_t nStar = tr->nStar;
   const int32_t nFan = tr->nHomes - tr->nNear;
-  if (!qvGrow(tr->flatFan, tr->flatFanCap, nFan * kFlatFanStride)) return false;
-  const int32_t i = (fp.drop + 1) % 3;
-  const int32_t j = (fp.drop + 2) % 3;
-  for (int32_t f = 0; f < nFan; ++f) {
-    double* o = tr->flatFan + f * kFlatFanStride;
+  if (!qvGrow(tr->group, tr->groupCap, nStar + nFan) || !qvGrow(tr->planes, tr->planesCap, nStar) ||
+      !qvGrow(tr->starHomes, tr->starHomesCap, nStar))
+    return false;
+  for (int32_t i = 0; i < nStar; ++i)
+    if (qvHomeSet(&tr->starHomes[i], tr->star[i]) != 0) return false;
+  std::fill(tr->group, tr->group + nStar + nFan, -1);
+  const double* v = tr->v->dat;
+  std::vector<Side> starSides, fanSides;
+  for (int32_t g = 0; g < nStar; ++g) {
+    tr->planes[g] = qvPlaneKept{false, -1, 0};
+    if (tr->group[g] >= 0 || (tr->star[g]->flags & kTriCap)) continue;
+    const qvHome& r = tr->starHomes[g];
+    int32_t drop = 0;
+    while (drop < 3 && orient2dDrop(r.x[0], r.x[1], r.x[2], drop) == 0) ++drop;
+    const auto inPlane = [&](const double* const* x) {
+      for (int k = 0; k < 3; ++k)
+        if (x[k] != r.x[0] && x[k] != r.x[1] && x[k] != r.x[2] && orient3dSign(r.x[0], r.x[1], r.x[2], x[k]) != 0)
+          return false;
+      return true;
+    };
+    const int32_t sense = drop < 3 ? orient2dDrop(r.x[0], r.x[1], r.x[2], drop) : 0;
+    bool kept = drop < 3;
+    starSides.clear();
+    fanSides.clear();
+    for (int32_t i = g; i < nStar; ++i) {
+      const qvHome& t = tr->starHomes[i];
+      if (tr->group[i] >= 0 || (tr->star[i]->flags & kTriCap) || !inPlane(t.x)) continue;
+      tr->group[i] = g;
+      kept = kept && orient2dDrop(t.x[0], t.x[1], t.x[2], drop) == sense;
+      if (kept) addSides(starSides, t.h);
+    }
+    for (int32_t j = 0; j < nFan; ++j) {
+      const qvHome& t = tr->homes[j];
+      if (tr->group[nStar + j] >= 0 || !inPlane(t.x)) continue;
+      tr->group[nStar + j] = g;
+      kept = kept && orient2dDrop(t.x[0], t.x[1], t.x[2], drop) == sense;
+      if (kept) addSides(fanSides, t.h);
+    }
+    if (kept) {
+      // Sides both share are taken out of both.
+      for (size_t k = 0; k < starSides.size();) {
+        auto same = std::find_if(fanSides.begin(), fanSides.end(), [&](const Side& o) {
+          return o.from == starSides[k].from && o.to == starSides[k].to;
+        });
+        if (same == fanSides.end()) {
+          ++k;
+          continue;
+        }
+        fanSides.erase(same);
+        starSides.erase(starSides.begin() + static_cast<std::ptrdiff_t>(k));
+      }
+      kept = straightThrough(starSides, fanSides, v, tr, drop);
+    }
+    tr->planes[g] = qvPlaneKept{kept, drop, sense};
+  }
+  // The fan laid in the coordinate planes of the planes it keeps: 10 numbers
+  // per triangle, its corners' pairs, then its box (low pair, high pair).
+  if (!qvGrow(tr->flatFan, tr->flatFanCap, nFan * 10)) return false;
+  for (int32_t j = 0; j < nFan; ++j) {
+    const int32_t g = tr->group[nStar + j];
+    if (g < 0 || !tr->planes[g].kept) continue;
+    const int32_t a = (tr->planes[g].drop + 1) % 3, b = (tr->planes[g].drop + 2) % 3;
+    double* o = tr->flatFan + j * 10;
     for (int k = 0; k < 3; ++k) {
-      o[2 * k] = tr->homes[f].x[k][i];
-      o[2 * k + 1] = tr->homes[f].x[k][j];
+      o[2 * k] = tr->homes[j].x[k][a];
+      o[2 * k + 1] = tr->homes[j].x[k][b];
     }
     o[6] = std::min({o[0], o[2], o[4]});
     o[7] = std::min({o[1], o[3], o[5]});
     o[8] = std::max({o[0], o[2], o[4]});
     o[9] = std::max({o[1], o[3], o[5]});
   }
+  tr->grouped = true;
+  return true;
+}
+
+// The plane of star triangle i when the fan keeps it, else null; the
+// planes are grouped on first use. err is set on failure.
+const qvPlaneKept* keptPlane(qvTrial* tr, int32_t i) {
+  if (!tr->grouped && !groupPlanes(tr)) {
+    tr->err = -1;
+    return nullptr;
+  }
+  const int32_t g = tr->group[i];
+  return g >= 0 && tr->planes[g].kept ? &tr->planes[g] : nullptr;
+}
+
+// Whether the piece is a whole starting triangle.
+bool wholeCorners(const qvPiece& piece) {
+  double* s[3];
+  return qvTriCoords(piece.src, 0, s) == 0 && piece.q[0] == s[0] && piece.q[1] == s[1] && piece.q[2] == s[2];
+}
+
+// Whether the piece is a whole starting triangle that lies in the plane of
+// star triangle i and, there, inside it.
+bool wholeInside(const qvTrial* tr, const qvPiece& piece, int32_t i, const qvPlaneKept& plane) {
+  double* s[3];
+  if (piece.kind == kPieceFlat || qvTriCoords(piece.src, 0, s) != 0) return false;
+  const qvHome& c = tr->starHomes[i];
+  for (int k = 0; k < 3; ++k)
+    if (piece.q[k] != s[k] || orient3dSign(c.x[0], c.x[1], c.x[2], s[k]) != 0) return false;
+  if (orient2dDrop(s[0], s[1], s[2], plane.drop) == 0) return false;
+  for (int e = 0; e < 3; ++e)
+    for (const double* x : s)
+      if (orient2dDrop(c.x[e], c.x[(e + 1) % 3], x, plane.drop) * plane.sense < 0) return false;
   return true;
 }
 
@@ -647,31 +754,33 @@ int32_t turn(const double* a, const double* b, const double* c) {
   return d > 0.0 ? 1 : (d < 0.0 ? -1 : 0);
 }
 
-// Files a flat piece with every triangle of the flat fan (laid by
-// layFlatFan) whose interior its own overlaps: for each, no side of either
+// Files a flat piece held by star triangle i with every fan triangle in its
+// plane whose interior its own overlaps: for each, no side of either
 // triangle has the other wholly outside it or on its line. A piece inside
 // one triangle overlaps no other. 1, 0 when it overlaps none, -1 on failure.
-int32_t fileFlat(qvTrial* tr, const qvPiece& piece, const FlatPlane& fp) {
-  const int32_t i = (fp.drop + 1) % 3;
-  const int32_t j = (fp.drop + 2) % 3;
+int32_t fileFlat(qvTrial* tr, const qvPiece& piece, int32_t i, const qvPlaneKept& plane) {
+  const int32_t a = (plane.drop + 1) % 3;
+  const int32_t b = (plane.drop + 2) % 3;
   double q[3][2];
   for (int k = 0; k < 3; ++k) {
-    q[k][0] = piece.q[k][i];
-    q[k][1] = piece.q[k][j];
+    q[k][0] = piece.q[k][a];
+    q[k][1] = piece.q[k][b];
   }
   const double lo[2] = {std::min({q[0][0], q[1][0], q[2][0]}), std::min({q[0][1], q[1][1], q[2][1]})};
   const double hi[2] = {std::max({q[0][0], q[1][0], q[2][0]}), std::max({q[0][1], q[1][1], q[2][1]})};
   const int32_t qSense = turn(q[0], q[1], q[2]);
   const int32_t nFan = tr->nHomes - tr->nNear;
+  const int32_t g = tr->group[i];
   int32_t filed = 0;
   for (int32_t f = 0; f < nFan; ++f) {
-    const double* c = tr->flatFan + f * kFlatFanStride;
+    if (tr->group[tr->nStar + f] != g) continue;
+    const double* c = tr->flatFan + f * 10;
     if (hi[0] <= c[6] || c[8] <= lo[0] || hi[1] <= c[7] || c[9] <= lo[1]) continue;
     bool apart = false;
     bool inside = true;
     for (int e = 0; e < 3 && !apart; ++e) {
       int32_t out = 0;
-      for (int k = 0; k < 3; ++k) out += turn(c + 2 * e, c + 2 * ((e + 1) % 3), q[k]) * fp.sense <= 0;
+      for (int k = 0; k < 3; ++k) out += turn(c + 2 * e, c + 2 * ((e + 1) % 3), q[k]) * plane.sense <= 0;
       apart = out == 3;
       inside = inside && out == 0;
     }
@@ -744,9 +853,8 @@ int32_t qvTrialCertify(qvTrial* tr, const qvRedParams* params) {
       return 0;
     }
   }
-  FlatPlane plane{};
   if (params->tol == 0.0) {
-    if (!flatStar(tr, &plane)) tr->score = kInf;
+    if (!flatStar(tr)) tr->score = kInf;
     return 0;
   }
   tr->pool = params->pool;
@@ -757,13 +865,10 @@ int32_t qvTrialCertify(qvTrial* tr, const qvRedParams* params) {
   }
   if (!gatherHomes(tr)) return -1;
 
-  // A flat star's fan lays the same surface: the flat pieces over it, and
-  // the whole starting triangles inside its triangles, are filed with the
-  // fan's triangles they overlap, with no measure.
-  bool flat = tr->flat;
-  for (int32_t i = 0; i < tr->nStar && flat; ++i) flat = !(tr->star[i]->flags & kTriCap);
-  flat = flat && flatStar(tr, &plane);
-  if (flat && !layFlatFan(tr, plane)) return -1;
+  // Where the fan keeps a plane of the star, the flat pieces in that plane,
+  // and the whole starting triangles inside its star triangles, are filed
+  // with the fan's triangles there that they overlap, with no measure.
+  tr->grouped = false;
 
   // The pieces to place: every piece of the star's covers, and the pair
   // pieces round the ring whose partner lies across a ring edge. A flat
@@ -785,10 +890,16 @@ int32_t qvTrialCertify(qvTrial* tr, const qvRedParams* params) {
   tr->nSources = 0;
   for (int32_t i = 0; i < tr->nStar && filed > 0; ++i) {
     const qvCover* c = static_cast<const qvCover*>(tr->star[i]->link);
-    double* corners[3];
-    if (flat && qvTriCoords(tr->star[i], 0, corners) != 0) filed = -1;
     for (int32_t k = 0; c && k < c->n && filed > 0; ++k) {
       const qvPiece& piece = c->p[k];
+      const bool whole = piece.kind != kPieceFlat && wholeCorners(piece);
+      if (piece.kind != kPieceFlat && !whole) {
+        affected[n] = Affected{&piece, n};
+        ++n;
+        continue;
+      }
+      const qvPlaneKept* plane = keptPlane(tr, i);
+      if (tr->err) filed = -1;
       if (piece.kind == kPieceFlat) {
         auto* src = const_cast<qvTri*>(piece.src);
         if (src->flags & kTriMarkSource) continue;
@@ -798,12 +909,12 @@ int32_t qvTrialCertify(qvTrial* tr, const qvRedParams* params) {
         }
         tr->sources[tr->nSources++] = src;
         src->flags |= kTriMarkSource;
-        if (flat) {
-          filed = fileFlat(tr, piece, plane);
+        if (plane) {
+          filed = fileFlat(tr, piece, i, *plane);
           continue;
         }
-      } else if (flat && wholeInside(piece, corners, plane)) {
-        filed = fileFlat(tr, piece, plane);
+      } else if (plane && wholeInside(tr, piece, i, *plane)) {
+        filed = fileFlat(tr, piece, i, *plane);
         continue;
       }
       affected[n] = Affected{&piece, n};
@@ -878,6 +989,9 @@ void qvTrialFree(qvTrial* tr) {
   std::free(tr->taken);
   std::free(tr->sources);
   std::free(tr->flatFan);
+  std::free(tr->group);
+  std::free(tr->planes);
+  std::free(tr->starHomes);
   std::free(tr->rowKey);
   std::free(tr->rows);
   std::free(tr->slots);

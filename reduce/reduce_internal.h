@@ -169,6 +169,15 @@ struct qvValence {
   int32_t n;
 };
 
+// A plane of a star that the fan keeps: the star's triangles in it and the
+// fan's bound the same region, and both turn as sense in the coordinate plane
+// that leaves out axis drop.
+struct qvPlaneKept {
+  bool kept;
+  int32_t drop;
+  int32_t sense;
+};
+
 // A trial removal: the star's copy with the spoke collapsed and the fan
 // flipped, the certificate of every piece it displaces, and the plan that a
 // commit applies. A trial is made on the current mesh and committed, or
@@ -203,7 +212,14 @@ struct qvTrial {
   int32_t fragments;      // fragments made by this trial
   const qvTri **sources;  // starting triangles of flat pieces met, marked kTriMarkSource
   int32_t nSources, sourcesCap;
-  double *flatFan;        // a flat star's fan laid in its coordinate plane
+  int32_t *group;         // per star triangle, then per fan triangle: the star triangle heading its plane
+  int32_t groupCap;
+  qvPlaneKept *planes;    // per star triangle heading a plane: whether and how the fan keeps it
+  int32_t planesCap;
+  qvHome *starHomes;      // the star's triangles as homes, while the planes are grouped
+  int32_t starHomesCap;
+  bool grouped;           // group and planes hold this trial's planes
+  double *flatFan;        // the fan laid in the coordinate planes of its planes
   int32_t flatFanCap;
   double beat;            // the score to beat: a trial that can't is refused early
   double lim2;
