@@ -300,7 +300,9 @@ int32_t qvRingDirty(qvRedOrder* order, qvVtx* const* ring, int32_t n, double key
     if (id != kGone) order->spoke[id] = 0;
     const double s = scoreOf(x);
     if ((x->flags & kVtxKeepSet) || (!noScore(s) && s <= key)) continue;
+    // Its trial is stale: it waits among its equals in order of arrival.
     scoreSet(x, key);
+    if (id != kGone) order->weight[id] = 0;
     ok = orderPlace(order, x);
   }
   return ok ? 0 : -1;

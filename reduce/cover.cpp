@@ -159,6 +159,7 @@ int32_t qvCoverStart(qvMesh* mesh, qvRedParams* params) {
   pool->scale = scale;
   params->pool = pool;
   for (qvTri* t = mesh->tri; t; t = t->next) {
+    t->flags &= ~(kTriFlatGone | kTriFlatOnce);
     if (t->flags & kTriCap) continue;
     qvPiece whole{{nullptr, nullptr, nullptr}, t, 0.0f, kPieceSingle};
     double* c[3];
@@ -171,7 +172,10 @@ int32_t qvCoverStart(qvMesh* mesh, qvRedParams* params) {
 
 void qvCoverEnd(qvMesh* mesh, qvRedParams* params) {
   if (mesh)
-    for (qvTri* t = mesh->tri; t; t = t->next) qvCoverFree(t);
+    for (qvTri* t = mesh->tri; t; t = t->next) {
+      qvCoverFree(t);
+      t->flags &= ~(kTriFlatGone | kTriFlatOnce);
+    }
   if (!params || !params->pool) return;
   for (qvCoverPool::Chunk* c = params->pool->head; c;) {
     qvCoverPool::Chunk* next = c->next;
@@ -485,7 +489,10 @@ bool overStar(const qvTrial* tr, const double* const q[3]) {
 // flat piece that overlaps no star triangle needs nothing: the live
 // triangles round it that hold the flat piece still contain it.
 bool certify(qvTrial* tr, const double* const q[3], const qvTri* src, bool flat, int32_t depth) {
-  if (flat && !overStar(tr, q)) return true;
+  if (flat && !overStar(tr, q)) {
+    ++tr->escapes;
+    return true;
+  }
   int32_t at[3];
   for (int k = 0; k < 3; ++k) {
     at[k] = rowOf(tr, q[k]);
@@ -611,11 +618,13 @@ void addSides(std::vector<Side>& sides, const double* const h[3]) {
   }
 }
 
-// Whether the star's sides left over (after those the fan shares) run
-// a -> v -> w while the fan's run a -> w, with v strictly inside the segment
-// from a to w: then both bound the same region.
-bool straightThrough(const std::vector<Side>& star, const std::vector<Side>& fan, const double* v,
-                     const qvTrial* tr, int32_t drop) {
+// Whether the fan's triangles in a plane cover at least the region of the
+// star's there, given the sides of each left over after those they share:
+// none; or the star's run a -> v -> w where the fan's run a -> w, and v lies
+// strictly inside the segment from a to w, or beyond it, on the side away
+// from the region (the fan then covers the triangle a, v, w as well).
+bool fanCovers(const std::vector<Side>& star, const std::vector<Side>& fan, const double* v, const qvTrial* tr,
+               int32_t drop, int32_t sense) {
   if (star.empty() && fan.empty()) return true;
   if (star.size() != 2 || fan.size() != 1) return false;
   const Side& in = star[0].to == v ? star[0] : star[1];
@@ -624,7 +633,9 @@ bool straightThrough(const std::vector<Side>& star, const std::vector<Side>& fan
   const double* a = qvVtxXyz(qvVtxOf(in.from));
   const double* w = qvVtxXyz(qvVtxOf(out.to));
   const double* x = qvVtxXyz(tr->v);
-  if (!a || !w || orient2dDrop(a, w, x, drop) != 0) return false;
+  if (!a || !w) return false;
+  const int32_t side = orient2dDrop(a, w, x, drop) * sense;
+  if (side != 0) return side > 0;
   for (int k = 0; k < 3; ++k)
     if (a[k] != w[k]) return (a[k] < x[k] && x[k] < w[k]) || (w[k] < x[k] && x[k] < a[k]);
   return false;
@@ -635,9 +646,8 @@ bool straightThrough(const std::vector<Side>& star, const std::vector<Side>& fan
 // star triangle in the same plane exactly (-1 for a cap, or a fan triangle
 // in no star triangle's plane). The fan keeps a plane when its star
 // triangles and fan triangles there all turn one way, strictly, in a
-// coordinate plane onto which it projects one to one, and bound the same
-// region: their boundaries agree but where the star's runs through v on a
-// straight outline. false on failure.
+// coordinate plane onto which it projects one to one, and the fan's cover
+// the star's region (fanCovers). false on failure.
 bool groupPlanes(qvTrial* tr) {
   const int32_t nStar = tr->nStar;
   const int32_t nFan = tr->nHomes - tr->nNear;
@@ -692,7 +702,7 @@ bool groupPlanes(qvTrial* tr) {
         fanSides.erase(same);
         starSides.erase(starSides.begin() + static_cast<std::ptrdiff_t>(k));
       }
-      kept = straightThrough(starSides, fanSides, v, tr, drop);
+      kept = fanCovers(starSides, fanSides, v, tr, drop, sense);
     }
     tr->planes[g] = qvPlaneKept{kept, drop, sense};
   }
@@ -823,6 +833,7 @@ int32_t qvTrialCertify(qvTrial* tr, const qvRedParams* params) {
   tr->weight = 0;
   tr->nPlan = 0;
   tr->nTaken = 0;
+  tr->nGone = 0;
   tr->fragments = 0;
   tr->nRows = 0;
   if (tr->slots) std::fill(tr->slots, tr->slots + tr->slotCount, -1);
@@ -882,7 +893,6 @@ int32_t qvTrialCertify(qvTrial* tr, const qvRedParams* params) {
     const qvCover* c = static_cast<const qvCover*>(tr->near[i]->link);
     count += c ? c->n : 0;
   }
-  tr->weight = count;
   Affected* affected = static_cast<Affected*>(ftMalloc(sizeof(Affected) * static_cast<size_t>(count + 1)));
   if (!affected) return -1;
   int32_t n = 0;
@@ -902,7 +912,7 @@ int32_t qvTrialCertify(qvTrial* tr, const qvRedParams* params) {
       if (tr->err) filed = -1;
       if (piece.kind == kPieceFlat) {
         auto* src = const_cast<qvTri*>(piece.src);
-        if (src->flags & kTriMarkSource) continue;
+        if (src->flags & (kTriMarkSource | kTriFlatGone)) continue;
         if (!qvGrow(tr->sources, tr->sourcesCap, tr->nSources + 1)) {
           filed = -1;
           break;
@@ -950,13 +960,21 @@ int32_t qvTrialCertify(qvTrial* tr, const qvRedParams* params) {
   for (int32_t i = 0; i < n && ok; ++i) {
     const qvPiece& piece = *affected[i].piece;
     // Refused, or already no better than the bound it had to beat.
+    tr->escapes = 0;
     if (!certify(tr, piece.q, piece.src, piece.kind == kPieceFlat, 0) || tr->score >= tr->beat) {
       tr->score = kInf;
       break;
     }
+    if (piece.kind == kPieceFlat && tr->escapes == 0) {
+      ok = qvGrow(tr->gone, tr->goneCap, tr->nGone + 1);
+      if (ok) tr->gone[tr->nGone++] = piece.src;
+    }
   }
   std::free(affected);
   if (!ok || tr->err != 0) return -1;
+  // A removal that leaves the surface where it was weighs its pieces, so
+  // that such removals come in order of size.
+  tr->weight = tr->score == 0.0 ? count : 0;
   return 0;
 }
 
@@ -974,8 +992,13 @@ int32_t qvTrialApply(qvTrial* tr) {
       if (c->p[k].q[0]) c->p[kept++] = c->p[k];
     c->n = kept;
   }
-  for (int32_t i = 0; i < tr->nPlan; ++i)
-    if (qvCoverAdd(tr->homes[tr->plan[i].home].tri, tr->plan[i].piece) != 0) return -1;
+  for (int32_t i = 0; i < tr->nGone; ++i) const_cast<qvTri*>(tr->gone[i])->flags |= kTriFlatGone;
+  for (int32_t i = 0; i < tr->nPlan; ++i) {
+    const qvPiece& piece = tr->plan[i].piece;
+    if (piece.kind == kPieceFlat)
+      const_cast<qvTri*>(piece.src)->flags = (piece.src->flags & ~kTriFlatGone) | kTriFlatOnce;
+    if (qvCoverAdd(tr->homes[tr->plan[i].home].tri, piece) != 0) return -1;
+  }
   return 0;
 }
 
@@ -988,6 +1011,7 @@ void qvTrialFree(qvTrial* tr) {
   std::free(tr->plan);
   std::free(tr->taken);
   std::free(tr->sources);
+  std::free(tr->gone);
   std::free(tr->flatFan);
   std::free(tr->group);
   std::free(tr->planes);
@@ -1023,7 +1047,9 @@ int32_t qvCoverCheckPiece(const qvTri* home, const qvPiece& piece, const qvRedPa
   qvHome t;
   if (qvHomeSet(&t, const_cast<qvTri*>(home)) != 0) return 1;
   if (piece.kind == kPieceFlat) {
-    // A filing of a flat piece lies in its home's plane.
+    // A filing of a flat piece lies in its home's plane; a stale one claims
+    // nothing.
+    if (piece.src->flags & kTriFlatGone) return 0;
     for (const double* x : piece.q)
       if (orient3dSign(t.x[0], t.x[1], t.x[2], x) != 0) return 1;
     return 0;
@@ -1059,12 +1085,15 @@ double clippedArea(const double* const q[3], const double* const c[3]) {
     if (std::fabs(nrm[k]) > std::fabs(nrm[drop])) drop = k;
   const int32_t i = (drop + 1) % 3, j = (drop + 2) % 3;
   const double sense = nrm[drop] > 0.0 ? 1.0 : -1.0;
-  std::vector<std::array<double, 2>> poly = {{q[0][i], q[0][j]}, {q[1][i], q[1][j]}, {q[2][i], q[2][j]}};
+  // Relative to a corner of q, so that far from the origin the products
+  // keep their digits.
+  const auto at = [&](const double* x) { return std::array<double, 2>{x[i] - q[0][i], x[j] - q[0][j]}; };
+  std::vector<std::array<double, 2>> poly = {at(q[0]), at(q[1]), at(q[2])};
   for (int32_t e = 0; e < 3 && !poly.empty(); ++e) {
-    const double* a = c[e];
-    const double* b = c[(e + 1) % 3];
+    const std::array<double, 2> a = at(c[e]);
+    const std::array<double, 2> b = at(c[(e + 1) % 3]);
     auto side = [&](const std::array<double, 2>& x) {
-      return sense * ((b[i] - a[i]) * (x[1] - a[j]) - (b[j] - a[j]) * (x[0] - a[i]));
+      return sense * ((b[0] - a[0]) * (x[1] - a[1]) - (b[1] - a[1]) * (x[0] - a[0]));
     };
     std::vector<std::array<double, 2>> out;
     for (size_t k = 0; k < poly.size(); ++k) {
@@ -1114,19 +1143,21 @@ int32_t qvCoverCheck(const qvMesh* mesh, const qvRedParams* params, FILE* out) {
       const qvPiece& piece = c->p[k];
       if (qvCoverCheckPiece(t, piece, params) != 0) report("a piece is not within the limit of its home", t);
       if (piece.kind != kPieceFlat) area[piece.src] += pieceArea(piece);
-      else flat[piece.src] += clippedArea(piece.q, h);
+      else if (!(piece.src->flags & kTriFlatGone)) flat[piece.src] += clippedArea(piece.q, h);
     }
   }
-  // The measured pieces tile their part of a starting triangle, and the
-  // holders of its flat piece cover the rest (they may overlap the pieces).
+  // The measured pieces tile a starting triangle that never lay flat. Of one
+  // that did, they and the holders of its flat piece cover it: each removal
+  // off its plane measured the fragments over its star, which may overlap.
   for (const qvTri* t = mesh->tri; t; t = t->next) {
     if ((t->flags & kTriCap) || (t->flags & kTriReplace)) continue;
     const double want = qvTriArea(t);
     const auto it = area.find(t);
     const double have = it == area.end() ? 0.0 : it->second;
     const auto held = flat.find(t);
-    if (held == flat.end() ? std::fabs(have - want) > 1e-9 * want
-                           : have > want * (1.0 + 1e-9) || have + held->second < want * (1.0 - 1e-9))
+    const bool wasFlat = t->flags & kTriFlatOnce;
+    if (wasFlat ? have + (held == flat.end() ? 0.0 : held->second) < want * (1.0 - 1e-9)
+                : std::fabs(have - want) > 1e-9 * want)
       report("the pieces of a starting triangle don't tile it", t);
   }
   return bad;

@@ -93,8 +93,9 @@ constexpr uint32_t kEdgPassKeep = 0xBFFFFFFu;
 
 // qvTri.flags
 // At the end of a pass triangles keep only their lasting bits. Seven hex
-// digits on purpose, as for edges: it clears kTriReplace and kTriRetired too.
-constexpr uint32_t kTriPassKeep = 0x9FFFFFFu;
+// digits on purpose, as for edges: it clears kTriReplace and kTriRetired too,
+// and the flat pieces' bits.
+constexpr uint32_t kTriPassKeep = 0x9FFFFFFu & ~(kTriFlatOnce | kTriFlatGone);
 
 // qvVtx.flags
 // Bits a vertex loses at the end of a pass: the marks it can carry and kVtxRetired.

@@ -100,7 +100,10 @@ extern const qvPlaneFn qvPlaneTable[kPlaneRows];
 // whose interior its own overlaps, and its distance there is 0. The
 // triangles that hold it and its measured pieces together contain it: a
 // removal in its plane files it with the fan's triangles again, any other
-// removal measures the fragments of it over the star.
+// removal measures the fragments of it over the star. Once a removal has
+// measured all of it, its starting triangle bears kTriFlatGone and its
+// filings left round the star are stale: skipped, and dropped with their
+// holders, until it is filed flat again.
 constexpr int32_t kPieceSingle = -1;  // kind of a piece held by its home alone
 constexpr int32_t kPieceFlat = -2;    // kind of a flat piece
 struct qvPiece {
@@ -169,9 +172,9 @@ struct qvValence {
   int32_t n;
 };
 
-// A plane of a star that the fan keeps: the star's triangles in it and the
-// fan's bound the same region, and both turn as sense in the coordinate plane
-// that leaves out axis drop.
+// A plane of a star that the fan keeps: the fan's triangles in it cover the
+// region of the star's, and both turn as sense in the coordinate plane that
+// leaves out axis drop.
 struct qvPlaneKept {
   bool kept;
   int32_t drop;
@@ -212,6 +215,9 @@ struct qvTrial {
   int32_t fragments;      // fragments made by this trial
   const qvTri **sources;  // starting triangles of flat pieces met, marked kTriMarkSource
   int32_t nSources, sourcesCap;
+  const qvTri **gone;     // starting triangles of flat pieces the trial measured whole
+  int32_t nGone, goneCap;
+  int32_t escapes;        // fragments of a flat piece left to its holders off the star
   int32_t *group;         // per star triangle, then per fan triangle: the star triangle heading its plane
   int32_t groupCap;
   qvPlaneKept *planes;    // per star triangle heading a plane: whether and how the fan keeps it
@@ -228,7 +234,7 @@ struct qvTrial {
   int32_t only = -1;      // the try made alone (see qvTrialRun); -1: all of them
   int32_t spoke;          // the try the trial kept
   int32_t flips;          // Delaunay flips made in the copy
-  int32_t weight;         // the pieces in the covers the trial displaced (0 with no covers)
+  int32_t weight;         // of a score of 0: the pieces in the covers the trial displaced; else 0
 };
 
 // Certifies the pieces the trial's removal displaces, against its fan and
@@ -343,10 +349,10 @@ struct qvRedOrder;
 // the order while its key is within tol2. Removed count, or -1.
 //
 // The order is a queue of keys: each vertex enters at its score, and a
-// vertex without one waits at the tail. Among equal scores the trial that
-// displaced fewer pieces comes first, so that a flat face, where every score
-// is 0, thins out evenly rather than in fans that grow across it; then the
-// order of the list. The head is tried again on the current mesh, and that
+// vertex without one waits at the tail. Among scores of 0 the trial that
+// displaced fewer pieces comes first, so that a flat face thins out evenly
+// rather than in fans that grow across it; other ties keep the order of the
+// list. The head is tried again on the current mesh, and that
 // very trial is committed when its score is within lim2 and its key no
 // greater than the next one; else the vertex goes back at its new key. A
 // commit does not rescore its neighbourhood: it brings every vertex whose
