@@ -603,18 +603,28 @@ bool flatStar(const qvTrial* tr) {
 }
 
 // The directed sides of triangles, each side met in both directions taken
-// out: the boundary of the region they tile, when they turn one way.
-struct Side {
-  const double* from;
-  const double* to;
+// out: the boundary of the region they tile, when they turn one way. A run
+// of sides: n of them, from[k] -> to[k].
+struct Sides {
+  const double** from;
+  const double** to;
+  int32_t n;
 };
 
-void addSides(std::vector<Side>& sides, const double* const h[3]) {
+void addSides(Sides& sides, const double* const h[3]) {
   for (int k = 0; k < 3; ++k) {
-    const Side s{h[k], h[(k + 1) % 3]};
-    auto back = std::find_if(sides.begin(), sides.end(), [&](const Side& o) { return o.from == s.to && o.to == s.from; });
-    if (back != sides.end()) sides.erase(back);
-    else sides.push_back(s);
+    const double* a = h[k];
+    const double* b = h[(k + 1) % 3];
+    int32_t back = 0;
+    while (back < sides.n && !(sides.from[back] == b && sides.to[back] == a)) ++back;
+    if (back < sides.n) {
+      --sides.n;
+      sides.from[back] = sides.from[sides.n];
+      sides.to[back] = sides.to[sides.n];
+    } else {
+      sides.from[sides.n] = a;
+      sides.to[sides.n++] = b;
+    }
   }
 }
 
@@ -623,15 +633,16 @@ void addSides(std::vector<Side>& sides, const double* const h[3]) {
 // none; or the star's run a -> v -> w where the fan's run a -> w, and v lies
 // strictly inside the segment from a to w, or beyond it, on the side away
 // from the region (the fan then covers the triangle a, v, w as well).
-bool fanCovers(const std::vector<Side>& star, const std::vector<Side>& fan, const double* v, const qvTrial* tr,
-               int32_t drop, int32_t sense) {
-  if (star.empty() && fan.empty()) return true;
-  if (star.size() != 2 || fan.size() != 1) return false;
-  const Side& in = star[0].to == v ? star[0] : star[1];
-  const Side& out = star[0].to == v ? star[1] : star[0];
-  if (in.to != v || out.from != v || in.from != fan[0].from || out.to != fan[0].to) return false;
-  const double* a = qvVtxXyz(qvVtxOf(in.from));
-  const double* w = qvVtxXyz(qvVtxOf(out.to));
+bool fanCovers(const Sides& star, const Sides& fan, const qvTrial* tr, int32_t drop, int32_t sense) {
+  if (star.n == 0 && fan.n == 0) return true;
+  if (star.n != 2 || fan.n != 1) return false;
+  const double* v = tr->v->dat;
+  const int32_t in = star.to[0] == v ? 0 : 1;
+  const int32_t out = 1 - in;
+  if (star.to[in] != v || star.from[out] != v || star.from[in] != fan.from[0] || star.to[out] != fan.to[0])
+    return false;
+  const double* a = qvVtxXyz(qvVtxOf(fan.from[0]));
+  const double* w = qvVtxXyz(qvVtxOf(fan.to[0]));
   const double* x = qvVtxXyz(tr->v);
   if (!a || !w) return false;
   const int32_t side = orient2dDrop(a, w, x, drop) * sense;
@@ -641,78 +652,82 @@ bool fanCovers(const std::vector<Side>& star, const std::vector<Side>& fan, cons
   return false;
 }
 
-// Groups the triangles of the star and of the fan by plane: group[i] for
-// star triangle i, and group[nStar + j] for fan triangle j, is the first
-// star triangle in the same plane exactly (-1 for a cap, or a fan triangle
-// in no star triangle's plane). The fan keeps a plane when its star
+constexpr int32_t kUngrouped = -2;  // group of a triangle whose plane isn't looked at yet
+
+// Groups with star triangle g the triangles of the star and of the fan in
+// its plane exactly, and decides whether the fan keeps that plane: its star
 // triangles and fan triangles there all turn one way, strictly, in a
 // coordinate plane onto which it projects one to one, and the fan's cover
-// the star's region (fanCovers). false on failure.
-bool groupPlanes(qvTrial* tr) {
+// the star's region (fanCovers). group[i] for star triangle i and
+// group[nStar + j] for fan triangle j name g then; a plane without a fan
+// triangle is not kept and groups g alone. The fan's triangles of a kept
+// plane are laid in its coordinate plane in flatFan: 10 numbers each, its
+// corners' pairs, then its box (low pair, high pair). false on failure.
+bool groupPlane(qvTrial* tr, int32_t g) {
   const int32_t nStar = tr->nStar;
   const int32_t nFan = tr->nHomes - tr->nNear;
-  if (!qvGrow(tr->group, tr->groupCap, nStar + nFan) || !qvGrow(tr->planes, tr->planesCap, nStar) ||
-      !qvGrow(tr->starHomes, tr->starHomesCap, nStar))
-    return false;
-  for (int32_t i = 0; i < nStar; ++i)
-    if (qvHomeSet(&tr->starHomes[i], tr->star[i]) != 0) return false;
-  std::fill(tr->group, tr->group + nStar + nFan, -1);
-  const double* v = tr->v->dat;
-  std::vector<Side> starSides, fanSides;
-  for (int32_t g = 0; g < nStar; ++g) {
-    tr->planes[g] = qvPlaneKept{false, -1, 0};
-    if (tr->group[g] >= 0 || (tr->star[g]->flags & kTriCap)) continue;
-    const qvHome& r = tr->starHomes[g];
-    int32_t drop = 0;
-    while (drop < 3 && orient2dDrop(r.x[0], r.x[1], r.x[2], drop) == 0) ++drop;
-    const auto inPlane = [&](const double* const* x) {
-      for (int k = 0; k < 3; ++k)
-        if (x[k] != r.x[0] && x[k] != r.x[1] && x[k] != r.x[2] && orient3dSign(r.x[0], r.x[1], r.x[2], x[k]) != 0)
-          return false;
-      return true;
-    };
-    const int32_t sense = drop < 3 ? orient2dDrop(r.x[0], r.x[1], r.x[2], drop) : 0;
-    bool kept = drop < 3;
-    starSides.clear();
-    fanSides.clear();
-    for (int32_t i = g; i < nStar; ++i) {
-      const qvHome& t = tr->starHomes[i];
-      if (tr->group[i] >= 0 || (tr->star[i]->flags & kTriCap) || !inPlane(t.x)) continue;
-      tr->group[i] = g;
-      kept = kept && orient2dDrop(t.x[0], t.x[1], t.x[2], drop) == sense;
-      if (kept) addSides(starSides, t.h);
-    }
-    for (int32_t j = 0; j < nFan; ++j) {
-      const qvHome& t = tr->homes[j];
-      if (tr->group[nStar + j] >= 0 || !inPlane(t.x)) continue;
-      tr->group[nStar + j] = g;
-      kept = kept && orient2dDrop(t.x[0], t.x[1], t.x[2], drop) == sense;
-      if (kept) addSides(fanSides, t.h);
-    }
-    if (kept) {
-      // Sides both share are taken out of both.
-      for (size_t k = 0; k < starSides.size();) {
-        auto same = std::find_if(fanSides.begin(), fanSides.end(), [&](const Side& o) {
-          return o.from == starSides[k].from && o.to == starSides[k].to;
-        });
-        if (same == fanSides.end()) {
-          ++k;
-          continue;
-        }
-        fanSides.erase(same);
-        starSides.erase(starSides.begin() + static_cast<std::ptrdiff_t>(k));
-      }
-      kept = fanCovers(starSides, fanSides, v, tr, drop, sense);
-    }
-    tr->planes[g] = qvPlaneKept{kept, drop, sense};
-  }
-  // The fan laid in the coordinate planes of the planes it keeps: 10 numbers
-  // per triangle, its corners' pairs, then its box (low pair, high pair).
-  if (!qvGrow(tr->flatFan, tr->flatFanCap, nFan * 10)) return false;
+  tr->group[g] = g;
+  tr->planes[g] = qvPlaneKept{false, -1, 0};
+  double* r[3];
+  if (tr->star[g]->flags & kTriCap) return true;
+  if (qvTriCoords(tr->star[g], 0, r) != 0) return false;
+  int32_t drop = 0;
+  while (drop < 3 && orient2dDrop(r[0], r[1], r[2], drop) == 0) ++drop;
+  if (drop == 3) return true;
+  const int32_t sense = orient2dDrop(r[0], r[1], r[2], drop);
+  const auto inPlane = [&](const double* const* x) {
+    for (int k = 0; k < 3; ++k)
+      if (x[k] != r[0] && x[k] != r[1] && x[k] != r[2] && orient3dSign(r[0], r[1], r[2], x[k]) != 0) return false;
+    return true;
+  };
+  int32_t fanMembers = 0;
+  bool kept = true;
   for (int32_t j = 0; j < nFan; ++j) {
-    const int32_t g = tr->group[nStar + j];
-    if (g < 0 || !tr->planes[g].kept) continue;
-    const int32_t a = (tr->planes[g].drop + 1) % 3, b = (tr->planes[g].drop + 2) % 3;
+    const qvHome& t = tr->homes[j];
+    if (tr->group[nStar + j] != kUngrouped || (t.tri->flags & kTriCap) || !inPlane(t.x)) continue;
+    tr->group[nStar + j] = g;
+    ++fanMembers;
+    kept = kept && orient2dDrop(t.x[0], t.x[1], t.x[2], drop) == sense;
+  }
+  if (fanMembers == 0) return true;
+  const int32_t most = 3 * (nStar + nFan);
+  if (!qvGrow(tr->sideEnds, tr->sideEndsCap, 4 * most)) return false;
+  Sides star{tr->sideEnds, tr->sideEnds + most, 0};
+  Sides fan{tr->sideEnds + 2 * most, tr->sideEnds + 3 * most, 0};
+  for (int32_t i = 0; i < nStar; ++i) {
+    double* c[3];
+    double* h[3];
+    if (tr->group[i] != kUngrouped && i != g) continue;
+    if ((tr->star[i]->flags & kTriCap) || qvTriCoords(tr->star[i], 0, c) != 0 || !inPlane(c)) continue;
+    if (qvTriCorners(tr->star[i], 0, h) != 0) return false;
+    tr->group[i] = g;
+    kept = kept && orient2dDrop(c[0], c[1], c[2], drop) == sense;
+    addSides(star, h);
+  }
+  for (int32_t j = 0; j < nFan && kept; ++j)
+    if (tr->group[nStar + j] == g) addSides(fan, tr->homes[j].h);
+  // Sides both share are taken out of both.
+  for (int32_t k = 0; k < star.n && kept;) {
+    int32_t m = 0;
+    while (m < fan.n && !(fan.from[m] == star.from[k] && fan.to[m] == star.to[k])) ++m;
+    if (m == fan.n) {
+      ++k;
+      continue;
+    }
+    --fan.n;
+    fan.from[m] = fan.from[fan.n];
+    fan.to[m] = fan.to[fan.n];
+    --star.n;
+    star.from[k] = star.from[star.n];
+    star.to[k] = star.to[star.n];
+  }
+  kept = kept && fanCovers(star, fan, tr, drop, sense);
+  tr->planes[g] = qvPlaneKept{kept, drop, sense};
+  if (!kept) return true;
+  if (!qvGrow(tr->flatFan, tr->flatFanCap, nFan * 10)) return false;
+  const int32_t a = (drop + 1) % 3, b = (drop + 2) % 3;
+  for (int32_t j = 0; j < nFan; ++j) {
+    if (tr->group[nStar + j] != g) continue;
     double* o = tr->flatFan + j * 10;
     for (int k = 0; k < 3; ++k) {
       o[2 * k] = tr->homes[j].x[k][a];
@@ -723,19 +738,27 @@ bool groupPlanes(qvTrial* tr) {
     o[8] = std::max({o[0], o[2], o[4]});
     o[9] = std::max({o[1], o[3], o[5]});
   }
-  tr->grouped = true;
   return true;
 }
 
-// The plane of star triangle i when the fan keeps it, else null; the
-// planes are grouped on first use. err is set on failure.
+// The plane of star triangle i when the fan keeps it, else null; the plane
+// is grouped on first use. err is set on failure.
 const qvPlaneKept* keptPlane(qvTrial* tr, int32_t i) {
-  if (!tr->grouped && !groupPlanes(tr)) {
+  const int32_t n = tr->nStar + tr->nHomes - tr->nNear;
+  if (!tr->grouped) {
+    if (!qvGrow(tr->group, tr->groupCap, n) || !qvGrow(tr->planes, tr->planesCap, tr->nStar)) {
+      tr->err = -1;
+      return nullptr;
+    }
+    std::fill(tr->group, tr->group + n, kUngrouped);
+    tr->grouped = true;
+  }
+  if (tr->group[i] == kUngrouped && !groupPlane(tr, i)) {
     tr->err = -1;
     return nullptr;
   }
   const int32_t g = tr->group[i];
-  return g >= 0 && tr->planes[g].kept ? &tr->planes[g] : nullptr;
+  return tr->planes[g].kept ? &tr->planes[g] : nullptr;
 }
 
 // Whether the piece is a whole starting triangle.
@@ -748,14 +771,15 @@ bool wholeCorners(const qvPiece& piece) {
 // star triangle i and, there, inside it.
 bool wholeInside(const qvTrial* tr, const qvPiece& piece, int32_t i, const qvPlaneKept& plane) {
   double* s[3];
-  if (piece.kind == kPieceFlat || qvTriCoords(piece.src, 0, s) != 0) return false;
-  const qvHome& c = tr->starHomes[i];
+  double* c[3];
+  if (piece.kind == kPieceFlat || qvTriCoords(piece.src, 0, s) != 0 || qvTriCoords(tr->star[i], 0, c) != 0)
+    return false;
   for (int k = 0; k < 3; ++k)
-    if (piece.q[k] != s[k] || orient3dSign(c.x[0], c.x[1], c.x[2], s[k]) != 0) return false;
+    if (piece.q[k] != s[k] || orient3dSign(c[0], c[1], c[2], s[k]) != 0) return false;
   if (orient2dDrop(s[0], s[1], s[2], plane.drop) == 0) return false;
   for (int e = 0; e < 3; ++e)
     for (const double* x : s)
-      if (orient2dDrop(c.x[e], c.x[(e + 1) % 3], x, plane.drop) * plane.sense < 0) return false;
+      if (orient2dDrop(c[e], c[(e + 1) % 3], x, plane.drop) * plane.sense < 0) return false;
   return true;
 }
 
@@ -1015,7 +1039,7 @@ void qvTrialFree(qvTrial* tr) {
   std::free(tr->flatFan);
   std::free(tr->group);
   std::free(tr->planes);
-  std::free(tr->starHomes);
+  std::free(tr->sideEnds);
   std::free(tr->rowKey);
   std::free(tr->rows);
   std::free(tr->slots);

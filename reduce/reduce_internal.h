@@ -218,13 +218,14 @@ struct qvTrial {
   const qvTri **gone;     // starting triangles of flat pieces the trial measured whole
   int32_t nGone, goneCap;
   int32_t escapes;        // fragments of a flat piece left to its holders off the star
-  int32_t *group;         // per star triangle, then per fan triangle: the star triangle heading its plane
+  int32_t *group;         // per star triangle, then per fan triangle: the star triangle heading its plane,
+                          // as far as it is known
   int32_t groupCap;
   qvPlaneKept *planes;    // per star triangle heading a plane: whether and how the fan keeps it
   int32_t planesCap;
-  qvHome *starHomes;      // the star's triangles as homes, while the planes are grouped
-  int32_t starHomesCap;
-  bool grouped;           // group and planes hold this trial's planes
+  const double **sideEnds;  // room for the sides of a plane's triangles, while it is grouped
+  int32_t sideEndsCap;
+  bool grouped;           // group holds this trial's planes, as far as they are grouped
   double *flatFan;        // the fan laid in the coordinate planes of its planes
   int32_t flatFanCap;
   double beat;            // the score to beat: a trial that can't is refused early
