@@ -761,12 +761,6 @@ const qvPlaneKept* keptPlane(qvTrial* tr, int32_t i) {
   return tr->planes[g].kept ? &tr->planes[g] : nullptr;
 }
 
-// Whether the piece is a whole starting triangle.
-bool wholeCorners(const qvPiece& piece) {
-  double* s[3];
-  return qvTriCoords(piece.src, 0, s) == 0 && piece.q[0] == s[0] && piece.q[1] == s[1] && piece.q[2] == s[2];
-}
-
 // Whether the piece is a whole starting triangle that lies in the plane of
 // star triangle i and, there, inside it.
 bool wholeInside(const qvTrial* tr, const qvPiece& piece, int32_t i, const qvPlaneKept& plane) {
@@ -924,16 +918,11 @@ int32_t qvTrialCertify(qvTrial* tr, const qvRedParams* params) {
   tr->nSources = 0;
   for (int32_t i = 0; i < tr->nStar && filed > 0; ++i) {
     const qvCover* c = static_cast<const qvCover*>(tr->star[i]->link);
-    for (int32_t k = 0; c && k < c->n && filed > 0; ++k) {
+    if (!c || c->n == 0) continue;
+    const qvPlaneKept* plane = keptPlane(tr, i);
+    if (tr->err) filed = -1;
+    for (int32_t k = 0; k < c->n && filed > 0; ++k) {
       const qvPiece& piece = c->p[k];
-      const bool whole = piece.kind != kPieceFlat && wholeCorners(piece);
-      if (piece.kind != kPieceFlat && !whole) {
-        affected[n] = Affected{&piece, n};
-        ++n;
-        continue;
-      }
-      const qvPlaneKept* plane = keptPlane(tr, i);
-      if (tr->err) filed = -1;
       if (piece.kind == kPieceFlat) {
         auto* src = const_cast<qvTri*>(piece.src);
         if (src->flags & (kTriMarkSource | kTriFlatGone)) continue;
