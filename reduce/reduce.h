@@ -16,28 +16,35 @@
 //  6. No test in the engine compares a length with an absolute constant:
 //     degeneracy is judged against the sizes it is made of, the rounding
 //     allowance eta is a share of the largest coordinate, and the order of
-//     candidates breaks ties by their place in the list. A model scaled by a
+//     candidates breaks ties by a count of pieces, then by their place in the
+//     list. A model scaled by a
 //     power of two, with its tolerance, reduces to the same model scaled.
 //
 // The bound, and why it holds
 //  During a pass, with tolerance t > 0, every live triangle that is not a cap
 //  holds a cover: a list of pieces of the pass's starting surface, each a
-//  starting triangle or a fragment of one cut at edge midpoints. With
-//  lim = t - eta, two invariants hold after every commit:
-//   (C) the pieces of all covers together tile the starting surface less its
-//       caps, and every cover belongs to a live non-cap triangle;
-//   (H) a piece P in the cover of T is single, every corner q of P having a
-//       computed squared distance D(q, T) <= lim^2; or it is a pair with the
-//       live non-cap neighbour U of T across one edge E: cut by a plane
-//       through E, the corners and crossings of P on T's side are within lim
-//       of T, those on the other side within lim of U.
+//  starting triangle or a fragment of one cut at edge midpoints, measured or
+//  flat. With lim = t - eta, three invariants hold after every commit:
+//   (C) the measured pieces of all covers, with the parts of the flat pieces
+//       inside the triangles that hold them, cover the starting surface less
+//       its caps (a starting triangle never held flat is tiled by its
+//       measured pieces); every cover belongs to a live non-cap triangle;
+//   (H) a measured piece P in the cover of T is single, every corner q of P
+//       having a computed squared distance D(q, T) <= lim^2; or it is a pair
+//       with the live non-cap neighbour U of T across one edge E: cut by a
+//       plane through E, the corners and crossings of P on T's side are
+//       within lim of T, those on the other side within lim of U;
+//   (F) a flat piece is a whole starting triangle in the exact plane of each
+//       triangle that holds it (orient3d), and it is held by every live
+//       non-cap triangle of that plane whose interior its own overlaps.
 //  Proof of the bound from them: take x on the starting surface. By (C) x lies
-//  in a piece P of the cover of a live triangle T. The distance to a triangle
-//  is a convex function and P is the convex hull of its corners, so in the
-//  single case d(x, T) <= max over the corners <= lim; in the pair case the
-//  cut parts of P are convex hulls of the points listed, so the same holds
-//  with T or U. T and U are live and not caps, so they are in the result:
-//  d(x, result) <= lim + eta = t.
+//  in a measured piece P of the cover of a live triangle T, or in a flat piece
+//  inside a live triangle T that holds it, where d(x, T) = 0. The distance to
+//  a triangle is a convex function and P is the convex hull of its corners,
+//  so in the single case d(x, T) <= max over the corners <= lim; in the pair
+//  case the cut parts of P are convex hulls of the points listed, so the same
+//  holds with T or U. T and U are live and not caps, so they are in the
+//  result: d(x, result) <= lim + eta = t.
 //  Upkeep: a pass starts with each triangle covering itself. A removal of v
 //  destroys exactly its star; the pieces that may lose their home or partner
 //  are those of the star's covers and the pair pieces across a ring edge. The
@@ -45,7 +52,17 @@
 //  ring (single, then pair, then 1:4 splits to depth 24 and 1,024 fragments;
 //  a limit reached refuses the removal), and the commit applies that very
 //  trial: the grafted fan and the plan are those certified. Every other piece
-//  keeps a live home and partner. So (C) and (H) hold after each commit.
+//  keeps a live home and partner. Flat pieces, by the plane of the star
+//  triangle that holds them: where the fan keeps that plane (its triangles
+//  there turn one way and, by their outline, cover the region of the star's
+//  there: the winding number of the fan's outline is at least the star's
+//  everywhere), a flat piece is held again by every fan triangle of the plane
+//  it overlaps, and so is a whole measured piece that lies inside its star
+//  triangle (exact tests); elsewhere the fragments of a flat piece that
+//  overlap a star triangle are measured as above, and those that overlap none
+//  stay inside the holders off the star or the measured pieces, as they were.
+//  A flat piece measured whole leaves its other holders, which then hold a
+//  stale entry that claims nothing. So (C), (H) and (F) hold after each commit.
 //  At t = 0 a removal is made only when the star and its ring lie exactly in
 //  one plane (orient3d) and the old and new triangles all turn one way in a
 //  coordinate plane (orient2d): both then tile the polygon of the ring, so the
