@@ -35,8 +35,7 @@
 //       plane through E, the corners and crossings of P on T's side are
 //       within lim of T, those on the other side within lim of U;
 //   (F) a flat piece is a whole starting triangle in the exact plane of each
-//       triangle that holds it (orient3d), and it is held by every live
-//       non-cap triangle of that plane whose interior its own overlaps.
+//       triangle that holds it (orient3d).
 //  Proof of the bound from them: take x on the starting surface. By (C) x lies
 //  in a measured piece P of the cover of a live triangle T, or in a flat piece
 //  inside a live triangle T that holds it, where d(x, T) = 0. The distance to
@@ -56,9 +55,10 @@
 //  triangle that holds them: where the fan keeps that plane (its triangles
 //  there turn one way and, by their outline, cover the region of the star's
 //  there: the winding number of the fan's outline is at least the star's
-//  everywhere), a flat piece is held again by every fan triangle of the plane
-//  it overlaps, and so is a whole measured piece that lies inside its star
-//  triangle (exact tests); elsewhere the fragments of a flat piece that
+//  everywhere), the part of a flat piece its star holders held lies in the
+//  fan, and it is held again by every fan triangle of the plane it overlaps;
+//  so is a whole measured piece that lies inside its star triangle (exact
+//  tests). Elsewhere the fragments of a flat piece that
 //  overlap a star triangle are measured as above, and those that overlap none
 //  stay inside the holders off the star or the measured pieces, as they were.
 //  A flat piece measured whole leaves its other holders, which then hold a
