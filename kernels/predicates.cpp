@@ -760,6 +760,9 @@ int32_t signOf(const double* e, int n) {
 
 int32_t orient3dSign(const double* pa, const double* pb, const double* pc, const double* pd) {
   ensureInit();
+  // Four points with one coordinate in common lie in a plane of that axis.
+  for (int k = 0; k < 3; ++k)
+    if (pa[k] == pd[k] && pb[k] == pd[k] && pc[k] == pd[k]) return 0;
   // The determinant of the rows (p, 1) equals (a - d) . ((b - d) x (c - d)).
   double ad[3], bd[3], cd[3];
   bool exact = true;
