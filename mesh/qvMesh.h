@@ -366,11 +366,13 @@ qvTri* qvTriTail(qvTri* head);
 // returns the new head, the former tail.
 qvTri* qvTriReverse(qvTri* head);
 
-// Makes every triangle of a mesh at rest anew, in list order, and frees the
-// former records, so that a walk along the list runs through memory in order;
-// contents, list order, edges and vertices stay as they were. 0; -1 for a
-// mesh not at rest (held triangles, a working link or aux set) or when memory
-// runs out, and then nothing has changed.
+// Moves the contents of a mesh at rest's triangles among their own records so
+// that the list runs through the records in address order, and a walk along
+// it through memory in order; contents, list order, edges and vertices stay
+// as they were, and no record is made or freed (a pointer to a triangle
+// names another triangle afterwards). 0; -1 for a mesh not at rest (held
+// triangles, a working link or aux set) or when memory runs out, and then
+// nothing has changed.
 int32_t qvMeshCompact(qvMesh* mesh);
 
 qvMesh* qvMeshConcat(qvMesh* a, qvMesh* b);
@@ -729,7 +731,8 @@ constexpr double kWeldTol2 = 1e-12;
 // The chain that qvMeshAssemble makes of the soup of n facets that
 // qvMeshAddFacet would build from corners (nine coordinates each, three
 // corners in order), record for record and in the same list order; only the
-// records that stay are made. *shells (may be null) receives the number of
+// records that stay are made, and each shell's triangles lie in memory in
+// list order (see qvMeshCompact). *shells (may be null) receives the number of
 // shells, or -1 on failure, when the mesh returned is good only for being
 // freed. Null when no mesh could be made.
 qvMesh* qvMeshAssembleCorners(const float* const* corners, int32_t n, const double* tol, int32_t* shells);
