@@ -148,14 +148,14 @@ void qvLnkListFree(void* list) { qvLnkDeleteAll(static_cast<qvLnk*>(list)); }
 
 int32_t qvMeshCompact(qvMesh* mesh) {
   if (!mesh || mesh->triHeld) return -1;
-  int32_t n = 0;
-  for (const qvTri* t = mesh->tri; t; t = t->next, ++n)
-    if (t->link || t->aux[0] || t->aux[1] || t->aux[2]) return -1;
-  if (n == 0) return 0;
   // A list that already runs up through memory stays as it is.
-  const qvTri* last = mesh->tri;
-  for (const qvTri* t = last->next; t && t > last; t = t->next) last = t;
-  if (!last->next) return 0;
+  int32_t n = 0;
+  bool rising = true;
+  for (const qvTri* t = mesh->tri; t; t = t->next, ++n) {
+    if (t->link || t->aux[0] || t->aux[1] || t->aux[2]) return -1;
+    rising = rising && (!t->prev || t->prev < t);
+  }
+  if (rising) return 0;
   const size_t size = static_cast<size_t>(n);
   // from: the records in list order; to: the same records by address, where
   // the contents go in list order; copy: the contents on their way.
@@ -168,16 +168,14 @@ int32_t qvMeshCompact(qvMesh* mesh) {
     for (qvTri* t = mesh->tri; t; t = t->next) from[i++] = t;
     std::copy(from, from + n, to);
     std::sort(to, to + n, std::less<qvTri*>());
-    // Each record names in link the record its contents go to.
+    // Each record names in link the record its contents go to; a neighbour
+    // without one is no triangle of the mesh.
     for (i = 0; i < n; ++i) from[i]->link = to[i];
-    // Every neighbour a triangle names must be one of the mesh's.
-    for (i = 0; i < n && ok; ++i)
-      for (const qvTri* a : from[i]->adj) ok = ok && (!a || a->link);
     for (i = 0; i < n && ok; ++i) {
       qvTri& c = copy[i];
       c = *from[i];
       for (qvTri*& a : c.adj)
-        if (a) a = static_cast<qvTri*>(a->link);
+        if (a) ok = ok && (a = static_cast<qvTri*>(a->link)) != nullptr;
       c.link = nullptr;
       c.prev = i > 0 ? to[i - 1] : nullptr;
       c.next = i + 1 < n ? to[i + 1] : nullptr;

@@ -53,6 +53,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <initializer_list>
 
 struct qvTriCache;  // working block of the distance routines (kernels/)
 struct qvTri;
@@ -503,6 +504,23 @@ qvEdg* qvEdgFrom(qvEdg* head, uint32_t bits, const double* h);
 int32_t qvTriNormal(const qvTri* t, const qvEdg* e, int32_t sign, double* out[3], double n[3]);
 // The same normal, with out the corners as coordinates.
 [[nodiscard]] int32_t qvTriGeometry(const qvTri* t, const qvEdg* e, int32_t sign, double* out[3], double n[3]);
+// Reading t's corners waits on its first two edges, then on the vertices at
+// their ends: records spread over the heap. A walk over an array of
+// triangles asks for the edges some triangles ahead of the one it reads and
+// for the corners of one nearer, whose edges are in by then.
+inline void qvTriPrefetchEdges(const qvTri* t) {
+  __builtin_prefetch(t->edg[0]);
+  __builtin_prefetch(t->edg[1]);
+}
+inline void qvTriPrefetchCorners(const qvTri* t) {
+  for (const qvEdg* e : {t->edg[0], t->edg[1]})
+    if (e)
+      for (const double* h : e->ends)
+        if (h) {
+          __builtin_prefetch(qvVtxOf(h));
+          __builtin_prefetch(h);
+        }
+}
 // Half the length of the normal; -1.0 when the corners can't be read.
 double qvTriArea(const qvTri* t);
 // Sum of the areas; -1.0 for a null mesh or at the first failure.

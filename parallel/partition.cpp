@@ -84,6 +84,8 @@ TriKey triKey(const qvTri *t, int32_t pos, int32_t direction, int32_t axis, int3
   return key;
 }
 
+constexpr int32_t kAhead = 8;  // triangles between a corner prefetch and the read
+
 // ---------------------------------------------------------------------------
 // Splitting by a triangle flag
 
@@ -312,11 +314,13 @@ qvTri *qvTriSort(qvTri *head, int32_t direction, int32_t axis, int32_t corner) {
     return nullptr;
   }
   int32_t i = 0;
-  for (qvTri *t = head; t; t = t->next, ++i) {
-    order[i] = t;
-    keys[i] = triKey(t, i, direction, axis, corner);
+  for (qvTri *t = head; t; t = t->next) order[i++] = t;
+  for (i = 0; i < n; ++i) {
+    if (i + 2 * kAhead < n) qvTriPrefetchEdges(order[i + 2 * kAhead]);
+    if (i + kAhead < n) qvTriPrefetchCorners(order[i + kAhead]);
+    keys[i] = triKey(order[i], i, direction, axis, corner);
   }
-  std::sort(keys, keys + n, keyBefore);
+  std::sort(keys, keys + n, [](const TriKey &a, const TriKey &b) { return keyBefore(a, b); });
   for (i = 0; i < n; ++i) {
     qvTri *t = order[keys[i].pos];
     t->tag = 0;
