@@ -11,6 +11,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
+#include <functional>
 #include <initializer_list>
 
 #include "parallel/parallel.h"
@@ -293,12 +294,58 @@ bool unpinchVertex(qvMesh *mesh, qvVtx *v, qvVtx *(*clone)(const qvVtx *)) {
   return true;
 }
 
-}  // namespace
+// Moves the contents of the triangles among their records so that the new
+// order runs up through memory: the i-th triangle of keys' order takes the
+// i-th record by address, and the head of the list is returned. order holds
+// the records in their former list order. Null, with nothing changed, when a
+// triangle is not at rest (link or aux set), names a neighbour outside the
+// list, or memory runs out.
+qvTri *placeSorted(qvTri **order, const TriKey *keys, int32_t n) {
+  for (int32_t i = 0; i < n; ++i) {
+    const qvTri *t = order[i];
+    if (t->link || t->aux[0] || t->aux[1] || t->aux[2]) return nullptr;
+  }
+  const size_t size = static_cast<size_t>(n);
+  const bool rising = std::is_sorted(order, order + n, std::less<qvTri *>());
+  qvTri **to = rising ? order : static_cast<qvTri **>(ftMalloc(sizeof(qvTri *) * size));
+  int32_t *rank = static_cast<int32_t *>(ftMalloc(sizeof(int32_t) * size));
+  qvTri *copy = static_cast<qvTri *>(ftMalloc(sizeof(qvTri) * size));
+  bool ok = to && rank && copy;
+  if (ok) {
+    if (!rising) {
+      std::copy(order, order + n, to);
+      std::sort(to, to + n, std::less<qvTri *>());
+    }
+    // Each record names in link the record its contents go to; a neighbour
+    // without one is outside the list.
+    for (int32_t i = 0; i < n; ++i) rank[keys[i].pos] = i;
+    for (int32_t j = 0; j < n; ++j) order[j]->link = to[rank[j]];
+    for (int32_t i = 0; i < n && ok; ++i) {
+      qvTri &c = copy[i];
+      c = *order[keys[i].pos];
+      for (qvTri *&a : c.adj)
+        if (a) ok = ok && (a = static_cast<qvTri *>(a->link)) != nullptr;
+      c.link = nullptr;
+      c.tag = 0;
+      c.prev = i > 0 ? to[i - 1] : nullptr;
+      c.next = i + 1 < n ? to[i + 1] : nullptr;
+    }
+    if (ok) {
+      for (int32_t i = 0; i < n; ++i) *to[i] = copy[i];
+    } else {
+      for (int32_t j = 0; j < n; ++j) order[j]->link = nullptr;
+    }
+  }
+  qvTri *head = ok ? to[0] : nullptr;
+  if (to != order) std::free(to);
+  std::free(rank);
+  std::free(copy);
+  return head;
+}
 
-// ---------------------------------------------------------------------------
-// Entry points
-
-qvTri *qvTriSort(qvTri *head, int32_t direction, int32_t axis, int32_t corner) {
+// qvTriSort; with place, the sorted list also runs up through memory when
+// placeSorted can lay it out so, and is relinked as it lies otherwise.
+qvTri *sortTriangles(qvTri *head, int32_t direction, int32_t axis, int32_t corner, bool place) {
   if (!head || head->prev || direction < 0 || direction > 1 || axis < 0 || axis > 2 ||
       corner < 0 || corner > 1)
     return nullptr;
@@ -321,19 +368,24 @@ qvTri *qvTriSort(qvTri *head, int32_t direction, int32_t axis, int32_t corner) {
     keys[i] = triKey(order[i], i, direction, axis, corner);
   }
   std::sort(keys, keys + n, [](const TriKey &a, const TriKey &b) { return keyBefore(a, b); });
-  for (i = 0; i < n; ++i) {
-    qvTri *t = order[keys[i].pos];
-    t->tag = 0;
-    t->prev = i > 0 ? order[keys[i - 1].pos] : nullptr;
-    t->next = i + 1 < n ? order[keys[i + 1].pos] : nullptr;
+  head = place ? placeSorted(order, keys, n) : nullptr;
+  if (!head) {
+    for (i = 0; i < n; ++i) {
+      qvTri *t = order[keys[i].pos];
+      t->tag = 0;
+      t->prev = i > 0 ? order[keys[i - 1].pos] : nullptr;
+      t->next = i + 1 < n ? order[keys[i + 1].pos] : nullptr;
+    }
+    head = order[keys[0].pos];
   }
-  head = order[keys[0].pos];
   std::free(keys);
   std::free(order);
   return head;
 }
 
-int32_t qvMeshHalve(qvMesh *mesh, int32_t count, uint32_t mask) {
+// qvMeshHalve; with place, the sorted triangles are also laid out in memory
+// in their new order (sortTriangles).
+int32_t halve(qvMesh *mesh, int32_t count, uint32_t mask, bool place) {
   if (mask == 0) return FT_FAIL(-1);
   qvBox box;
   if (qvMeshBox(mesh, &box) < 0) return FT_FAIL(-1);
@@ -346,7 +398,7 @@ int32_t qvMeshHalve(qvMesh *mesh, int32_t count, uint32_t mask) {
   int32_t axis = extent[1] > extent[0] ? 1 : 0;
   if (extent[2] > extent[axis]) axis = 2;
 
-  qvTri *sorted = qvTriSort(mesh->tri, 1, axis, 0);
+  qvTri *sorted = sortTriangles(mesh->tri, 1, axis, 0, place);
   if (!sorted) return FT_FAIL(-1);
   mesh->tri = sorted;
   if (count < 0) count = qvTriCount(mesh->tri);
@@ -392,6 +444,19 @@ int32_t qvMeshHalve(qvMesh *mesh, int32_t count, uint32_t mask) {
     }
   }
   return 0;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Entry points
+
+qvTri *qvTriSort(qvTri *head, int32_t direction, int32_t axis, int32_t corner) {
+  return sortTriangles(head, direction, axis, corner, false);
+}
+
+int32_t qvMeshHalve(qvMesh *mesh, int32_t count, uint32_t mask) {
+  return halve(mesh, count, mask, false);
 }
 
 int32_t qvMeshSplit(qvMesh *mesh, uint32_t mask, qvVtx *(*clone)(const qvVtx *), qvMeshPair *pair) {
@@ -468,7 +533,9 @@ int32_t qvMeshCut(qvMesh *mesh, int32_t count, qvMeshPair *pair) {
   if (!mesh || qvMeshShells(mesh, qvVtxClone) != 1) return FT_FAIL(-1);
   qvTopo topo{};
   if (qvMeshTopo(mesh, &topo) != 0) return FT_FAIL(-1);
-  if (qvMeshHalve(mesh, count, kCutSide) != 0) return FT_FAIL(-1);
+  // The triangles are laid out in memory in the order of the cut's sort, along
+  // which every later step and both halves walk them.
+  if (halve(mesh, count, kCutSide, true) != 0) return FT_FAIL(-1);
   if (qvMeshSplit(mesh, kCutSide, qvVtxClone, pair) != 0) return FT_FAIL(-1);
   if (pair->first != mesh || !pair->second) return FT_FAIL(-1);
   qvTriAndAll(pair->second->tri, ~kCutSide);
