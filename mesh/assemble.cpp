@@ -1585,64 +1585,34 @@ namespace {
 // Writes the triangle list in the order that next gives from head, and lays
 // it out in memory in that order: the k-th triangle of the list takes over
 // the record at the k-th address among those made, so that walks along the
-// list run through memory in order. Nothing but the neighbours of a triangle
-// names a triangle yet. When memory runs out, the list is written over the
-// records as they stand.
+// list run through memory in order. When memory runs out, the list is
+// written over the records as they stand.
 void placeInOrder(qvMesh* mesh, const Soup& s, int32_t head, const int32_t* next) {
-  const int32_t nt = s.nt;
   int32_t n = 0;
-  for (int32_t t = 0; t < nt; ++t)
-    if (s.tri[t]) ++n;
-  qvTri** made = newArray<qvTri*>(n);    // the records by address
-  qvTri** place = newArray<qvTri*>(nt);  // per triangle: the record its contents go to
-  qvTri* copy = newArray<qvTri>(n);      // the contents in soup order, on their way
-  if (!made || !place || !copy) {
-    std::free(made);
-    std::free(place);
-    std::free(copy);
-    qvTri* before = nullptr;
-    for (int32_t t = head; t >= 0; t = next[t]) {
-      qvTri* r = s.tri[t];
-      r->prev = before;
-      r->next = nullptr;
-      if (before) before->next = r;
-      else mesh->tri = r;
-      before = r;
-    }
-    return;
+  for (int32_t t = head; t >= 0; t = next[t]) ++n;
+  qvTri** from = newArray<qvTri*>(n);  // the records in list order
+  qvTri** to = newArray<qvTri*>(n);    // the records by address
+  bool placed = from && to;
+  if (placed) {
+    int32_t k = 0;
+    for (int32_t t = head; t >= 0; t = next[t]) from[k++] = s.tri[t];
+    std::copy(from, from + n, to);
+    std::sort(to, to + n, std::less<qvTri*>());
+    placed = qvTriPlace(from, to, n) == 0;
+    if (placed) mesh->tri = to[0];
   }
-  int32_t k = 0;
-  for (int32_t t = 0; t < nt; ++t)
-    if (s.tri[t]) made[k++] = s.tri[t];
-  // Records made one after another mostly come at rising addresses already.
-  if (!std::is_sorted(made, made + n, std::less<qvTri*>())) std::sort(made, made + n, std::less<qvTri*>());
-  k = 0;
-  for (int32_t t = head; t >= 0; t = next[t]) place[t] = made[k++];
-  for (int32_t t = 0; t < nt; ++t)
-    if (s.tri[t]) s.tri[t]->link = place[t];
-  k = 0;
-  for (int32_t t = 0; t < nt; ++t) {
-    if (!s.tri[t]) continue;
-    qvTri& c = copy[k++];
-    c = *s.tri[t];
-    for (qvTri*& a : c.adj)
-      if (a) a = static_cast<qvTri*>(a->link);
-    c.link = nullptr;
-    c.prev = nullptr;
-    c.next = next[t] >= 0 ? place[next[t]] : nullptr;
-  }
-  k = 0;
-  for (int32_t t = 0; t < nt; ++t)
-    if (s.tri[t]) *place[t] = copy[k++];
+  std::free(from);
+  std::free(to);
+  if (placed) return;
   qvTri* before = nullptr;
   for (int32_t t = head; t >= 0; t = next[t]) {
-    place[t]->prev = before;
-    before = place[t];
+    qvTri* r = s.tri[t];
+    r->prev = before;
+    r->next = nullptr;
+    if (before) before->next = r;
+    else mesh->tri = r;
+    before = r;
   }
-  mesh->tri = place[head];
-  std::free(made);
-  std::free(place);
-  std::free(copy);
 }
 
 // qvMeshShells on a settled soup whose triangles are all one shell: the

@@ -146,6 +146,31 @@ qvLnk* qvLnkTail(qvLnk* head) { return listTail(head); }
 
 void qvLnkListFree(void* list) { qvLnkDeleteAll(static_cast<qvLnk*>(list)); }
 
+int32_t qvTriPlace(qvTri* const* from, qvTri* const* to, int32_t n) {
+  if (n <= 0) return 0;
+  qvTri* copy = static_cast<qvTri*>(ftMalloc(sizeof(qvTri) * static_cast<size_t>(n)));
+  if (!copy) return -1;
+  // Each record names in link the record its contents go to; a neighbour
+  // without one is not among the records.
+  for (int32_t i = 0; i < n; ++i) from[i]->link = to[i];
+  bool ok = true;
+  for (int32_t i = 0; i < n && ok; ++i) {
+    qvTri& c = copy[i];
+    c = *from[i];
+    for (qvTri*& a : c.adj)
+      if (a) ok = ok && (a = static_cast<qvTri*>(a->link)) != nullptr;
+    c.link = nullptr;
+    c.prev = i > 0 ? to[i - 1] : nullptr;
+    c.next = i + 1 < n ? to[i + 1] : nullptr;
+  }
+  for (int32_t i = 0; i < n; ++i) {
+    if (ok) *to[i] = copy[i];
+    else from[i]->link = nullptr;
+  }
+  std::free(copy);
+  return ok ? 0 : -1;
+}
+
 int32_t qvMeshCompact(qvMesh* mesh) {
   if (!mesh || mesh->triHeld) return -1;
   // A list that already runs up through memory stays as it is.
@@ -156,39 +181,20 @@ int32_t qvMeshCompact(qvMesh* mesh) {
     rising = rising && (!t->prev || t->prev < t);
   }
   if (rising) return 0;
+  // from: the records in list order; to: the same records by address.
   const size_t size = static_cast<size_t>(n);
-  // from: the records in list order; to: the same records by address, where
-  // the contents go in list order; copy: the contents on their way.
   qvTri** from = static_cast<qvTri**>(ftMalloc(sizeof(qvTri*) * size));
   qvTri** to = static_cast<qvTri**>(ftMalloc(sizeof(qvTri*) * size));
-  qvTri* copy = static_cast<qvTri*>(ftMalloc(sizeof(qvTri) * size));
-  bool ok = from && to && copy;
+  bool ok = from && to;
   if (ok) {
     int32_t i = 0;
     for (qvTri* t = mesh->tri; t; t = t->next) from[i++] = t;
     std::copy(from, from + n, to);
     std::sort(to, to + n, std::less<qvTri*>());
-    // Each record names in link the record its contents go to; a neighbour
-    // without one is no triangle of the mesh.
-    for (i = 0; i < n; ++i) from[i]->link = to[i];
-    for (i = 0; i < n && ok; ++i) {
-      qvTri& c = copy[i];
-      c = *from[i];
-      for (qvTri*& a : c.adj)
-        if (a) ok = ok && (a = static_cast<qvTri*>(a->link)) != nullptr;
-      c.link = nullptr;
-      c.prev = i > 0 ? to[i - 1] : nullptr;
-      c.next = i + 1 < n ? to[i + 1] : nullptr;
-    }
-    if (ok) {
-      for (i = 0; i < n; ++i) *to[i] = copy[i];
-      mesh->tri = to[0];
-    } else {
-      for (i = 0; i < n; ++i) from[i]->link = nullptr;
-    }
+    ok = qvTriPlace(from, to, n) == 0;
+    if (ok) mesh->tri = to[0];
   }
   std::free(from);
   std::free(to);
-  std::free(copy);
   return ok ? 0 : -1;
 }

@@ -375,6 +375,13 @@ qvTri* qvTriReverse(qvTri* head);
 // triangles, a working link or aux set) or when memory runs out, and then
 // nothing has changed.
 int32_t qvMeshCompact(qvMesh* mesh);
+// Moves the contents of from[i] to the record to[i] for each i below n, the
+// two arrays naming the same n triangles, records at rest (link free): the
+// neighbours are renamed to the records their contents went to, and the
+// list is linked in the order of to. 0; -1 when a triangle names a
+// neighbour that is not among them, or memory runs out, and then nothing
+// has changed.
+int32_t qvTriPlace(qvTri* const* from, qvTri* const* to, int32_t n);
 
 qvMesh* qvMeshConcat(qvMesh* a, qvMesh* b);
 int32_t qvMeshDeleteAll(qvMesh* head);

@@ -294,52 +294,30 @@ bool unpinchVertex(qvMesh *mesh, qvVtx *v, qvVtx *(*clone)(const qvVtx *)) {
   return true;
 }
 
-// Moves the contents of the triangles among their records so that the new
-// order runs up through memory: the i-th triangle of keys' order takes the
-// i-th record by address, and the head of the list is returned. order holds
-// the records in their former list order. Null, with nothing changed, when a
-// triangle is not at rest (link or aux set), names a neighbour outside the
-// list, or memory runs out.
+// Lays the triangles out in memory in keys' order, through qvTriPlace: the
+// i-th of the new order takes the i-th record by address. order holds the
+// records in their former list order. The head of the list, or null with
+// nothing changed when a triangle is not at rest (link or aux set) or names
+// a neighbour outside the list, or memory runs out.
 qvTri *placeSorted(qvTri **order, const TriKey *keys, int32_t n) {
   for (int32_t i = 0; i < n; ++i) {
     const qvTri *t = order[i];
     if (t->link || t->aux[0] || t->aux[1] || t->aux[2]) return nullptr;
   }
   const size_t size = static_cast<size_t>(n);
-  const bool rising = std::is_sorted(order, order + n, std::less<qvTri *>());
-  qvTri **to = rising ? order : static_cast<qvTri **>(ftMalloc(sizeof(qvTri *) * size));
-  int32_t *rank = static_cast<int32_t *>(ftMalloc(sizeof(int32_t) * size));
-  qvTri *copy = static_cast<qvTri *>(ftMalloc(sizeof(qvTri) * size));
-  bool ok = to && rank && copy;
+  qvTri **from = static_cast<qvTri **>(ftMalloc(sizeof(qvTri *) * size));
+  qvTri **to = static_cast<qvTri **>(ftMalloc(sizeof(qvTri *) * size));
+  bool ok = from && to;
   if (ok) {
-    if (!rising) {
-      std::copy(order, order + n, to);
-      std::sort(to, to + n, std::less<qvTri *>());
-    }
-    // Each record names in link the record its contents go to; a neighbour
-    // without one is outside the list.
-    for (int32_t i = 0; i < n; ++i) rank[keys[i].pos] = i;
-    for (int32_t j = 0; j < n; ++j) order[j]->link = to[rank[j]];
-    for (int32_t i = 0; i < n && ok; ++i) {
-      qvTri &c = copy[i];
-      c = *order[keys[i].pos];
-      for (qvTri *&a : c.adj)
-        if (a) ok = ok && (a = static_cast<qvTri *>(a->link)) != nullptr;
-      c.link = nullptr;
-      c.tag = 0;
-      c.prev = i > 0 ? to[i - 1] : nullptr;
-      c.next = i + 1 < n ? to[i + 1] : nullptr;
-    }
-    if (ok) {
-      for (int32_t i = 0; i < n; ++i) *to[i] = copy[i];
-    } else {
-      for (int32_t j = 0; j < n; ++j) order[j]->link = nullptr;
-    }
+    for (int32_t i = 0; i < n; ++i) from[i] = order[keys[i].pos];
+    std::copy(order, order + n, to);
+    if (!std::is_sorted(to, to + n, std::less<qvTri *>())) std::sort(to, to + n, std::less<qvTri *>());
+    ok = qvTriPlace(from, to, n) == 0;
+    for (int32_t i = 0; ok && i < n; ++i) to[i]->tag = 0;
   }
   qvTri *head = ok ? to[0] : nullptr;
-  if (to != order) std::free(to);
-  std::free(rank);
-  std::free(copy);
+  std::free(from);
+  std::free(to);
   return head;
 }
 
