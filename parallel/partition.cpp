@@ -516,7 +516,6 @@ int32_t qvMeshCut(qvMesh *mesh, int32_t count, qvMeshPair *pair) {
   if (halve(mesh, count, kCutSide, true) != 0) return FT_FAIL(-1);
   if (qvMeshSplit(mesh, kCutSide, qvVtxClone, pair) != 0) return FT_FAIL(-1);
   if (pair->first != mesh || !pair->second) return FT_FAIL(-1);
-  qvTriAndAll(pair->second->tri, ~kCutSide);
 
   // A straight cut can leave a boundary that touches itself at a vertex, and
   // a half in several pieces: each half gets one record per pair of boundary
