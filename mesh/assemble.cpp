@@ -24,6 +24,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <utility>
 
 #include "mesh/mesh_internal.h"
@@ -1581,6 +1582,39 @@ int32_t qvMeshAssemble(qvMesh* mesh, const double* tol) {
 
 namespace {
 
+// Writes the triangle list in the order that next gives from head, and lays
+// it out in memory in that order: the k-th triangle of the list takes over
+// the record at the k-th address among those made, so that walks along the
+// list run through memory in order. When memory runs out, the list is
+// written over the records as they stand.
+void placeInOrder(qvMesh* mesh, const Soup& s, int32_t head, const int32_t* next) {
+  int32_t n = 0;
+  for (int32_t t = head; t >= 0; t = next[t]) ++n;
+  qvTri** from = newArray<qvTri*>(n);  // the records in list order
+  qvTri** to = newArray<qvTri*>(n);    // the records by address
+  bool placed = from && to;
+  if (placed) {
+    int32_t k = 0;
+    for (int32_t t = head; t >= 0; t = next[t]) from[k++] = s.tri[t];
+    std::copy(from, from + n, to);
+    std::sort(to, to + n, std::less<qvTri*>());
+    placed = qvTriPlace(from, to, n) == 0;
+    if (placed) mesh->tri = to[0];
+  }
+  std::free(from);
+  std::free(to);
+  if (placed) return;
+  qvTri* before = nullptr;
+  for (int32_t t = head; t >= 0; t = next[t]) {
+    qvTri* r = s.tri[t];
+    r->prev = before;
+    r->next = nullptr;
+    if (before) before->next = r;
+    else mesh->tri = r;
+    before = r;
+  }
+}
+
 // qvMeshShells on a settled soup whose triangles are all one shell: the
 // flood that gathers a shell, each triangle's unreached neighbours moved
 // directly behind it, is run on the arrays and the list written once. Falls
@@ -1619,17 +1653,7 @@ int32_t shellsOnArrays(qvMesh* mesh, const Soup& s) {
       next[t] = u;
     }
   }
-  if (ok && shells == 1) {
-    qvTri* before = nullptr;
-    for (int32_t t = head; t >= 0; t = next[t]) {
-      qvTri* r = s.tri[t];
-      r->prev = before;
-      r->next = nullptr;
-      if (before) before->next = r;
-      else mesh->tri = r;
-      before = r;
-    }
-  }
+  if (ok && shells == 1) placeInOrder(mesh, s, head, next);
   std::free(next);
   std::free(prev);
   std::free(reached);
@@ -1649,5 +1673,8 @@ qvMesh* qvMeshAssembleCorners(const float* const* corners, int32_t n, const doub
   Soup soup;
   if (!soupOfCorners(corners, n, soup) || stitchSoup(mesh, soup, tol) != 0) return FT_FAIL(mesh);
   count = soup.adj ? shellsOnArrays(mesh, soup) : qvMeshShells(mesh, qvVtxClone);
+  // A single shell settled on the arrays has its triangles laid out in list
+  // order already; shells split on the records get it here.
+  for (qvMesh* shell = count > 1 ? mesh : nullptr; shell; shell = shell->next) (void)qvMeshCompact(shell);
   return mesh;
 }

@@ -1,6 +1,8 @@
 // List routines. They are written once over the record type and given a
 // name per type; every record type chains itself through prev and next.
+#include <algorithm>
 #include <cstdlib>
+#include <functional>
 
 #include "kernels/alloc.h"
 #include "mesh/mesh_internal.h"
@@ -144,45 +146,55 @@ qvLnk* qvLnkTail(qvLnk* head) { return listTail(head); }
 
 void qvLnkListFree(void* list) { qvLnkDeleteAll(static_cast<qvLnk*>(list)); }
 
+int32_t qvTriPlace(qvTri* const* from, qvTri* const* to, int32_t n) {
+  if (n <= 0) return 0;
+  qvTri* copy = static_cast<qvTri*>(ftMalloc(sizeof(qvTri) * static_cast<size_t>(n)));
+  if (!copy) return -1;
+  // Each record names in link the record its contents go to; a neighbour
+  // without one is not among the records.
+  for (int32_t i = 0; i < n; ++i) from[i]->link = to[i];
+  bool ok = true;
+  for (int32_t i = 0; i < n && ok; ++i) {
+    qvTri& c = copy[i];
+    c = *from[i];
+    for (qvTri*& a : c.adj)
+      if (a) ok = ok && (a = static_cast<qvTri*>(a->link)) != nullptr;
+    c.link = nullptr;
+    c.prev = i > 0 ? to[i - 1] : nullptr;
+    c.next = i + 1 < n ? to[i + 1] : nullptr;
+  }
+  for (int32_t i = 0; i < n; ++i) {
+    if (ok) *to[i] = copy[i];
+    else from[i]->link = nullptr;
+  }
+  std::free(copy);
+  return ok ? 0 : -1;
+}
+
 int32_t qvMeshCompact(qvMesh* mesh) {
   if (!mesh || mesh->triHeld) return -1;
+  // A list that already runs up through memory stays as it is.
   int32_t n = 0;
-  for (const qvTri* t = mesh->tri; t; t = t->next, ++n)
+  bool rising = true;
+  for (const qvTri* t = mesh->tri; t; t = t->next, ++n) {
     if (t->link || t->aux[0] || t->aux[1] || t->aux[2]) return -1;
-  qvTri** made = static_cast<qvTri**>(ftMalloc(sizeof(qvTri*) * (static_cast<size_t>(n) + 1)));
-  int32_t count = 0;
-  bool ok = made != nullptr;
-  // The copies, in list order; each original names its copy in link.
-  for (qvTri* t = ok ? mesh->tri : nullptr; t && ok; t = t->next) {
-    qvTri* c = static_cast<qvTri*>(ftMalloc(sizeof(qvTri)));
-    ok = c != nullptr;
-    if (ok) {
-      *c = *t;
-      made[count++] = c;
-      t->link = c;
-    }
+    rising = rising && (!t->prev || t->prev < t);
   }
-  // Every neighbour a triangle names must be one of the mesh's.
-  for (int32_t i = 0; i < count && ok; ++i)
-    for (const qvTri* a : made[i]->adj) ok = ok && (!a || a->link);
-  for (int32_t i = 0; i < count && ok; ++i) {
-    qvTri* c = made[i];
-    for (qvTri*& a : c->adj)
-      if (a) a = static_cast<qvTri*>(a->link);
-    c->link = nullptr;
-    c->prev = i > 0 ? made[i - 1] : nullptr;
-    c->next = i + 1 < count ? made[i + 1] : nullptr;
+  if (rising) return 0;
+  // from: the records in list order; to: the same records by address.
+  const size_t size = static_cast<size_t>(n);
+  qvTri** from = static_cast<qvTri**>(ftMalloc(sizeof(qvTri*) * size));
+  qvTri** to = static_cast<qvTri**>(ftMalloc(sizeof(qvTri*) * size));
+  bool ok = from && to;
+  if (ok) {
+    int32_t i = 0;
+    for (qvTri* t = mesh->tri; t; t = t->next) from[i++] = t;
+    std::copy(from, from + n, to);
+    std::sort(to, to + n, std::less<qvTri*>());
+    ok = qvTriPlace(from, to, n) == 0;
+    if (ok) mesh->tri = to[0];
   }
-  // The records that go: the originals, or the copies when something failed.
-  // A copy holds its original's distance block, so only the record is freed.
-  for (qvTri* t = mesh->tri; t;) {
-    qvTri* next = t->next;  // read before t is freed
-    if (ok) std::free(t);
-    else t->link = nullptr;
-    t = next;
-  }
-  if (ok) mesh->tri = count > 0 ? made[0] : nullptr;
-  for (int32_t i = 0; i < count && !ok; ++i) std::free(made[i]);
-  std::free(made);
+  std::free(from);
+  std::free(to);
   return ok ? 0 : -1;
 }

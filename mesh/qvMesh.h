@@ -53,6 +53,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <initializer_list>
 
 struct qvTriCache;  // working block of the distance routines (kernels/)
 struct qvTri;
@@ -370,12 +371,21 @@ qvTri* qvTriTail(qvTri* head);
 // returns the new head, the former tail.
 qvTri* qvTriReverse(qvTri* head);
 
-// Makes every triangle of a mesh at rest anew, in list order, and frees the
-// former records, so that a walk along the list runs through memory in order;
-// contents, list order, edges and vertices stay as they were. 0; -1 for a
-// mesh not at rest (held triangles, a working link or aux set) or when memory
-// runs out, and then nothing has changed.
+// Moves the contents of a mesh at rest's triangles among their own records so
+// that the list runs through the records in address order, and a walk along
+// it through memory in order; contents, list order, edges and vertices stay
+// as they were, and no record is made or freed (a pointer to a triangle
+// names another triangle afterwards). 0; -1 for a mesh not at rest (held
+// triangles, a working link or aux set) or when memory runs out, and then
+// nothing has changed.
 int32_t qvMeshCompact(qvMesh* mesh);
+// Moves the contents of from[i] to the record to[i] for each i below n, the
+// two arrays naming the same n triangles, records at rest (link free): the
+// neighbours are renamed to the records their contents went to, and the
+// list is linked in the order of to. 0; -1 when a triangle names a
+// neighbour that is not among them, or memory runs out, and then nothing
+// has changed.
+int32_t qvTriPlace(qvTri* const* from, qvTri* const* to, int32_t n);
 
 qvMesh* qvMeshConcat(qvMesh* a, qvMesh* b);
 int32_t qvMeshDeleteAll(qvMesh* head);
@@ -505,6 +515,23 @@ qvEdg* qvEdgFrom(qvEdg* head, uint32_t bits, const double* h);
 int32_t qvTriNormal(const qvTri* t, const qvEdg* e, int32_t sign, double* out[3], double n[3]);
 // The same normal, with out the corners as coordinates.
 [[nodiscard]] int32_t qvTriGeometry(const qvTri* t, const qvEdg* e, int32_t sign, double* out[3], double n[3]);
+// Reading t's corners waits on its first two edges, then on the vertices at
+// their ends: records spread over the heap. A walk over an array of
+// triangles asks for the edges some triangles ahead of the one it reads and
+// for the corners of one nearer, whose edges are in by then.
+inline void qvTriPrefetchEdges(const qvTri* t) {
+  __builtin_prefetch(t->edg[0]);
+  __builtin_prefetch(t->edg[1]);
+}
+inline void qvTriPrefetchCorners(const qvTri* t) {
+  for (const qvEdg* e : {t->edg[0], t->edg[1]})
+    if (e)
+      for (const double* h : e->ends)
+        if (h) {
+          __builtin_prefetch(qvVtxOf(h));
+          __builtin_prefetch(h);
+        }
+}
 // Half the length of the normal; -1.0 when the corners can't be read.
 double qvTriArea(const qvTri* t);
 // Sum of the areas; -1.0 for a null mesh or at the first failure.
@@ -733,7 +760,8 @@ constexpr double kWeldTol2 = 1e-12;
 // The chain that qvMeshAssemble makes of the soup of n facets that
 // qvMeshAddFacet would build from corners (nine coordinates each, three
 // corners in order), record for record and in the same list order; only the
-// records that stay are made. *shells (may be null) receives the number of
+// records that stay are made, and each shell's triangles lie in memory in
+// list order (see qvMeshCompact). *shells (may be null) receives the number of
 // shells, or -1 on failure, when the mesh returned is good only for being
 // freed. Null when no mesh could be made.
 qvMesh* qvMeshAssembleCorners(const float* const* corners, int32_t n, const double* tol, int32_t* shells);

@@ -72,7 +72,9 @@ qvTri *qvTriSort(qvTri *head, int32_t direction, int32_t axis, int32_t corner);
 [[nodiscard]] int32_t qvMeshUnpinch(qvMesh *mesh, qvVtx *(*clone)(const qvVtx *));
 // Cuts one stitched, connected shell with a valid analysis and no marks into
 // pair (count as for qvMeshHalve): each half is unpinched and split into its
-// pieces, chained behind it. 0, or -1 at the first failing step, with pair
+// pieces, chained behind it. The triangles are laid out in memory in the
+// order of the sort on the way (qvTriPlace), so a pointer to a triangle may
+// name another one afterwards. 0, or -1 at the first failing step, with pair
 // possibly half filled and the mesh given up as it stands.
 [[nodiscard]] int32_t qvMeshCut(qvMesh *mesh, int32_t count, qvMeshPair *pair);
 

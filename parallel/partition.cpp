@@ -11,6 +11,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
+#include <functional>
 #include <initializer_list>
 
 #include "parallel/parallel.h"
@@ -83,6 +84,8 @@ TriKey triKey(const qvTri *t, int32_t pos, int32_t direction, int32_t axis, int3
     for (uint64_t &w : key.k) w = ~w;
   return key;
 }
+
+constexpr int32_t kAhead = 8;  // triangles between a corner prefetch and the read
 
 // ---------------------------------------------------------------------------
 // Splitting by a triangle flag
@@ -291,12 +294,36 @@ bool unpinchVertex(qvMesh *mesh, qvVtx *v, qvVtx *(*clone)(const qvVtx *)) {
   return true;
 }
 
-}  // namespace
+// Lays the triangles out in memory in keys' order, through qvTriPlace: the
+// i-th of the new order takes the i-th record by address. order holds the
+// records in their former list order. The head of the list, or null with
+// nothing changed when a triangle is not at rest (link or aux set) or names
+// a neighbour outside the list, or memory runs out.
+qvTri *placeSorted(qvTri **order, const TriKey *keys, int32_t n) {
+  for (int32_t i = 0; i < n; ++i) {
+    const qvTri *t = order[i];
+    if (t->link || t->aux[0] || t->aux[1] || t->aux[2]) return nullptr;
+  }
+  const size_t size = static_cast<size_t>(n);
+  qvTri **from = static_cast<qvTri **>(ftMalloc(sizeof(qvTri *) * size));
+  qvTri **to = static_cast<qvTri **>(ftMalloc(sizeof(qvTri *) * size));
+  bool ok = from && to;
+  if (ok) {
+    for (int32_t i = 0; i < n; ++i) from[i] = order[keys[i].pos];
+    std::copy(order, order + n, to);
+    if (!std::is_sorted(to, to + n, std::less<qvTri *>())) std::sort(to, to + n, std::less<qvTri *>());
+    ok = qvTriPlace(from, to, n) == 0;
+    for (int32_t i = 0; ok && i < n; ++i) to[i]->tag = 0;
+  }
+  qvTri *head = ok ? to[0] : nullptr;
+  std::free(from);
+  std::free(to);
+  return head;
+}
 
-// ---------------------------------------------------------------------------
-// Entry points
-
-qvTri *qvTriSort(qvTri *head, int32_t direction, int32_t axis, int32_t corner) {
+// qvTriSort; with place, the sorted list also runs up through memory when
+// placeSorted can lay it out so, and is relinked as it lies otherwise.
+qvTri *sortTriangles(qvTri *head, int32_t direction, int32_t axis, int32_t corner, bool place) {
   if (!head || head->prev || direction < 0 || direction > 1 || axis < 0 || axis > 2 ||
       corner < 0 || corner > 1)
     return nullptr;
@@ -312,24 +339,31 @@ qvTri *qvTriSort(qvTri *head, int32_t direction, int32_t axis, int32_t corner) {
     return nullptr;
   }
   int32_t i = 0;
-  for (qvTri *t = head; t; t = t->next, ++i) {
-    order[i] = t;
-    keys[i] = triKey(t, i, direction, axis, corner);
-  }
-  std::sort(keys, keys + n, keyBefore);
+  for (qvTri *t = head; t; t = t->next) order[i++] = t;
   for (i = 0; i < n; ++i) {
-    qvTri *t = order[keys[i].pos];
-    t->tag = 0;
-    t->prev = i > 0 ? order[keys[i - 1].pos] : nullptr;
-    t->next = i + 1 < n ? order[keys[i + 1].pos] : nullptr;
+    if (i + 2 * kAhead < n) qvTriPrefetchEdges(order[i + 2 * kAhead]);
+    if (i + kAhead < n) qvTriPrefetchCorners(order[i + kAhead]);
+    keys[i] = triKey(order[i], i, direction, axis, corner);
   }
-  head = order[keys[0].pos];
+  std::sort(keys, keys + n, [](const TriKey &a, const TriKey &b) { return keyBefore(a, b); });
+  head = place ? placeSorted(order, keys, n) : nullptr;
+  if (!head) {
+    for (i = 0; i < n; ++i) {
+      qvTri *t = order[keys[i].pos];
+      t->tag = 0;
+      t->prev = i > 0 ? order[keys[i - 1].pos] : nullptr;
+      t->next = i + 1 < n ? order[keys[i + 1].pos] : nullptr;
+    }
+    head = order[keys[0].pos];
+  }
   std::free(keys);
   std::free(order);
   return head;
 }
 
-int32_t qvMeshHalve(qvMesh *mesh, int32_t count, uint32_t mask) {
+// qvMeshHalve; with place, the sorted triangles are also laid out in memory
+// in their new order (sortTriangles).
+int32_t halve(qvMesh *mesh, int32_t count, uint32_t mask, bool place) {
   if (mask == 0) return FT_FAIL(-1);
   qvBox box;
   if (qvMeshBox(mesh, &box) < 0) return FT_FAIL(-1);
@@ -342,7 +376,7 @@ int32_t qvMeshHalve(qvMesh *mesh, int32_t count, uint32_t mask) {
   int32_t axis = extent[1] > extent[0] ? 1 : 0;
   if (extent[2] > extent[axis]) axis = 2;
 
-  qvTri *sorted = qvTriSort(mesh->tri, 1, axis, 0);
+  qvTri *sorted = sortTriangles(mesh->tri, 1, axis, 0, place);
   if (!sorted) return FT_FAIL(-1);
   mesh->tri = sorted;
   if (count < 0) count = qvTriCount(mesh->tri);
@@ -388,6 +422,19 @@ int32_t qvMeshHalve(qvMesh *mesh, int32_t count, uint32_t mask) {
     }
   }
   return 0;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Entry points
+
+qvTri *qvTriSort(qvTri *head, int32_t direction, int32_t axis, int32_t corner) {
+  return sortTriangles(head, direction, axis, corner, false);
+}
+
+int32_t qvMeshHalve(qvMesh *mesh, int32_t count, uint32_t mask) {
+  return halve(mesh, count, mask, false);
 }
 
 int32_t qvMeshSplit(qvMesh *mesh, uint32_t mask, qvVtx *(*clone)(const qvVtx *), qvMeshPair *pair) {
@@ -464,10 +511,11 @@ int32_t qvMeshCut(qvMesh *mesh, int32_t count, qvMeshPair *pair) {
   if (!mesh || qvMeshShells(mesh, qvVtxClone) != 1) return FT_FAIL(-1);
   qvTopo topo{};
   if (qvMeshTopo(mesh, &topo) != 0) return FT_FAIL(-1);
-  if (qvMeshHalve(mesh, count, kCutSide) != 0) return FT_FAIL(-1);
+  // The triangles are laid out in memory in the order of the cut's sort, along
+  // which every later step and both halves walk them.
+  if (halve(mesh, count, kCutSide, true) != 0) return FT_FAIL(-1);
   if (qvMeshSplit(mesh, kCutSide, qvVtxClone, pair) != 0) return FT_FAIL(-1);
   if (pair->first != mesh || !pair->second) return FT_FAIL(-1);
-  qvTriAndAll(pair->second->tri, ~kCutSide);
 
   // A straight cut can leave a boundary that touches itself at a vertex, and
   // a half in several pieces: each half gets one record per pair of boundary

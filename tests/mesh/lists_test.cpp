@@ -112,7 +112,7 @@ std::vector<int> shape(const qvMesh* m) {
   return out;
 }
 
-TEST(MeshCompact, TrianglesMadeAnewKeepContentsAndOrderAndRefusalsChangeNothing) {
+TEST(MeshCompact, ListRunsUpThroughMemoryWithContentsAndOrderKeptAndRefusalsChangeNothing) {
   for (const Shape* s : {&kOctahedron, &kOpenCone, &kBowTie, &kThreeOnEdge}) {
     Fixture f(*s);
     f.mesh->tri = qvTriReverse(f.mesh->tri);  // list order against the order of making
@@ -125,6 +125,7 @@ TEST(MeshCompact, TrianglesMadeAnewKeepContentsAndOrderAndRefusalsChangeNothing)
     EXPECT_EQ(shape(f.mesh), before);
     ASSERT_EQ(qvMeshCompact(f.mesh), 0);
     EXPECT_EQ(shape(f.mesh), before);
+    for (const qvTri* t = f.mesh->tri; t->next; t = t->next) EXPECT_LT(t, t->next);
     EXPECT_EQ(validateText(f.mesh), "");
     f.t.clear();
   }
