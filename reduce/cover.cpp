@@ -75,6 +75,20 @@ int32_t orient2dDrop(const double* a, const double* b, const double* c, int32_t 
   return d > 0.0 ? 1 : (d < 0.0 ? -1 : 0);
 }
 
+// The normal (b - a) x (c - a) of a triangle into n, and the axis of its
+// largest component: the coordinate plane that leaves it out shows the
+// triangle largest.
+int32_t widestView(const double* const t[3], double n[3]) {
+  double ab[3], ac[3];
+  sub3(t[1], t[0], ab);
+  sub3(t[2], t[0], ac);
+  cross3(ab, ac, n);
+  int32_t drop = 0;
+  for (int32_t k = 1; k < 3; ++k)
+    if (std::fabs(n[k]) > std::fabs(n[drop])) drop = k;
+  return drop;
+}
+
 float roundUp(double d) {
   const float f = static_cast<float>(d);
   return static_cast<double>(f) >= d ? f : std::nextafter(f, std::numeric_limits<float>::infinity());
@@ -455,13 +469,8 @@ Certified bestHome(const qvTrial* tr, const double* const q[3], double* const r[
 // triangle, as seen in the coordinate plane where the piece's normal is
 // largest (an overlap there is needed for one in space).
 bool overStar(const qvTrial* tr, const double* const q[3]) {
-  double ab[3], ac[3], nrm[3];
-  sub3(q[1], q[0], ab);
-  sub3(q[2], q[0], ac);
-  cross3(ab, ac, nrm);
-  int32_t drop = 0;
-  for (int32_t k = 1; k < 3; ++k)
-    if (std::fabs(nrm[k]) > std::fabs(nrm[drop])) drop = k;
+  double nrm[3];
+  const int32_t drop = widestView(q, nrm);
   const int32_t qSense = orient2dDrop(q[0], q[1], q[2], drop);
   for (int32_t i = 0; i < tr->nStar; ++i) {
     double* c[3];
@@ -1089,13 +1098,8 @@ namespace {
 // The area of the part of triangle q inside triangle c, both in one plane,
 // measured in the coordinate plane where that plane's normal is largest.
 double clippedArea(const double* const q[3], const double* const c[3]) {
-  double ab[3], ac[3], nrm[3];
-  sub3(c[1], c[0], ab);
-  sub3(c[2], c[0], ac);
-  cross3(ab, ac, nrm);
-  int32_t drop = 0;
-  for (int32_t k = 1; k < 3; ++k)
-    if (std::fabs(nrm[k]) > std::fabs(nrm[drop])) drop = k;
+  double nrm[3];
+  const int32_t drop = widestView(c, nrm);
   const int32_t i = (drop + 1) % 3, j = (drop + 2) % 3;
   const double sense = nrm[drop] > 0.0 ? 1.0 : -1.0;
   // Relative to a corner of q, so that far from the origin the products
