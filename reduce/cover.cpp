@@ -465,29 +465,57 @@ Certified bestHome(const qvTrial* tr, const double* const q[3], double* const r[
   return best;
 }
 
+int32_t turn(const double* a, const double* b, const double* c) {
+  const double d = orient2d(a, b, c);
+  return d > 0.0 ? 1 : (d < 0.0 ? -1 : 0);
+}
+
+// How triangle q lies against triangle c, both given by pairs in one
+// coordinate plane and turning as qSense and cSense: kApart when a side of
+// either has the other wholly outside it or on its line (their interiors
+// are disjoint), kInside when q lies in c, kOverlap otherwise.
+constexpr int32_t kApart = 0, kOverlap = 1, kInside = 2;
+int32_t overlap2d(const double (*q)[2], int32_t qSense, const double (*c)[2], int32_t cSense) {
+  bool inside = true;
+  for (int e = 0; e < 3; ++e) {
+    int32_t out = 0;
+    for (int k = 0; k < 3; ++k) out += turn(c[e], c[(e + 1) % 3], q[k]) * cSense <= 0;
+    if (out == 3) return kApart;
+    inside = inside && out == 0;
+  }
+  if (inside) return kInside;
+  for (int e = 0; e < 3; ++e) {
+    int32_t out = 0;
+    for (int k = 0; k < 3; ++k) out += turn(q[e], q[(e + 1) % 3], c[k]) * qSense <= 0;
+    if (out == 3) return kApart;
+  }
+  return kOverlap;
+}
+
+// The corners of a triangle as pairs in the coordinate plane that leaves out
+// axis drop.
+void lay(const double* const t[3], int32_t drop, double out[3][2]) {
+  for (int k = 0; k < 3; ++k) {
+    out[k][0] = t[k][(drop + 1) % 3];
+    out[k][1] = t[k][(drop + 2) % 3];
+  }
+}
+
 // Whether the piece with corners q overlaps the interior of a star
 // triangle, as seen in the coordinate plane where the piece's normal is
 // largest (an overlap there is needed for one in space).
 bool overStar(const qvTrial* tr, const double* const q[3]) {
   double nrm[3];
   const int32_t drop = widestView(q, nrm);
-  const int32_t qSense = orient2dDrop(q[0], q[1], q[2], drop);
+  double q2[3][2];
+  lay(q, drop, q2);
+  const int32_t qSense = turn(q2[0], q2[1], q2[2]);
   for (int32_t i = 0; i < tr->nStar; ++i) {
     double* c[3];
     if (qvTriCoords(tr->star[i], 0, c) != 0) return true;
-    const int32_t cSense = orient2dDrop(c[0], c[1], c[2], drop);
-    bool apart = false;
-    for (int side = 0; side < 2 && !apart; ++side) {
-      const double* const* t = side ? c : q;
-      const double* const* o = side ? q : c;
-      const int32_t sense = side ? cSense : qSense;
-      for (int e = 0; e < 3 && !apart; ++e) {
-        int32_t out = 0;
-        for (int k = 0; k < 3; ++k) out += orient2dDrop(t[e], t[(e + 1) % 3], o[k], drop) * sense <= 0;
-        apart = out == 3;
-      }
-    }
-    if (!apart) return true;
+    double c2[3][2];
+    lay(c, drop, c2);
+    if (overlap2d(q2, qSense, c2, turn(c2[0], c2[1], c2[2])) != kApart) return true;
   }
   return false;
 }
@@ -786,23 +814,13 @@ bool wholeInside(const qvTrial* tr, const qvPiece& piece, int32_t i, const qvPla
   return true;
 }
 
-int32_t turn(const double* a, const double* b, const double* c) {
-  const double d = orient2d(a, b, c);
-  return d > 0.0 ? 1 : (d < 0.0 ? -1 : 0);
-}
-
 // Files a flat piece held by star triangle i with every fan triangle in its
 // plane whose interior its own overlaps: for each, no side of either
 // triangle has the other wholly outside it or on its line. A piece inside
 // one triangle overlaps no other. 1, 0 when it overlaps none, -1 on failure.
 int32_t fileFlat(qvTrial* tr, const qvPiece& piece, int32_t i, const qvPlaneKept& plane) {
-  const int32_t a = (plane.drop + 1) % 3;
-  const int32_t b = (plane.drop + 2) % 3;
   double q[3][2];
-  for (int k = 0; k < 3; ++k) {
-    q[k][0] = piece.q[k][a];
-    q[k][1] = piece.q[k][b];
-  }
+  lay(piece.q, plane.drop, q);
   const double lo[2] = {std::min({q[0][0], q[1][0], q[2][0]}), std::min({q[0][1], q[1][1], q[2][1]})};
   const double hi[2] = {std::max({q[0][0], q[1][0], q[2][0]}), std::max({q[0][1], q[1][1], q[2][1]})};
   const int32_t qSense = turn(q[0], q[1], q[2]);
@@ -813,24 +831,14 @@ int32_t fileFlat(qvTrial* tr, const qvPiece& piece, int32_t i, const qvPlaneKept
     if (tr->group[tr->nStar + f] != g) continue;
     const double* c = tr->flatFan + f * 10;
     if (hi[0] <= c[6] || c[8] <= lo[0] || hi[1] <= c[7] || c[9] <= lo[1]) continue;
-    bool apart = false;
-    bool inside = true;
-    for (int e = 0; e < 3 && !apart; ++e) {
-      int32_t out = 0;
-      for (int k = 0; k < 3; ++k) out += turn(c + 2 * e, c + 2 * ((e + 1) % 3), q[k]) * plane.sense <= 0;
-      apart = out == 3;
-      inside = inside && out == 0;
-    }
-    for (int e = 0; e < 3 && !apart && !inside; ++e) {
-      int32_t out = 0;
-      for (int k = 0; k < 3; ++k) out += turn(q[e], q[(e + 1) % 3], c + 2 * k) * qSense <= 0;
-      apart = out == 3;
-    }
-    if (apart) continue;
+    double corners[3][2];
+    std::memcpy(corners, c, sizeof corners);
+    const int32_t how = overlap2d(q, qSense, corners, plane.sense);
+    if (how == kApart) continue;
     if (!qvGrow(tr->plan, tr->planCap, tr->nPlan + 1)) return -1;
     tr->plan[tr->nPlan++] = qvPlanItem{f, qvPiece{{piece.q[0], piece.q[1], piece.q[2]}, piece.src, 0.0f, kPieceFlat}};
     ++filed;
-    if (inside) break;
+    if (how == kInside) break;
   }
   return filed > 0 ? 1 : 0;
 }
