@@ -385,7 +385,38 @@ int32_t sweep(qvMesh* mesh, const qvRedParams* params, qvTrial* tr) {
   return removed;
 }
 
+// The quick sweep: the vertices in list order, each tried along its
+// shortest spoke and removed when it scores within the tolerance; again and
+// again, until a sweep removes nothing. No order is kept: a vertex costs a
+// try a sweep, and after the first sweep few are left. Like the full sweep
+// it ends only when every vertex left was tried on the final mesh.
+int32_t sweepQuick(qvMesh* mesh, const qvRedParams* params, qvTrial* tr) {
+  int32_t removed = 0;
+  int32_t untold = 0;  // vertices of the first sweep done since the last progress note
+  for (int32_t now = 1, sweeps = 0; now > 0; ++sweeps) {
+    now = 0;
+    for (qvVtx* v = mesh->vtx; v; v = v->next) {
+      if (v->flags & (kVtxKeepSet | kVtxRetired)) continue;
+      const int32_t r = qvVtxRemove(mesh, v, params, nullptr, tr);
+      if (r < 0) return -1;
+      now += r == 0;
+      if (sweeps == 0 && ++untold == kProgressEvery) {
+        ftProgress(kProgressSweep, untold);
+        untold = 0;
+      }
+    }
+    removed += now;
+  }
+  ftProgress(kProgressSweep, untold);
+#ifndef NDEBUG
+  assert(qvRedPassCheck(mesh, stderr) == 0 && qvCoverCheck(mesh, params, stderr) == 0);
+#endif
+  return removed;
+}
+
 }  // namespace
 
-int32_t qvRedSweep(qvMesh* mesh, const qvRedParams* params, qvTrial* tr) { return sweep(mesh, params, tr); }
+int32_t qvRedSweep(qvMesh* mesh, const qvRedParams* params, qvTrial* tr) {
+  return params->quick ? sweepQuick(mesh, params, tr) : sweep(mesh, params, tr);
+}
 

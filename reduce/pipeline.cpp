@@ -1,7 +1,8 @@
 // The reduction pipeline: the two leaves of the engine and the bookkeeping at
 // the start and end of a pass. Both make one pass at the whole tolerance
 // against the input surface: reduceOnePass weighs up to four spokes of a
-// vertex, reduceQuick its shortest spoke only. Open boundaries are capped for
+// vertex and removes the cheapest first, reduceQuick sweeps the vertices in
+// list order along their shortest spokes. Open boundaries are capped for
 // the time of the pass, so that every fan is closed, and their vertices are
 // never removed.
 #include <cstdio>

@@ -89,8 +89,9 @@
 // failure; *removed (may be null) gets the number of triangles removed.
 // angle: fold angle in degrees, null for the default, negative to skip features.
 [[nodiscard]] int32_t reduceOnePass(qvMesh *mesh, double tol, const double *angle, int32_t *removed);
-// The same pass trying only the shortest spoke of each vertex (low method),
-// likewise; at a tolerance of 0 it runs no pass.
+// The same pass trying only the shortest spoke of each vertex, in list order
+// and with no order by cost, sweep after sweep until one removes nothing (low
+// method), likewise; at a tolerance of 0 it runs no pass.
 [[nodiscard]] int32_t reduceQuick(qvMesh *mesh, double tol, const double *angle, int32_t *removed);
 
 // ---- Engine flags ---------------------------------------------------------------
@@ -130,7 +131,7 @@ struct qvRedParams {
   double eta;          // the allowance for rounding, a share of the pass's largest coordinate
   double lim2;         // (t - eta)^2, rounded down: every certified bound is held to it
   qvCoverPool *pool;   // the pass's fragment corners; null outside a pass and at t = 0
-  bool quick;          // each vertex tries its shortest spoke only
+  bool quick;          // each vertex tries its shortest spoke only, in list order
 };
 
 // Fills params from the tolerance t (lim2 = t * t, not quick, and no pool until

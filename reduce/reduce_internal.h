@@ -363,6 +363,10 @@ struct qvRedOrder;
 // a commit changes its surroundings: tried again, it tries that spoke alone,
 // and every spoke only if that one is refused. When the sweep ends the list
 // is relinked: retired vertices first, then the order.
+//
+// With params->quick the sweep keeps no order: it tries the vertices in list
+// order, each along its shortest spoke, commits every trial within lim2, and
+// sweeps again until a sweep removes nothing.
 [[nodiscard]] int32_t qvRedSweep(qvMesh *mesh, const qvRedParams *params, qvTrial *tr);
 // After a removal: the ring vertices whose key lies above the tolerance, or
 // that have none, enter the order again at key, so that each is tried on
