@@ -286,13 +286,27 @@ double qvHomeDist2(const qvHome& t, const double* p) {
 }
 
 void qvHomeLink(qvHome* homes, int32_t n) {
-  for (int32_t j = 0; j < n; ++j)
-    for (int32_t s = 0; s < 3; ++s) {
-      const qvEdg* e = homes[j].tri->edg[s];
-      homes[j].nb[s] = -1;
-      for (int32_t k = 0; k < n && homes[j].nb[s] < 0; ++k)
-        if (k != j && qvTriEdgeSlot(homes[k].tri, e) >= 0) homes[j].nb[s] = k;
-    }
+  for (int32_t j = 0; j < n; ++j) homes[j].nb[0] = homes[j].nb[1] = homes[j].nb[2] = -1;
+  // The homes' edges side by side, home after home: the first other home
+  // that holds an edge owns its first entry from another home. Past the
+  // local room, each edge is looked up in every home.
+  constexpr int32_t kLocal = 64;
+  if (n > kLocal) {
+    for (int32_t j = 0; j < n; ++j)
+      for (int32_t s = 0; s < 3; ++s)
+        for (int32_t k = 0; k < n && homes[j].nb[s] < 0; ++k)
+          if (k != j && qvTriEdgeSlot(homes[k].tri, homes[j].tri->edg[s]) >= 0) homes[j].nb[s] = k;
+    return;
+  }
+  const qvEdg* edges[3 * kLocal];
+  const int32_t m = 3 * n;
+  for (int32_t i = 0; i < m; ++i) edges[i] = homes[i / 3].tri->edg[i % 3];
+  for (int32_t i = 0; i < m; ++i)
+    for (int32_t k = 0; k < m; ++k)
+      if (edges[k] == edges[i] && k / 3 != i / 3) {
+        homes[i / 3].nb[i % 3] = k / 3;
+        break;
+      }
 }
 
 // ---------------------------------------------------------------------------
@@ -426,7 +440,7 @@ struct Certified {
 // the first single home within enough, in the homes' order, when there is
 // one. A single home within lim2 ends the search; the rows are complete
 // when it doesn't.
-Certified bestHome(const qvTrial* tr, const double* const q[3], double* const r[3], double enough) {
+Certified bestHome(qvTrial* tr, const double* const q[3], double* const r[3], double enough) {
   const int32_t nh = tr->nHomes;
   Certified best{kInf, -1, kPieceSingle};
   for (int32_t j = 0; j < nh; ++j) {
@@ -436,6 +450,10 @@ Certified bestHome(const qvTrial* tr, const double* const q[3], double* const r[
     if (best.bound <= enough) return best;
   }
   if (best.bound <= tr->lim2) return best;
+  if (!tr->linked) {
+    qvHomeLink(tr->homes, nh);
+    tr->linked = true;
+  }
   int32_t nearest[3] = {0, 0, 0};
   for (int32_t j = 0; j < nh; ++j)
     for (int k = 0; k < 3; ++k) {
@@ -581,7 +599,7 @@ bool certify(qvTrial* tr, const double* const q[3], const qvTri* src, bool flat,
 }
 
 // The homes: the new fan, then the live non-cap triangles round the ring.
-// Each home's neighbours among them, found by the edge they share.
+// Each home's neighbours among them are found when a pair is first weighed.
 bool gatherHomes(qvTrial* tr) {
   tr->nHomes = 0;
   const int32_t n = qvTriCount(tr->copy->tri) + tr->nNear;
@@ -590,7 +608,7 @@ bool gatherHomes(qvTrial* tr) {
     if (qvHomeSet(&tr->homes[tr->nHomes++], c) != 0) return false;
   for (int32_t i = 0; i < tr->nNear; ++i)
     if (qvHomeSet(&tr->homes[tr->nHomes++], tr->near[i]) != 0) return false;
-  qvHomeLink(tr->homes, tr->nHomes);
+  tr->linked = false;
   return true;
 }
 
@@ -849,6 +867,7 @@ double qvPieceBound(const double* const q[3], qvHome* homes, int32_t n) {
   qvTrial tr{};
   tr.homes = homes;
   tr.nHomes = n;
+  tr.linked = true;  // the caller's homes are linked
   tr.lim2 = -1.0;  // no early answer: the best of every single and pair bound
   double* r[3] = {nullptr, nullptr, nullptr};
   double bound = kInf;

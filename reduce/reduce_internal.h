@@ -203,6 +203,7 @@ struct qvTrial {
   int32_t nValences, valencesCap;
   qvHome *homes;        // the new fan, then near
   int32_t nHomes, homesCap;
+  bool linked;          // the homes' neighbours are set (qvHomeLink): on first need
   qvPlanItem *plan;
   int32_t nPlan, planCap;
   qvTaken *taken;
