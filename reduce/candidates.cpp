@@ -385,29 +385,59 @@ int32_t sweep(qvMesh* mesh, const qvRedParams* params, qvTrial* tr) {
   return removed;
 }
 
+// The quick sweep's states, kept in each vertex's score: due to be tried in
+// this sweep, changed by a removal in this sweep (tried in the next one), or
+// tried and refused on the mesh as it is.
+constexpr double kQuickDue = 0.0;
+constexpr double kQuickNext = 1.0;
+constexpr double kQuickDone = 2.0;
+
+void quickChanged(qvVtx* const* x, int32_t n) {
+  for (int32_t i = 0; i < n; ++i)
+    if (!(x[i]->flags & kVtxKeepSet)) scoreSet(x[i], kQuickNext);
+}
+
 // The quick sweep: the vertices in list order, each tried along its
-// shortest spoke and removed when it scores within the tolerance; again and
-// again, until a sweep removes nothing. No order is kept: a vertex costs a
-// try a sweep, and after the first sweep few are left. Like the full sweep
-// it ends only when every vertex left was tried on the final mesh.
+// shortest spoke and removed when it scores within the tolerance. A removal
+// changes the trials of its ring and of the far corners round it: those
+// wait for the next sweep, so that the removals of one sweep lie apart and
+// no fan grows across a flat face by one removal after another. Sweeps go
+// on while any vertex waits. No order is kept, and a vertex is tried again
+// only when a removal changed its surroundings; like the full sweep, it ends
+// only when every vertex left was tried on the final mesh.
 int32_t sweepQuick(qvMesh* mesh, const qvRedParams* params, qvTrial* tr) {
+  for (qvVtx* v = mesh->vtx; v; v = v->next) scoreSet(v, kQuickDue);
   int32_t removed = 0;
   int32_t untold = 0;  // vertices of the first sweep done since the last progress note
-  for (int32_t now = 1, sweeps = 0; now > 0; ++sweeps) {
-    now = 0;
+  for (bool again = true, first = true; again; first = false) {
+    again = false;
+    for (qvVtx* v = mesh->vtx; v; v = v->next)
+      if (scoreOf(v) == kQuickNext) scoreSet(v, kQuickDue);
     for (qvVtx* v = mesh->vtx; v; v = v->next) {
-      if (v->flags & (kVtxKeepSet | kVtxRetired)) continue;
-      const int32_t r = qvVtxRemove(mesh, v, params, nullptr, tr);
+      if ((v->flags & (kVtxKeepSet | kVtxRetired)) || scoreOf(v) != kQuickDue) continue;
+      scoreSet(v, kQuickDone);
+      const int32_t r = qvTrialRun(mesh, v, params, tr);
       if (r < 0) return -1;
-      now += r == 0;
-      if (sweeps == 0 && ++untold == kProgressEvery) {
+      if (r == 0 && !(tr->score <= params->lim2)) qvTrialDrop(tr);
+      if (r == 0 && tr->score <= params->lim2) {
+        if (qvTrialCommit(mesh, tr, params) != 0) return -1;
+        ++removed;
+        again = true;
+        quickChanged(tr->ring, tr->nRing);
+        for (int32_t i = 0; i < tr->nNear; ++i) {
+          qvVtx* corners[3];
+          if (qvTriCornerVtx(tr->near[i], 0, corners) != 0) return -1;
+          quickChanged(corners, 3);
+        }
+      }
+      if (first && ++untold == kProgressEvery) {
         ftProgress(kProgressSweep, untold);
         untold = 0;
       }
     }
-    removed += now;
   }
   ftProgress(kProgressSweep, untold);
+  for (qvVtx* v = mesh->vtx; v; v = v->next) scoreSet(v, kRedScoreNone);
 #ifndef NDEBUG
   assert(qvRedPassCheck(mesh, stderr) == 0 && qvCoverCheck(mesh, params, stderr) == 0);
 #endif
