@@ -90,7 +90,8 @@
 // angle: fold angle in degrees, null for the default, negative to skip features.
 [[nodiscard]] int32_t reduceOnePass(qvMesh *mesh, double tol, const double *angle, int32_t *removed);
 // The same pass trying only the shortest spoke of each vertex, in list order
-// and with no order by cost, sweep after sweep until one removes nothing (low
+// with no order by cost: sweep after sweep, each removing vertices apart from
+// one another, until every vertex left was refused on the final mesh (low
 // method), likewise; at a tolerance of 0 it runs no pass.
 [[nodiscard]] int32_t reduceQuick(qvMesh *mesh, double tol, const double *angle, int32_t *removed);
 

@@ -366,8 +366,9 @@ struct qvRedOrder;
 // is relinked: retired vertices first, then the order.
 //
 // With params->quick the sweep keeps no order: it tries the vertices in list
-// order, each along its shortest spoke, commits every trial within lim2, and
-// sweeps again until a sweep removes nothing.
+// order, each along its shortest spoke, and commits every trial within lim2;
+// the vertices a commit changes wait for the next sweep, and sweeps go on
+// while any waits. The vertices' scores hold the sweep's states meanwhile.
 [[nodiscard]] int32_t qvRedSweep(qvMesh *mesh, const qvRedParams *params, qvTrial *tr);
 // After a removal: the ring vertices whose key lies above the tolerance, or
 // that have none, enter the order again at key, so that each is tried on
