@@ -154,9 +154,9 @@ TEST(Trial, KeepsTheBestTrySoFlipsNeverRaiseTheScore) {
 
 TEST(Sweep, EndsOnlyWhenEveryVertexLeftFailsOnTheFinalMesh) {
   // The order keeps stale keys and tries a vertex again when it comes up,
-  // and the quick sweep goes round again while it removes anything: when
-  // either ends, a trial of every vertex left, on the final mesh, finds no
-  // spoke or scores above the limit.
+  // and the quick sweep tries again, a sweep later, every vertex a removal
+  // changed: when either ends, a trial of every vertex left, on the final
+  // mesh, finds no spoke or scores above the limit.
   for (const bool quick : {false, true})
   for (const double tol : {0.3, 1.5}) {
     TorusPass pass(tol);
