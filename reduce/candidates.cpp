@@ -44,7 +44,7 @@ int32_t qvSpokePickMarked(qvMesh* mesh, qvVtx* v, int32_t ring, bool valences, q
   *out = qvSpokes{};
   const double* p = v->dat;
   bool failed = ring < kValenceMin;
-  double len2[kSpokeTries];
+  double len2[kSpokeMax];
   for (qvTri* s = mesh->tri; s && (s->flags & kMarkSet.tri) && !failed; s = s->next)
     for (qvEdg* e : s->edg) {
       // Each spoke once: the mark stays on it until the end.
@@ -65,14 +65,14 @@ int32_t qvSpokePickMarked(qvMesh* mesh, qvVtx* v, int32_t ring, bool valences, q
       const double l = qvEdgLen2(e);
       int32_t at = out->n;
       while (at > 0 && len2[at - 1] > l) --at;
-      if (at == kSpokeTries) continue;
-      for (int32_t k = std::min(out->n, kSpokeTries - 1); k > at; --k) {
+      if (at == kSpokeMax) continue;
+      for (int32_t k = std::min(out->n, kSpokeMax - 1); k > at; --k) {
         out->e[k] = out->e[k - 1];
         len2[k] = len2[k - 1];
       }
       out->e[at] = e;
       len2[at] = l;
-      out->n = std::min(out->n + 1, kSpokeTries);
+      out->n = std::min(out->n + 1, kSpokeMax);
     }
   for (qvTri* s = mesh->tri; s && (s->flags & kMarkSet.tri); s = s->next)
     for (qvEdg* e : s->edg) e->flags &= ~kEdgMarkSpoke;

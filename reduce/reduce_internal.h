@@ -27,10 +27,12 @@ inline bool qvGrow(T *&arr, int32_t &cap, int32_t need, int32_t first = 32) {
 constexpr int32_t kValenceMin = 3;  // the fewest triangles round a vertex: a closed fan
 constexpr uint32_t kFanMarkMode = kFanMoveEdg | kFanMoveTri;  // marked star at the list heads
 
-// The spokes a removal tries, shortest first.
+// The spokes a removal tries, shortest first: the shortest kSpokeTries, and
+// the next ones up to kSpokeMax only when those are all refused.
 constexpr int32_t kSpokeTries = 4;
+constexpr int32_t kSpokeMax = 12;
 struct qvSpokes {
-  qvEdg *e[kSpokeTries];
+  qvEdg *e[kSpokeMax];
   int32_t n;
   int32_t blocked;  // spokes that fail the link test
 };

@@ -840,9 +840,12 @@ int32_t qvTrialRun(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvTrial* t
   if (spokes.n == 0) return 1;
   // The tries in order: each spoke, shortest first, with the fan's flips,
   // and without them when the flips changed the fan; try t is spoke t / 2,
-  // without flips when t is odd.
-  const int32_t last = 2 * spokes.n - 1;
-  const int32_t first = tr->only < 0 ? 0 : std::min(tr->only, last);
+  // without flips when t is odd. The spokes past the shortest kSpokeTries
+  // are tried only when all of those are refused, and not over a flat ring,
+  // where a longer spoke lays the same surface.
+  const int32_t all = 2 * spokes.n - 1;
+  int32_t last = 2 * std::min(spokes.n, kSpokeTries) - 1;
+  const int32_t first = tr->only < 0 ? 0 : std::min(tr->only, all);
   const bool alone = tr->only >= 0 || params->quick;
   tr->beat = std::numeric_limits<double>::infinity();
   const int32_t r = trialAlong(mesh, params, tr, spokes.e[first / 2], first % 2 == 0);
@@ -867,7 +870,11 @@ int32_t qvTrialRun(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvTrial* t
   // feature vertex, whose fan lies on the flat faces either side of its line.
   const bool judge = !tr->flat && !(v->flags & kVtxFeatureEnd);
   int32_t flipped = judge ? tr->flips : 0;  // flips made by the last try with flips
-  for (int32_t t = first + 1; !alone && t <= last && tr->score > params->eta * params->eta; ++t) {
+  for (int32_t t = first + 1; !alone && tr->score > params->eta * params->eta; ++t) {
+    if (t > last) {
+      if (last == all || tr->score <= params->lim2 || tr->flat) break;
+      last = all;
+    }
     if (t % 2 == 1 && flipped == 0) continue;
     markRing(tr, false);
     // Only a strictly smaller score wins: the certificate stops at the first
