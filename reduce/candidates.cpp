@@ -418,8 +418,9 @@ int32_t sweepQuick(qvMesh* mesh, const qvRedParams* params, qvTrial* tr) {
       scoreSet(v, kQuickDone);
       const int32_t r = qvTrialRun(mesh, v, params, tr);
       if (r < 0) return -1;
-      if (r == 0 && !(tr->score <= params->lim2)) qvTrialDrop(tr);
-      if (r == 0 && tr->score <= params->lim2) {
+      if (r == 0 && !(tr->score <= params->lim2)) {
+        qvTrialDrop(tr);
+      } else if (r == 0) {
         if (qvTrialCommit(mesh, tr, params) != 0) return -1;
         ++removed;
         again = true;
