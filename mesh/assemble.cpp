@@ -1591,18 +1591,15 @@ void placeInOrder(qvMesh* mesh, const Soup& s, int32_t head, const int32_t* next
   int32_t n = 0;
   for (int32_t t = head; t >= 0; t = next[t]) ++n;
   qvTri** from = newArray<qvTri*>(n);  // the records in list order
-  qvTri** to = newArray<qvTri*>(n);    // the records by address
-  bool placed = from && to;
+  bool placed = from != nullptr;
   if (placed) {
     int32_t k = 0;
     for (int32_t t = head; t >= 0; t = next[t]) from[k++] = s.tri[t];
-    std::copy(from, from + n, to);
-    std::sort(to, to + n, std::less<qvTri*>());
-    placed = qvTriPlace(from, to, n) == 0;
-    if (placed) mesh->tri = to[0];
+    qvTri* first = qvTriPlaceInOrder(from, n);
+    placed = first != nullptr;
+    if (placed) mesh->tri = first;
   }
   std::free(from);
-  std::free(to);
   if (placed) return;
   qvTri* before = nullptr;
   for (int32_t t = head; t >= 0; t = next[t]) {

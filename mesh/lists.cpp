@@ -1,6 +1,7 @@
 // List routines. They are written once over the record type and given a
 // name per type; every record type chains itself through prev and next.
 #include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <functional>
 
@@ -150,13 +151,16 @@ int32_t qvTriPlace(qvTri* const* from, qvTri* const* to, int32_t n) {
   if (n <= 0) return 0;
   qvTri* copy = static_cast<qvTri*>(ftMalloc(sizeof(qvTri) * static_cast<size_t>(n)));
   if (!copy) return -1;
-  // Each record names in link the record its contents go to; a neighbour
-  // without one is not among the records.
-  for (int32_t i = 0; i < n; ++i) from[i]->link = to[i];
+  // Each record is read once for its contents and then names in link the
+  // record its contents go to; a neighbour without one is not among the
+  // records.
+  for (int32_t i = 0; i < n; ++i) {
+    copy[i] = *from[i];
+    from[i]->link = to[i];
+  }
   bool ok = true;
   for (int32_t i = 0; i < n && ok; ++i) {
     qvTri& c = copy[i];
-    c = *from[i];
     for (qvTri*& a : c.adj)
       if (a) ok = ok && (a = static_cast<qvTri*>(a->link)) != nullptr;
     c.link = nullptr;
@@ -171,30 +175,102 @@ int32_t qvTriPlace(qvTri* const* from, qvTri* const* to, int32_t n) {
   return ok ? 0 : -1;
 }
 
+namespace {
+
+// Sorts n different records by address. Large arrays go by digits of 11 bits
+// of the offset from the lowest address, least significant first, so that
+// records spread over a few gigabytes take three or four linear passes where
+// a comparison sort would chase its pivots through the whole array. false
+// when memory runs out, with the array as it was.
+bool sortByAddress(qvTri** a, int32_t n) {
+  constexpr int32_t kDigitBits = 11;
+  constexpr size_t kDigits = size_t{1} << kDigitBits;
+  constexpr int32_t kRadixFrom = 4096;  // below this, a comparison sort is as quick
+  if (n < kRadixFrom) {
+    std::sort(a, a + n, std::less<qvTri*>());
+    return true;
+  }
+  uintptr_t lo = UINTPTR_MAX;
+  uintptr_t hi = 0;
+  for (int32_t i = 0; i < n; ++i) {
+    const uintptr_t p = reinterpret_cast<uintptr_t>(a[i]);
+    lo = std::min(lo, p);
+    hi = std::max(hi, p);
+  }
+  const size_t size = static_cast<size_t>(n);
+  qvTri** spare = static_cast<qvTri**>(ftMalloc(sizeof(qvTri*) * size));
+  size_t* count = static_cast<size_t*>(ftMalloc(sizeof(size_t) * kDigits));
+  if (!spare || !count) {
+    std::free(spare);
+    std::free(count);
+    return false;
+  }
+  qvTri** in = a;
+  qvTri** out = spare;
+  for (int32_t shift = 0; shift < 64 && ((hi - lo) >> shift) != 0; shift += kDigitBits) {
+    std::fill(count, count + kDigits, size_t{0});
+    for (size_t i = 0; i < size; ++i) ++count[((reinterpret_cast<uintptr_t>(in[i]) - lo) >> shift) & (kDigits - 1)];
+    size_t sum = 0;
+    for (size_t d = 0; d < kDigits; ++d) {
+      const size_t c = count[d];
+      count[d] = sum;
+      sum += c;
+    }
+    for (size_t i = 0; i < size; ++i)
+      out[count[((reinterpret_cast<uintptr_t>(in[i]) - lo) >> shift) & (kDigits - 1)]++] = in[i];
+    std::swap(in, out);
+  }
+  if (in != a) std::copy(in, in + n, a);
+  std::free(spare);
+  std::free(count);
+  return true;
+}
+
+}  // namespace
+
+qvTri* qvTriPlaceInOrder(qvTri* const* order, int32_t n) {
+  if (n <= 0) return nullptr;
+  const size_t size = static_cast<size_t>(n);
+  qvTri** to = static_cast<qvTri**>(ftMalloc(sizeof(qvTri*) * size));
+  bool ok = to != nullptr;
+  if (ok) {
+    std::copy(order, order + n, to);
+    ok = sortByAddress(to, n) && qvTriPlace(order, to, n) == 0;
+  }
+  qvTri* head = ok ? to[0] : nullptr;
+  std::free(to);
+  return head;
+}
+
 int32_t qvMeshCompact(qvMesh* mesh) {
   if (!mesh || mesh->triHeld) return -1;
-  // A list that already runs up through memory stays as it is.
-  int32_t n = 0;
+  // One walk gathers the list in order and sees whether it already runs up
+  // through memory; such a list stays as it is.
+  size_t capacity = 0;
+  size_t n = 0;
+  qvTri** order = nullptr;
   bool rising = true;
-  for (const qvTri* t = mesh->tri; t; t = t->next, ++n) {
-    if (t->link || t->aux[0] || t->aux[1] || t->aux[2]) return -1;
+  for (qvTri* t = mesh->tri; t; t = t->next) {
+    if (t->link || t->aux[0] || t->aux[1] || t->aux[2] || n >= static_cast<size_t>(INT32_MAX)) {
+      std::free(order);
+      return -1;
+    }
     rising = rising && (!t->prev || t->prev < t);
+    if (n == capacity) {
+      capacity = capacity ? 2 * capacity : 4096;
+      qvTri** grown = static_cast<qvTri**>(ftRealloc(order, sizeof(qvTri*) * capacity));
+      if (!grown) {
+        std::free(order);
+        return -1;
+      }
+      order = grown;
+    }
+    order[n++] = t;
   }
+  qvTri* head = rising ? nullptr : qvTriPlaceInOrder(order, static_cast<int32_t>(n));
+  std::free(order);
   if (rising) return 0;
-  // from: the records in list order; to: the same records by address.
-  const size_t size = static_cast<size_t>(n);
-  qvTri** from = static_cast<qvTri**>(ftMalloc(sizeof(qvTri*) * size));
-  qvTri** to = static_cast<qvTri**>(ftMalloc(sizeof(qvTri*) * size));
-  bool ok = from && to;
-  if (ok) {
-    int32_t i = 0;
-    for (qvTri* t = mesh->tri; t; t = t->next) from[i++] = t;
-    std::copy(from, from + n, to);
-    std::sort(to, to + n, std::less<qvTri*>());
-    ok = qvTriPlace(from, to, n) == 0;
-    if (ok) mesh->tri = to[0];
-  }
-  std::free(from);
-  std::free(to);
-  return ok ? 0 : -1;
+  if (!head) return -1;
+  mesh->tri = head;
+  return 0;
 }

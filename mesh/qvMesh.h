@@ -386,6 +386,11 @@ int32_t qvMeshCompact(qvMesh* mesh);
 // neighbour that is not among them, or memory runs out, and then nothing
 // has changed.
 int32_t qvTriPlace(qvTri* const* from, qvTri* const* to, int32_t n);
+// Lays the n triangles of order out in memory in that order through
+// qvTriPlace: the i-th takes the record at the i-th lowest address among
+// them. The record now first, or null with nothing changed (as qvTriPlace
+// fails, for n below 1, or when memory runs out).
+qvTri* qvTriPlaceInOrder(qvTri* const* order, int32_t n);
 
 qvMesh* qvMeshConcat(qvMesh* a, qvMesh* b);
 int32_t qvMeshDeleteAll(qvMesh* head);

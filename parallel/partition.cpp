@@ -11,7 +11,6 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
-#include <functional>
 #include <initializer_list>
 
 #include "parallel/parallel.h"
@@ -294,30 +293,21 @@ bool unpinchVertex(qvMesh *mesh, qvVtx *v, qvVtx *(*clone)(const qvVtx *)) {
   return true;
 }
 
-// Lays the triangles out in memory in keys' order, through qvTriPlace: the
-// i-th of the new order takes the i-th record by address. order holds the
-// records in their former list order. The head of the list, or null with
-// nothing changed when a triangle is not at rest (link or aux set) or names
-// a neighbour outside the list, or memory runs out.
+// Lays the triangles out in memory in keys' order (qvTriPlaceInOrder).
+// order holds the records in their former list order. The head of the list,
+// or null with nothing changed when a triangle is not at rest (link or aux
+// set) or names a neighbour outside the list, or memory runs out.
 qvTri *placeSorted(qvTri **order, const TriKey *keys, int32_t n) {
   for (int32_t i = 0; i < n; ++i) {
     const qvTri *t = order[i];
     if (t->link || t->aux[0] || t->aux[1] || t->aux[2]) return nullptr;
   }
-  const size_t size = static_cast<size_t>(n);
-  qvTri **from = static_cast<qvTri **>(ftMalloc(sizeof(qvTri *) * size));
-  qvTri **to = static_cast<qvTri **>(ftMalloc(sizeof(qvTri *) * size));
-  bool ok = from && to;
-  if (ok) {
-    for (int32_t i = 0; i < n; ++i) from[i] = order[keys[i].pos];
-    std::copy(order, order + n, to);
-    if (!std::is_sorted(to, to + n, std::less<qvTri *>())) std::sort(to, to + n, std::less<qvTri *>());
-    ok = qvTriPlace(from, to, n) == 0;
-    for (int32_t i = 0; ok && i < n; ++i) to[i]->tag = 0;
-  }
-  qvTri *head = ok ? to[0] : nullptr;
+  qvTri **from = static_cast<qvTri **>(ftMalloc(sizeof(qvTri *) * static_cast<size_t>(n)));
+  if (!from) return nullptr;
+  for (int32_t i = 0; i < n; ++i) from[i] = order[keys[i].pos];
+  qvTri *head = qvTriPlaceInOrder(from, n);
+  for (qvTri *t = head; t; t = t->next) t->tag = 0;
   std::free(from);
-  std::free(to);
   return head;
 }
 
