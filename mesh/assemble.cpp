@@ -1414,35 +1414,22 @@ void moveBehind(qvTri*& head, qvTri* t, qvTri* n) {
 // A flood fill without a queue: the triangles reached from a triangle are
 // moved directly behind it, so each shell stands in an unbroken run that ends
 // at the first unmarked triangle, where the list is cut. Returns the last
-// mesh of the new part of the chain through last; the count, or -1.
-//
-// The walk notes each triangle it passes in an array, so that the marks are
-// cleared from the array with the records asked for ahead, rather than by
-// chasing the list again through memory in its new order. Without memory
-// for the array the lists are walked instead.
+// mesh of the new part of the chain through last; the count, or -1. The
+// marks are cleared along a trail of the triangles passed, not by chasing
+// the list again in its new order.
 int32_t splitTriangles(qvMesh* mesh, qvMesh*& last) {
-  constexpr size_t kAheadClear = 16;  // records between a prefetch and the write
   int32_t shells = 0;
   qvMesh* c = mesh;
-  size_t noted = 0;
-  size_t capacity = 0;
-  qvTri** passed = nullptr;
-  bool noting = true;
+  ftmesh::Trail<qvTri> passed;
   for (qvTri* t = mesh->tri; t; t = t->next) {
-    if (noting && noted == capacity) {
-      capacity = capacity ? 2 * capacity : 4096;
-      qvTri** grown = static_cast<qvTri**>(ftRealloc(passed, sizeof(qvTri*) * capacity));
-      if (grown) passed = grown;
-      noting = grown != nullptr;
-    }
-    if (noting) passed[noted++] = t;
+    ftmesh::trailNote(passed, t);
     if (!(t->flags & kTriMarkVisit)) {
       t->flags |= kTriMarkVisit;
       if (shells > 0) {
         qvMesh* m = t->prev ? qvMeshNew(nullptr, nullptr, nullptr, mesh->flags) : nullptr;
         if (!m) {
           shells = -1;
-          noting = false;
+          passed.lost = true;
           break;
         }
         t->prev->next = nullptr;
@@ -1463,18 +1450,13 @@ int32_t splitTriangles(qvMesh* mesh, qvMesh*& last) {
     }
   }
   last = c;
-  if (noting) {
-    for (size_t i = 0; i < noted; ++i) {
-      if (i + kAheadClear < noted) __builtin_prefetch(passed[i + kAheadClear], 1);
-      passed[i]->flags &= kMarkKeep;
-    }
-  } else {
+  if (!ftmesh::trailAnd(passed, kMarkKeep)) {
     for (qvMesh* m = mesh;; m = m->next) {
       qvTriAndAll(m->tri, kMarkKeep);
       if (m == c) break;
     }
   }
-  std::free(passed);
+  ftmesh::trailFree(passed);
   return shells;
 }
 
