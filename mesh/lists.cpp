@@ -182,12 +182,13 @@ namespace {
 // records spread over a few gigabytes take three or four linear passes where
 // a comparison sort would chase its pivots through the whole array. false
 // when memory runs out, with the array as it was.
-bool sortByAddress(qvTri** a, int32_t n) {
+template <class T>
+bool sortByAddress(T** a, int32_t n) {
   constexpr int32_t kDigitBits = 11;
   constexpr size_t kDigits = size_t{1} << kDigitBits;
   constexpr int32_t kRadixFrom = 4096;  // below this, a comparison sort is as quick
   if (n < kRadixFrom) {
-    std::sort(a, a + n, std::less<qvTri*>());
+    std::sort(a, a + n, std::less<T*>());
     return true;
   }
   uintptr_t lo = UINTPTR_MAX;
@@ -198,15 +199,15 @@ bool sortByAddress(qvTri** a, int32_t n) {
     hi = std::max(hi, p);
   }
   const size_t size = static_cast<size_t>(n);
-  qvTri** spare = static_cast<qvTri**>(ftMalloc(sizeof(qvTri*) * size));
+  T** spare = static_cast<T**>(ftMalloc(sizeof(T*) * size));
   size_t* count = static_cast<size_t*>(ftMalloc(sizeof(size_t) * kDigits));
   if (!spare || !count) {
     std::free(spare);
     std::free(count);
     return false;
   }
-  qvTri** in = a;
-  qvTri** out = spare;
+  T** in = a;
+  T** out = spare;
   for (int32_t shift = 0; shift < 64 && ((hi - lo) >> shift) != 0; shift += kDigitBits) {
     std::fill(count, count + kDigits, size_t{0});
     for (size_t i = 0; i < size; ++i) ++count[((reinterpret_cast<uintptr_t>(in[i]) - lo) >> shift) & (kDigits - 1)];
@@ -273,4 +274,70 @@ int32_t qvMeshCompact(qvMesh* mesh) {
   if (!head) return -1;
   mesh->tri = head;
   return 0;
+}
+
+int32_t qvMeshCompactEdges(qvMesh* mesh) {
+  if (!mesh || mesh->edgHeld) return -1;
+  ftmesh::Trail<qvEdg> order;
+  bool rising = true;
+  for (qvEdg* e = mesh->edg; e; e = e->next) {
+    if (e->link || e->own) {
+      ftmesh::trailFree(order);
+      return -1;
+    }
+    rising = rising && (!e->prev || e->prev < e);
+    ftmesh::trailNote(order, e);
+  }
+  if (rising || order.lost || order.n > static_cast<size_t>(INT32_MAX)) {
+    ftmesh::trailFree(order);
+    return rising ? 0 : -1;
+  }
+  const int32_t n = static_cast<int32_t>(order.n);
+  qvEdg** from = order.at;
+  size_t triangles = 0;
+  for (const qvTri* t = mesh->tri; t; t = t->next) ++triangles;
+  qvEdg** to = static_cast<qvEdg**>(ftMalloc(sizeof(qvEdg*) * order.n));
+  qvEdg* copy = static_cast<qvEdg*>(ftMalloc(sizeof(qvEdg) * order.n));
+  qvEdg** renamed = static_cast<qvEdg**>(ftMalloc(sizeof(qvEdg*) * 3 * (triangles ? triangles : 1)));
+  bool ok = to && copy && renamed;
+  if (ok) {
+    std::copy(from, from + n, to);
+    ok = sortByAddress(to, n);
+  }
+  if (ok) {
+    // Each record is read once for its contents and then names in link the
+    // record its contents go to; an edge of a triangle without one is not in
+    // the list, and then nothing changes.
+    for (int32_t i = 0; i < n; ++i) {
+      copy[i] = *from[i];
+      from[i]->link = to[i];
+    }
+    size_t k = 0;
+    for (const qvTri* t = mesh->tri; t && ok; t = t->next)
+      for (const qvEdg* e : t->edg) {
+        qvEdg* r = e ? static_cast<qvEdg*>(e->link) : nullptr;
+        ok = ok && (!e || r);
+        renamed[k++] = r;
+      }
+    if (ok) {
+      k = 0;
+      for (qvTri* t = mesh->tri; t; t = t->next)
+        for (qvEdg*& e : t->edg) e = renamed[k++];
+      for (int32_t i = 0; i < n; ++i) {
+        qvEdg& c = copy[i];
+        c.link = nullptr;
+        c.prev = i > 0 ? to[i - 1] : nullptr;
+        c.next = i + 1 < n ? to[i + 1] : nullptr;
+      }
+      for (int32_t i = 0; i < n; ++i) *to[i] = copy[i];
+      mesh->edg = to[0];
+    } else {
+      for (int32_t i = 0; i < n; ++i) from[i]->link = nullptr;
+    }
+  }
+  std::free(to);
+  std::free(copy);
+  std::free(renamed);
+  ftmesh::trailFree(order);
+  return ok ? 0 : -1;
 }

@@ -379,6 +379,12 @@ qvTri* qvTriReverse(qvTri* head);
 // triangles, a working link or aux set) or when memory runs out, and then
 // nothing has changed.
 int32_t qvMeshCompact(qvMesh* mesh);
+// The same for the edges of a mesh at rest: their contents move among their
+// own records so that the edge list runs up through memory, and the
+// triangles' edges are renamed to match. 0; -1 for held edges, an edge with a
+// working link or own, a triangle holding an edge outside the list, or no
+// memory, and then nothing has changed.
+int32_t qvMeshCompactEdges(qvMesh* mesh);
 // Moves the contents of from[i] to the record to[i] for each i below n, the
 // two arrays naming the same n triangles, records at rest (link free): the
 // neighbours are renamed to the records their contents went to, and the

@@ -71,13 +71,14 @@ void gatherPieces(qvMesh *mesh, qvMeshPair *pair) {
 
 // The leaf's progress notes let the front end tell the time a leaf spends
 // outside its passes (features, caps) from the passes themselves.
-// A leaf walks its triangles many times, and after a cut they run in the
-// order of the sort that halved it, not in the order their records lie in
-// memory: the records are made anew in list order first. A mesh that can't be
-// compacted is reduced as it is.
+// A leaf walks its triangle and edge lists many times, and after a cut they
+// run in the order of the sort that halved it and of the split, not in the
+// order their records lie in memory: both are laid out in list order first.
+// A mesh that can't be compacted is reduced as it is.
 int32_t reduceLeaf(qvMesh *mesh, double tolerance, const double *angleRef,
                    const qvParMethod *method) {
   (void)qvMeshCompact(mesh);
+  (void)qvMeshCompactEdges(mesh);
   ftProgress(kProgressLeaf, 0);
   int32_t removed = 0;
   const int32_t status = method->leaf(mesh, tolerance, angleRef, &removed);
