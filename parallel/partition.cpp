@@ -50,6 +50,37 @@ void chainAppend(Chain<T> &c, T *r) {
   c.tail = r;
 }
 
+// The new side's edges in chain order, noted as they are appended, so that
+// the passes over them run through an array with the records asked for
+// ahead instead of chasing the chain through memory. at is null when no
+// memory could be had, and the passes then walk the chain.
+struct MovedEdges {
+  qvEdg **at;  // the edges in chain order, or null
+  int32_t n;   // how many were noted
+};
+
+constexpr int32_t kAheadEdge = 16;  // edges between a prefetch and the read
+constexpr int32_t kAheadEnds = 8;   // edges between a prefetch of their ends and the read
+
+// Calls fn on each new edge in chain order until it returns false; whether
+// every call returned true.
+template <class Fn>
+bool eachMoved(const MovedEdges &moved, const Chain<qvEdg> &edg, Fn fn) {
+  if (!moved.at) {
+    for (qvEdg *e = edg.head; e; e = e->next)
+      if (!fn(e)) return false;
+    return true;
+  }
+  for (int32_t i = 0; i < moved.n; ++i) {
+    if (i + kAheadEdge < moved.n) __builtin_prefetch(moved.at[i + kAheadEdge], 1);
+    if (i + kAheadEnds < moved.n)
+      for (const double *h : moved.at[i + kAheadEnds]->ends)
+        if (h) __builtin_prefetch(qvVtxOf(h), 1);
+    if (!fn(moved.at[i])) return false;
+  }
+  return true;
+}
+
 // ---------------------------------------------------------------------------
 // The twelve orderings
 
@@ -89,10 +120,13 @@ constexpr int32_t kAhead = 8;  // triangles between a corner prefetch and the re
 // ---------------------------------------------------------------------------
 // Splitting by a triangle flag
 
-void clearSplitMarks(Chain<qvTri> &tri, Chain<qvEdg> &edg, Chain<qvVtx> &vtx, qvMesh *mesh,
-                     uint32_t mask) {
+void clearSplitMarks(Chain<qvTri> &tri, Chain<qvEdg> &edg, const MovedEdges &moved,
+                     Chain<qvVtx> &vtx, qvMesh *mesh, uint32_t mask) {
   for (qvTri *t = tri.head; t; t = t->next) t->flags &= ~mask;
-  for (qvEdg *e = edg.head; e; e = e->next) e->flags &= ~kEdgMoved;
+  (void)eachMoved(moved, edg, [](qvEdg *e) {
+    e->flags &= ~kEdgMoved;
+    return true;
+  });
   for (qvVtx *v = vtx.head; v; v = v->next) v->flags &= ~(kUsedOld | kUsedNew);
   for (qvVtx *v = mesh->vtx; v; v = v->next) v->flags &= ~(kUsedOld | kUsedNew);
 }
@@ -101,8 +135,9 @@ void clearSplitMarks(Chain<qvTri> &tri, Chain<qvEdg> &edg, Chain<qvVtx> &vtx, qv
 // What was done stays done: cleared adjacencies, seam edge copies, vertex
 // clones and the links to them. The mesh is good only for being freed.
 int32_t splitAbandon(qvMesh *mesh, qvMesh *split, Chain<qvTri> &tri, Chain<qvEdg> &edg,
-                     Chain<qvVtx> &vtx, uint32_t mask, qvMeshPair *pair) {
-  clearSplitMarks(tri, edg, vtx, mesh, mask);
+                     const MovedEdges &moved, Chain<qvVtx> &vtx, uint32_t mask,
+                     qvMeshPair *pair) {
+  clearSplitMarks(tri, edg, moved, vtx, mesh, mask);
   mesh->tri = qvTriConcat(mesh->tri, tri.head);
   mesh->edg = qvEdgConcat(mesh->edg, edg.head);
   mesh->vtx = qvVtxConcat(mesh->vtx, vtx.head);
@@ -115,14 +150,18 @@ int32_t splitAbandon(qvMesh *mesh, qvMesh *split, Chain<qvTri> &tri, Chain<qvEdg
   return 1;
 }
 
-// Sets bit on the records of both ends of every edge of a list; false at an
-// edge with a missing end.
-bool markEnds(qvEdg *head, uint32_t bit) {
-  for (qvEdg *e = head; e; e = e->next) {
-    if (!e->ends[0] || !e->ends[1]) return false;
-    qvVtxOf(e->ends[0])->flags |= bit;
-    qvVtxOf(e->ends[1])->flags |= bit;
-  }
+// Sets bit on the records of both ends of an edge; false for a missing end.
+bool markEnds(qvEdg *e, uint32_t bit) {
+  if (!e->ends[0] || !e->ends[1]) return false;
+  qvVtxOf(e->ends[0])->flags |= bit;
+  qvVtxOf(e->ends[1])->flags |= bit;
+  return true;
+}
+
+// The same for every edge of a list; false at the first edge with a missing end.
+bool markListEnds(qvEdg *head, uint32_t bit) {
+  for (qvEdg *e = head; e; e = e->next)
+    if (!markEnds(e, bit)) return false;
   return true;
 }
 
@@ -130,8 +169,13 @@ bool markEnds(qvEdg *head, uint32_t bit) {
 // edge of a moved triangle goes to the new mesh. An edge shared with a triangle
 // that stays is a seam edge: the neighbour keeps it, and the moved triangle
 // gets a copy, so each side has its own boundary.
-bool splitEdges(qvMesh *mesh, qvTri *moved, uint32_t mask, Chain<qvEdg> &edg) {
-  for (qvTri *t = moved; t; t = t->next) {
+bool splitEdges(qvMesh *mesh, qvTri *movedTri, uint32_t mask, Chain<qvEdg> &edg,
+                MovedEdges &moved) {
+  auto append = [&edg, &moved](qvEdg *e) {
+    chainAppend(edg, e);
+    if (moved.at) moved.at[moved.n++] = e;
+  };
+  for (qvTri *t = movedTri; t; t = t->next) {
     for (int32_t i = 0; i < 3; ++i) {
       qvEdg *e = t->edg[i];
       qvTri *n = t->adj[i];
@@ -144,11 +188,11 @@ bool splitEdges(qvMesh *mesh, qvTri *moved, uint32_t mask, Chain<qvEdg> &edg) {
         copy->tag2 = e->tag2;
         copy->flags |= kEdgMoved;
         t->edg[i] = copy;
-        chainAppend(edg, copy);
+        append(copy);
       } else if (!(e->flags & kEdgMoved)) {
         e->flags |= kEdgMoved;
         mesh->edg = qvEdgUnlink(mesh->edg, e);
-        chainAppend(edg, e);
+        append(e);
       }
     }
   }
@@ -167,7 +211,7 @@ bool splitEdges(qvMesh *mesh, qvTri *moved, uint32_t mask, Chain<qvEdg> &edg) {
 // seam mark included), the clone joins the new side and the new side's edge
 // ends are turned to it.
 bool splitVertices(qvMesh *mesh, qvVtx *(*clone)(const qvVtx *), Chain<qvEdg> &edg,
-                   Chain<qvVtx> &vtx) {
+                   const MovedEdges &moved, Chain<qvVtx> &vtx) {
   qvVtx *next = nullptr;
   for (qvVtx *v = mesh->vtx; v; v = next) {
     next = v->next;
@@ -183,9 +227,11 @@ bool splitVertices(qvMesh *mesh, qvVtx *(*clone)(const qvVtx *), Chain<qvEdg> &e
       chainAppend(vtx, c);
     }
   }
-  for (qvEdg *e = edg.head; e; e = e->next)
+  (void)eachMoved(moved, edg, [](qvEdg *e) {
     for (double *&h : e->ends)
       if (const qvVtx *v = qvVtxOf(h); v->link) h = static_cast<qvVtx *>(v->link)->dat;
+    return true;
+  });
   for (qvVtx *v = mesh->vtx; v; v = v->next) v->link = nullptr;
   return true;
 }
@@ -436,11 +482,13 @@ int32_t qvMeshSplit(qvMesh *mesh, uint32_t mask, qvVtx *(*clone)(const qvVtx *),
 
   Chain<qvTri> tri;
   qvTri *next = nullptr;
+  size_t count = 0;
   for (qvTri *t = mesh->tri; t; t = next) {
     next = t->next;
     if (!(t->flags & mask)) continue;
     mesh->tri = qvTriUnlinkList(mesh->tri, t);
     chainAppend(tri, t);
+    ++count;
   }
   if (!tri.head) return 0;
   if (!mesh->tri) {
@@ -457,16 +505,22 @@ int32_t qvMeshSplit(qvMesh *mesh, uint32_t mask, qvVtx *(*clone)(const qvVtx *),
   mesh->flags &= ~kMeshSortedSet;
   Chain<qvEdg> edg;
   Chain<qvVtx> vtx;
+  // A moved triangle brings at most its three edges.
+  MovedEdges moved = {static_cast<qvEdg **>(ftMalloc(sizeof(qvEdg *) * 3 * count)), 0};
   qvMesh *split = qvMeshNew(tri.head, nullptr, nullptr, mesh->flags);
-  if (!split || !splitEdges(mesh, tri.head, mask, edg) || !markEnds(mesh->edg, kUsedOld) ||
-      !markEnds(edg.head, kUsedNew) || !splitVertices(mesh, clone, edg, vtx))
-    return splitAbandon(mesh, split, tri, edg, vtx, mask, pair);
-
-  clearSplitMarks(tri, edg, vtx, mesh, mask);
-  split->edg = edg.head;
-  split->vtx = vtx.head;
-  pair->second = split;
-  return 0;
+  const bool ok = split && splitEdges(mesh, tri.head, mask, edg, moved) &&
+                  markListEnds(mesh->edg, kUsedOld) &&
+                  eachMoved(moved, edg, [](qvEdg *e) { return markEnds(e, kUsedNew); }) &&
+                  splitVertices(mesh, clone, edg, moved, vtx);
+  const int32_t result = ok ? 0 : splitAbandon(mesh, split, tri, edg, moved, vtx, mask, pair);
+  if (ok) {
+    clearSplitMarks(tri, edg, moved, vtx, mesh, mask);
+    split->edg = edg.head;
+    split->vtx = vtx.head;
+    pair->second = split;
+  }
+  std::free(moved.at);
+  return result;
 }
 
 int32_t qvMeshUnpinch(qvMesh *mesh, qvVtx *(*clone)(const qvVtx *)) {
