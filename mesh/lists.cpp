@@ -187,6 +187,7 @@ bool sortByAddress(T** a, int32_t n) {
   constexpr int32_t kDigitBits = 11;
   constexpr size_t kDigits = size_t{1} << kDigitBits;
   constexpr int32_t kRadixFrom = 4096;  // below this, a comparison sort is as quick
+  if (std::is_sorted(a, a + n, std::less<T*>())) return true;
   if (n < kRadixFrom) {
     std::sort(a, a + n, std::less<T*>());
     return true;

@@ -338,54 +338,64 @@ bool unpinchVertex(qvMesh *mesh, qvVtx *v, qvVtx *(*clone)(const qvVtx *)) {
   return true;
 }
 
-// Lays the triangles out in memory in keys' order (qvTriPlaceInOrder).
-// order holds the records in their former list order. The head of the list,
-// or null with nothing changed when a triangle is not at rest (link or aux
-// set) or names a neighbour outside the list, or memory runs out.
+// Lays the triangles, at rest, out in memory in keys' order
+// (qvTriPlaceInOrder). order holds the records in their former list order.
+// The head of the list, or null with nothing changed when a triangle names a
+// neighbour outside the list or memory runs out.
 qvTri *placeSorted(qvTri **order, const TriKey *keys, int32_t n) {
-  for (int32_t i = 0; i < n; ++i) {
-    const qvTri *t = order[i];
-    if (t->link || t->aux[0] || t->aux[1] || t->aux[2]) return nullptr;
-  }
   qvTri **from = static_cast<qvTri **>(ftMalloc(sizeof(qvTri *) * static_cast<size_t>(n)));
   if (!from) return nullptr;
   for (int32_t i = 0; i < n; ++i) from[i] = order[keys[i].pos];
   qvTri *head = qvTriPlaceInOrder(from, n);
-  for (qvTri *t = head; t; t = t->next) t->tag = 0;
   std::free(from);
   return head;
 }
 
 // qvTriSort; with place, the sorted list also runs up through memory when
-// placeSorted can lay it out so, and is relinked as it lies otherwise.
+// its triangles are at rest (link and aux clear) and placeSorted can lay it
+// out so, and is relinked as it lies otherwise.
 qvTri *sortTriangles(qvTri *head, int32_t direction, int32_t axis, int32_t corner, bool place) {
   if (!head || head->prev || direction < 0 || direction > 1 || axis < 0 || axis > 2 ||
       corner < 0 || corner > 1)
     return nullptr;
-  // The count also bounds the walk, should the list run in a cycle.
+  // One walk gathers the list; the count also bounds it, should the list run
+  // in a cycle.
   int32_t n = 0;
-  for (const qvTri *t = head; t; t = t->next)
-    if (++n > kSortMax) return nullptr;
-  qvTri **order = static_cast<qvTri **>(ftMalloc(static_cast<size_t>(n) * sizeof(qvTri *)));
+  int32_t capacity = 0;
+  qvTri **order = nullptr;
+  for (qvTri *t = head; t; t = t->next) {
+    qvTri **grown = order;
+    if (n == capacity && n < kSortMax) {
+      capacity = capacity == 0 ? 4096 : std::min(2 * capacity, kSortMax);
+      grown = static_cast<qvTri **>(ftRealloc(order, sizeof(qvTri *) * static_cast<size_t>(capacity)));
+    }
+    if (n == kSortMax || !grown) {
+      std::free(order);
+      return nullptr;
+    }
+    order = grown;
+    order[n++] = t;
+  }
   TriKey *keys = static_cast<TriKey *>(ftMalloc(static_cast<size_t>(n) * sizeof(TriKey)));
-  if (!order || !keys) {
+  if (!keys) {
     std::free(order);
-    std::free(keys);
     return nullptr;
   }
-  int32_t i = 0;
-  for (qvTri *t = head; t; t = t->next) order[i++] = t;
-  for (i = 0; i < n; ++i) {
+  // From here on nothing fails: the pass that reads the keys also clears tag.
+  bool atRest = true;
+  for (int32_t i = 0; i < n; ++i) {
     if (i + 2 * kAhead < n) qvTriPrefetchEdges(order[i + 2 * kAhead]);
     if (i + kAhead < n) qvTriPrefetchCorners(order[i + kAhead]);
-    keys[i] = triKey(order[i], i, direction, axis, corner);
+    qvTri *t = order[i];
+    keys[i] = triKey(t, i, direction, axis, corner);
+    t->tag = 0;
+    atRest = atRest && !t->link && !t->aux[0] && !t->aux[1] && !t->aux[2];
   }
   std::sort(keys, keys + n, [](const TriKey &a, const TriKey &b) { return keyBefore(a, b); });
-  head = place ? placeSorted(order, keys, n) : nullptr;
+  head = place && atRest ? placeSorted(order, keys, n) : nullptr;
   if (!head) {
-    for (i = 0; i < n; ++i) {
+    for (int32_t i = 0; i < n; ++i) {
       qvTri *t = order[keys[i].pos];
-      t->tag = 0;
       t->prev = i > 0 ? order[keys[i - 1].pos] : nullptr;
       t->next = i + 1 < n ? order[keys[i + 1].pos] : nullptr;
     }
