@@ -381,7 +381,8 @@ qvTri* qvTriReverse(qvTri* head);
 int32_t qvMeshCompact(qvMesh* mesh);
 // The same for the edges of a mesh at rest: their contents move among their
 // own records so that the edge list runs up through memory, and the
-// triangles' edges are renamed to match. 0; -1 for held edges, an edge with a
+// triangles' edges are renamed to match. A list that steps back in memory
+// at most once in 32 steps is left as it is. 0; -1 for held edges, an edge with a
 // working link or own, a triangle holding an edge outside the list, or no
 // memory, and then nothing has changed.
 int32_t qvMeshCompactEdges(qvMesh* mesh);

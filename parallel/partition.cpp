@@ -338,15 +338,21 @@ bool unpinchVertex(qvMesh *mesh, qvVtx *v, qvVtx *(*clone)(const qvVtx *)) {
   return true;
 }
 
-// Lays the triangles, at rest, out in memory in keys' order
-// (qvTriPlaceInOrder). order holds the records in their former list order.
-// The head of the list, or null with nothing changed when a triangle names a
-// neighbour outside the list or memory runs out.
+// Lays the triangles, at rest, out in memory in keys' order: the i-th of the
+// new order takes the i-th record by address (qvTriPlace). order holds the
+// records in their former list order, which after assembly or an earlier
+// cut already runs up through memory. The head of the list, or null with
+// nothing changed when a triangle names a neighbour outside the list or
+// memory runs out.
 qvTri *placeSorted(qvTri **order, const TriKey *keys, int32_t n) {
   qvTri **from = static_cast<qvTri **>(ftMalloc(sizeof(qvTri *) * static_cast<size_t>(n)));
   if (!from) return nullptr;
   for (int32_t i = 0; i < n; ++i) from[i] = order[keys[i].pos];
-  qvTri *head = qvTriPlaceInOrder(from, n);
+  qvTri *head = nullptr;
+  if (std::is_sorted(order, order + n, [](const qvTri *a, const qvTri *b) { return a < b; }))
+    head = qvTriPlace(from, order, n) == 0 ? order[0] : nullptr;
+  else
+    head = qvTriPlaceInOrder(from, n);
   std::free(from);
   return head;
 }

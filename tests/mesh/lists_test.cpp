@@ -1,6 +1,8 @@
 // Records and list routines: hand-built lists checked link by link.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <functional>
 #include <vector>
 
 #include "fixture.h"
@@ -131,17 +133,16 @@ TEST(MeshCompact, ListsRunUpThroughMemoryWithContentsAndOrderKeptAndRefusalsChan
   const Shape grid = gridShape(48);
   for (const Shape* s : {&kOctahedron, &kOpenCone, &kBowTie, &kThreeOnEdge, &grid}) {
     Fixture f(*s);
-    // Both lists against the order of making.
+    // Triangles against the order of making, edges down through memory.
     f.mesh->tri = qvTriReverse(f.mesh->tri);
-    qvEdg* reversed = nullptr;
-    for (qvEdg *e = f.mesh->edg, *next; e; e = next) {
-      next = e->next;
-      e->prev = nullptr;
-      e->next = reversed;
-      if (reversed) reversed->prev = e;
-      reversed = e;
+    std::vector<qvEdg*> edges;
+    for (qvEdg* e = f.mesh->edg; e; e = e->next) edges.push_back(e);
+    std::sort(edges.begin(), edges.end(), std::greater<qvEdg*>());
+    for (size_t i = 0; i < edges.size(); ++i) {
+      edges[i]->prev = i > 0 ? edges[i - 1] : nullptr;
+      edges[i]->next = i + 1 < edges.size() ? edges[i + 1] : nullptr;
     }
-    f.mesh->edg = reversed;
+    f.mesh->edg = edges[0];
     const std::vector<int> before = shape(f.mesh);
     const qvTri* oldHead = f.mesh->tri;
     const qvEdg* oldEdge = f.mesh->edg;
