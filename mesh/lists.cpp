@@ -277,6 +277,60 @@ int32_t qvMeshCompact(qvMesh* mesh) {
   return 0;
 }
 
+int32_t qvMeshPlaceEdges(qvMesh* mesh, qvEdg* const* order, int32_t n) {
+  if (!mesh || !order || n <= 0 || order[0] != mesh->edg) return -1;
+  const size_t size = static_cast<size_t>(n);
+  size_t triangles = 0;
+  for (const qvTri* t = mesh->tri; t; t = t->next) ++triangles;
+  qvEdg** to = static_cast<qvEdg**>(ftMalloc(sizeof(qvEdg*) * size));
+  qvEdg* copy = static_cast<qvEdg*>(ftMalloc(sizeof(qvEdg) * size));
+  qvEdg** renamed = static_cast<qvEdg**>(ftMalloc(sizeof(qvEdg*) * 3 * (triangles ? triangles : 1)));
+  bool ok = to && copy && renamed;
+  if (ok) {
+    std::copy(order, order + n, to);
+    ok = sortByAddress(to, n);
+  }
+  int32_t linked = 0;
+  if (ok) {
+    // Each record is read once for its contents and then names in link the
+    // record its contents go to; an edge of a triangle without one is not in
+    // the list, and then nothing changes.
+    for (; linked < n && ok; ++linked) {
+      qvEdg* e = order[linked];
+      ok = !e->link && !e->own;
+      if (!ok) break;
+      copy[linked] = *e;
+      e->link = to[linked];
+    }
+    size_t k = 0;
+    for (const qvTri* t = mesh->tri; t && ok; t = t->next)
+      for (const qvEdg* e : t->edg) {
+        qvEdg* r = e ? static_cast<qvEdg*>(e->link) : nullptr;
+        ok = ok && (!e || r);
+        renamed[k++] = r;
+      }
+  }
+  if (ok) {
+    size_t k = 0;
+    for (qvTri* t = mesh->tri; t; t = t->next)
+      for (qvEdg*& e : t->edg) e = renamed[k++];
+    for (int32_t i = 0; i < n; ++i) {
+      qvEdg& c = copy[i];
+      c.link = nullptr;
+      c.prev = i > 0 ? to[i - 1] : nullptr;
+      c.next = i + 1 < n ? to[i + 1] : nullptr;
+    }
+    for (int32_t i = 0; i < n; ++i) *to[i] = copy[i];
+    mesh->edg = to[0];
+  } else {
+    for (int32_t i = 0; i < linked; ++i) order[i]->link = nullptr;
+  }
+  std::free(to);
+  std::free(copy);
+  std::free(renamed);
+  return ok ? 0 : -1;
+}
+
 int32_t qvMeshCompactEdges(qvMesh* mesh) {
   if (!mesh || mesh->edgHeld) return -1;
   // A list that runs up through memory but for a few steps back (at most
@@ -294,56 +348,8 @@ int32_t qvMeshCompactEdges(qvMesh* mesh) {
     ftmesh::trailNote(order, e);
   }
   const bool rising = back == 0 || back * kFewBack <= order.n;
-  if (rising || order.lost || order.n > static_cast<size_t>(INT32_MAX)) {
-    ftmesh::trailFree(order);
-    return rising ? 0 : -1;
-  }
-  const int32_t n = static_cast<int32_t>(order.n);
-  qvEdg** from = order.at;
-  size_t triangles = 0;
-  for (const qvTri* t = mesh->tri; t; t = t->next) ++triangles;
-  qvEdg** to = static_cast<qvEdg**>(ftMalloc(sizeof(qvEdg*) * order.n));
-  qvEdg* copy = static_cast<qvEdg*>(ftMalloc(sizeof(qvEdg) * order.n));
-  qvEdg** renamed = static_cast<qvEdg**>(ftMalloc(sizeof(qvEdg*) * 3 * (triangles ? triangles : 1)));
-  bool ok = to && copy && renamed;
-  if (ok) {
-    std::copy(from, from + n, to);
-    ok = sortByAddress(to, n);
-  }
-  if (ok) {
-    // Each record is read once for its contents and then names in link the
-    // record its contents go to; an edge of a triangle without one is not in
-    // the list, and then nothing changes.
-    for (int32_t i = 0; i < n; ++i) {
-      copy[i] = *from[i];
-      from[i]->link = to[i];
-    }
-    size_t k = 0;
-    for (const qvTri* t = mesh->tri; t && ok; t = t->next)
-      for (const qvEdg* e : t->edg) {
-        qvEdg* r = e ? static_cast<qvEdg*>(e->link) : nullptr;
-        ok = ok && (!e || r);
-        renamed[k++] = r;
-      }
-    if (ok) {
-      k = 0;
-      for (qvTri* t = mesh->tri; t; t = t->next)
-        for (qvEdg*& e : t->edg) e = renamed[k++];
-      for (int32_t i = 0; i < n; ++i) {
-        qvEdg& c = copy[i];
-        c.link = nullptr;
-        c.prev = i > 0 ? to[i - 1] : nullptr;
-        c.next = i + 1 < n ? to[i + 1] : nullptr;
-      }
-      for (int32_t i = 0; i < n; ++i) *to[i] = copy[i];
-      mesh->edg = to[0];
-    } else {
-      for (int32_t i = 0; i < n; ++i) from[i]->link = nullptr;
-    }
-  }
-  std::free(to);
-  std::free(copy);
-  std::free(renamed);
+  const bool placed = !rising && !order.lost && order.n <= static_cast<size_t>(INT32_MAX) &&
+                      qvMeshPlaceEdges(mesh, order.at, static_cast<int32_t>(order.n)) == 0;
   ftmesh::trailFree(order);
-  return ok ? 0 : -1;
+  return rising || placed ? 0 : -1;
 }

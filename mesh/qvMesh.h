@@ -386,6 +386,13 @@ int32_t qvMeshCompact(qvMesh* mesh);
 // working link or own, a triangle holding an edge outside the list, or no
 // memory, and then nothing has changed.
 int32_t qvMeshCompactEdges(qvMesh* mesh);
+// Moves the contents of the n edges of order, the mesh's edge list in list
+// order, among their own records so that the list runs up through memory,
+// and renames the triangles' edges to match: the i-th edge of the list takes
+// the i-th record by address. 0; -1 when order doesn't start at the list's
+// head, an edge has a working link or own, a triangle holds an edge outside
+// order, or memory runs out, and then nothing has changed.
+int32_t qvMeshPlaceEdges(qvMesh* mesh, qvEdg* const* order, int32_t n);
 // Moves the contents of from[i] to the record to[i] for each i below n, the
 // two arrays naming the same n triangles, records at rest (link free): the
 // neighbours are renamed to the records their contents went to, and the

@@ -475,20 +475,10 @@ int32_t halve(qvMesh *mesh, int32_t count, uint32_t mask, bool place) {
   return 0;
 }
 
-}  // namespace
-
-// ---------------------------------------------------------------------------
-// Entry points
-
-qvTri *qvTriSort(qvTri *head, int32_t direction, int32_t axis, int32_t corner) {
-  return sortTriangles(head, direction, axis, corner, false);
-}
-
-int32_t qvMeshHalve(qvMesh *mesh, int32_t count, uint32_t mask) {
-  return halve(mesh, count, mask, false);
-}
-
-int32_t qvMeshSplit(qvMesh *mesh, uint32_t mask, qvVtx *(*clone)(const qvVtx *), qvMeshPair *pair) {
+// qvMeshSplit; with kept, the new mesh's edges in list order are handed over
+// there after a split (at null when there are none or no memory was had).
+int32_t split(qvMesh *mesh, uint32_t mask, qvVtx *(*clone)(const qvVtx *), qvMeshPair *pair,
+              MovedEdges *kept) {
   if (!pair) return 1;
   pair->first = mesh;
   pair->second = nullptr;
@@ -534,8 +524,26 @@ int32_t qvMeshSplit(qvMesh *mesh, uint32_t mask, qvVtx *(*clone)(const qvVtx *),
     split->vtx = vtx.head;
     pair->second = split;
   }
-  std::free(moved.at);
+  if (ok && kept) *kept = moved;
+  else std::free(moved.at);
   return result;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Entry points
+
+qvTri *qvTriSort(qvTri *head, int32_t direction, int32_t axis, int32_t corner) {
+  return sortTriangles(head, direction, axis, corner, false);
+}
+
+int32_t qvMeshHalve(qvMesh *mesh, int32_t count, uint32_t mask) {
+  return halve(mesh, count, mask, false);
+}
+
+int32_t qvMeshSplit(qvMesh *mesh, uint32_t mask, qvVtx *(*clone)(const qvVtx *), qvMeshPair *pair) {
+  return split(mesh, mask, clone, pair, nullptr);
 }
 
 int32_t qvMeshUnpinch(qvMesh *mesh, qvVtx *(*clone)(const qvVtx *)) {
@@ -573,8 +581,12 @@ int32_t qvMeshCut(qvMesh *mesh, int32_t count, qvMeshPair *pair) {
   // The triangles are laid out in memory in the order of the cut's sort, along
   // which every later step and both halves walk them.
   if (halve(mesh, count, kCutSide, true) != 0) return FT_FAIL(-1);
-  if (qvMeshSplit(mesh, kCutSide, qvVtxClone, pair) != 0) return FT_FAIL(-1);
-  if (pair->first != mesh || !pair->second) return FT_FAIL(-1);
+  MovedEdges moved = {nullptr, 0};
+  if (split(mesh, kCutSide, qvVtxClone, pair, &moved) != 0) return FT_FAIL(-1);
+  if (pair->first != mesh || !pair->second) {
+    std::free(moved.at);
+    return FT_FAIL(-1);
+  }
 
   // A straight cut can leave a boundary that touches itself at a vertex, and
   // a half in several pieces: each half gets one record per pair of boundary
@@ -582,13 +594,19 @@ int32_t qvMeshCut(qvMesh *mesh, int32_t count, qvMeshPair *pair) {
   // into pieces doesn't matter here, only whether the cut into pieces worked:
   // pieces that still shared records could go to two threads. The halves
   // share no record, so they are settled side by side, each by itself, and
-  // the outcome is the same whichever ends first.
+  // the outcome is the same whichever ends first. The new half's edges,
+  // which the split strung up in the order of the sort, are first laid out
+  // in memory in that order, as the leaf would otherwise do after chasing
+  // them through memory.
   qvMesh *const halves[2] = {pair->first, pair->second};
   int32_t settled[2] = {0, 0};
 #pragma omp parallel for num_threads(2) schedule(static, 1)
-  for (int32_t i = 0; i < 2; ++i)
+  for (int32_t i = 0; i < 2; ++i) {
+    if (i == 1 && moved.at) (void)qvMeshPlaceEdges(halves[i], moved.at, moved.n);
     settled[i] = qvMeshUnpinch(halves[i], qvVtxClone) < 0 || qvMeshShells(halves[i], qvVtxClone) < 0
                      ? -1
                      : 0;
+  }
+  std::free(moved.at);
   return settled[0] < 0 || settled[1] < 0 ? FT_FAIL(-1) : 0;
 }
