@@ -140,12 +140,15 @@ int32_t reduceNodeWith(qvMesh *mesh, double tolerance, const double *angleRef, i
       if (method->progress) std::printf(kLineFinal, d);
       return reduceLeaf(mesh, tolerance, angleRef, method);
     }
-    const int32_t count = qvTriCount(mesh->tri);
+    // Only whether the list reaches kForkMin is counted here; the cut counts
+    // the list as it sorts it.
+    int32_t count = 0;
+    for (const qvTri *t = mesh->tri; t && count < kForkMin; t = t->next) ++count;
     if (count < kForkMin) {
       if (method->progress) std::printf(kLineStop, d);
       return reduceLeaf(mesh, tolerance, angleRef, method);
     }
-    if (qvMeshCut(mesh, count, &pair) != 0) {
+    if (qvMeshCut(mesh, -1, &pair) != 0) {
       gatherPieces(mesh, &pair);
       return FT_FAIL(-1);
     }

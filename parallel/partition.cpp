@@ -360,7 +360,8 @@ qvTri *placeSorted(qvTri **order, const TriKey *keys, int32_t n) {
 // qvTriSort; with place, the sorted list also runs up through memory when
 // its triangles are at rest (link and aux clear) and placeSorted can lay it
 // out so, and is relinked as it lies otherwise.
-qvTri *sortTriangles(qvTri *head, int32_t direction, int32_t axis, int32_t corner, bool place) {
+qvTri *sortTriangles(qvTri *head, int32_t direction, int32_t axis, int32_t corner, bool place,
+                     int32_t *count) {
   if (!head || head->prev || direction < 0 || direction > 1 || axis < 0 || axis > 2 ||
       corner < 0 || corner > 1)
     return nullptr;
@@ -409,6 +410,7 @@ qvTri *sortTriangles(qvTri *head, int32_t direction, int32_t axis, int32_t corne
   }
   std::free(keys);
   std::free(order);
+  if (count) *count = n;
   return head;
 }
 
@@ -427,10 +429,11 @@ int32_t halve(qvMesh *mesh, int32_t count, uint32_t mask, bool place) {
   int32_t axis = extent[1] > extent[0] ? 1 : 0;
   if (extent[2] > extent[axis]) axis = 2;
 
-  qvTri *sorted = sortTriangles(mesh->tri, 1, axis, 0, place);
+  int32_t listed = 0;
+  qvTri *sorted = sortTriangles(mesh->tri, 1, axis, 0, place, &listed);
   if (!sorted) return FT_FAIL(-1);
   mesh->tri = sorted;
-  if (count < 0) count = qvTriCount(mesh->tri);
+  if (count < 0) count = listed;
 
   // An odd triangle stays on the unmarked side.
   const int32_t half = count >> 1;
@@ -535,7 +538,7 @@ int32_t split(qvMesh *mesh, uint32_t mask, qvVtx *(*clone)(const qvVtx *), qvMes
 // Entry points
 
 qvTri *qvTriSort(qvTri *head, int32_t direction, int32_t axis, int32_t corner) {
-  return sortTriangles(head, direction, axis, corner, false);
+  return sortTriangles(head, direction, axis, corner, false, nullptr);
 }
 
 int32_t qvMeshHalve(qvMesh *mesh, int32_t count, uint32_t mask) {
