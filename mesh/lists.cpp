@@ -248,29 +248,19 @@ int32_t qvMeshCompact(qvMesh* mesh) {
   if (!mesh || mesh->triHeld) return -1;
   // One walk gathers the list in order and sees whether it already runs up
   // through memory; such a list stays as it is.
-  size_t capacity = 0;
-  size_t n = 0;
-  qvTri** order = nullptr;
+  ftmesh::Trail<qvTri> order;
   bool rising = true;
   for (qvTri* t = mesh->tri; t; t = t->next) {
-    if (t->link || t->aux[0] || t->aux[1] || t->aux[2] || n >= static_cast<size_t>(INT32_MAX)) {
-      std::free(order);
+    if (t->link || t->aux[0] || t->aux[1] || t->aux[2]) {
+      ftmesh::trailFree(order);
       return -1;
     }
     rising = rising && (!t->prev || t->prev < t);
-    if (n == capacity) {
-      capacity = capacity ? 2 * capacity : 4096;
-      qvTri** grown = static_cast<qvTri**>(ftRealloc(order, sizeof(qvTri*) * capacity));
-      if (!grown) {
-        std::free(order);
-        return -1;
-      }
-      order = grown;
-    }
-    order[n++] = t;
+    ftmesh::trailNote(order, t);
   }
-  qvTri* head = rising ? nullptr : qvTriPlaceInOrder(order, static_cast<int32_t>(n));
-  std::free(order);
+  const bool placeable = !rising && !order.lost && order.n <= static_cast<size_t>(INT32_MAX);
+  qvTri* head = placeable ? qvTriPlaceInOrder(order.at, static_cast<int32_t>(order.n)) : nullptr;
+  ftmesh::trailFree(order);
   if (rising) return 0;
   if (!head) return -1;
   mesh->tri = head;
