@@ -1414,17 +1414,22 @@ void moveBehind(qvTri*& head, qvTri* t, qvTri* n) {
 // A flood fill without a queue: the triangles reached from a triangle are
 // moved directly behind it, so each shell stands in an unbroken run that ends
 // at the first unmarked triangle, where the list is cut. Returns the last
-// mesh of the new part of the chain through last; the count, or -1.
+// mesh of the new part of the chain through last; the count, or -1. The
+// marks are cleared along a trail of the triangles passed, not by chasing
+// the list again in its new order.
 int32_t splitTriangles(qvMesh* mesh, qvMesh*& last) {
   int32_t shells = 0;
   qvMesh* c = mesh;
+  ftmesh::Trail<qvTri> passed;
   for (qvTri* t = mesh->tri; t; t = t->next) {
+    ftmesh::trailNote(passed, t);
     if (!(t->flags & kTriMarkVisit)) {
       t->flags |= kTriMarkVisit;
       if (shells > 0) {
         qvMesh* m = t->prev ? qvMeshNew(nullptr, nullptr, nullptr, mesh->flags) : nullptr;
         if (!m) {
           shells = -1;
+          passed.lost = true;
           break;
         }
         t->prev->next = nullptr;
@@ -1445,10 +1450,13 @@ int32_t splitTriangles(qvMesh* mesh, qvMesh*& last) {
     }
   }
   last = c;
-  for (qvMesh* m = mesh;; m = m->next) {
-    qvTriAndAll(m->tri, kMarkKeep);
-    if (m == c) break;
+  if (!ftmesh::trailAnd(passed, kMarkKeep)) {
+    for (qvMesh* m = mesh;; m = m->next) {
+      qvTriAndAll(m->tri, kMarkKeep);
+      if (m == c) break;
+    }
   }
+  ftmesh::trailFree(passed);
   return shells;
 }
 
@@ -1591,18 +1599,15 @@ void placeInOrder(qvMesh* mesh, const Soup& s, int32_t head, const int32_t* next
   int32_t n = 0;
   for (int32_t t = head; t >= 0; t = next[t]) ++n;
   qvTri** from = newArray<qvTri*>(n);  // the records in list order
-  qvTri** to = newArray<qvTri*>(n);    // the records by address
-  bool placed = from && to;
+  bool placed = from != nullptr;
   if (placed) {
     int32_t k = 0;
     for (int32_t t = head; t >= 0; t = next[t]) from[k++] = s.tri[t];
-    std::copy(from, from + n, to);
-    std::sort(to, to + n, std::less<qvTri*>());
-    placed = qvTriPlace(from, to, n) == 0;
-    if (placed) mesh->tri = to[0];
+    qvTri* first = qvTriPlaceInOrder(from, n);
+    placed = first != nullptr;
+    if (placed) mesh->tri = first;
   }
   std::free(from);
-  std::free(to);
   if (placed) return;
   qvTri* before = nullptr;
   for (int32_t t = head; t >= 0; t = next[t]) {

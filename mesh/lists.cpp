@@ -1,6 +1,7 @@
 // List routines. They are written once over the record type and given a
 // name per type; every record type chains itself through prev and next.
 #include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <functional>
 
@@ -150,13 +151,16 @@ int32_t qvTriPlace(qvTri* const* from, qvTri* const* to, int32_t n) {
   if (n <= 0) return 0;
   qvTri* copy = static_cast<qvTri*>(ftMalloc(sizeof(qvTri) * static_cast<size_t>(n)));
   if (!copy) return -1;
-  // Each record names in link the record its contents go to; a neighbour
-  // without one is not among the records.
-  for (int32_t i = 0; i < n; ++i) from[i]->link = to[i];
+  // Each record is read once for its contents and then names in link the
+  // record its contents go to; a neighbour without one is not among the
+  // records.
+  for (int32_t i = 0; i < n; ++i) {
+    copy[i] = *from[i];
+    from[i]->link = to[i];
+  }
   bool ok = true;
   for (int32_t i = 0; i < n && ok; ++i) {
     qvTri& c = copy[i];
-    c = *from[i];
     for (qvTri*& a : c.adj)
       if (a) ok = ok && (a = static_cast<qvTri*>(a->link)) != nullptr;
     c.link = nullptr;
@@ -171,30 +175,171 @@ int32_t qvTriPlace(qvTri* const* from, qvTri* const* to, int32_t n) {
   return ok ? 0 : -1;
 }
 
+namespace {
+
+// Sorts n different records by address. Large arrays go by digits of 11 bits
+// of the offset from the lowest address, least significant first, so that
+// records spread over a few gigabytes take three or four linear passes where
+// a comparison sort would chase its pivots through the whole array. false
+// when memory runs out, with the array as it was.
+template <class T>
+bool sortByAddress(T** a, int32_t n) {
+  constexpr int32_t kDigitBits = 11;
+  constexpr size_t kDigits = size_t{1} << kDigitBits;
+  constexpr int32_t kRadixFrom = 4096;  // below this, a comparison sort is as quick
+  if (std::is_sorted(a, a + n, std::less<T*>())) return true;
+  if (n < kRadixFrom) {
+    std::sort(a, a + n, std::less<T*>());
+    return true;
+  }
+  uintptr_t lo = UINTPTR_MAX;
+  uintptr_t hi = 0;
+  for (int32_t i = 0; i < n; ++i) {
+    const uintptr_t p = reinterpret_cast<uintptr_t>(a[i]);
+    lo = std::min(lo, p);
+    hi = std::max(hi, p);
+  }
+  const size_t size = static_cast<size_t>(n);
+  T** spare = static_cast<T**>(ftMalloc(sizeof(T*) * size));
+  size_t* count = static_cast<size_t*>(ftMalloc(sizeof(size_t) * kDigits));
+  if (!spare || !count) {
+    std::free(spare);
+    std::free(count);
+    return false;
+  }
+  T** in = a;
+  T** out = spare;
+  for (int32_t shift = 0; shift < 64 && ((hi - lo) >> shift) != 0; shift += kDigitBits) {
+    std::fill(count, count + kDigits, size_t{0});
+    for (size_t i = 0; i < size; ++i) ++count[((reinterpret_cast<uintptr_t>(in[i]) - lo) >> shift) & (kDigits - 1)];
+    size_t sum = 0;
+    for (size_t d = 0; d < kDigits; ++d) {
+      const size_t c = count[d];
+      count[d] = sum;
+      sum += c;
+    }
+    for (size_t i = 0; i < size; ++i)
+      out[count[((reinterpret_cast<uintptr_t>(in[i]) - lo) >> shift) & (kDigits - 1)]++] = in[i];
+    std::swap(in, out);
+  }
+  if (in != a) std::copy(in, in + n, a);
+  std::free(spare);
+  std::free(count);
+  return true;
+}
+
+}  // namespace
+
+qvTri* qvTriPlaceInOrder(qvTri* const* order, int32_t n) {
+  if (n <= 0) return nullptr;
+  const size_t size = static_cast<size_t>(n);
+  qvTri** to = static_cast<qvTri**>(ftMalloc(sizeof(qvTri*) * size));
+  bool ok = to != nullptr;
+  if (ok) {
+    std::copy(order, order + n, to);
+    ok = sortByAddress(to, n) && qvTriPlace(order, to, n) == 0;
+  }
+  qvTri* head = ok ? to[0] : nullptr;
+  std::free(to);
+  return head;
+}
+
 int32_t qvMeshCompact(qvMesh* mesh) {
   if (!mesh || mesh->triHeld) return -1;
-  // A list that already runs up through memory stays as it is.
-  int32_t n = 0;
+  // One walk gathers the list in order and sees whether it already runs up
+  // through memory; such a list stays as it is.
+  ftmesh::Trail<qvTri> order;
   bool rising = true;
-  for (const qvTri* t = mesh->tri; t; t = t->next, ++n) {
-    if (t->link || t->aux[0] || t->aux[1] || t->aux[2]) return -1;
+  for (qvTri* t = mesh->tri; t; t = t->next) {
+    if (t->link || t->aux[0] || t->aux[1] || t->aux[2]) {
+      ftmesh::trailFree(order);
+      return -1;
+    }
     rising = rising && (!t->prev || t->prev < t);
+    ftmesh::trailNote(order, t);
   }
+  const bool placeable = !rising && !order.lost && order.n <= static_cast<size_t>(INT32_MAX);
+  qvTri* head = placeable ? qvTriPlaceInOrder(order.at, static_cast<int32_t>(order.n)) : nullptr;
+  ftmesh::trailFree(order);
   if (rising) return 0;
-  // from: the records in list order; to: the same records by address.
+  if (!head) return -1;
+  mesh->tri = head;
+  return 0;
+}
+
+int32_t qvMeshPlaceEdges(qvMesh* mesh, qvEdg* const* order, int32_t n) {
+  if (!mesh || !order || n <= 0 || order[0] != mesh->edg) return -1;
   const size_t size = static_cast<size_t>(n);
-  qvTri** from = static_cast<qvTri**>(ftMalloc(sizeof(qvTri*) * size));
-  qvTri** to = static_cast<qvTri**>(ftMalloc(sizeof(qvTri*) * size));
-  bool ok = from && to;
+  size_t triangles = 0;
+  for (const qvTri* t = mesh->tri; t; t = t->next) ++triangles;
+  qvEdg** to = static_cast<qvEdg**>(ftMalloc(sizeof(qvEdg*) * size));
+  qvEdg* copy = static_cast<qvEdg*>(ftMalloc(sizeof(qvEdg) * size));
+  qvEdg** renamed = static_cast<qvEdg**>(ftMalloc(sizeof(qvEdg*) * 3 * (triangles ? triangles : 1)));
+  bool ok = to && copy && renamed;
   if (ok) {
-    int32_t i = 0;
-    for (qvTri* t = mesh->tri; t; t = t->next) from[i++] = t;
-    std::copy(from, from + n, to);
-    std::sort(to, to + n, std::less<qvTri*>());
-    ok = qvTriPlace(from, to, n) == 0;
-    if (ok) mesh->tri = to[0];
+    std::copy(order, order + n, to);
+    ok = sortByAddress(to, n);
   }
-  std::free(from);
+  int32_t linked = 0;
+  if (ok) {
+    // Each record is read once for its contents and then names in link the
+    // record its contents go to; an edge of a triangle without one is not in
+    // the list, and then nothing changes.
+    for (; linked < n && ok; ++linked) {
+      qvEdg* e = order[linked];
+      ok = !e->link && !e->own;
+      if (!ok) break;
+      copy[linked] = *e;
+      e->link = to[linked];
+    }
+    size_t k = 0;
+    for (const qvTri* t = mesh->tri; t && ok; t = t->next)
+      for (const qvEdg* e : t->edg) {
+        qvEdg* r = e ? static_cast<qvEdg*>(e->link) : nullptr;
+        ok = ok && (!e || r);
+        renamed[k++] = r;
+      }
+  }
+  if (ok) {
+    size_t k = 0;
+    for (qvTri* t = mesh->tri; t; t = t->next)
+      for (qvEdg*& e : t->edg) e = renamed[k++];
+    for (int32_t i = 0; i < n; ++i) {
+      qvEdg& c = copy[i];
+      c.link = nullptr;
+      c.prev = i > 0 ? to[i - 1] : nullptr;
+      c.next = i + 1 < n ? to[i + 1] : nullptr;
+    }
+    for (int32_t i = 0; i < n; ++i) *to[i] = copy[i];
+    mesh->edg = to[0];
+  } else {
+    for (int32_t i = 0; i < linked; ++i) order[i]->link = nullptr;
+  }
   std::free(to);
+  std::free(copy);
+  std::free(renamed);
   return ok ? 0 : -1;
+}
+
+int32_t qvMeshCompactEdges(qvMesh* mesh) {
+  if (!mesh || mesh->edgHeld) return -1;
+  // A list that runs up through memory but for a few steps back (at most
+  // one in kFewBack) stays as it is: walks along it still run through
+  // memory nearly in order.
+  constexpr size_t kFewBack = 32;
+  ftmesh::Trail<qvEdg> order;
+  size_t back = 0;
+  for (qvEdg* e = mesh->edg; e; e = e->next) {
+    if (e->link || e->own) {
+      ftmesh::trailFree(order);
+      return -1;
+    }
+    if (e->prev && e->prev > e) ++back;
+    ftmesh::trailNote(order, e);
+  }
+  const bool rising = back == 0 || back * kFewBack <= order.n;
+  const bool placed = !rising && !order.lost && order.n <= static_cast<size_t>(INT32_MAX) &&
+                      qvMeshPlaceEdges(mesh, order.at, static_cast<int32_t>(order.n)) == 0;
+  ftmesh::trailFree(order);
+  return rising || placed ? 0 : -1;
 }

@@ -3,6 +3,9 @@
 // checks that debug builds run after an editing primitive.
 #pragma once
 
+#include <cstdlib>
+
+#include "kernels/alloc.h"
 #include "mesh/qvMesh.h"
 
 namespace ftmesh {
@@ -58,6 +61,52 @@ template <class T>
 T* listMoveToHead(T* head, T* r) {
   if (r == head) return head;
   return listPrepend(listUnlink(head, r), r);
+}
+
+// Records noted along a walk, so that a later pass over the same records runs
+// through an array, asking for them ahead, instead of chasing a list again
+// through memory. When the array can't grow the trail is lost: it notes no
+// more, and the caller walks its lists as it would without one.
+template <class T>
+struct Trail {
+  T** at = nullptr;     // the records in the order noted
+  size_t n = 0;         // how many
+  size_t capacity = 0;  // room in at
+  bool lost = false;    // memory ran out; at is incomplete
+};
+
+template <class T>
+void trailNote(Trail<T>& trail, T* r) {
+  if (trail.lost) return;
+  if (trail.n == trail.capacity) {
+    const size_t grown = trail.capacity ? 2 * trail.capacity : 4096;
+    T** at = static_cast<T**>(ftRealloc(trail.at, sizeof(T*) * grown));
+    if (!at) {
+      trail.lost = true;
+      return;
+    }
+    trail.at = at;
+    trail.capacity = grown;
+  }
+  trail.at[trail.n++] = r;
+}
+
+// flags &= keep on every noted record; false, with nothing done, for a lost trail.
+template <class T>
+bool trailAnd(const Trail<T>& trail, uint32_t keep) {
+  constexpr size_t kAhead = 16;  // records between a prefetch and the write
+  if (trail.lost) return false;
+  for (size_t i = 0; i < trail.n; ++i) {
+    if (i + kAhead < trail.n) __builtin_prefetch(trail.at[i + kAhead], 1);
+    trail.at[i]->flags &= keep;
+  }
+  return true;
+}
+
+template <class T>
+void trailFree(Trail<T>& trail) {
+  std::free(trail.at);
+  trail = Trail<T>{};
 }
 
 // Coordinates behind a handle, or null.

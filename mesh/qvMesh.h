@@ -379,6 +379,20 @@ qvTri* qvTriReverse(qvTri* head);
 // triangles, a working link or aux set) or when memory runs out, and then
 // nothing has changed.
 int32_t qvMeshCompact(qvMesh* mesh);
+// The same for the edges of a mesh at rest: their contents move among their
+// own records so that the edge list runs up through memory, and the
+// triangles' edges are renamed to match. A list that steps back in memory
+// at most once in 32 steps is left as it is. 0; -1 for held edges, an edge with a
+// working link or own, a triangle holding an edge outside the list, or no
+// memory, and then nothing has changed.
+int32_t qvMeshCompactEdges(qvMesh* mesh);
+// Moves the contents of the n edges of order, the mesh's edge list in list
+// order, among their own records so that the list runs up through memory,
+// and renames the triangles' edges to match: the i-th edge of the list takes
+// the i-th record by address. 0; -1 when order doesn't start at the list's
+// head, an edge has a working link or own, a triangle holds an edge outside
+// order, or memory runs out, and then nothing has changed.
+int32_t qvMeshPlaceEdges(qvMesh* mesh, qvEdg* const* order, int32_t n);
 // Moves the contents of from[i] to the record to[i] for each i below n, the
 // two arrays naming the same n triangles, records at rest (link free): the
 // neighbours are renamed to the records their contents went to, and the
@@ -386,6 +400,11 @@ int32_t qvMeshCompact(qvMesh* mesh);
 // neighbour that is not among them, or memory runs out, and then nothing
 // has changed.
 int32_t qvTriPlace(qvTri* const* from, qvTri* const* to, int32_t n);
+// Lays the n triangles of order out in memory in that order through
+// qvTriPlace: the i-th takes the record at the i-th lowest address among
+// them. The record now first, or null with nothing changed (as qvTriPlace
+// fails, for n below 1, or when memory runs out).
+qvTri* qvTriPlaceInOrder(qvTri* const* order, int32_t n);
 
 qvMesh* qvMeshConcat(qvMesh* a, qvMesh* b);
 int32_t qvMeshDeleteAll(qvMesh* head);

@@ -26,6 +26,20 @@ void clearTriEdgeBits(qvMesh* mesh, uint32_t bits) {
       if (e) e->flags &= ~bits;
 }
 
+// Clears bits on the edges noted in trail, which a walk over the triangles
+// marked, or on every edge a triangle holds when the trail was lost.
+void clearEdgeTrail(qvMesh* mesh, ftmesh::Trail<qvEdg>& trail, uint32_t bits) {
+  if (!ftmesh::trailAnd(trail, ~bits)) clearTriEdgeBits(mesh, bits);
+  ftmesh::trailFree(trail);
+}
+
+// Whether two edges join the same two ends: a triangle on two such edges has
+// corners that depend on the edges' directions.
+bool sameEnds(const qvEdg* a, const qvEdg* b) {
+  return a && b && ((a->ends[0] == b->ends[0] && a->ends[1] == b->ends[1]) ||
+                    (a->ends[0] == b->ends[1] && a->ends[1] == b->ends[0]));
+}
+
 // The first edge behind the head run of edges that have a bit of mask.
 qvEdg* headRunEnd(qvEdg* head, uint32_t mask) {
   qvEdg* e = head;
@@ -57,6 +71,7 @@ int32_t qvBndCount(qvMesh* mesh) {
   if (!mesh || !(mesh->flags & kMeshStitched)) return -1;
   int32_t count = 0;
   bool ok = true;
+  ftmesh::Trail<qvEdg> visited;
   for (qvTri* t = mesh->tri; t && ok; t = t->next) {
     if (!(t->flags & kTriLinked)) {
       ok = false;
@@ -70,10 +85,11 @@ int32_t qvBndCount(qvMesh* mesh) {
       }
       if (e->flags & kEdgMarkVisit) continue;
       e->flags |= kEdgMarkVisit;
+      ftmesh::trailNote(visited, e);
       if (!t->adj[i]) ++count;
     }
   }
-  clearTriEdgeBits(mesh, kEdgMarkVisit);
+  clearEdgeTrail(mesh, visited, kEdgMarkVisit);
   return ok ? count : -1;
 }
 
@@ -92,6 +108,7 @@ int32_t orientCheck(qvMesh* mesh, int32_t* bnd) {
   int32_t result = 0;
   int32_t count = 0;
   bool counted = (mesh->flags & kMeshStitched) != 0;
+  ftmesh::Trail<qvEdg> visited;
   for (qvTri* t = mesh->tri; t && result == 0; t = t->next) {
     if (!(t->flags & kTriLinked)) counted = false;
     double* c[3];
@@ -104,6 +121,7 @@ int32_t orientCheck(qvMesh* mesh, int32_t* bnd) {
       }
       if (e->flags & kEdgMarkVisit) continue;
       e->flags |= kEdgMarkVisit;
+      ftmesh::trailNote(visited, e);
       const qvTri* n = t->adj[i];
       // A boundary edge is never inconsistent.
       if (!n) {
@@ -117,7 +135,7 @@ int32_t orientCheck(qvMesh* mesh, int32_t* bnd) {
       result = j < 0 || mine < 0 || theirs < 0 ? -1 : mine == theirs ? 1 : 0;
     }
   }
-  clearTriEdgeBits(mesh, kEdgMarkVisit);
+  clearEdgeTrail(mesh, visited, kEdgMarkVisit);
   if (bnd) *bnd = counted ? count : -1;
   return result;
 }
@@ -200,9 +218,14 @@ int32_t qvTopoMark(qvMesh* mesh, uint32_t vtxBit, uint32_t bndBit, uint32_t inBi
   mesh->flags &= ~kMeshPassSet;
 
   // Stage one: classify each edge once, from the first triangle that holds it.
+  // The triangle's corners are read once for its three slots; turning one of
+  // its first two edges changes them only when those two join the same ends.
   int32_t inconsistent = 0;
   bool ok = true;
+  ftmesh::Trail<qvEdg> visited;
   for (qvTri* t = mesh->tri; t && ok; t = t->next) {
+    double* corner[3];
+    int32_t corners = -1;  // 0 read, 1 unreadable, -1 not read yet
     for (int32_t i = 0; i < 3; ++i) {
       qvEdg* e = t->edg[i];
       if (!e || !e->ends[0] || !e->ends[1]) {
@@ -211,7 +234,9 @@ int32_t qvTopoMark(qvMesh* mesh, uint32_t vtxBit, uint32_t bndBit, uint32_t inBi
       }
       if (e->flags & kEdgMarkVisit) continue;
       e->flags |= kEdgMarkVisit;
-      const int32_t rev = qvTriEdgeRev(t, i);
+      ftmesh::trailNote(visited, e);
+      if (corners < 0) corners = qvTriCorners(t, 0, corner) != 0 ? 1 : 0;
+      const int32_t rev = corners != 0 ? -1 : e->ends[0] != corner[i] ? 1 : 0;
       if (rev < 0) {
         ok = false;
         break;
@@ -244,11 +269,12 @@ int32_t qvTopoMark(qvMesh* mesh, uint32_t vtxBit, uint32_t bndBit, uint32_t inBi
       if (rev == 1) {
         std::swap(e->ends[0], e->ends[1]);
         e->flags |= swapBit;
+        if (i < 2 && sameEnds(t->edg[0], t->edg[1])) corners = -1;
       }
       if (marked) mesh->edg = listMoveToHead(mesh->edg, e);
     }
   }
-  clearTriEdgeBits(mesh, kEdgMarkVisit);
+  clearEdgeTrail(mesh, visited, kEdgMarkVisit);
   if (!ok) {
     qvTopoUnmark(mesh, vtxBit, sel, swapBit);
     return -1;

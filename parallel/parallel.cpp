@@ -71,13 +71,14 @@ void gatherPieces(qvMesh *mesh, qvMeshPair *pair) {
 
 // The leaf's progress notes let the front end tell the time a leaf spends
 // outside its passes (features, caps) from the passes themselves.
-// A leaf walks its triangles many times, and after a cut they run in the
-// order of the sort that halved it, not in the order their records lie in
-// memory: the records are made anew in list order first. A mesh that can't be
-// compacted is reduced as it is.
+// A leaf walks its triangle and edge lists many times, and after a cut they
+// run in the order of the sort that halved it and of the split, not in the
+// order their records lie in memory: both are laid out in list order first.
+// A mesh that can't be compacted is reduced as it is.
 int32_t reduceLeaf(qvMesh *mesh, double tolerance, const double *angleRef,
                    const qvParMethod *method) {
   (void)qvMeshCompact(mesh);
+  (void)qvMeshCompactEdges(mesh);
   ftProgress(kProgressLeaf, 0);
   int32_t removed = 0;
   const int32_t status = method->leaf(mesh, tolerance, angleRef, &removed);
@@ -139,12 +140,15 @@ int32_t reduceNodeWith(qvMesh *mesh, double tolerance, const double *angleRef, i
       if (method->progress) std::printf(kLineFinal, d);
       return reduceLeaf(mesh, tolerance, angleRef, method);
     }
-    const int32_t count = qvTriCount(mesh->tri);
+    // Only whether the list reaches kForkMin is counted here; the cut counts
+    // the list as it sorts it.
+    int32_t count = 0;
+    for (const qvTri *t = mesh->tri; t && count < kForkMin; t = t->next) ++count;
     if (count < kForkMin) {
       if (method->progress) std::printf(kLineStop, d);
       return reduceLeaf(mesh, tolerance, angleRef, method);
     }
-    if (qvMeshCut(mesh, count, &pair) != 0) {
+    if (qvMeshCut(mesh, -1, &pair) != 0) {
       gatherPieces(mesh, &pair);
       return FT_FAIL(-1);
     }

@@ -11,8 +11,6 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
-#include <functional>
-#include <initializer_list>
 
 #include "parallel/parallel.h"
 #include "kernels/alloc.h"
@@ -49,6 +47,37 @@ void chainAppend(Chain<T> &c, T *r) {
   if (c.tail) c.tail->next = r;
   else c.head = r;
   c.tail = r;
+}
+
+// The new side's edges in chain order, noted as they are appended, so that
+// the passes over them run through an array with the records asked for
+// ahead instead of chasing the chain through memory. at is null when no
+// memory could be had, and the passes then walk the chain.
+struct MovedEdges {
+  qvEdg **at;  // the edges in chain order, or null
+  int32_t n;   // how many were noted
+};
+
+constexpr int32_t kAheadEdge = 16;  // edges between a prefetch and the read
+constexpr int32_t kAheadEnds = 8;   // edges between a prefetch of their ends and the read
+
+// Calls fn on each new edge in chain order until it returns false; whether
+// every call returned true.
+template <class Fn>
+bool eachMoved(const MovedEdges &moved, const Chain<qvEdg> &edg, Fn fn) {
+  if (!moved.at) {
+    for (qvEdg *e = edg.head; e; e = e->next)
+      if (!fn(e)) return false;
+    return true;
+  }
+  for (int32_t i = 0; i < moved.n; ++i) {
+    if (i + kAheadEdge < moved.n) __builtin_prefetch(moved.at[i + kAheadEdge], 1);
+    if (i + kAheadEnds < moved.n)
+      for (const double *h : moved.at[i + kAheadEnds]->ends)
+        if (h) __builtin_prefetch(qvVtxOf(h), 1);
+    if (!fn(moved.at[i])) return false;
+  }
+  return true;
 }
 
 // ---------------------------------------------------------------------------
@@ -90,10 +119,13 @@ constexpr int32_t kAhead = 8;  // triangles between a corner prefetch and the re
 // ---------------------------------------------------------------------------
 // Splitting by a triangle flag
 
-void clearSplitMarks(Chain<qvTri> &tri, Chain<qvEdg> &edg, Chain<qvVtx> &vtx, qvMesh *mesh,
-                     uint32_t mask) {
+void clearSplitMarks(Chain<qvTri> &tri, Chain<qvEdg> &edg, const MovedEdges &moved,
+                     Chain<qvVtx> &vtx, qvMesh *mesh, uint32_t mask) {
   for (qvTri *t = tri.head; t; t = t->next) t->flags &= ~mask;
-  for (qvEdg *e = edg.head; e; e = e->next) e->flags &= ~kEdgMoved;
+  (void)eachMoved(moved, edg, [](qvEdg *e) {
+    e->flags &= ~kEdgMoved;
+    return true;
+  });
   for (qvVtx *v = vtx.head; v; v = v->next) v->flags &= ~(kUsedOld | kUsedNew);
   for (qvVtx *v = mesh->vtx; v; v = v->next) v->flags &= ~(kUsedOld | kUsedNew);
 }
@@ -102,8 +134,9 @@ void clearSplitMarks(Chain<qvTri> &tri, Chain<qvEdg> &edg, Chain<qvVtx> &vtx, qv
 // What was done stays done: cleared adjacencies, seam edge copies, vertex
 // clones and the links to them. The mesh is good only for being freed.
 int32_t splitAbandon(qvMesh *mesh, qvMesh *split, Chain<qvTri> &tri, Chain<qvEdg> &edg,
-                     Chain<qvVtx> &vtx, uint32_t mask, qvMeshPair *pair) {
-  clearSplitMarks(tri, edg, vtx, mesh, mask);
+                     const MovedEdges &moved, Chain<qvVtx> &vtx, uint32_t mask,
+                     qvMeshPair *pair) {
+  clearSplitMarks(tri, edg, moved, vtx, mesh, mask);
   mesh->tri = qvTriConcat(mesh->tri, tri.head);
   mesh->edg = qvEdgConcat(mesh->edg, edg.head);
   mesh->vtx = qvVtxConcat(mesh->vtx, vtx.head);
@@ -116,14 +149,18 @@ int32_t splitAbandon(qvMesh *mesh, qvMesh *split, Chain<qvTri> &tri, Chain<qvEdg
   return 1;
 }
 
-// Sets bit on the records of both ends of every edge of a list; false at an
-// edge with a missing end.
-bool markEnds(qvEdg *head, uint32_t bit) {
-  for (qvEdg *e = head; e; e = e->next) {
-    if (!e->ends[0] || !e->ends[1]) return false;
-    qvVtxOf(e->ends[0])->flags |= bit;
-    qvVtxOf(e->ends[1])->flags |= bit;
-  }
+// Sets bit on the records of both ends of an edge; false for a missing end.
+bool markEnds(qvEdg *e, uint32_t bit) {
+  if (!e->ends[0] || !e->ends[1]) return false;
+  qvVtxOf(e->ends[0])->flags |= bit;
+  qvVtxOf(e->ends[1])->flags |= bit;
+  return true;
+}
+
+// The same for every edge of a list; false at the first edge with a missing end.
+bool markListEnds(qvEdg *head, uint32_t bit) {
+  for (qvEdg *e = head; e; e = e->next)
+    if (!markEnds(e, bit)) return false;
   return true;
 }
 
@@ -131,8 +168,13 @@ bool markEnds(qvEdg *head, uint32_t bit) {
 // edge of a moved triangle goes to the new mesh. An edge shared with a triangle
 // that stays is a seam edge: the neighbour keeps it, and the moved triangle
 // gets a copy, so each side has its own boundary.
-bool splitEdges(qvMesh *mesh, qvTri *moved, uint32_t mask, Chain<qvEdg> &edg) {
-  for (qvTri *t = moved; t; t = t->next) {
+bool splitEdges(qvMesh *mesh, qvTri *movedTri, uint32_t mask, Chain<qvEdg> &edg,
+                MovedEdges &moved) {
+  auto append = [&edg, &moved](qvEdg *e) {
+    chainAppend(edg, e);
+    if (moved.at) moved.at[moved.n++] = e;
+  };
+  for (qvTri *t = movedTri; t; t = t->next) {
     for (int32_t i = 0; i < 3; ++i) {
       qvEdg *e = t->edg[i];
       qvTri *n = t->adj[i];
@@ -145,11 +187,11 @@ bool splitEdges(qvMesh *mesh, qvTri *moved, uint32_t mask, Chain<qvEdg> &edg) {
         copy->tag2 = e->tag2;
         copy->flags |= kEdgMoved;
         t->edg[i] = copy;
-        chainAppend(edg, copy);
+        append(copy);
       } else if (!(e->flags & kEdgMoved)) {
         e->flags |= kEdgMoved;
         mesh->edg = qvEdgUnlink(mesh->edg, e);
-        chainAppend(edg, e);
+        append(e);
       }
     }
   }
@@ -168,7 +210,7 @@ bool splitEdges(qvMesh *mesh, qvTri *moved, uint32_t mask, Chain<qvEdg> &edg) {
 // seam mark included), the clone joins the new side and the new side's edge
 // ends are turned to it.
 bool splitVertices(qvMesh *mesh, qvVtx *(*clone)(const qvVtx *), Chain<qvEdg> &edg,
-                   Chain<qvVtx> &vtx) {
+                   const MovedEdges &moved, Chain<qvVtx> &vtx) {
   qvVtx *next = nullptr;
   for (qvVtx *v = mesh->vtx; v; v = next) {
     next = v->next;
@@ -184,9 +226,11 @@ bool splitVertices(qvMesh *mesh, qvVtx *(*clone)(const qvVtx *), Chain<qvEdg> &e
       chainAppend(vtx, c);
     }
   }
-  for (qvEdg *e = edg.head; e; e = e->next)
+  (void)eachMoved(moved, edg, [](qvEdg *e) {
     for (double *&h : e->ends)
       if (const qvVtx *v = qvVtxOf(h); v->link) h = static_cast<qvVtx *>(v->link)->dat;
+    return true;
+  });
   for (qvVtx *v = mesh->vtx; v; v = v->next) v->link = nullptr;
   return true;
 }
@@ -294,63 +338,71 @@ bool unpinchVertex(qvMesh *mesh, qvVtx *v, qvVtx *(*clone)(const qvVtx *)) {
   return true;
 }
 
-// Lays the triangles out in memory in keys' order, through qvTriPlace: the
-// i-th of the new order takes the i-th record by address. order holds the
-// records in their former list order. The head of the list, or null with
-// nothing changed when a triangle is not at rest (link or aux set) or names
-// a neighbour outside the list, or memory runs out.
+// Lays the triangles, at rest, out in memory in keys' order: the i-th of the
+// new order takes the i-th record by address (qvTriPlace). order holds the
+// records in their former list order, which after assembly or an earlier
+// cut already runs up through memory. The head of the list, or null with
+// nothing changed when a triangle names a neighbour outside the list or
+// memory runs out.
 qvTri *placeSorted(qvTri **order, const TriKey *keys, int32_t n) {
-  for (int32_t i = 0; i < n; ++i) {
-    const qvTri *t = order[i];
-    if (t->link || t->aux[0] || t->aux[1] || t->aux[2]) return nullptr;
-  }
-  const size_t size = static_cast<size_t>(n);
-  qvTri **from = static_cast<qvTri **>(ftMalloc(sizeof(qvTri *) * size));
-  qvTri **to = static_cast<qvTri **>(ftMalloc(sizeof(qvTri *) * size));
-  bool ok = from && to;
-  if (ok) {
-    for (int32_t i = 0; i < n; ++i) from[i] = order[keys[i].pos];
-    std::copy(order, order + n, to);
-    if (!std::is_sorted(to, to + n, std::less<qvTri *>())) std::sort(to, to + n, std::less<qvTri *>());
-    ok = qvTriPlace(from, to, n) == 0;
-    for (int32_t i = 0; ok && i < n; ++i) to[i]->tag = 0;
-  }
-  qvTri *head = ok ? to[0] : nullptr;
+  qvTri **from = static_cast<qvTri **>(ftMalloc(sizeof(qvTri *) * static_cast<size_t>(n)));
+  if (!from) return nullptr;
+  for (int32_t i = 0; i < n; ++i) from[i] = order[keys[i].pos];
+  qvTri *head = nullptr;
+  if (std::is_sorted(order, order + n, [](const qvTri *a, const qvTri *b) { return a < b; }))
+    head = qvTriPlace(from, order, n) == 0 ? order[0] : nullptr;
+  else
+    head = qvTriPlaceInOrder(from, n);
   std::free(from);
-  std::free(to);
   return head;
 }
 
 // qvTriSort; with place, the sorted list also runs up through memory when
-// placeSorted can lay it out so, and is relinked as it lies otherwise.
-qvTri *sortTriangles(qvTri *head, int32_t direction, int32_t axis, int32_t corner, bool place) {
+// its triangles are at rest (link and aux clear) and placeSorted can lay it
+// out so, and is relinked as it lies otherwise.
+qvTri *sortTriangles(qvTri *head, int32_t direction, int32_t axis, int32_t corner, bool place,
+                     int32_t *count) {
   if (!head || head->prev || direction < 0 || direction > 1 || axis < 0 || axis > 2 ||
       corner < 0 || corner > 1)
     return nullptr;
-  // The count also bounds the walk, should the list run in a cycle.
+  // One walk gathers the list; the count also bounds it, should the list run
+  // in a cycle.
   int32_t n = 0;
-  for (const qvTri *t = head; t; t = t->next)
-    if (++n > kSortMax) return nullptr;
-  qvTri **order = static_cast<qvTri **>(ftMalloc(static_cast<size_t>(n) * sizeof(qvTri *)));
+  int32_t capacity = 0;
+  qvTri **order = nullptr;
+  for (qvTri *t = head; t; t = t->next) {
+    qvTri **grown = order;
+    if (n == capacity && n < kSortMax) {
+      capacity = capacity == 0 ? 4096 : std::min(2 * capacity, kSortMax);
+      grown = static_cast<qvTri **>(ftRealloc(order, sizeof(qvTri *) * static_cast<size_t>(capacity)));
+    }
+    if (n == kSortMax || !grown) {
+      std::free(order);
+      return nullptr;
+    }
+    order = grown;
+    order[n++] = t;
+  }
   TriKey *keys = static_cast<TriKey *>(ftMalloc(static_cast<size_t>(n) * sizeof(TriKey)));
-  if (!order || !keys) {
+  if (!keys) {
     std::free(order);
-    std::free(keys);
     return nullptr;
   }
-  int32_t i = 0;
-  for (qvTri *t = head; t; t = t->next) order[i++] = t;
-  for (i = 0; i < n; ++i) {
+  // From here on nothing fails: the pass that reads the keys also clears tag.
+  bool atRest = true;
+  for (int32_t i = 0; i < n; ++i) {
     if (i + 2 * kAhead < n) qvTriPrefetchEdges(order[i + 2 * kAhead]);
     if (i + kAhead < n) qvTriPrefetchCorners(order[i + kAhead]);
-    keys[i] = triKey(order[i], i, direction, axis, corner);
+    qvTri *t = order[i];
+    keys[i] = triKey(t, i, direction, axis, corner);
+    t->tag = 0;
+    atRest = atRest && !t->link && !t->aux[0] && !t->aux[1] && !t->aux[2];
   }
   std::sort(keys, keys + n, [](const TriKey &a, const TriKey &b) { return keyBefore(a, b); });
-  head = place ? placeSorted(order, keys, n) : nullptr;
+  head = place && atRest ? placeSorted(order, keys, n) : nullptr;
   if (!head) {
-    for (i = 0; i < n; ++i) {
+    for (int32_t i = 0; i < n; ++i) {
       qvTri *t = order[keys[i].pos];
-      t->tag = 0;
       t->prev = i > 0 ? order[keys[i - 1].pos] : nullptr;
       t->next = i + 1 < n ? order[keys[i + 1].pos] : nullptr;
     }
@@ -358,6 +410,7 @@ qvTri *sortTriangles(qvTri *head, int32_t direction, int32_t axis, int32_t corne
   }
   std::free(keys);
   std::free(order);
+  if (count) *count = n;
   return head;
 }
 
@@ -376,10 +429,11 @@ int32_t halve(qvMesh *mesh, int32_t count, uint32_t mask, bool place) {
   int32_t axis = extent[1] > extent[0] ? 1 : 0;
   if (extent[2] > extent[axis]) axis = 2;
 
-  qvTri *sorted = sortTriangles(mesh->tri, 1, axis, 0, place);
+  int32_t listed = 0;
+  qvTri *sorted = sortTriangles(mesh->tri, 1, axis, 0, place, &listed);
   if (!sorted) return FT_FAIL(-1);
   mesh->tri = sorted;
-  if (count < 0) count = qvTriCount(mesh->tri);
+  if (count < 0) count = listed;
 
   // An odd triangle stays on the unmarked side.
   const int32_t half = count >> 1;
@@ -424,20 +478,10 @@ int32_t halve(qvMesh *mesh, int32_t count, uint32_t mask, bool place) {
   return 0;
 }
 
-}  // namespace
-
-// ---------------------------------------------------------------------------
-// Entry points
-
-qvTri *qvTriSort(qvTri *head, int32_t direction, int32_t axis, int32_t corner) {
-  return sortTriangles(head, direction, axis, corner, false);
-}
-
-int32_t qvMeshHalve(qvMesh *mesh, int32_t count, uint32_t mask) {
-  return halve(mesh, count, mask, false);
-}
-
-int32_t qvMeshSplit(qvMesh *mesh, uint32_t mask, qvVtx *(*clone)(const qvVtx *), qvMeshPair *pair) {
+// qvMeshSplit; with kept, the new mesh's edges in list order are handed over
+// there after a split (at null when there are none or no memory was had).
+int32_t split(qvMesh *mesh, uint32_t mask, qvVtx *(*clone)(const qvVtx *), qvMeshPair *pair,
+              MovedEdges *kept) {
   if (!pair) return 1;
   pair->first = mesh;
   pair->second = nullptr;
@@ -446,11 +490,13 @@ int32_t qvMeshSplit(qvMesh *mesh, uint32_t mask, qvVtx *(*clone)(const qvVtx *),
 
   Chain<qvTri> tri;
   qvTri *next = nullptr;
+  size_t count = 0;
   for (qvTri *t = mesh->tri; t; t = next) {
     next = t->next;
     if (!(t->flags & mask)) continue;
     mesh->tri = qvTriUnlinkList(mesh->tri, t);
     chainAppend(tri, t);
+    ++count;
   }
   if (!tri.head) return 0;
   if (!mesh->tri) {
@@ -467,16 +513,40 @@ int32_t qvMeshSplit(qvMesh *mesh, uint32_t mask, qvVtx *(*clone)(const qvVtx *),
   mesh->flags &= ~kMeshSortedSet;
   Chain<qvEdg> edg;
   Chain<qvVtx> vtx;
+  // A moved triangle brings at most its three edges.
+  MovedEdges moved = {static_cast<qvEdg **>(ftMalloc(sizeof(qvEdg *) * 3 * count)), 0};
   qvMesh *split = qvMeshNew(tri.head, nullptr, nullptr, mesh->flags);
-  if (!split || !splitEdges(mesh, tri.head, mask, edg) || !markEnds(mesh->edg, kUsedOld) ||
-      !markEnds(edg.head, kUsedNew) || !splitVertices(mesh, clone, edg, vtx))
-    return splitAbandon(mesh, split, tri, edg, vtx, mask, pair);
+  const bool ok = split && splitEdges(mesh, tri.head, mask, edg, moved) &&
+                  markListEnds(mesh->edg, kUsedOld) &&
+                  eachMoved(moved, edg, [](qvEdg *e) { return markEnds(e, kUsedNew); }) &&
+                  splitVertices(mesh, clone, edg, moved, vtx);
+  const int32_t result = ok ? 0 : splitAbandon(mesh, split, tri, edg, moved, vtx, mask, pair);
+  if (ok) {
+    clearSplitMarks(tri, edg, moved, vtx, mesh, mask);
+    split->edg = edg.head;
+    split->vtx = vtx.head;
+    pair->second = split;
+  }
+  if (ok && kept) *kept = moved;
+  else std::free(moved.at);
+  return result;
+}
 
-  clearSplitMarks(tri, edg, vtx, mesh, mask);
-  split->edg = edg.head;
-  split->vtx = vtx.head;
-  pair->second = split;
-  return 0;
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Entry points
+
+qvTri *qvTriSort(qvTri *head, int32_t direction, int32_t axis, int32_t corner) {
+  return sortTriangles(head, direction, axis, corner, false, nullptr);
+}
+
+int32_t qvMeshHalve(qvMesh *mesh, int32_t count, uint32_t mask) {
+  return halve(mesh, count, mask, false);
+}
+
+int32_t qvMeshSplit(qvMesh *mesh, uint32_t mask, qvVtx *(*clone)(const qvVtx *), qvMeshPair *pair) {
+  return split(mesh, mask, clone, pair, nullptr);
 }
 
 int32_t qvMeshUnpinch(qvMesh *mesh, qvVtx *(*clone)(const qvVtx *)) {
@@ -514,17 +584,32 @@ int32_t qvMeshCut(qvMesh *mesh, int32_t count, qvMeshPair *pair) {
   // The triangles are laid out in memory in the order of the cut's sort, along
   // which every later step and both halves walk them.
   if (halve(mesh, count, kCutSide, true) != 0) return FT_FAIL(-1);
-  if (qvMeshSplit(mesh, kCutSide, qvVtxClone, pair) != 0) return FT_FAIL(-1);
-  if (pair->first != mesh || !pair->second) return FT_FAIL(-1);
+  MovedEdges moved = {nullptr, 0};
+  if (split(mesh, kCutSide, qvVtxClone, pair, &moved) != 0) return FT_FAIL(-1);
+  if (pair->first != mesh || !pair->second) {
+    std::free(moved.at);
+    return FT_FAIL(-1);
+  }
 
   // A straight cut can leave a boundary that touches itself at a vertex, and
   // a half in several pieces: each half gets one record per pair of boundary
   // edges at a vertex, then becomes a chain of its pieces. Whether it fell
   // into pieces doesn't matter here, only whether the cut into pieces worked:
-  // pieces that still shared records could go to two threads.
-  for (qvMesh *half : {pair->first, pair->second}) {
-    if (qvMeshUnpinch(half, qvVtxClone) < 0) return FT_FAIL(-1);
-    if (qvMeshShells(half, qvVtxClone) < 0) return FT_FAIL(-1);
+  // pieces that still shared records could go to two threads. The halves
+  // share no record, so they are settled side by side, each by itself, and
+  // the outcome is the same whichever ends first. The new half's edges,
+  // which the split strung up in the order of the sort, are first laid out
+  // in memory in that order, as the leaf would otherwise do after chasing
+  // them through memory.
+  qvMesh *const halves[2] = {pair->first, pair->second};
+  int32_t settled[2] = {0, 0};
+#pragma omp parallel for num_threads(2) schedule(static, 1)
+  for (int32_t i = 0; i < 2; ++i) {
+    if (i == 1 && moved.at) (void)qvMeshPlaceEdges(halves[i], moved.at, moved.n);
+    settled[i] = qvMeshUnpinch(halves[i], qvVtxClone) < 0 || qvMeshShells(halves[i], qvVtxClone) < 0
+                     ? -1
+                     : 0;
   }
-  return 0;
+  std::free(moved.at);
+  return settled[0] < 0 || settled[1] < 0 ? FT_FAIL(-1) : 0;
 }

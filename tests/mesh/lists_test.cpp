@@ -1,6 +1,8 @@
 // Records and list routines: hand-built lists checked link by link.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <functional>
 #include <vector>
 
 #include "fixture.h"
@@ -112,20 +114,52 @@ std::vector<int> shape(const qvMesh* m) {
   return out;
 }
 
-TEST(MeshCompact, ListRunsUpThroughMemoryWithContentsAndOrderKeptAndRefusalsChangeNothing) {
-  for (const Shape* s : {&kOctahedron, &kOpenCone, &kBowTie, &kThreeOnEdge}) {
+// A flat grid of n x n squares, two faces each: enough records that
+// compaction sorts their addresses by digits.
+Shape gridShape(int n) {
+  Shape s;
+  for (int i = 0; i <= n; ++i)
+    for (int j = 0; j <= n; ++j) s.pts.push_back({double(i), double(j), 0.0});
+  for (int i = 0; i < n; ++i)
+    for (int j = 0; j < n; ++j) {
+      const int a = i * (n + 1) + j, b = a + n + 1;
+      s.faces.push_back({a, b, b + 1});
+      s.faces.push_back({a, b + 1, a + 1});
+    }
+  return s;
+}
+
+TEST(MeshCompact, ListsRunUpThroughMemoryWithContentsAndOrderKeptAndRefusalsChangeNothing) {
+  const Shape grid = gridShape(48);
+  for (const Shape* s : {&kOctahedron, &kOpenCone, &kBowTie, &kThreeOnEdge, &grid}) {
     Fixture f(*s);
-    f.mesh->tri = qvTriReverse(f.mesh->tri);  // list order against the order of making
+    // Triangles against the order of making, edges down through memory.
+    f.mesh->tri = qvTriReverse(f.mesh->tri);
+    std::vector<qvEdg*> edges;
+    for (qvEdg* e = f.mesh->edg; e; e = e->next) edges.push_back(e);
+    std::sort(edges.begin(), edges.end(), std::greater<qvEdg*>());
+    for (size_t i = 0; i < edges.size(); ++i) {
+      edges[i]->prev = i > 0 ? edges[i - 1] : nullptr;
+      edges[i]->next = i + 1 < edges.size() ? edges[i + 1] : nullptr;
+    }
+    f.mesh->edg = edges[0];
     const std::vector<int> before = shape(f.mesh);
     const qvTri* oldHead = f.mesh->tri;
+    const qvEdg* oldEdge = f.mesh->edg;
     f.mesh->tri->next->link = f.mesh->tri;  // a working link: refused
+    f.mesh->edg->next->own = f.mesh->tri;
     EXPECT_EQ(qvMeshCompact(f.mesh), -1);
+    EXPECT_EQ(qvMeshCompactEdges(f.mesh), -1);
     EXPECT_EQ(f.mesh->tri, oldHead);
+    EXPECT_EQ(f.mesh->edg, oldEdge);
     f.mesh->tri->next->link = nullptr;
+    f.mesh->edg->next->own = nullptr;
     EXPECT_EQ(shape(f.mesh), before);
     ASSERT_EQ(qvMeshCompact(f.mesh), 0);
+    ASSERT_EQ(qvMeshCompactEdges(f.mesh), 0);
     EXPECT_EQ(shape(f.mesh), before);
     for (const qvTri* t = f.mesh->tri; t->next; t = t->next) EXPECT_LT(t, t->next);
+    for (const qvEdg* e = f.mesh->edg; e->next; e = e->next) EXPECT_LT(e, e->next);
     EXPECT_EQ(validateText(f.mesh), "");
     f.t.clear();
   }
