@@ -392,15 +392,16 @@ constexpr double kQuickDue = 0.0;
 constexpr double kQuickNext = 1.0;
 constexpr double kQuickDone = 2.0;
 
-void quickChanged(qvVtx* const* x, int32_t n) {
+int32_t quickChanged(qvVtx* const* x, int32_t n) {
   for (int32_t i = 0; i < n; ++i)
     if (!(x[i]->flags & kVtxKeepSet)) scoreSet(x[i], kQuickNext);
+  return 0;
 }
 
 // The quick sweep: the vertices in list order, each tried along its
-// shortest spoke and removed when it scores within the tolerance. A removal
-// changes the trials of its ring and of the far corners round it: those
-// wait for the next sweep, so that the removals of one sweep lie apart and
+// shortest spoke and removed when it scores within the tolerance. The
+// vertices whose trials a removal changes (qvTrialTouched) wait for the
+// next sweep, so that the removals of one sweep lie apart and
 // no fan grows across a flat face by one removal after another. Sweeps go
 // on while any vertex waits. No order is kept, and a vertex is tried again
 // only when a removal changed its surroundings; like the full sweep, it ends
@@ -422,14 +423,9 @@ int32_t sweepQuick(qvMesh* mesh, const qvRedParams* params, qvTrial* tr) {
         qvTrialDrop(tr);
       } else if (r == 0) {
         if (qvTrialCommit(mesh, tr, params) != 0) return -1;
+        if (qvTrialTouched(tr, quickChanged) != 0) return -1;
         ++removed;
         again = true;
-        quickChanged(tr->ring, tr->nRing);
-        for (int32_t i = 0; i < tr->nNear; ++i) {
-          qvVtx* corners[3];
-          if (qvTriCornerVtx(tr->near[i], 0, corners) != 0) return -1;
-          quickChanged(corners, 3);
-        }
       }
       if (first && ++untold == kProgressEvery) {
         ftProgress(kProgressSweep, untold);

@@ -241,6 +241,20 @@ struct qvTrial {
   int32_t weight;         // of a score of 0: the pieces in the covers the trial displaced; else 0
 };
 
+// The vertices whose trials a commit of tr changes: those of its ring, whose
+// stars changed, and the far corners of the triangles round the ring, whose
+// stars lost pieces to the new fan or now border it. fn(vertices, count) is
+// called for each group while it returns 0; its first other result, or 0.
+template <class Fn>
+int32_t qvTrialTouched(const qvTrial *tr, Fn fn) {
+  int32_t done = fn(tr->ring, tr->nRing);
+  for (int32_t i = 0; i < tr->nNear && done == 0; ++i) {
+    qvVtx *corners[3];
+    done = qvTriCornerVtx(tr->near[i], 0, corners) == 0 ? fn(corners, 3) : -1;
+  }
+  return done;
+}
+
 // Certifies the pieces the trial's removal displaces, against its fan and
 // the live triangles round its ring; sets score and fills the plan. At a
 // tolerance of 0 it tests instead whether the fan covers exactly what the

@@ -938,14 +938,8 @@ int32_t removeVertex(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvRedOrd
     return 2;
   }
   if (qvTrialCommit(mesh, tr, params) != 0) return -1;
-  // The trials that the commit changes: those of the ring, whose stars
-  // changed, and those of the far corners of the triangles round the ring,
-  // whose stars lost pieces to the new fan or now border it.
-  int32_t done = qvRingDirty(order, tr->ring, tr->nRing, params->tol2);
-  for (int32_t i = 0; i < tr->nNear && done == 0; ++i) {
-    qvVtx* corners[3];
-    done = qvTriCornerVtx(tr->near[i], 0, corners) == 0 ? qvRingDirty(order, corners, 3, params->tol2) : -1;
-  }
+  const int32_t done = qvTrialTouched(
+      tr, [&](qvVtx* const* x, int32_t n) { return qvRingDirty(order, x, n, params->tol2); });
   return done < 0 ? -1 : 0;
 }
 
