@@ -1131,6 +1131,11 @@ bool pullApart(Stitch& s) {
   qvMesh* mesh = s.mesh;
   for (qvEdg* e = mesh->edgHeld, *next = nullptr; e; e = next) {
     next = e->next;  // read before e may go
+    // The sheets met along this edge: every edge made from it, and its ends
+    // and their copies, are kept where they are.
+    e->flags |= kEdgJoint;
+    qvVtxOf(e->ends[0])->flags |= kVtxJoint;
+    qvVtxOf(e->ends[1])->flags |= kVtxJoint;
     if (!pairBodies(s, e)) return false;
     qvLnk* list = lnkOf(e->link);
     if (!list) {
@@ -1196,6 +1201,7 @@ bool splitFans(qvMesh* mesh, qvVtx* v) {
     FanChain fan{nullptr};
     const int32_t walk = qvFanWalk(triOf(from), v->dat, collectTri, &fan);
     ok = walk == 0 || walk == -1;
+    if (level > 0) v->flags |= kVtxJoint;  // sheets met here: v and its clones stay
     qvVtx* twin = ok && level > 0 ? qvVtxClone(v) : nullptr;
     if (twin) {
       twin->link = nullptr;

@@ -77,17 +77,19 @@ constexpr uint32_t kVtxHasParam = 0x40u;          // data block starts with the 
 constexpr uint32_t kVtxFeatureEnd = 0x80u;        // end of a feature edge
 constexpr uint32_t kVtxHub = 0x100u;              // hub of a cap: middle vertex of a closed loop
 constexpr uint32_t kVtxPinned = 0x200u;           // engine: not to be removed (seam of a cut)
+constexpr uint32_t kVtxJoint = 0x400u;            // where sheets the input joined were split apart: kept
 constexpr uint32_t kVtxRetired = 0x2000000u;      // engine: removed vertex of the running pass
 constexpr uint32_t kVtxMarkEngine = 0x20000000u;  // mark: engine's working mark
 constexpr uint32_t kVtxMarkBnd = 0x40000000u;     // mark: end of a marked edge; side in a cut
 constexpr uint32_t kVtxMarkVisit = 0x80000000u;   // mark: visited; side in a cut
 constexpr uint32_t kVtxDataMask = kVtxDerived | kVtxHasNormal | kVtxHasExtra | kVtxHasParam;
 constexpr uint32_t kVtxNotCounted = kVtxNoCensus | kVtxDerived;   // out of the census (0xC)
-constexpr uint32_t kVtxKeepSet = kVtxRim | kVtxHub | kVtxPinned;  // never put forward for removal (0x302)
+constexpr uint32_t kVtxKeepSet = kVtxRim | kVtxHub | kVtxPinned | kVtxJoint;  // never put forward for removal (0x702)
 
 // qvEdg.flags
 constexpr uint32_t kEdgFeature = 0x1u;            // feature edge, always with kEdgFeature2
 constexpr uint32_t kEdgRim = 0x2u;                // boundary edge over which a cap was built
+constexpr uint32_t kEdgJoint = 0x4u;              // piece of an edge the input gave more than two triangles
 constexpr uint32_t kEdgFeature2 = 0x800u;         // feature edge, second bit of the pair
 constexpr uint32_t kEdgExtField = 0x7000u;        // extended edge form code: reserved, always zero here
 constexpr uint32_t kEdgPlain = 0x40000u;          // plain edge record
@@ -99,7 +101,7 @@ constexpr uint32_t kEdgMarkSpoke = 0x20000000u;   // mark: spoke under collapse;
 constexpr uint32_t kEdgMarkBnd = 0x40000000u;     // mark: selected for a boundary walk
 constexpr uint32_t kEdgMarkVisit = 0x80000000u;   // mark: visited
 constexpr uint32_t kEdgFeatureSet = kEdgFeature | kEdgFeature2;           // 0x801
-constexpr uint32_t kEdgNoFlipSet = kEdgCap | kEdgFeatureSet | kEdgRim;    // never flipped (0x100803)
+constexpr uint32_t kEdgNoFlipSet = kEdgCap | kEdgFeatureSet | kEdgRim | kEdgJoint;  // never flipped (0x100807)
 
 // qvTri.flags
 constexpr uint32_t kTriLinked = 0x1u;             // record has adj and aux; every triangle here has it
@@ -749,7 +751,11 @@ qvMesh* qvCapBuild(qvMesh* mesh, int32_t* count);
 // its connected pieces. Afterwards each edge has one or two triangles, the
 // triangles round each vertex form one fan, two triangles meet at the one
 // edge of their two vertices, boundary edges stand at the head of the edge
-// list and run along their triangle.
+// list and run along their triangle. Where the input joined sheets that the
+// assembly pulled apart, the vertices of every fan split off and of every
+// edge that had more than two triangles bear kVtxJoint, and every edge made
+// from such an edge bears kEdgJoint: the engine keeps them, so the sheets
+// still meet there in the output.
 
 // The default welding tolerances: linear, and on the squared distance.
 constexpr double kWeldTol = 1e-6;

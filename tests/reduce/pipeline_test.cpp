@@ -149,3 +149,38 @@ TEST(Tool, PiecesOfTheMediumMethodJoinWithinTheBoundAndClosed) {
     }
   }
 }
+
+TEST(Tool, SheetsTheInputJoinedStayJoined) {
+  // A flat 6 x 6 grid with a flap standing on its edge p-q and a triangle
+  // touching it only at r. Flat, the grid alone would come down to its two
+  // corner triangles; p, q, r and the edge p-q must stay, so that the flap
+  // and the lone triangle still meet the grid where the input had them.
+  std::vector<Facet> soup;
+  for (int i = 0; i < 6; ++i)
+    for (int j = 0; j < 6; ++j) {
+      const float x = float(i), y = float(j);
+      soup.push_back({x, y, 0, x + 1, y, 0, x + 1, y + 1, 0});
+      soup.push_back({x, y, 0, x + 1, y + 1, 0, x, y + 1, 0});
+    }
+  soup.push_back({3, 3, 0, 4, 3, 0, 3.5f, 3, 1});
+  soup.push_back({2, 4, 0, 2, 4.5f, 1, 1.5f, 4, 1});
+  const std::string in = tempPath("joined.stl"), out = tempPath("joined-out.stl");
+  writeBytes(in, binaryStl(soup));
+  const Original original(in);
+  auto at = [](const Facet& f, float x, float y) {
+    for (int c = 0; c < 9; c += 3)
+      if (f[c] == x && f[c + 1] == y && f[c + 2] == 0) return true;
+    return false;
+  };
+  for (const char* method : {"-qh", "-qm", "-ql"}) {
+    ASSERT_EQ(runCommand(kBin + "/FacetTrim " + in + " -o" + out + " -t0.5 " + method), 0) << method;
+    expectKept(original, out, 0.5, method);
+    int edgePQ = 0, atR = 0;
+    for (const Facet& f : readBinaryFacets(out)) {
+      edgePQ += at(f, 3, 3) && at(f, 4, 3);
+      atR += at(f, 2, 4);
+    }
+    EXPECT_EQ(edgePQ, 3) << method << ": the grid's two triangles and the flap on p-q";
+    EXPECT_GE(atR, 2) << method << ": the grid and the lone triangle at r";
+  }
+}
