@@ -77,14 +77,14 @@ constexpr uint32_t kVtxHasParam = 0x40u;          // data block starts with the 
 constexpr uint32_t kVtxFeatureEnd = 0x80u;        // end of a feature edge
 constexpr uint32_t kVtxHub = 0x100u;              // hub of a cap: middle vertex of a closed loop
 constexpr uint32_t kVtxPinned = 0x200u;           // engine: not to be removed (seam of a cut)
-constexpr uint32_t kVtxJoint = 0x400u;            // where sheets the input joined were split apart: kept
+constexpr uint32_t kVtxJoint = 0x400u;            // where sheets the input joined were split apart
 constexpr uint32_t kVtxRetired = 0x2000000u;      // engine: removed vertex of the running pass
 constexpr uint32_t kVtxMarkEngine = 0x20000000u;  // mark: engine's working mark
 constexpr uint32_t kVtxMarkBnd = 0x40000000u;     // mark: end of a marked edge; side in a cut
 constexpr uint32_t kVtxMarkVisit = 0x80000000u;   // mark: visited; side in a cut
 constexpr uint32_t kVtxDataMask = kVtxDerived | kVtxHasNormal | kVtxHasExtra | kVtxHasParam;
 constexpr uint32_t kVtxNotCounted = kVtxNoCensus | kVtxDerived;   // out of the census (0xC)
-constexpr uint32_t kVtxKeepSet = kVtxRim | kVtxHub | kVtxPinned | kVtxJoint;  // never put forward for removal (0x702)
+constexpr uint32_t kVtxKeepSet = kVtxRim | kVtxHub | kVtxPinned;  // never put forward for removal (0x302)
 
 // qvEdg.flags
 constexpr uint32_t kEdgFeature = 0x1u;            // feature edge, always with kEdgFeature2
@@ -754,8 +754,9 @@ qvMesh* qvCapBuild(qvMesh* mesh, int32_t* count);
 // list and run along their triangle. Where the input joined sheets that the
 // assembly pulled apart, the vertices of every fan split off and of every
 // edge that had more than two triangles bear kVtxJoint, and every edge made
-// from such an edge bears kEdgJoint: the engine keeps them, so the sheets
-// still meet there in the output.
+// from such an edge bears kEdgJoint: the engine keeps them, but for a joint
+// inside a straight line of joint edges, which may go along that line, so the
+// sheets still meet there in the output.
 
 // The default welding tolerances: linear, and on the squared distance.
 constexpr double kWeldTol = 1e-6;

@@ -11,6 +11,7 @@
 
 #include "kernels/alloc.h"
 #include "kernels/failure.h"
+#include "kernels/predicates.h"
 #include "kernels/progress.h"
 #include "reduce/reduce_internal.h"
 
@@ -34,6 +35,23 @@ void unmarkStar(qvMesh* mesh) {
   qvHeadUnmark(mesh, kMarkSet.tri, edgBits, kMarkSet.vtx);
 }
 
+// Where sheets the input joined meet along a line of joint edges, a joint
+// may go only when it lies strictly inside the straight segment between its
+// two neighbours on the line: the edge that replaces the two lays the same
+// points, so the other sheet, whose vertices there stay or go the same way,
+// still meets this one all along it. Exact: the three corners are collinear
+// in every coordinate plane and p lies between a and b in every coordinate.
+bool straightJoint(const double* a, const double* p, const double* b) {
+  if (!a || !p || !b) return false;
+  for (int32_t k = 0; k < 3; ++k) {
+    const int32_t i = k, j = (k + 1) % 3;
+    const double pa[2] = {a[i], a[j]}, pp[2] = {p[i], p[j]}, pb[2] = {b[i], b[j]};
+    if (orient2d(pa, pp, pb) != 0.0) return false;
+    if (!(std::min(a[k], b[k]) <= p[k] && p[k] <= std::max(a[k], b[k]))) return false;
+  }
+  return !(p[0] == a[0] && p[1] == a[1] && p[2] == a[2]) && !(p[0] == b[0] && p[1] == b[1] && p[2] == b[2]);
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------------------
@@ -45,10 +63,21 @@ int32_t qvSpokePickMarked(qvMesh* mesh, qvVtx* v, int32_t ring, bool valences, q
   const double* p = v->dat;
   bool failed = ring < kValenceMin;
   double len2[kSpokeMax];
+  // A joint moves only along its line: see straightJoint.
+  const bool joint = (v->flags & kVtxJoint) != 0;
+  const double* line[2] = {nullptr, nullptr};
+  int32_t joints = 0;
+  for (qvTri* s = mesh->tri; joint && s && (s->flags & kMarkSet.tri); s = s->next) {
+    // A triangle on both joint spokes: its far side would take the line.
+    int32_t on = 0;
+    for (const qvEdg* e : s->edg) on += (e->flags & kEdgJoint) && otherEnd(e, p);
+    if (on == 2) joints = 3;
+  }
   for (qvTri* s = mesh->tri; s && (s->flags & kMarkSet.tri) && !failed; s = s->next)
     for (qvEdg* e : s->edg) {
       // Each spoke once: the mark stays on it until the end.
       if ((e->flags & kEdgMarkSpoke) || !otherEnd(e, p)) continue;
+      if (joint && (e->flags & kEdgJoint)) line[std::min(joints++, 1)] = otherEnd(e, p);
       e->flags |= kEdgMarkSpoke;
       int32_t farValence = 0;
       const int32_t ok = qvLinkTest(s, e, p, kMarkSet.vtx, ring, &farValence);
@@ -60,6 +89,7 @@ int32_t qvSpokePickMarked(qvMesh* mesh, qvVtx* v, int32_t ring, bool valences, q
       else if (valences) qvVtxOf(otherEnd(e, p))->tag = farValence;
       if ((v->flags & kVtxRim) && !(e->flags & kEdgRim)) continue;
       if ((v->flags & kVtxFeatureEnd) && !(e->flags & kEdgFeatureSet)) continue;
+      if (joint && !(e->flags & kEdgJoint)) continue;
       if ((e->flags & kEdgCap) || ok == 0) continue;
       // Into the shortest few, behind its equals.
       const double l = qvEdgLen2(e);
@@ -76,6 +106,8 @@ int32_t qvSpokePickMarked(qvMesh* mesh, qvVtx* v, int32_t ring, bool valences, q
     }
   for (qvTri* s = mesh->tri; s && (s->flags & kMarkSet.tri); s = s->next)
     for (qvEdg* e : s->edg) e->flags &= ~kEdgMarkSpoke;
+  if (joint && !(joints == 2 && straightJoint(qvVtxXyz(qvVtxOf(line[0])), qvVtxXyz(v), qvVtxXyz(qvVtxOf(line[1])))))
+    out->n = 0;
   if (valences && !failed) v->tag = ring;
   return failed ? -1 : 0;
 }

@@ -13,8 +13,9 @@
 //     failure. A failure abandons the mesh without repair; the caller
 //     releases it.
 //  5. At the end of a leaf the seam mark of the piece's vertices is clear.
-//     Vertices in kVtxKeepSet (rims, hubs, seams, joints of sheets the input
-//     joined) are never removed, and edges in kEdgNoFlipSet never flipped.
+//     Vertices in kVtxKeepSet (rims, hubs, seams) are never removed, nor a
+//     joint of sheets the input joined (kVtxJoint) but along a straight line
+//     of joint edges; edges in kEdgNoFlipSet are never flipped.
 //  6. No test in the engine compares a length with an absolute constant:
 //     degeneracy is judged against the sizes it is made of, the rounding
 //     allowance eta is a share of the largest coordinate, and the order of

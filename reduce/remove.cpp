@@ -806,7 +806,9 @@ int32_t trialAlong(qvMesh* mesh, const qvRedParams* params, qvTrial* tr, qvEdg* 
     ok = qvCollapse(tr->copy, v, kEdgMarkSpoke) == 0;
   }
   if (ok && tr->clean) {
-    ok = qvFanUnfold(tr->copy, otherEnd(spoke, p), (v->flags & kVtxFeatureEnd) != 0) >= 0;
+    // A joint's fan keeps its line's edge, which unfolding might flip.
+    if (!(v->flags & kVtxJoint))
+      ok = qvFanUnfold(tr->copy, otherEnd(spoke, p), (v->flags & kVtxFeatureEnd) != 0) >= 0;
     if (ok && flip) ok = (tr->flips = qvFlipSweep(tr->copy)) >= 0;
   }
   for (int32_t i = 0; i < tr->nValences; ++i) tr->valences[i].v->tag = 0;

@@ -182,5 +182,10 @@ TEST(Tool, SheetsTheInputJoinedStayJoined) {
     }
     EXPECT_EQ(edgePQ, 3) << method << ": the grid's two triangles and the flap on p-q";
     EXPECT_GE(atR, 2) << method << ": the grid and the lone triangle at r";
+    // Two cubes of side 10 share an edge cut in four. Its inner vertices lie
+    // on the straight line of the joint: each cube may let them go, and
+    // comes down to its 12 triangles.
+    ASSERT_EQ(runCommand(kBin + "/FacetTrim " + kData + "/two-cubes-edge.stl -o" + out + " -t0.1 " + method), 0);
+    EXPECT_EQ(readBinaryFacets(out).size(), 24u) << method;
   }
 }
