@@ -612,12 +612,6 @@ bool gatherHomes(qvTrial* tr) {
   return true;
 }
 
-// One piece that a trial must place again.
-struct Affected {
-  const qvPiece* piece;
-  int32_t order;  // place in the gathering: the tie-break of the worst-first order
-};
-
 // At a tolerance of 0: whether the new fan covers exactly what the star
 // covered. It does when the star and the ring lie in one plane (exactly)
 // and, in a coordinate plane onto which that plane projects one to one, the
@@ -947,8 +941,8 @@ int32_t qvTrialCertify(qvTrial* tr, const qvRedParams* params) {
     const qvCover* c = static_cast<const qvCover*>(tr->near[i]->link);
     count += c ? c->n : 0;
   }
-  Affected* affected = static_cast<Affected*>(ftMalloc(sizeof(Affected) * static_cast<size_t>(count + 1)));
-  if (!affected) return -1;
+  if (!qvGrow(tr->affected, tr->affectedCap, count + 1)) return -1;
+  qvAffected* affected = tr->affected;
   int32_t n = 0;
   int32_t filed = 1;
   tr->nSources = 0;
@@ -976,13 +970,12 @@ int32_t qvTrialCertify(qvTrial* tr, const qvRedParams* params) {
         filed = fileFlat(tr, piece, i, *plane);
         continue;
       }
-      affected[n] = Affected{&piece, n};
+      affected[n] = qvAffected{&piece, piece.bound, n};
       ++n;
     }
   }
   for (int32_t i = 0; i < tr->nSources; ++i) const_cast<qvTri*>(tr->sources[i])->flags &= ~kTriMarkSource;
   if (filed <= 0) {
-    std::free(affected);
     if (filed < 0) return -1;
     tr->score = kInf;  // a flat piece the fan doesn't reach: not expected, and refused
     return 0;
@@ -998,13 +991,13 @@ int32_t qvTrialCertify(qvTrial* tr, const qvRedParams* params) {
         break;
       }
       tr->taken[tr->nTaken++] = qvTaken{tr->near[i], k};
-      affected[n] = Affected{&piece, n};
+      affected[n] = qvAffected{&piece, piece.bound, n};
       ++n;
     }
   }
   // Worst first, so that a refusal comes early.
-  std::sort(affected, affected + n, [](const Affected& a, const Affected& b) {
-    return a.piece->bound > b.piece->bound || (a.piece->bound == b.piece->bound && a.order < b.order);
+  std::sort(affected, affected + n, [](const qvAffected& a, const qvAffected& b) {
+    return a.bound > b.bound || (a.bound == b.bound && a.order < b.order);
   });
   for (int32_t i = 0; i < n && ok; ++i) {
     const qvPiece& piece = *affected[i].piece;
@@ -1019,7 +1012,6 @@ int32_t qvTrialCertify(qvTrial* tr, const qvRedParams* params) {
       if (ok) tr->gone[tr->nGone++] = piece.src;
     }
   }
-  std::free(affected);
   if (!ok || tr->err != 0) return -1;
   // A removal that leaves the surface where it was weighs its pieces, so
   // that such removals come in order of size.
@@ -1062,6 +1054,7 @@ void qvTrialFree(qvTrial* tr) {
   std::free(tr->sources);
   std::free(tr->gone);
   std::free(tr->flatFan);
+  std::free(tr->affected);
   std::free(tr->group);
   std::free(tr->planes);
   std::free(tr->sideEnds);

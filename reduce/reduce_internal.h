@@ -186,6 +186,14 @@ struct qvPlaneKept {
   int32_t sense;
 };
 
+// A piece that a trial must place again, with its bound, the key of the
+// worst-first order, and its place in the gathering, the tie-break.
+struct qvAffected {
+  const qvPiece *piece;
+  float bound;
+  int32_t order;
+};
+
 // A trial removal: the star's copy with the spoke collapsed and the fan
 // flipped, the certificate of every piece it displaces, and the plan that a
 // commit applies. A trial is made on the current mesh and committed, or
@@ -234,6 +242,8 @@ struct qvTrial {
   bool grouped;           // group holds this trial's planes, as far as they are grouped
   double *flatFan;        // the fan laid in the coordinate planes of its planes
   int32_t flatFanCap;
+  qvAffected *affected;   // the pieces the trial places again, worst first
+  int32_t affectedCap;
   double beat;            // the score to beat: a trial that can't is refused early
   double lim2;
   qvCoverPool *pool;
