@@ -67,11 +67,11 @@ int32_t qvSpokePickMarked(qvMesh* mesh, qvVtx* v, int32_t ring, bool valences, q
   const bool joint = (v->flags & kVtxJoint) != 0;
   const double* line[2] = {nullptr, nullptr};
   int32_t joints = 0;
+  bool apart = true;  // no triangle on both joint spokes, whose far side would take the line
   for (qvTri* s = mesh->tri; joint && s && (s->flags & kMarkSet.tri); s = s->next) {
-    // A triangle on both joint spokes: its far side would take the line.
     int32_t on = 0;
     for (const qvEdg* e : s->edg) on += (e->flags & kEdgJoint) && otherEnd(e, p);
-    if (on == 2) joints = 3;
+    apart = apart && on < 2;
   }
   for (qvTri* s = mesh->tri; s && (s->flags & kMarkSet.tri) && !failed; s = s->next)
     for (qvEdg* e : s->edg) {
@@ -106,7 +106,8 @@ int32_t qvSpokePickMarked(qvMesh* mesh, qvVtx* v, int32_t ring, bool valences, q
     }
   for (qvTri* s = mesh->tri; s && (s->flags & kMarkSet.tri); s = s->next)
     for (qvEdg* e : s->edg) e->flags &= ~kEdgMarkSpoke;
-  if (joint && !(joints == 2 && straightJoint(qvVtxXyz(qvVtxOf(line[0])), qvVtxXyz(v), qvVtxXyz(qvVtxOf(line[1])))))
+  if (joint && !(apart && joints == 2 &&
+                 straightJoint(qvVtxXyz(qvVtxOf(line[0])), qvVtxXyz(v), qvVtxXyz(qvVtxOf(line[1])))))
     out->n = 0;
   if (valences && !failed) v->tag = ring;
   return failed ? -1 : 0;
