@@ -8,7 +8,8 @@
 // per facet, and each run is fetched from the file when its turn comes. On
 // both routes the next run is fetched and assembled on a thread of its own
 // while the one before it is reduced and written.
-// reduceHigh reads the whole file into one mesh and reduces it shell by shell.
+// reduceHigh reads the whole file's facets, assembles them into one chain of
+// shells and reduces it shell by shell.
 //
 // Read order: the output file, the walk over a mesh chain, the block loop, the
 // two block routes, then the three method entries.
@@ -460,9 +461,14 @@ int reduceHigh(const char *inputName, const char *outputName, double tolerance,
                const double *angle, int32_t *oldCount) {
   int64_t status = 0;
   progressStage(kStageRead);
-  qvMesh *chain = stlReadMesh(inputName, &status);
+  FacetRec *facets = stlReadFacets(inputName, &status);
   progressStage(kStageAssembly);
-  const int shells = chain && status >= 0 ? qvMeshAssemble(chain, nullptr) : -1;
+  qvMesh *chain = nullptr;
+  int shells = status == 0 ? 0 : -1;
+  if (facets && status > 0) {
+    chain = assembleFacets(facets, static_cast<int>(status), &shells);
+  }
+  std::free(facets);
   OutputTarget target;
   if (shells < 0 || !outputName ||
       !planOutput(outputName, sameFile(inputName, outputName), &target)) {
