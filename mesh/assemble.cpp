@@ -488,67 +488,28 @@ void weldExact(const Soup& s, const int32_t* order, int32_t* rep) {
   }
 }
 
-// A float's place in the same total order as qvCoordKey's: 0.0 and -0.0
-// alike, NaN after every number.
-uint32_t floatKey(float f) {
-  if (std::isnan(f)) return UINT32_MAX;
-  if (f == 0.0f) f = 0.0f;
-  uint32_t bits;
-  std::memcpy(&bits, &f, sizeof bits);
-  const uint32_t sign = uint32_t{1} << 31;
-  return (bits & sign) ? ~bits : (bits | sign);
-}
-
 // The vertex order when every coordinate is a float widened, as from a file:
 // a float orders as its double does, so the three keys fit in 96 bits, and a
-// stable radix sort of them, 16 bits a pass from the last, keeps list order
-// among equal keys. 1 when sorted into order, 0 when some coordinate is no
-// float (the caller sorts), -1 when memory ran out.
+// stable radix sort of them keeps list order among equal keys. 1 when sorted
+// into order, 0 when some coordinate is no float (the caller sorts), -1 when
+// memory ran out.
 int32_t sortFloatCorners(const Soup& s, int32_t* order) {
   const int32_t n = s.nv;
   for (int32_t i = 0; i < 3 * n; ++i) {
     const double d = s.xyz[i];
     if (!std::isnan(d) && static_cast<double>(static_cast<float>(d)) != d) return 0;
   }
-  struct Item {
-    uint64_t xy;  // x key above y key
-    uint32_t z;   // z key
-    int32_t pos;  // place in the list
-  };
-  constexpr int kPasses = 6;
-  constexpr int kDigits = 1 << 16;
-  Item* a = newArray<Item>(n);
-  Item* b = newArray<Item>(n);
-  uint32_t* count = static_cast<uint32_t*>(ftCalloc(static_cast<size_t>(kPasses) * kDigits, sizeof(uint32_t)));
-  if (!a || !b || !count) {
-    std::free(a), std::free(b), std::free(count);
-    return -1;
-  }
-  auto digit = [](const Item& it, int pass) -> uint32_t {
-    const uint64_t word = pass < 2 ? it.z : it.xy;
-    return static_cast<uint32_t>(word >> (16 * (pass < 2 ? pass : pass - 2))) & (kDigits - 1);
-  };
+  qvFloatKeys* keys = newArray<qvFloatKeys>(n);
+  if (!keys) return -1;
   for (int32_t i = 0; i < n; ++i) {
     const double* p = s.xyz + 3 * i;
-    a[i] = {uint64_t{floatKey(static_cast<float>(p[0]))} << 32 | floatKey(static_cast<float>(p[1])),
-            floatKey(static_cast<float>(p[2])), i};
-    for (int pass = 0; pass < kPasses; ++pass) ++count[pass * kDigits + digit(a[i], pass)];
+    keys[i] = {uint64_t{qvFloatKey(static_cast<float>(p[0]))} << 32 | qvFloatKey(static_cast<float>(p[1])),
+               qvFloatKey(static_cast<float>(p[2])), i};
   }
-  for (int pass = 0; pass < kPasses; ++pass) {
-    uint32_t* c = count + pass * kDigits;
-    if (n > 0 && c[digit(a[0], pass)] == static_cast<uint32_t>(n)) continue;  // one digit: nothing moves
-    uint32_t sum = 0;
-    for (int d = 0; d < kDigits; ++d) {
-      const uint32_t here = c[d];
-      c[d] = sum;
-      sum += here;
-    }
-    for (int32_t i = 0; i < n; ++i) b[c[digit(a[i], pass)]++] = a[i];
-    std::swap(a, b);
-  }
-  for (int32_t i = 0; i < n; ++i) order[i] = a[i].pos;
-  std::free(a), std::free(b), std::free(count);
-  return 1;
+  const bool sorted = qvFloatKeysSort(keys, n) == 0;
+  for (int32_t i = 0; sorted && i < n; ++i) order[i] = keys[i].pos;
+  std::free(keys);
+  return sorted ? 1 : -1;
 }
 
 // Step 1: the vertex order and the weld. order receives the vertex numbers

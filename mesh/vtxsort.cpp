@@ -103,6 +103,56 @@ uint64_t qvCoordKey(double d) {
   return (bits & sign) ? ~bits : (bits | sign);
 }
 
+uint32_t qvFloatKey(float f) {
+  if (std::isnan(f)) return UINT32_MAX;
+  if (f == 0.0f) f = 0.0f;  // -0.0 orders as 0.0
+  uint32_t bits;
+  std::memcpy(&bits, &f, sizeof bits);
+  const uint32_t sign = uint32_t{1} << 31;
+  return (bits & sign) ? ~bits : (bits | sign);
+}
+
+// Least significant digit first: the two digits of lo, then the four of hi.
+// A pass whose digit is the same for every key moves nothing and is skipped,
+// which on keys from one region of a model is often the case for the top
+// digits.
+int32_t qvFloatKeysSort(qvFloatKeys* keys, int32_t n) {
+  if (n < 2) return 0;
+  constexpr int kPasses = 6;
+  constexpr int kDigits = 1 << 16;
+  qvFloatKeys* spare = static_cast<qvFloatKeys*>(ftMalloc(sizeof(qvFloatKeys) * static_cast<size_t>(n)));
+  uint32_t* count = static_cast<uint32_t*>(ftCalloc(static_cast<size_t>(kPasses) * kDigits, sizeof(uint32_t)));
+  if (!spare || !count) {
+    std::free(spare);
+    std::free(count);
+    return -1;
+  }
+  auto digit = [](const qvFloatKeys& k, int pass) -> uint32_t {
+    const uint64_t word = pass < 2 ? k.lo : k.hi;
+    return static_cast<uint32_t>(word >> (16 * (pass < 2 ? pass : pass - 2))) & (kDigits - 1);
+  };
+  for (int32_t i = 0; i < n; ++i)
+    for (int pass = 0; pass < kPasses; ++pass) ++count[pass * kDigits + digit(keys[i], pass)];
+  qvFloatKeys* a = keys;
+  qvFloatKeys* b = spare;
+  for (int pass = 0; pass < kPasses; ++pass) {
+    uint32_t* c = count + pass * kDigits;
+    if (c[digit(a[0], pass)] == static_cast<uint32_t>(n)) continue;
+    uint32_t sum = 0;
+    for (int d = 0; d < kDigits; ++d) {
+      const uint32_t here = c[d];
+      c[d] = sum;
+      sum += here;
+    }
+    for (int32_t i = 0; i < n; ++i) b[c[digit(a[i], pass)]++] = a[i];
+    std::swap(a, b);
+  }
+  if (a != keys) std::memcpy(keys, a, sizeof(qvFloatKeys) * static_cast<size_t>(n));
+  std::free(spare);
+  std::free(count);
+  return 0;
+}
+
 int32_t qvVtxBox(qvVtx* head, qvBox* box) {
   boxClear(box);
   int32_t n = 0;
