@@ -735,29 +735,68 @@ bool soupOfCorners(const float* const* corners, int32_t n, Soup& s) {
   return true;
 }
 
-// The records of a soup made from corners, for what stays: vertices in the
-// order of the list they will form, with a zero normal slot; edges and
-// triangles empty, to be written. False when memory runs out, with none made.
+// A list built at its tail as its records are made, each linked while it is
+// still fresh in the cache.
+template <class T>
+struct TailChain {
+  T* head = nullptr;
+  T* tail = nullptr;
+  void add(T* r) {
+    r->prev = tail;
+    if (tail) tail->next = r;
+    else head = r;
+    tail = r;
+  }
+};
+
+// The vertex, edge and held edge lists of a soup made from corners.
+struct MadeLists {
+  qvVtx* vtx = nullptr;
+  qvEdg* edg = nullptr;
+  qvEdg* held = nullptr;
+};
+
+// The records of a soup made from corners, for what stays, made in the order
+// of the lists they form and linked into them (see weldAndLink): vertices
+// with a zero normal slot, edges and triangles empty, to be written. False
+// when memory runs out, with none made.
 bool makeRecords(Soup& s, const int32_t* order, const int32_t* rep, const bool* alive, const int32_t* group,
-                 const int32_t* kept, const bool* gone) {
+                 const int32_t* kept, const bool* gone, MadeLists& lists) {
   bool ok = true;
+  TailChain<qvVtx> vtx;
   for (int32_t i = 0; i < s.nv && ok; ++i) {
     const int32_t v = order[i];
     if (rep[v] != v || !alive[v]) continue;
     s.vtx[v] = qvVtxNew(kVtxHasNormal, nullptr);
     ok = s.vtx[v] != nullptr;
-    if (ok) std::memcpy(qvVtxXyz(s.vtx[v]), s.xyz + 3 * v, 3 * sizeof(double));
+    if (ok) {
+      std::memcpy(qvVtxXyz(s.vtx[v]), s.xyz + 3 * v, 3 * sizeof(double));
+      vtx.add(s.vtx[v]);
+    }
   }
+  // Boundary edges last first, then edges of two triangles first first; the
+  // held edges of more, last first, in a list of their own.
+  TailChain<qvEdg> edg, held;
+  auto make = [&s, &ok](int32_t e, TailChain<qvEdg>& chain) {
+    ok = (s.edg[e] = qvEdgNew(nullptr, nullptr, 0, 0)) != nullptr;
+    if (ok) chain.add(s.edg[e]);
+  };
+  for (int32_t e = s.ne - 1; e >= 0 && ok; --e)
+    if (group[e] == e && kept[e] == 1) make(e, edg);
   for (int32_t e = 0; e < s.ne && ok; ++e)
-    if (group[e] == e && kept[e] > 0) ok = (s.edg[e] = qvEdgNew(nullptr, nullptr, 0, 0)) != nullptr;
+    if (group[e] == e && kept[e] == 2) make(e, edg);
+  for (int32_t e = s.ne - 1; e >= 0 && ok; --e)
+    if (group[e] == e && kept[e] > 2) make(e, held);
   for (int32_t t = 0; t < s.nt && ok; ++t)
     if (!gone[t]) ok = (s.tri[t] = qvTriNew(nullptr, nullptr, nullptr, 0)) != nullptr;
   if (!ok) {
     for (int32_t i = 0; i < s.nv; ++i) qvVtxFree(s.vtx[i]);
     for (int32_t i = 0; i < s.ne; ++i) qvEdgFree(s.edg[i]);
     for (int32_t i = 0; i < s.nt; ++i) qvTriFree(s.tri[i]);
+    return false;
   }
-  return ok;
+  lists = {vtx.head, edg.head, held.head};
+  return true;
 }
 
 // Where no edge has more than two triangles, adjacency is final after step
@@ -918,7 +957,8 @@ bool weldAndLink(Stitch& st, Soup& s, const double* tol) {
   for (int32_t t = 0; t < nt; ++t)
     if (!gone[t])
       for (int k = 0; k < 3; ++k) alive[cornerOf(s, t, k)] = true;
-  if (!s.records && !makeRecords(s, order, rep, alive, group, kept, gone)) {
+  MadeLists made;
+  if (!s.records && !makeRecords(s, order, rep, alive, group, kept, gone, made)) {
     std::free(order), std::free(rep), std::free(rank), std::free(group), std::free(kept);
     std::free(l.head), std::free(l.tail), std::free(l.count), std::free(l.next);
     std::free(gone), std::free(alive), std::free(items);
@@ -939,28 +979,33 @@ bool weldAndLink(Stitch& st, Soup& s, const double* tol) {
     }
   }
 
-  // The lists, and the records that go.
+  // The lists, and the records that go; a soup made from corners has its
+  // lists linked already and no record that goes.
   int32_t n = 0;
-  for (int32_t i = 0; i < nv; ++i) {
-    const int32_t v = order[i];
-    if (rep[v] == v && alive[v]) items[n++] = s.vtx[v];
-    else qvVtxFree(s.vtx[v]);
+  if (s.records) {
+    for (int32_t i = 0; i < nv; ++i) {
+      const int32_t v = order[i];
+      if (rep[v] == v && alive[v]) items[n++] = s.vtx[v];
+      else qvVtxFree(s.vtx[v]);
+    }
+    made.vtx = chainOf(reinterpret_cast<qvVtx**>(items), n);
+    n = 0;
+    for (int32_t e = ne - 1; e >= 0; --e)
+      if (group[e] == e && kept[e] == 1) items[n++] = s.edg[e];
+    for (int32_t e = 0; e < ne; ++e)
+      if (group[e] == e && kept[e] == 2) items[n++] = s.edg[e];
+    made.edg = chainOf(reinterpret_cast<qvEdg**>(items), n);
   }
-  mesh->vtx = chainOf(reinterpret_cast<qvVtx**>(items), n);
-  n = 0;
-  for (int32_t e = ne - 1; e >= 0; --e)
-    if (group[e] == e && kept[e] == 1) items[n++] = s.edg[e];
-  for (int32_t e = 0; e < ne; ++e)
-    if (group[e] == e && kept[e] == 2) items[n++] = s.edg[e];
-  mesh->edg = chainOf(reinterpret_cast<qvEdg**>(items), n);
+  mesh->vtx = made.vtx;
+  mesh->edg = made.edg;
   int32_t nHeld = 0;
   for (int32_t e = ne - 1; e >= 0; --e)
     if (group[e] == e && kept[e] > 2) {
       items[nHeld] = s.edg[e];
       order[nHeld++] = e;  // the vertex order is done with: it numbers the held edges now
     }
-  mesh->edgHeld = chainOf(reinterpret_cast<qvEdg**>(items), nHeld);
-  for (int32_t e = 0; e < ne; ++e)
+  mesh->edgHeld = s.records ? chainOf(reinterpret_cast<qvEdg**>(items), nHeld) : made.held;
+  for (int32_t e = 0; s.records && e < ne; ++e)
     if (group[e] != e || kept[e] == 0) qvEdgFree(s.edg[e]);
   for (int32_t t = 0; t < nt; ++t)
     if (gone[t]) qvTriFree(s.tri[t]);
