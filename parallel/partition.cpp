@@ -619,7 +619,7 @@ int32_t qvMeshCut(qvMesh *mesh, int32_t count, qvMeshPair *pair) {
   if (!pair) return FT_FAIL(-1);
   pair->first = nullptr;
   pair->second = nullptr;
-  if (!mesh || qvMeshShells(mesh, qvVtxClone) != 1) return FT_FAIL(-1);
+  if (!mesh) return FT_FAIL(-1);
   qvTopo topo{};
   if (qvMeshTopo(mesh, &topo) != 0) return FT_FAIL(-1);
   // The triangles are laid out in memory in the order of the cut's sort, along
