@@ -180,6 +180,49 @@ struct Fetch {
   int32_t slot;    // place of the facet in the run
 };
 
+// Puts fetches made in run order into file order: a stable radix sort by
+// ordinal, so that a facet listed twice keeps its run order (a total order,
+// the same as a comparison sort by ordinal, then slot). Falls back to that
+// comparison sort when the spare table can't be had.
+void sortFetches(Fetch *order, int count) {
+  constexpr int kBits = 11;
+  constexpr uint32_t kBuckets = 1u << kBits;
+  const size_t size = static_cast<size_t>(count);
+  auto *spare = static_cast<Fetch *>(ftMalloc(sizeof(Fetch) * size));
+  if (!spare) {
+    std::sort(order, order + count, [](const Fetch &a, const Fetch &b) {
+      return a.ordinal != b.ordinal ? a.ordinal < b.ordinal : a.slot < b.slot;
+    });
+    return;
+  }
+  Fetch *from = order;
+  Fetch *to = spare;
+  for (int shift = 0; shift < 32; shift += kBits) {
+    size_t start[kBuckets] = {};
+    auto digit = [shift](const Fetch &f) { return (static_cast<uint32_t>(f.ordinal) >> shift) & (kBuckets - 1); };
+    for (size_t i = 0; i < size; ++i) {
+      ++start[digit(from[i])];
+    }
+    if (start[digit(from[0])] == size) {
+      continue;
+    }
+    size_t sum = 0;
+    for (size_t &bucket : start) {
+      const size_t here = bucket;
+      bucket = sum;
+      sum += here;
+    }
+    for (size_t i = 0; i < size; ++i) {
+      to[start[digit(from[i])]++] = from[i];
+    }
+    std::swap(from, to);
+  }
+  if (from != order) {
+    std::memcpy(order, from, sizeof(Fetch) * size);
+  }
+  std::free(spare);
+}
+
 } // namespace
 
 FacetRec *stlReadFacets(const char *name, int64_t *status) {
@@ -241,9 +284,7 @@ FacetRec *fetchFacetRun(FILE *file, int format, const FacetKey *keys, int count)
     for (int i = 0; i < count; ++i) {
       order[i] = {keys[i].ordinal, i};
     }
-    std::sort(order, order + count, [](const Fetch &a, const Fetch &b) {
-      return a.ordinal != b.ordinal ? a.ordinal < b.ordinal : a.slot < b.slot;
-    });
+    sortFetches(order, count);
     int position = -1;
     FacetWire wire;
     for (int i = 0; ok && i < count; ++i) {
