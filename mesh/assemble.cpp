@@ -21,6 +21,7 @@
 // come from a pool that the stitch owns (RefPool below), so releasing a list
 // is clearing a link, and the pool goes as a whole at the end.
 #include <algorithm>
+#include <cassert>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -457,16 +458,38 @@ void weldNear(const Soup& s, const int32_t* order, int32_t* rep, const double* t
   }
 }
 
+// Whether three float keys name neither a zero, whose sign the key drops, nor
+// a NaN: then equal keys mean equal floats, bit for bit.
+bool plainKeys(const qvFloatKeys& k) {
+  const uint32_t zero = qvFloatKey(0.0f);
+  const uint32_t words[3] = {static_cast<uint32_t>(k.hi >> 32), static_cast<uint32_t>(k.hi), k.lo};
+  for (uint32_t w : words)
+    if (w == zero || w == UINT32_MAX) return false;
+  return true;
+}
+
 // Without a tolerance: runs of bitwise equal coordinates join their first
 // vertex. The order takes 0.0 and -0.0 as equal, so equal values with
 // different signs of zero may interleave; a run is therefore a run of equal
 // values, and each vertex joins the first of that run with its very bits (at
 // most eight bit patterns share a value: the signs of three zeros).
-void weldExact(const Soup& s, const int32_t* order, int32_t* rep) {
+// With keys, the float keys of the coordinates in order (sortFloatCorners),
+// runs whose keys name no zero and no NaN are found on the keys alone: equal
+// keys then mean equal bits.
+void weldExact(const Soup& s, const int32_t* order, int32_t* rep, const qvFloatKeys* keys) {
   int32_t heads[8];
   int n = 0;
   for (int32_t i = 0; i < s.nv; ++i) {
     const int32_t c = order[i];
+    if (keys && plainKeys(keys[i])) {
+      if (i > 0 && keys[i].hi == keys[i - 1].hi && keys[i].lo == keys[i - 1].lo) {
+        rep[c] = heads[0];
+      } else {
+        heads[0] = c;
+        n = 1;
+      }
+      continue;
+    }
     const double* pc = s.xyz + 3 * c;
     const double* p0 = n > 0 ? s.xyz + 3 * heads[0] : nullptr;
     if (!p0 || !(sameBits(pc, p0) || sameValue(pc, p0))) {
@@ -491,9 +514,9 @@ void weldExact(const Soup& s, const int32_t* order, int32_t* rep) {
 // The vertex order when every coordinate is a float widened, as from a file:
 // a float orders as its double does, so the three keys fit in 96 bits, and a
 // stable radix sort of them keeps list order among equal keys. 1 when sorted
-// into order, 0 when some coordinate is no float (the caller sorts), -1 when
-// memory ran out.
-int32_t sortFloatCorners(const Soup& s, int32_t* order) {
+// into order, with the sorted keys in *sorted for the caller to free; 0 when
+// some coordinate is no float (the caller sorts), -1 when memory ran out.
+int32_t sortFloatCorners(const Soup& s, int32_t* order, qvFloatKeys** sorted) {
   const int32_t n = s.nv;
   for (int32_t i = 0; i < 3 * n; ++i) {
     const double d = s.xyz[i];
@@ -506,10 +529,13 @@ int32_t sortFloatCorners(const Soup& s, int32_t* order) {
     keys[i] = {uint64_t{qvFloatKey(static_cast<float>(p[0]))} << 32 | qvFloatKey(static_cast<float>(p[1])),
                qvFloatKey(static_cast<float>(p[2])), i};
   }
-  const bool sorted = qvFloatKeysSort(keys, n) == 0;
-  for (int32_t i = 0; sorted && i < n; ++i) order[i] = keys[i].pos;
-  std::free(keys);
-  return sorted ? 1 : -1;
+  if (qvFloatKeysSort(keys, n) != 0) {
+    std::free(keys);
+    return -1;
+  }
+  for (int32_t i = 0; i < n; ++i) order[i] = keys[i].pos;
+  *sorted = keys;
+  return 1;
 }
 
 // Step 1: the vertex order and the weld. order receives the vertex numbers
@@ -517,9 +543,10 @@ int32_t sortFloatCorners(const Soup& s, int32_t* order) {
 // sorted by x keeps its list order. rep[v] becomes the vertex v is welded
 // to, itself when it stays. False if memory ran out.
 bool weld(const qvMesh* mesh, const Soup& s, const double* tol, int32_t* order, int32_t* rep) {
+  qvFloatKeys* floatKeys = nullptr;  // the keys in order, when the float sort ran
   if (mesh->flags & kMeshSortX) {
     for (int32_t i = 0; i < s.nv; ++i) order[i] = i;
-  } else if (int32_t sorted = sortFloatCorners(s, order); sorted <= 0) {
+  } else if (int32_t sorted = sortFloatCorners(s, order, &floatKeys); sorted <= 0) {
     if (sorted < 0) return false;
     VtxKey* keys = newArray<VtxKey>(s.nv);
     if (!keys) return false;
@@ -533,7 +560,8 @@ bool weld(const qvMesh* mesh, const Soup& s, const double* tol, int32_t* order, 
   }
   for (int32_t i = 0; i < s.nv; ++i) rep[i] = -1;
   if (tol) weldNear(s, order, rep, tol);
-  else weldExact(s, order, rep);
+  else weldExact(s, order, rep, floatKeys);
+  std::free(floatKeys);
   for (int32_t i = 0; i < s.nv; ++i)
     if (rep[i] < 0) rep[i] = i;
   return true;
@@ -637,6 +665,15 @@ bool mergeEdges(const Soup& s, const int32_t* rep, const int32_t* rank, EdgeList
   std::free(bucket);
   std::free(span);
   return true;
+}
+
+// The handle of a vertex of a stitchable soup, whose data is inline: worked
+// out from the record's address, as reading dat would cost a visit to the
+// record.
+double* handleOf(qvVtx* v) {
+  double* h = reinterpret_cast<double*>(reinterpret_cast<char*>(v) + sizeof(qvVtx));
+  assert(h == v->dat);
+  return h;
 }
 
 // The welded vertex at corner k of triangle t: where its edge in slot k starts.
@@ -888,8 +925,8 @@ bool settleManifold(Stitch& st, Soup& s, const int32_t* order, const int32_t* gr
       int32_t x = s.owner[l.head[e]];
       if (kept[e] == 2 && s.owner[l.next[l.head[e]]] < x) x = s.owner[l.next[l.head[e]]];
       qvEdg* r = s.edg[e];
-      r->ends[0] = s.vtx[cornerOf(s, x / 3, x % 3)]->dat;
-      r->ends[1] = s.vtx[cornerOf(s, x / 3, (x % 3 + 1) % 3)]->dat;
+      r->ends[0] = handleOf(s.vtx[cornerOf(s, x / 3, x % 3)]);
+      r->ends[1] = handleOf(s.vtx[cornerOf(s, x / 3, (x % 3 + 1) % 3)]);
     }
     st.oriented = true;
     st.mesh->flags &= ~kMeshPassSet;
@@ -970,8 +1007,8 @@ bool weldAndLink(Stitch& st, Soup& s, const double* tol) {
   for (int32_t e = 0; e < ne; ++e) {
     if (group[e] != e || kept[e] == 0) continue;
     qvEdg* r = s.edg[e];
-    r->ends[0] = s.vtx[rep[s.ends[2 * e]]]->dat;
-    r->ends[1] = s.vtx[rep[s.ends[2 * e + 1]]]->dat;
+    r->ends[0] = handleOf(s.vtx[rep[s.ends[2 * e]]]);
+    r->ends[1] = handleOf(s.vtx[rep[s.ends[2 * e + 1]]]);
     if (kept[e] == 2) {
       const int32_t x = l.head[e], y = l.next[x];
       s.tri[s.owner[x] / 3]->adj[s.owner[x] % 3] = s.tri[s.owner[y] / 3];
