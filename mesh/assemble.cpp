@@ -791,11 +791,12 @@ struct MadeLists {
   qvVtx* vtx = nullptr;
   qvEdg* edg = nullptr;
   qvEdg* held = nullptr;
+  qvTri* tri = nullptr;  // every triangle that stays, held ones included
 };
 
 // The records of a soup made from corners, for what stays, made in the order
 // of the lists they form and linked into them (see weldAndLink): vertices
-// with a zero normal slot, edges and triangles empty, to be written. False
+// with a zero normal slot, edges to be written, triangles on their edges. False
 // when memory runs out, with none made.
 bool makeRecords(Soup& s, const int32_t* order, const int32_t* rep, const bool* alive, const int32_t* group,
                  const int32_t* kept, const bool* gone, MadeLists& lists) {
@@ -824,15 +825,21 @@ bool makeRecords(Soup& s, const int32_t* order, const int32_t* rep, const bool* 
     if (group[e] == e && kept[e] == 2) make(e, edg);
   for (int32_t e = s.ne - 1; e >= 0 && ok; --e)
     if (group[e] == e && kept[e] > 2) make(e, held);
+  TailChain<qvTri> tri;
   for (int32_t t = 0; t < s.nt && ok; ++t)
-    if (!gone[t]) ok = (s.tri[t] = qvTriNew(nullptr, nullptr, nullptr, 0)) != nullptr;
+    if (!gone[t]) {
+      const int32_t* k = s.slots + 3 * t;
+      s.tri[t] = qvTriNew(s.edg[group[k[0]]], s.edg[group[k[1]]], s.edg[group[k[2]]], 0);
+      ok = s.tri[t] != nullptr;
+      if (ok) tri.add(s.tri[t]);
+    }
   if (!ok) {
     for (int32_t i = 0; i < s.nv; ++i) qvVtxFree(s.vtx[i]);
     for (int32_t i = 0; i < s.ne; ++i) qvEdgFree(s.edg[i]);
     for (int32_t i = 0; i < s.nt; ++i) qvTriFree(s.tri[i]);
     return false;
   }
-  lists = {vtx.head, edg.head, held.head};
+  lists = {vtx.head, edg.head, held.head, tri.head};
   return true;
 }
 
@@ -1001,7 +1008,7 @@ bool weldAndLink(Stitch& st, Soup& s, const double* tol) {
     std::free(gone), std::free(alive), std::free(items);
     return false;
   }
-  for (int32_t t = 0; t < nt; ++t)
+  for (int32_t t = 0; s.records && t < nt; ++t)
     if (!gone[t])
       for (int k = 0; k < 3; ++k) s.tri[t]->edg[k] = s.edg[group[s.slots[3 * t + k]]];
   for (int32_t e = 0; e < ne; ++e) {
@@ -1054,13 +1061,14 @@ bool weldAndLink(Stitch& st, Soup& s, const double* tol) {
       const int32_t t = s.owner[x] / 3;
       if (gone[t]) continue;
       gone[t] = true;
+      if (!s.records) made.tri = listUnlink(made.tri, s.tri[t]);
       held = listPrepend(held, s.tri[t]);
     }
   mesh->triHeld = held;
   n = 0;
-  for (int32_t t = 0; t < nt; ++t)
+  for (int32_t t = 0; s.records && t < nt; ++t)
     if (!gone[t]) items[n++] = s.tri[t];
-  mesh->tri = chainOf(reinterpret_cast<qvTri**>(items), n);
+  mesh->tri = s.records ? chainOf(reinterpret_cast<qvTri**>(items), n) : made.tri;
   mesh->flags &= ~kMeshSortedSet;
   // A soup given as records keeps the steps that settle it on records: the
   // result is the same, and its assembly is the one the other is checked by.
