@@ -10,6 +10,19 @@
 
 namespace {
 
+// The bits of a float or double as an unsigned integer that orders as the
+// number does: 0.0 and -0.0 alike, NaN after every number.
+template <class U, class F>
+U orderedBits(F d) {
+  if (std::isnan(d)) return ~U{0};
+  if (d == 0) d = 0;  // -0.0 orders as 0.0
+  U bits;
+  static_assert(sizeof bits == sizeof d, "an image of the same size");
+  std::memcpy(&bits, &d, sizeof bits);
+  const U sign = U{1} << (8 * sizeof(U) - 1);
+  return (bits & sign) ? ~bits : (bits | sign);
+}
+
 // The order of a vertex list: by the sort axis, then the next axes
 // cyclically, ascending or descending; a vertex without coordinates comes
 // after those with them (before them, descending). Vertices that compare
@@ -94,23 +107,9 @@ uint32_t requestedAxisBit(uint32_t request) {
 
 }  // namespace
 
-uint64_t qvCoordKey(double d) {
-  if (std::isnan(d)) return UINT64_MAX;
-  if (d == 0.0) d = 0.0;  // -0.0 orders as 0.0
-  uint64_t bits;
-  std::memcpy(&bits, &d, sizeof bits);
-  const uint64_t sign = uint64_t{1} << 63;
-  return (bits & sign) ? ~bits : (bits | sign);
-}
+uint64_t qvCoordKey(double d) { return orderedBits<uint64_t>(d); }
 
-uint32_t qvFloatKey(float f) {
-  if (std::isnan(f)) return UINT32_MAX;
-  if (f == 0.0f) f = 0.0f;  // -0.0 orders as 0.0
-  uint32_t bits;
-  std::memcpy(&bits, &f, sizeof bits);
-  const uint32_t sign = uint32_t{1} << 31;
-  return (bits & sign) ? ~bits : (bits | sign);
-}
+uint32_t qvFloatKey(float f) { return orderedBits<uint32_t>(f); }
 
 // Least significant digit first: the two digits of lo, then the four of hi.
 // A pass whose digit is the same for every key moves nothing and is skipped,

@@ -185,8 +185,6 @@ struct Fetch {
 // the same as a comparison sort by ordinal, then slot). Falls back to that
 // comparison sort when the spare table can't be had.
 void sortFetches(Fetch *order, int count) {
-  constexpr int kBits = 11;
-  constexpr uint32_t kBuckets = 1u << kBits;
   const size_t size = static_cast<size_t>(count);
   auto *spare = static_cast<Fetch *>(ftMalloc(sizeof(Fetch) * size));
   if (!spare) {
@@ -195,31 +193,7 @@ void sortFetches(Fetch *order, int count) {
     });
     return;
   }
-  Fetch *from = order;
-  Fetch *to = spare;
-  for (int shift = 0; shift < 32; shift += kBits) {
-    size_t start[kBuckets] = {};
-    auto digit = [shift](const Fetch &f) { return (static_cast<uint32_t>(f.ordinal) >> shift) & (kBuckets - 1); };
-    for (size_t i = 0; i < size; ++i) {
-      ++start[digit(from[i])];
-    }
-    if (start[digit(from[0])] == size) {
-      continue;
-    }
-    size_t sum = 0;
-    for (size_t &bucket : start) {
-      const size_t here = bucket;
-      bucket = sum;
-      sum += here;
-    }
-    for (size_t i = 0; i < size; ++i) {
-      to[start[digit(from[i])]++] = from[i];
-    }
-    std::swap(from, to);
-  }
-  if (from != order) {
-    std::memcpy(order, from, sizeof(Fetch) * size);
-  }
+  radixByImage(order, spare, size, [](const Fetch &f) { return static_cast<uint32_t>(f.ordinal); });
   std::free(spare);
 }
 
