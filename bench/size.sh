@@ -52,7 +52,7 @@ for count in "${counts[@]}"; do
   kept=$(od -An -t u4 -j 80 -N 4 "$work/out.stl" | tr -d ' ')
   awk -v n="$facets" -v b="$bytes" -v m="$method" -v w="$wall" -v u="$user" -v s="$sys" \
       -v p="$peak" -v k="$kept" 'BEGIN {
-    printf "| %d | %d | %s | %.1f | %.1f | %.0f | %.0f | %.0f | %.2f |\n",
+    printf "| %d | %.0f | %s | %.1f | %.1f | %.0f | %.0f | %.0f | %.2f |\n",
            n, b, m, w, u + s, n / w, p / 1024, p * 1024 / n, 100 * k / n }'
   rm -f "$work/field.stl" "$work/out.stl" "$work/out.log"
 done

@@ -8,7 +8,8 @@
 // per facet, and each run is fetched from the file when its turn comes. On
 // both routes the next run is fetched and assembled on a thread of its own
 // while the one before it is reduced and written.
-// reduceHigh reads the whole file into one mesh and reduces it shell by shell.
+// reduceHigh reads the whole file's facets, assembles them into one chain of
+// shells and reduces it shell by shell.
 //
 // Read order: the output file, the walk over a mesh chain, the block loop, the
 // two block routes, then the three method entries.
@@ -240,18 +241,24 @@ void dropNextRun(NextRun &next) {
   next.mesh = nullptr;
 }
 
-// Hands the memory of written blocks back to the system while the next
-// block is being assembled, after every kTrimEvery-th block. Memory handed
-// back is faulted in again by the blocks after it, and memory kept stays
-// with the allocator and raises the peak: on a 14,000,000-facet run (one
-// run each) a release after every block took 9 s of system time at a 731 MB
-// peak, one after every fourth 5 s at 749 MB, and none 4 s at 784 to
-// 804 MB. Other allocators are left alone.
-constexpr int kTrimEvery = 4;
+// The allocator's settings for the block loop. Every block allocates and
+// frees the same large working arrays (a copy of its triangles, 56 MB at
+// 500,000 facets, and the like) and some hundred MB of records, on the
+// producer thread and on the threads that reduce. By default arrays that
+// large are mapped afresh each time, and free memory above 128 KB at the top
+// of the heap goes back to the system: every block then faults its memory
+// in again. Arrays below 64 MB come from the heap here, and up to 64 MB of
+// free memory stays with it. On a 14,000,000-facet field (one run each,
+// load about 3) this took system time from 5.0 to 2.9 s and the peak from
+// 749-789 to 895 MB, where a release of all free memory after every fourth
+// block instead had kept the peak lower. Other allocators are left alone.
+constexpr int kArraysMappedFrom = 64 << 20;
+constexpr int kFreeKeptUpTo = 64 << 20;
 
-void releaseBlockMemory() {
+void settleBlockMemory() {
 #if defined(__GLIBC__)
-  malloc_trim(0);
+  (void)mallopt(M_MMAP_THRESHOLD, kArraysMappedFrom);
+  (void)mallopt(M_TRIM_THRESHOLD, kFreeKeptUpTo);
 #endif
 }
 
@@ -265,6 +272,7 @@ int64_t reduceBlocks(const FacetSource &source, int count, FILE *output, int met
   int64_t oldSum = 0;
   int64_t removedSum = 0;
   const int blocks = (count + kFacetBlockSize - 1) / kFacetBlockSize;
+  settleBlockMemory();
   NextRun next = {&source, 0, std::min(kFacetBlockSize, count), nullptr, -1, {}, false};
   for (int start = 0; start < count; start += kFacetBlockSize) {
     const int size = std::min(kFacetBlockSize, count - start);
@@ -287,9 +295,6 @@ int64_t reduceBlocks(const FacetSource &source, int count, FILE *output, int met
     if (removed < 0) {
       dropNextRun(next);
       return FT_FAIL(-1);
-    }
-    if (count - start > kFacetBlockSize && (start / kFacetBlockSize) % kTrimEvery == kTrimEvery - 1) {
-      releaseBlockMemory();
     }
     oldSum += old;
     removedSum += removed;
@@ -460,9 +465,14 @@ int reduceHigh(const char *inputName, const char *outputName, double tolerance,
                const double *angle, int32_t *oldCount) {
   int64_t status = 0;
   progressStage(kStageRead);
-  qvMesh *chain = stlReadMesh(inputName, &status);
+  FacetRec *facets = stlReadFacets(inputName, &status);
   progressStage(kStageAssembly);
-  const int shells = chain && status >= 0 ? qvMeshAssemble(chain, nullptr) : -1;
+  qvMesh *chain = nullptr;
+  int shells = status == 0 ? 0 : -1;
+  if (facets && status > 0) {
+    chain = assembleFacets(facets, static_cast<int>(status), &shells);
+  }
+  std::free(facets);
   OutputTarget target;
   if (shells < 0 || !outputName ||
       !planOutput(outputName, sameFile(inputName, outputName), &target)) {

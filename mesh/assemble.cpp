@@ -21,6 +21,7 @@
 // come from a pool that the stitch owns (RefPool below), so releasing a list
 // is clearing a link, and the pool goes as a whole at the end.
 #include <algorithm>
+#include <cassert>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -457,16 +458,38 @@ void weldNear(const Soup& s, const int32_t* order, int32_t* rep, const double* t
   }
 }
 
+// Whether three float keys name neither a zero, whose sign the key drops, nor
+// a NaN: then equal keys mean equal floats, bit for bit.
+bool plainKeys(const qvFloatKeys& k) {
+  const uint32_t zero = qvFloatKey(0.0f);
+  const uint32_t words[3] = {static_cast<uint32_t>(k.hi >> 32), static_cast<uint32_t>(k.hi), k.lo};
+  for (uint32_t w : words)
+    if (w == zero || w == UINT32_MAX) return false;
+  return true;
+}
+
 // Without a tolerance: runs of bitwise equal coordinates join their first
 // vertex. The order takes 0.0 and -0.0 as equal, so equal values with
 // different signs of zero may interleave; a run is therefore a run of equal
 // values, and each vertex joins the first of that run with its very bits (at
 // most eight bit patterns share a value: the signs of three zeros).
-void weldExact(const Soup& s, const int32_t* order, int32_t* rep) {
+// With keys, the float keys of the coordinates in order (sortFloatCorners),
+// runs whose keys name no zero and no NaN are found on the keys alone: equal
+// keys then mean equal bits.
+void weldExact(const Soup& s, const int32_t* order, int32_t* rep, const qvFloatKeys* keys) {
   int32_t heads[8];
   int n = 0;
   for (int32_t i = 0; i < s.nv; ++i) {
     const int32_t c = order[i];
+    if (keys && plainKeys(keys[i])) {
+      if (i > 0 && keys[i].hi == keys[i - 1].hi && keys[i].lo == keys[i - 1].lo) {
+        rep[c] = heads[0];
+      } else {
+        heads[0] = c;
+        n = 1;
+      }
+      continue;
+    }
     const double* pc = s.xyz + 3 * c;
     const double* p0 = n > 0 ? s.xyz + 3 * heads[0] : nullptr;
     if (!p0 || !(sameBits(pc, p0) || sameValue(pc, p0))) {
@@ -488,66 +511,30 @@ void weldExact(const Soup& s, const int32_t* order, int32_t* rep) {
   }
 }
 
-// A float's place in the same total order as qvCoordKey's: 0.0 and -0.0
-// alike, NaN after every number.
-uint32_t floatKey(float f) {
-  if (std::isnan(f)) return UINT32_MAX;
-  if (f == 0.0f) f = 0.0f;
-  uint32_t bits;
-  std::memcpy(&bits, &f, sizeof bits);
-  const uint32_t sign = uint32_t{1} << 31;
-  return (bits & sign) ? ~bits : (bits | sign);
-}
-
 // The vertex order when every coordinate is a float widened, as from a file:
 // a float orders as its double does, so the three keys fit in 96 bits, and a
-// stable radix sort of them, 16 bits a pass from the last, keeps list order
-// among equal keys. 1 when sorted into order, 0 when some coordinate is no
-// float (the caller sorts), -1 when memory ran out.
-int32_t sortFloatCorners(const Soup& s, int32_t* order) {
+// stable radix sort of them keeps list order among equal keys. 1 when sorted
+// into order, with the sorted keys in *sorted for the caller to free; 0 when
+// some coordinate is no float (the caller sorts), -1 when memory ran out.
+int32_t sortFloatCorners(const Soup& s, int32_t* order, qvFloatKeys** sorted) {
   const int32_t n = s.nv;
   for (int32_t i = 0; i < 3 * n; ++i) {
     const double d = s.xyz[i];
     if (!std::isnan(d) && static_cast<double>(static_cast<float>(d)) != d) return 0;
   }
-  struct Item {
-    uint64_t xy;  // x key above y key
-    uint32_t z;   // z key
-    int32_t pos;  // place in the list
-  };
-  constexpr int kPasses = 6;
-  constexpr int kDigits = 1 << 16;
-  Item* a = newArray<Item>(n);
-  Item* b = newArray<Item>(n);
-  uint32_t* count = static_cast<uint32_t*>(ftCalloc(static_cast<size_t>(kPasses) * kDigits, sizeof(uint32_t)));
-  if (!a || !b || !count) {
-    std::free(a), std::free(b), std::free(count);
-    return -1;
-  }
-  auto digit = [](const Item& it, int pass) -> uint32_t {
-    const uint64_t word = pass < 2 ? it.z : it.xy;
-    return static_cast<uint32_t>(word >> (16 * (pass < 2 ? pass : pass - 2))) & (kDigits - 1);
-  };
+  qvFloatKeys* keys = newArray<qvFloatKeys>(n);
+  if (!keys) return -1;
   for (int32_t i = 0; i < n; ++i) {
     const double* p = s.xyz + 3 * i;
-    a[i] = {uint64_t{floatKey(static_cast<float>(p[0]))} << 32 | floatKey(static_cast<float>(p[1])),
-            floatKey(static_cast<float>(p[2])), i};
-    for (int pass = 0; pass < kPasses; ++pass) ++count[pass * kDigits + digit(a[i], pass)];
+    keys[i] = {uint64_t{qvFloatKey(static_cast<float>(p[0]))} << 32 | qvFloatKey(static_cast<float>(p[1])),
+               qvFloatKey(static_cast<float>(p[2])), i};
   }
-  for (int pass = 0; pass < kPasses; ++pass) {
-    uint32_t* c = count + pass * kDigits;
-    if (n > 0 && c[digit(a[0], pass)] == static_cast<uint32_t>(n)) continue;  // one digit: nothing moves
-    uint32_t sum = 0;
-    for (int d = 0; d < kDigits; ++d) {
-      const uint32_t here = c[d];
-      c[d] = sum;
-      sum += here;
-    }
-    for (int32_t i = 0; i < n; ++i) b[c[digit(a[i], pass)]++] = a[i];
-    std::swap(a, b);
+  if (qvFloatKeysSort(keys, n) != 0) {
+    std::free(keys);
+    return -1;
   }
-  for (int32_t i = 0; i < n; ++i) order[i] = a[i].pos;
-  std::free(a), std::free(b), std::free(count);
+  for (int32_t i = 0; i < n; ++i) order[i] = keys[i].pos;
+  *sorted = keys;
   return 1;
 }
 
@@ -556,9 +543,10 @@ int32_t sortFloatCorners(const Soup& s, int32_t* order) {
 // sorted by x keeps its list order. rep[v] becomes the vertex v is welded
 // to, itself when it stays. False if memory ran out.
 bool weld(const qvMesh* mesh, const Soup& s, const double* tol, int32_t* order, int32_t* rep) {
+  qvFloatKeys* floatKeys = nullptr;  // the keys in order, when the float sort ran
   if (mesh->flags & kMeshSortX) {
     for (int32_t i = 0; i < s.nv; ++i) order[i] = i;
-  } else if (int32_t sorted = sortFloatCorners(s, order); sorted <= 0) {
+  } else if (int32_t sorted = sortFloatCorners(s, order, &floatKeys); sorted <= 0) {
     if (sorted < 0) return false;
     VtxKey* keys = newArray<VtxKey>(s.nv);
     if (!keys) return false;
@@ -572,7 +560,8 @@ bool weld(const qvMesh* mesh, const Soup& s, const double* tol, int32_t* order, 
   }
   for (int32_t i = 0; i < s.nv; ++i) rep[i] = -1;
   if (tol) weldNear(s, order, rep, tol);
-  else weldExact(s, order, rep);
+  else weldExact(s, order, rep, floatKeys);
+  std::free(floatKeys);
   for (int32_t i = 0; i < s.nv; ++i)
     if (rep[i] < 0) rep[i] = i;
   return true;
@@ -678,6 +667,15 @@ bool mergeEdges(const Soup& s, const int32_t* rep, const int32_t* rank, EdgeList
   return true;
 }
 
+// The handle of a vertex of a stitchable soup, whose data is inline: worked
+// out from the record's address, as reading dat would cost a visit to the
+// record.
+double* handleOf(qvVtx* v) {
+  double* h = reinterpret_cast<double*>(reinterpret_cast<char*>(v) + sizeof(qvVtx));
+  assert(h == v->dat);
+  return h;
+}
+
 // The welded vertex at corner k of triangle t: where its edge in slot k starts.
 int32_t cornerOf(const Soup& s, int32_t t, int32_t k) { return s.corner[3 * t + k]; }
 
@@ -774,29 +772,75 @@ bool soupOfCorners(const float* const* corners, int32_t n, Soup& s) {
   return true;
 }
 
-// The records of a soup made from corners, for what stays: vertices in the
-// order of the list they will form, with a zero normal slot; edges and
-// triangles empty, to be written. False when memory runs out, with none made.
+// A list built at its tail as its records are made, each linked while it is
+// still fresh in the cache.
+template <class T>
+struct TailChain {
+  T* head = nullptr;
+  T* tail = nullptr;
+  void add(T* r) {
+    r->prev = tail;
+    if (tail) tail->next = r;
+    else head = r;
+    tail = r;
+  }
+};
+
+// The vertex, edge and held edge lists of a soup made from corners.
+struct MadeLists {
+  qvVtx* vtx = nullptr;
+  qvEdg* edg = nullptr;
+  qvEdg* held = nullptr;
+  qvTri* tri = nullptr;  // every triangle that stays, held ones included
+};
+
+// The records of a soup made from corners, for what stays, made in the order
+// of the lists they form and linked into them (see weldAndLink): vertices
+// with a zero normal slot, edges to be written, triangles on their edges. False
+// when memory runs out, with none made.
 bool makeRecords(Soup& s, const int32_t* order, const int32_t* rep, const bool* alive, const int32_t* group,
-                 const int32_t* kept, const bool* gone) {
+                 const int32_t* kept, const bool* gone, MadeLists& lists) {
   bool ok = true;
+  TailChain<qvVtx> vtx;
   for (int32_t i = 0; i < s.nv && ok; ++i) {
     const int32_t v = order[i];
     if (rep[v] != v || !alive[v]) continue;
     s.vtx[v] = qvVtxNew(kVtxHasNormal, nullptr);
     ok = s.vtx[v] != nullptr;
-    if (ok) std::memcpy(qvVtxXyz(s.vtx[v]), s.xyz + 3 * v, 3 * sizeof(double));
+    if (ok) {
+      std::memcpy(qvVtxXyz(s.vtx[v]), s.xyz + 3 * v, 3 * sizeof(double));
+      vtx.add(s.vtx[v]);
+    }
   }
+  // Boundary edges last first, then edges of two triangles first first; the
+  // held edges of more, last first, in a list of their own.
+  TailChain<qvEdg> edg, held;
+  auto make = [&s, &ok](int32_t e, TailChain<qvEdg>& chain) {
+    ok = (s.edg[e] = qvEdgNew(nullptr, nullptr, 0, 0)) != nullptr;
+    if (ok) chain.add(s.edg[e]);
+  };
+  for (int32_t e = s.ne - 1; e >= 0 && ok; --e)
+    if (group[e] == e && kept[e] == 1) make(e, edg);
   for (int32_t e = 0; e < s.ne && ok; ++e)
-    if (group[e] == e && kept[e] > 0) ok = (s.edg[e] = qvEdgNew(nullptr, nullptr, 0, 0)) != nullptr;
+    if (group[e] == e && kept[e] == 2) make(e, edg);
+  for (int32_t e = s.ne - 1; e >= 0 && ok; --e)
+    if (group[e] == e && kept[e] > 2) make(e, held);
+  TailChain<qvTri> tri;
   for (int32_t t = 0; t < s.nt && ok; ++t)
-    if (!gone[t]) ok = (s.tri[t] = qvTriNew(nullptr, nullptr, nullptr, 0)) != nullptr;
+    if (!gone[t]) {
+      const int32_t* k = s.slots + 3 * t;
+      s.tri[t] = qvTriNew(s.edg[group[k[0]]], s.edg[group[k[1]]], s.edg[group[k[2]]], 0);
+      ok = s.tri[t] != nullptr;
+      if (ok) tri.add(s.tri[t]);
+    }
   if (!ok) {
     for (int32_t i = 0; i < s.nv; ++i) qvVtxFree(s.vtx[i]);
     for (int32_t i = 0; i < s.ne; ++i) qvEdgFree(s.edg[i]);
     for (int32_t i = 0; i < s.nt; ++i) qvTriFree(s.tri[i]);
+    return false;
   }
-  return ok;
+  lists = {vtx.head, edg.head, held.head, tri.head};
+  return true;
 }
 
 // Where no edge has more than two triangles, adjacency is final after step
@@ -888,8 +932,8 @@ bool settleManifold(Stitch& st, Soup& s, const int32_t* order, const int32_t* gr
       int32_t x = s.owner[l.head[e]];
       if (kept[e] == 2 && s.owner[l.next[l.head[e]]] < x) x = s.owner[l.next[l.head[e]]];
       qvEdg* r = s.edg[e];
-      r->ends[0] = s.vtx[cornerOf(s, x / 3, x % 3)]->dat;
-      r->ends[1] = s.vtx[cornerOf(s, x / 3, (x % 3 + 1) % 3)]->dat;
+      r->ends[0] = handleOf(s.vtx[cornerOf(s, x / 3, x % 3)]);
+      r->ends[1] = handleOf(s.vtx[cornerOf(s, x / 3, (x % 3 + 1) % 3)]);
     }
     st.oriented = true;
     st.mesh->flags &= ~kMeshPassSet;
@@ -957,20 +1001,21 @@ bool weldAndLink(Stitch& st, Soup& s, const double* tol) {
   for (int32_t t = 0; t < nt; ++t)
     if (!gone[t])
       for (int k = 0; k < 3; ++k) alive[cornerOf(s, t, k)] = true;
-  if (!s.records && !makeRecords(s, order, rep, alive, group, kept, gone)) {
+  MadeLists made;
+  if (!s.records && !makeRecords(s, order, rep, alive, group, kept, gone, made)) {
     std::free(order), std::free(rep), std::free(rank), std::free(group), std::free(kept);
     std::free(l.head), std::free(l.tail), std::free(l.count), std::free(l.next);
     std::free(gone), std::free(alive), std::free(items);
     return false;
   }
-  for (int32_t t = 0; t < nt; ++t)
+  for (int32_t t = 0; s.records && t < nt; ++t)
     if (!gone[t])
       for (int k = 0; k < 3; ++k) s.tri[t]->edg[k] = s.edg[group[s.slots[3 * t + k]]];
   for (int32_t e = 0; e < ne; ++e) {
     if (group[e] != e || kept[e] == 0) continue;
     qvEdg* r = s.edg[e];
-    r->ends[0] = s.vtx[rep[s.ends[2 * e]]]->dat;
-    r->ends[1] = s.vtx[rep[s.ends[2 * e + 1]]]->dat;
+    r->ends[0] = handleOf(s.vtx[rep[s.ends[2 * e]]]);
+    r->ends[1] = handleOf(s.vtx[rep[s.ends[2 * e + 1]]]);
     if (kept[e] == 2) {
       const int32_t x = l.head[e], y = l.next[x];
       s.tri[s.owner[x] / 3]->adj[s.owner[x] % 3] = s.tri[s.owner[y] / 3];
@@ -978,28 +1023,33 @@ bool weldAndLink(Stitch& st, Soup& s, const double* tol) {
     }
   }
 
-  // The lists, and the records that go.
+  // The lists, and the records that go; a soup made from corners has its
+  // lists linked already and no record that goes.
   int32_t n = 0;
-  for (int32_t i = 0; i < nv; ++i) {
-    const int32_t v = order[i];
-    if (rep[v] == v && alive[v]) items[n++] = s.vtx[v];
-    else qvVtxFree(s.vtx[v]);
+  if (s.records) {
+    for (int32_t i = 0; i < nv; ++i) {
+      const int32_t v = order[i];
+      if (rep[v] == v && alive[v]) items[n++] = s.vtx[v];
+      else qvVtxFree(s.vtx[v]);
+    }
+    made.vtx = chainOf(reinterpret_cast<qvVtx**>(items), n);
+    n = 0;
+    for (int32_t e = ne - 1; e >= 0; --e)
+      if (group[e] == e && kept[e] == 1) items[n++] = s.edg[e];
+    for (int32_t e = 0; e < ne; ++e)
+      if (group[e] == e && kept[e] == 2) items[n++] = s.edg[e];
+    made.edg = chainOf(reinterpret_cast<qvEdg**>(items), n);
   }
-  mesh->vtx = chainOf(reinterpret_cast<qvVtx**>(items), n);
-  n = 0;
-  for (int32_t e = ne - 1; e >= 0; --e)
-    if (group[e] == e && kept[e] == 1) items[n++] = s.edg[e];
-  for (int32_t e = 0; e < ne; ++e)
-    if (group[e] == e && kept[e] == 2) items[n++] = s.edg[e];
-  mesh->edg = chainOf(reinterpret_cast<qvEdg**>(items), n);
+  mesh->vtx = made.vtx;
+  mesh->edg = made.edg;
   int32_t nHeld = 0;
   for (int32_t e = ne - 1; e >= 0; --e)
     if (group[e] == e && kept[e] > 2) {
       items[nHeld] = s.edg[e];
       order[nHeld++] = e;  // the vertex order is done with: it numbers the held edges now
     }
-  mesh->edgHeld = chainOf(reinterpret_cast<qvEdg**>(items), nHeld);
-  for (int32_t e = 0; e < ne; ++e)
+  mesh->edgHeld = s.records ? chainOf(reinterpret_cast<qvEdg**>(items), nHeld) : made.held;
+  for (int32_t e = 0; s.records && e < ne; ++e)
     if (group[e] != e || kept[e] == 0) qvEdgFree(s.edg[e]);
   for (int32_t t = 0; t < nt; ++t)
     if (gone[t]) qvTriFree(s.tri[t]);
@@ -1011,13 +1061,14 @@ bool weldAndLink(Stitch& st, Soup& s, const double* tol) {
       const int32_t t = s.owner[x] / 3;
       if (gone[t]) continue;
       gone[t] = true;
+      if (!s.records) made.tri = listUnlink(made.tri, s.tri[t]);
       held = listPrepend(held, s.tri[t]);
     }
   mesh->triHeld = held;
   n = 0;
-  for (int32_t t = 0; t < nt; ++t)
+  for (int32_t t = 0; s.records && t < nt; ++t)
     if (!gone[t]) items[n++] = s.tri[t];
-  mesh->tri = chainOf(reinterpret_cast<qvTri**>(items), n);
+  mesh->tri = s.records ? chainOf(reinterpret_cast<qvTri**>(items), n) : made.tri;
   mesh->flags &= ~kMeshSortedSet;
   // A soup given as records keeps the steps that settle it on records: the
   // result is the same, and its assembly is the one the other is checked by.

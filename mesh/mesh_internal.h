@@ -109,6 +109,45 @@ void trailFree(Trail<T>& trail) {
   trail = Trail<T>{};
 }
 
+// Asks for what a walk along a triangle list reads when it compares each
+// triangle's edges with its neighbours' (orientation checks, the marking
+// pass): the edges and neighbours of the triangle kFar places ahead, and the
+// first two edges of each neighbour, where the corners are read, of the one
+// kNear places ahead, whose neighbours have arrived by then. The walk must
+// not reorder the triangle list; step() once per triangle read.
+class TriLookahead {
+ public:
+  explicit TriLookahead(const qvTri* head) : far_(head), near_(head) {
+    for (int i = 0; i < kFar - kNear && far_; ++i) far_ = askFar(far_);
+    for (int i = 0; i < kNear; ++i) step();
+  }
+  void step() {
+    if (far_) far_ = askFar(far_);
+    if (near_) near_ = askNear(near_);
+  }
+
+ private:
+  static constexpr int kFar = 16;
+  static constexpr int kNear = 8;
+  static const qvTri* askFar(const qvTri* t) {
+    for (int i = 0; i < 3; ++i) {
+      __builtin_prefetch(t->edg[i]);
+      __builtin_prefetch(t->adj[i]);
+    }
+    return t->next;
+  }
+  static const qvTri* askNear(const qvTri* t) {
+    for (const qvTri* n : t->adj)
+      if (n) {
+        __builtin_prefetch(n->edg[0]);
+        __builtin_prefetch(n->edg[1]);
+      }
+    return t->next;
+  }
+  const qvTri* far_;
+  const qvTri* near_;
+};
+
 // Coordinates behind a handle, or null.
 inline const double* handleXyz(const double* h) { return h ? qvVtxXyz(qvVtxOf(h)) : nullptr; }
 

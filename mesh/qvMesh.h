@@ -444,6 +444,20 @@ int32_t qvMeshSortVtx(qvMesh* mesh, uint32_t request, qvBox* box);
 // An integer that orders as the coordinate d does in the sorts' total order:
 // 0.0 and -0.0 alike, NaN after every number.
 uint64_t qvCoordKey(double d);
+// The same order for a float in 32 bits: a coordinate that is a float
+// widened orders by the key of that float as it does by qvCoordKey.
+uint32_t qvFloatKey(float f);
+// Three such keys (or their complements) in comparison order, and a place.
+struct qvFloatKeys {
+  uint64_t hi;  // the first key above the second
+  uint32_t lo;  // the third key
+  int32_t pos;  // the place, which the sort carries along
+};
+static_assert(sizeof(qvFloatKeys) == 16, "qvFloatKeys grew");
+// Sorts n keys by (hi, lo) with a radix sort, 16 bits a pass, so that equal
+// keys keep their order: keys given in order of pos come out ordered by
+// (hi, lo, pos). 0, or -1 with the keys as they were when memory runs out.
+[[nodiscard]] int32_t qvFloatKeysSort(qvFloatKeys* keys, int32_t n);
 
 // ---------------------------------------------------------------------------
 // Whole-mesh validator, for tests and debug builds. Checks invariants 1-9 on

@@ -72,7 +72,8 @@ int32_t qvBndCount(qvMesh* mesh) {
   int32_t count = 0;
   bool ok = true;
   ftmesh::Trail<qvEdg> visited;
-  for (qvTri* t = mesh->tri; t && ok; t = t->next) {
+  ftmesh::TriLookahead ahead(mesh->tri);
+  for (qvTri* t = mesh->tri; t && ok; t = t->next, ahead.step()) {
     if (!(t->flags & kTriLinked)) {
       ok = false;
       break;
@@ -109,7 +110,8 @@ int32_t orientCheck(qvMesh* mesh, int32_t* bnd) {
   int32_t count = 0;
   bool counted = (mesh->flags & kMeshStitched) != 0;
   ftmesh::Trail<qvEdg> visited;
-  for (qvTri* t = mesh->tri; t && result == 0; t = t->next) {
+  ftmesh::TriLookahead ahead(mesh->tri);
+  for (qvTri* t = mesh->tri; t && result == 0; t = t->next, ahead.step()) {
     if (!(t->flags & kTriLinked)) counted = false;
     double* c[3];
     int32_t corners = -1;  // 0 read, 1 unreadable, -1 not read yet
@@ -223,7 +225,8 @@ int32_t qvTopoMark(qvMesh* mesh, uint32_t vtxBit, uint32_t bndBit, uint32_t inBi
   int32_t inconsistent = 0;
   bool ok = true;
   ftmesh::Trail<qvEdg> visited;
-  for (qvTri* t = mesh->tri; t && ok; t = t->next) {
+  ftmesh::TriLookahead ahead(mesh->tri);
+  for (qvTri* t = mesh->tri; t && ok; t = t->next, ahead.step()) {
     double* corner[3];
     int32_t corners = -1;  // 0 read, 1 unreadable, -1 not read yet
     for (int32_t i = 0; i < 3; ++i) {

@@ -10,6 +10,19 @@
 
 namespace {
 
+// The bits of a float or double as an unsigned integer that orders as the
+// number does: 0.0 and -0.0 alike, NaN after every number.
+template <class U, class F>
+U orderedBits(F d) {
+  if (std::isnan(d)) return ~U{0};
+  if (d == 0) d = 0;  // -0.0 orders as 0.0
+  U bits;
+  static_assert(sizeof bits == sizeof d, "an image of the same size");
+  std::memcpy(&bits, &d, sizeof bits);
+  const U sign = U{1} << (8 * sizeof(U) - 1);
+  return (bits & sign) ? ~bits : (bits | sign);
+}
+
 // The order of a vertex list: by the sort axis, then the next axes
 // cyclically, ascending or descending; a vertex without coordinates comes
 // after those with them (before them, descending). Vertices that compare
@@ -94,13 +107,49 @@ uint32_t requestedAxisBit(uint32_t request) {
 
 }  // namespace
 
-uint64_t qvCoordKey(double d) {
-  if (std::isnan(d)) return UINT64_MAX;
-  if (d == 0.0) d = 0.0;  // -0.0 orders as 0.0
-  uint64_t bits;
-  std::memcpy(&bits, &d, sizeof bits);
-  const uint64_t sign = uint64_t{1} << 63;
-  return (bits & sign) ? ~bits : (bits | sign);
+uint64_t qvCoordKey(double d) { return orderedBits<uint64_t>(d); }
+
+uint32_t qvFloatKey(float f) { return orderedBits<uint32_t>(f); }
+
+// Least significant digit first: the two digits of lo, then the four of hi.
+// A pass whose digit is the same for every key moves nothing and is skipped,
+// which on keys from one region of a model is often the case for the top
+// digits.
+int32_t qvFloatKeysSort(qvFloatKeys* keys, int32_t n) {
+  if (n < 2) return 0;
+  constexpr int kPasses = 6;
+  constexpr int kDigits = 1 << 16;
+  qvFloatKeys* spare = static_cast<qvFloatKeys*>(ftMalloc(sizeof(qvFloatKeys) * static_cast<size_t>(n)));
+  uint32_t* count = static_cast<uint32_t*>(ftCalloc(static_cast<size_t>(kPasses) * kDigits, sizeof(uint32_t)));
+  if (!spare || !count) {
+    std::free(spare);
+    std::free(count);
+    return -1;
+  }
+  auto digit = [](const qvFloatKeys& k, int pass) -> uint32_t {
+    const uint64_t word = pass < 2 ? k.lo : k.hi;
+    return static_cast<uint32_t>(word >> (16 * (pass < 2 ? pass : pass - 2))) & (kDigits - 1);
+  };
+  for (int32_t i = 0; i < n; ++i)
+    for (int pass = 0; pass < kPasses; ++pass) ++count[pass * kDigits + digit(keys[i], pass)];
+  qvFloatKeys* a = keys;
+  qvFloatKeys* b = spare;
+  for (int pass = 0; pass < kPasses; ++pass) {
+    uint32_t* c = count + pass * kDigits;
+    if (c[digit(a[0], pass)] == static_cast<uint32_t>(n)) continue;
+    uint32_t sum = 0;
+    for (int d = 0; d < kDigits; ++d) {
+      const uint32_t here = c[d];
+      c[d] = sum;
+      sum += here;
+    }
+    for (int32_t i = 0; i < n; ++i) b[c[digit(a[i], pass)]++] = a[i];
+    std::swap(a, b);
+  }
+  if (a != keys) std::memcpy(keys, a, sizeof(qvFloatKeys) * static_cast<size_t>(n));
+  std::free(spare);
+  std::free(count);
+  return 0;
 }
 
 int32_t qvVtxBox(qvVtx* head, qvBox* box) {

@@ -12,9 +12,9 @@
 
 #include "mesh/qvMesh.h"
 
-// One stitched shell with null next, reduced on pieces side by side: medium
-// with reduceOnePass and silent, low with reduceQuick and progress lines on
-// standard output. The triangles taken out, or -1. Either way mesh again holds
+// One stitched shell with null next, as assembly leaves it (qvMeshCut),
+// reduced on pieces side by side: medium with reduceOnePass and silent, low
+// with reduceQuick and progress lines on standard output. The triangles taken out, or -1. Either way mesh again holds
 // every triangle, in one set of lists, with null next.
 [[nodiscard]] int32_t reduceParallelMedium(qvMesh *mesh, double tolerance, const double *angleRef);
 [[nodiscard]] int32_t reduceParallelLow(qvMesh *mesh, double tolerance, const double *angleRef);
@@ -72,7 +72,9 @@ qvTri *qvTriSort(qvTri *head, int32_t direction, int32_t axis, int32_t corner);
 [[nodiscard]] int32_t qvMeshUnpinch(qvMesh *mesh, qvVtx *(*clone)(const qvVtx *));
 // Cuts one stitched, connected shell with a valid analysis and no marks into
 // pair (count as for qvMeshHalve): each half is unpinched and split into its
-// pieces, chained behind it. The triangles are laid out in memory in the
+// pieces, chained behind it. The shell comes as assembly and qvMeshShells
+// leave every shell, its triangle list in the order of the shell flood, which
+// is what each piece of a cut is given as well; the flood isn't run again. The triangles are laid out in memory in the
 // order of the sort on the way (qvTriPlace), so a pointer to a triangle may
 // name another one afterwards. 0, or -1 at the first failing step, with pair
 // possibly half filled and the mesh given up as it stands.

@@ -116,6 +116,32 @@ TriKey triKey(const qvTri *t, int32_t pos, int32_t direction, int32_t axis, int3
 
 constexpr int32_t kAhead = 8;  // triangles between a corner prefetch and the read
 
+// The same order in 16 bytes a triangle when every coordinate it compares is
+// a float widened, as from a file: the three keys of the box corner fit in
+// 96 bits (qvFloatKey), and a stable radix sort of them, from keys made in
+// list order, gives the order of keyBefore. False, with keys to be made the
+// general way, for a triangle whose corners can't be read or a coordinate
+// that is no float.
+bool floatKeys(qvTri *const *order, int32_t n, int32_t direction, int32_t axis, int32_t corner,
+               qvFloatKeys *keys) {
+  const uint32_t flip = direction == 0 ? UINT32_MAX : 0;
+  for (int32_t i = 0; i < n; ++i) {
+    if (i + 2 * kAhead < n) qvTriPrefetchEdges(order[i + 2 * kAhead]);
+    if (i + kAhead < n) qvTriPrefetchCorners(order[i + kAhead]);
+    qvBox box;
+    if (qvTriBox(order[i], &box) < 0) return false;
+    uint32_t k[3];
+    for (int a = 0; a < 3; ++a) {
+      const double d = *box[corner * 3 + (axis + a) % 3];
+      const float f = static_cast<float>(d);
+      if (!std::isnan(d) && static_cast<double>(f) != d) return false;
+      k[a] = qvFloatKey(f) ^ flip;
+    }
+    keys[i] = {uint64_t{k[0]} << 32 | k[1], k[2], i};
+  }
+  return true;
+}
+
 // ---------------------------------------------------------------------------
 // Splitting by a triangle flag
 
@@ -338,16 +364,16 @@ bool unpinchVertex(qvMesh *mesh, qvVtx *v, qvVtx *(*clone)(const qvVtx *)) {
   return true;
 }
 
-// Lays the triangles, at rest, out in memory in keys' order: the i-th of the
-// new order takes the i-th record by address (qvTriPlace). order holds the
-// records in their former list order, which after assembly or an earlier
-// cut already runs up through memory. The head of the list, or null with
+// Lays the triangles, at rest, out in memory in sorted order, sorted naming
+// their places in order: the i-th of the new order takes the i-th record by
+// address (qvTriPlace). order holds the records in their former list order,
+// which after assembly or an earlier cut already runs up through memory. The head of the list, or null with
 // nothing changed when a triangle names a neighbour outside the list or
 // memory runs out.
-qvTri *placeSorted(qvTri **order, const TriKey *keys, int32_t n) {
+qvTri *placeSorted(qvTri **order, const int32_t *sorted, int32_t n) {
   qvTri **from = static_cast<qvTri **>(ftMalloc(sizeof(qvTri *) * static_cast<size_t>(n)));
   if (!from) return nullptr;
-  for (int32_t i = 0; i < n; ++i) from[i] = order[keys[i].pos];
+  for (int32_t i = 0; i < n; ++i) from[i] = order[sorted[i]];
   qvTri *head = nullptr;
   if (std::is_sorted(order, order + n, [](const qvTri *a, const qvTri *b) { return a < b; }))
     head = qvTriPlace(from, order, n) == 0 ? order[0] : nullptr;
@@ -383,32 +409,47 @@ qvTri *sortTriangles(qvTri *head, int32_t direction, int32_t axis, int32_t corne
     order = grown;
     order[n++] = t;
   }
-  TriKey *keys = static_cast<TriKey *>(ftMalloc(static_cast<size_t>(n) * sizeof(TriKey)));
-  if (!keys) {
+  // The sorted places; pos of each key names the triangle's place in order.
+  int32_t *sorted = static_cast<int32_t *>(ftMalloc(static_cast<size_t>(n) * sizeof(int32_t)));
+  qvFloatKeys *fast = static_cast<qvFloatKeys *>(ftMalloc(static_cast<size_t>(n) * sizeof(qvFloatKeys)));
+  bool done = sorted && fast && floatKeys(order, n, direction, axis, corner, fast) &&
+              qvFloatKeysSort(fast, n) == 0;
+  for (int32_t i = 0; done && i < n; ++i) sorted[i] = fast[i].pos;
+  std::free(fast);
+  TriKey *keys = done || !sorted ? nullptr : static_cast<TriKey *>(ftMalloc(static_cast<size_t>(n) * sizeof(TriKey)));
+  if (!done && !keys) {
+    std::free(sorted);
     std::free(order);
     return nullptr;
   }
-  // From here on nothing fails: the pass that reads the keys also clears tag.
+  // From here on nothing fails: the pass that reads the keys, or one of its
+  // own, clears tag.
   bool atRest = true;
   for (int32_t i = 0; i < n; ++i) {
-    if (i + 2 * kAhead < n) qvTriPrefetchEdges(order[i + 2 * kAhead]);
-    if (i + kAhead < n) qvTriPrefetchCorners(order[i + kAhead]);
+    if (!done) {
+      if (i + 2 * kAhead < n) qvTriPrefetchEdges(order[i + 2 * kAhead]);
+      if (i + kAhead < n) qvTriPrefetchCorners(order[i + kAhead]);
+    }
     qvTri *t = order[i];
-    keys[i] = triKey(t, i, direction, axis, corner);
+    if (!done) keys[i] = triKey(t, i, direction, axis, corner);
     t->tag = 0;
     atRest = atRest && !t->link && !t->aux[0] && !t->aux[1] && !t->aux[2];
   }
-  std::sort(keys, keys + n, [](const TriKey &a, const TriKey &b) { return keyBefore(a, b); });
-  head = place && atRest ? placeSorted(order, keys, n) : nullptr;
+  if (!done) {
+    std::sort(keys, keys + n, [](const TriKey &a, const TriKey &b) { return keyBefore(a, b); });
+    for (int32_t i = 0; i < n; ++i) sorted[i] = keys[i].pos;
+    std::free(keys);
+  }
+  head = place && atRest ? placeSorted(order, sorted, n) : nullptr;
   if (!head) {
     for (int32_t i = 0; i < n; ++i) {
-      qvTri *t = order[keys[i].pos];
-      t->prev = i > 0 ? order[keys[i - 1].pos] : nullptr;
-      t->next = i + 1 < n ? order[keys[i + 1].pos] : nullptr;
+      qvTri *t = order[sorted[i]];
+      t->prev = i > 0 ? order[sorted[i - 1]] : nullptr;
+      t->next = i + 1 < n ? order[sorted[i + 1]] : nullptr;
     }
-    head = order[keys[0].pos];
+    head = order[sorted[0]];
   }
-  std::free(keys);
+  std::free(sorted);
   std::free(order);
   if (count) *count = n;
   return head;
@@ -578,7 +619,7 @@ int32_t qvMeshCut(qvMesh *mesh, int32_t count, qvMeshPair *pair) {
   if (!pair) return FT_FAIL(-1);
   pair->first = nullptr;
   pair->second = nullptr;
-  if (!mesh || qvMeshShells(mesh, qvVtxClone) != 1) return FT_FAIL(-1);
+  if (!mesh) return FT_FAIL(-1);
   qvTopo topo{};
   if (qvMeshTopo(mesh, &topo) != 0) return FT_FAIL(-1);
   // The triangles are laid out in memory in the order of the cut's sort, along

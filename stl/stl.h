@@ -177,8 +177,11 @@ int stlRemoveOutputOnSignal();
 
 // ---- Mesh from facets ---------------------------------------------------------
 
-// The whole file as one unassembled mesh, binary tried first. status: the facet
-// count (0 for an ASCII file without facets), or negative with null returned.
+// The whole file's facets in reading order, binary tried first: a new array
+// (free with free()). status: the facet count (0 for an ASCII file without
+// facets), or negative with null returned.
+FacetRec *stlReadFacets(const char *name, int64_t *status);
+// The whole file as one unassembled mesh, as stlReadFacets reads it.
 qvMesh *stlReadMesh(const char *name, int64_t *status);
 // The run table[0..count) as one unassembled mesh, or null (status -1; a count
 // below 1 gives null with status 0).
@@ -192,9 +195,8 @@ qvMesh *meshFromKeys(FILE *file, int format, const FacetKey *keys, int count, in
 // of shells, or -1 on failure, when the mesh returned (if any) is good only for
 // being freed.
 qvMesh *assembleFromPointers(FacetRec *const *table, int count, int *shells);
+// The same for the array facets[0..count), as stlReadFacets gives it.
+qvMesh *assembleFacets(const FacetRec *facets, int count, int *shells);
 // The facets of the run keys[0..count) of a file opened with stlOpenBinary or
 // stlOpenAscii, in run order: a new array, or null.
 FacetRec *fetchFacetRun(FILE *file, int format, const FacetKey *keys, int count);
-// One triangle on three new vertices at the facet's corners. 0, or -1 with the
-// mesh as it was.
-[[nodiscard]] int addFacetToMesh(qvMesh *mesh, const FacetWire *wire);

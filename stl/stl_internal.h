@@ -4,8 +4,10 @@
 #include "stl/stl.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <utility>
 
 namespace stl_detail {
 
@@ -55,6 +57,40 @@ void pendingDrop(const FILE *file);
 // Decodes the nine vertex coordinates of a 50-byte record. False when one of
 // them is NaN or infinite: such a record makes the file malformed.
 [[nodiscard]] bool decodeVertices(const unsigned char *record, float *vertices);
+
+// Stable least-significant-digit passes, 8 bits each, over a 32-bit image of
+// each entry (image(entry)), with spare as large as items; the result ends in
+// items. A pass in which every entry falls into one bucket would move nothing
+// and is skipped.
+template <class T, class Image>
+void radixByImage(T *items, T *spare, size_t count, Image image) {
+  constexpr int kBits = 8;
+  constexpr uint32_t kBuckets = 1u << kBits;
+  T *from = items;
+  T *to = spare;
+  for (int shift = 0; shift < 32; shift += kBits) {
+    size_t start[kBuckets] = {};
+    for (size_t i = 0; i < count; ++i) {
+      ++start[(image(from[i]) >> shift) & (kBuckets - 1)];
+    }
+    if (std::find(start, start + kBuckets, count) != start + kBuckets) {
+      continue;
+    }
+    size_t sum = 0;
+    for (size_t &bucket : start) {
+      const size_t size = bucket;
+      bucket = sum;
+      sum += size;
+    }
+    for (size_t i = 0; i < count; ++i) {
+      to[start[(image(from[i]) >> shift) & (kBuckets - 1)]++] = from[i];
+    }
+    std::swap(from, to);
+  }
+  if (from != items) {
+    std::memcpy(items, from, count * sizeof(T));
+  }
+}
 
 // Sort key of a facet on an axis: the smallest of its three coordinates there.
 inline float facetKeyOf(const float *vertices, int axis) {

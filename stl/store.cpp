@@ -14,9 +14,6 @@ using namespace stl_detail;
 namespace {
 
 constexpr uint32_t kSignBit = 0x80000000u; // top bit of a 32-bit word: sign of a float or an int32
-constexpr int kRadixBits = 8;               // bits of the sort image ordered per pass
-constexpr int kRadixBuckets = 1 << kRadixBits;
-constexpr uint32_t kRadixMask = kRadixBuckets - 1;
 constexpr int kRadixMinimum = 1024; // shorter tables are sorted by comparison
 
 // ---- Axis and box -----------------------------------------------------------
@@ -58,33 +55,9 @@ uint32_t radixImage(const FacetKey &entry, bool byKey) {
   return byKey ? orderImage(entry.key) : static_cast<uint32_t>(entry.ordinal) ^ kSignBit;
 }
 
-// Stable least-significant-digit passes over one 32-bit image. A pass in which
-// every entry falls into one bucket would move nothing and is skipped.
+// Stable passes over one 32-bit image: the key's or the ordinal's.
 void radixPasses(FacetKey *keys, FacetKey *spare, size_t count, bool byKey) {
-  FacetKey *from = keys;
-  FacetKey *to = spare;
-  for (int shift = 0; shift < 32; shift += kRadixBits) {
-    size_t start[kRadixBuckets] = {};
-    for (size_t i = 0; i < count; ++i) {
-      ++start[(radixImage(from[i], byKey) >> shift) & kRadixMask];
-    }
-    if (std::find(start, start + kRadixBuckets, count) != start + kRadixBuckets) {
-      continue;
-    }
-    size_t sum = 0;
-    for (size_t &bucket : start) {
-      const size_t size = bucket;
-      bucket = sum;
-      sum += size;
-    }
-    for (size_t i = 0; i < count; ++i) {
-      to[start[(radixImage(from[i], byKey) >> shift) & kRadixMask]++] = from[i];
-    }
-    std::swap(from, to);
-  }
-  if (from != keys) {
-    std::memcpy(keys, from, count * sizeof(FacetKey));
-  }
+  radixByImage(keys, spare, count, [byKey](const FacetKey &entry) { return radixImage(entry, byKey); });
 }
 
 // Orders a table by key, equal keys by ordinal: a total order, so the result
