@@ -418,18 +418,13 @@ int32_t sweep(qvMesh* mesh, const qvRedParams* params, qvTrial* tr) {
   return removed;
 }
 
-// The quick sweep's states, kept in each vertex's score: due to be tried in
-// this sweep, changed by a removal in this sweep (tried in the next one), or
-// tried and refused on the mesh as it is.
-constexpr double kQuickDue = 0.0;
-constexpr double kQuickNext = 1.0;
-constexpr double kQuickDone = 2.0;
-
-int32_t quickChanged(qvVtx* const* x, int32_t n) {
-  for (int32_t i = 0; i < n; ++i)
-    if (!(x[i]->flags & kVtxKeepSet)) scoreSet(x[i], kQuickNext);
-  return 0;
-}
+// The quick sweep's states, one byte per place in the vertex list: due to be
+// tried in this sweep, changed by a removal in this sweep (tried in the next
+// one), or tried and refused on the mesh as it is. Each vertex's score holds
+// its place, so that a removal finds the states of the vertices it changed.
+constexpr uint8_t kQuickDue = 0;
+constexpr uint8_t kQuickNext = 1;
+constexpr uint8_t kQuickDone = 2;
 
 // The quick sweep: the vertices in list order, each tried along its
 // shortest spoke and removed when it scores within the tolerance. The
@@ -440,23 +435,46 @@ int32_t quickChanged(qvVtx* const* x, int32_t n) {
 // only when a removal changed its surroundings; like the full sweep, it ends
 // only when every vertex left was tried on the final mesh.
 int32_t sweepQuick(qvMesh* mesh, const qvRedParams* params, qvTrial* tr) {
-  for (qvVtx* v = mesh->vtx; v; v = v->next) scoreSet(v, kQuickDue);
+  const int32_t n = qvVtxCount(mesh->vtx);
+  qvVtx** at = static_cast<qvVtx**>(ftMalloc(sizeof(qvVtx*) * (static_cast<size_t>(n) + 1)));
+  auto* state = static_cast<uint8_t*>(ftCalloc(static_cast<size_t>(n) + 1, 1));  // all due
+  if (!at || !state) {
+    std::free(at);
+    std::free(state);
+    return -1;
+  }
+  int32_t place = 0;
+  for (qvVtx* v = mesh->vtx; v; v = v->next, ++place) {
+    at[place] = v;
+    scoreSet(v, place);
+  }
+  auto changed = [&](qvVtx* const* x, int32_t count) {
+    for (int32_t i = 0; i < count; ++i)
+      if (!(x[i]->flags & kVtxKeepSet)) state[static_cast<int32_t>(scoreOf(x[i]))] = kQuickNext;
+    return 0;
+  };
   int32_t removed = 0;
   int32_t untold = 0;  // vertices of the first sweep done since the last progress note
-  for (bool again = true, first = true; again; first = false) {
+  for (bool again = true, first = true; again && removed >= 0; first = false) {
     again = false;
-    for (qvVtx* v = mesh->vtx; v; v = v->next)
-      if (scoreOf(v) == kQuickNext) scoreSet(v, kQuickDue);
-    for (qvVtx* v = mesh->vtx; v; v = v->next) {
-      if ((v->flags & (kVtxKeepSet | kVtxRetired)) || scoreOf(v) != kQuickDue) continue;
-      scoreSet(v, kQuickDone);
+    for (int32_t i = 0; i < n; ++i)
+      if (state[i] == kQuickNext) state[i] = kQuickDue;
+    for (int32_t i = 0; i < n; ++i) {
+      qvVtx* v = at[i];
+      if (state[i] != kQuickDue || (v->flags & (kVtxKeepSet | kVtxRetired))) continue;
+      state[i] = kQuickDone;
       const int32_t r = qvTrialRun(mesh, v, params, tr);
-      if (r < 0) return -1;
+      if (r < 0) {
+        removed = -1;
+        break;
+      }
       if (r == 0 && !(tr->score <= params->lim2)) {
         qvTrialDrop(tr);
       } else if (r == 0) {
-        if (qvTrialCommit(mesh, tr, params) != 0) return -1;
-        if (qvTrialTouched(tr, quickChanged) != 0) return -1;
+        if (qvTrialCommit(mesh, tr, params) != 0 || qvTrialTouched(tr, changed) != 0) {
+          removed = -1;
+          break;
+        }
         ++removed;
         again = true;
       }
@@ -466,6 +484,9 @@ int32_t sweepQuick(qvMesh* mesh, const qvRedParams* params, qvTrial* tr) {
       }
     }
   }
+  std::free(at);
+  std::free(state);
+  if (removed < 0) return -1;
   ftProgress(kProgressSweep, untold);
   for (qvVtx* v = mesh->vtx; v; v = v->next) scoreSet(v, kRedScoreNone);
 #ifndef NDEBUG
