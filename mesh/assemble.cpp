@@ -321,10 +321,9 @@ struct Soup {
   int32_t* slots = nullptr;  // three edge numbers per triangle
   int32_t* owner = nullptr;  // per edge: 3 x its triangle's number + its slot there
   bool records = true;       // numbered from a mesh's records, not made from corners
-  int32_t* adj = nullptr;    // per triangle slot: the neighbour's number or -1, once settled on arrays
   int32_t* corner = nullptr; // per triangle slot k: the welded vertex at corner k, once welded
+  bool flooded = false;      // triangles made in the order of the one shell's flood (shellsOnArrays)
   ~Soup() {
-    std::free(adj);
     std::free(corner);
     std::free(owner);
     std::free(vtx);
@@ -796,10 +795,11 @@ struct MadeLists {
 
 // The records of a soup made from corners, for what stays, made in the order
 // of the lists they form and linked into them (see weldAndLink): vertices
-// with a zero normal slot, edges to be written, triangles on their edges. False
-// when memory runs out, with none made.
+// with a zero normal slot, edges to be written, triangles on their edges, in
+// soup order or, with triOrder, in that order (triangle numbers, ended by -1
+// when short of nt). False when memory runs out, with none made.
 bool makeRecords(Soup& s, const int32_t* order, const int32_t* rep, const bool* alive, const int32_t* group,
-                 const int32_t* kept, const bool* gone, MadeLists& lists) {
+                 const int32_t* kept, const bool* gone, const int32_t* triOrder, MadeLists& lists) {
   bool ok = true;
   TailChain<qvVtx> vtx;
   for (int32_t i = 0; i < s.nv && ok; ++i) {
@@ -826,13 +826,28 @@ bool makeRecords(Soup& s, const int32_t* order, const int32_t* rep, const bool* 
   for (int32_t e = s.ne - 1; e >= 0 && ok; --e)
     if (group[e] == e && kept[e] > 2) make(e, held);
   TailChain<qvTri> tri;
-  for (int32_t t = 0; t < s.nt && ok; ++t)
-    if (!gone[t]) {
-      const int32_t* k = s.slots + 3 * t;
-      s.tri[t] = qvTriNew(s.edg[group[k[0]]], s.edg[group[k[1]]], s.edg[group[k[2]]], 0);
-      ok = s.tri[t] != nullptr;
-      if (ok) tri.add(s.tri[t]);
+  auto makeTri = [&](int32_t t) {
+    const int32_t* k = s.slots + 3 * t;
+    s.tri[t] = qvTriNew(s.edg[group[k[0]]], s.edg[group[k[1]]], s.edg[group[k[2]]], 0);
+    ok = s.tri[t] != nullptr;
+    if (ok) tri.add(s.tri[t]);
+  };
+  if (triOrder) {
+    // The order jumps about the soup: its slots and their groups are asked
+    // for some triangles ahead.
+    constexpr int32_t kAheadSlots = 16, kAheadGroups = 8;
+    int32_t n = 0;
+    while (n < s.nt && triOrder[n] >= 0) ++n;
+    for (int32_t i = 0; i < n && ok; ++i) {
+      if (i + kAheadSlots < n) __builtin_prefetch(s.slots + 3 * triOrder[i + kAheadSlots]);
+      if (i + kAheadGroups < n)
+        for (int k = 0; k < 3; ++k) __builtin_prefetch(group + s.slots[3 * triOrder[i + kAheadGroups] + k]);
+      makeTri(triOrder[i]);
     }
+  } else {
+    for (int32_t t = 0; t < s.nt && ok; ++t)
+      if (!gone[t]) makeTri(t);
+  }
   if (!ok) {
     for (int32_t i = 0; i < s.nv; ++i) qvVtxFree(s.vtx[i]);
     for (int32_t i = 0; i < s.ne; ++i) qvEdgFree(s.edg[i]);
@@ -843,31 +858,94 @@ bool makeRecords(Soup& s, const int32_t* order, const int32_t* rep, const bool* 
   return true;
 }
 
-// Where no edge has more than two triangles, adjacency is final after step
-// 3, and two later steps can be settled on the arrays. The vertices of more
-// than one fan are found by walking each vertex's fan across the triangles'
-// neighbours; only they get the list of their triangles (in reverse list
-// order, as step 5 builds it) and are split. And when every shared edge is
-// run in opposite directions by its two triangles, orientation has nothing to
-// turn: each edge is then laid along the first triangle in list order that
-// holds it, from its corner at the edge's slot, as the orientation step
-// would. The triangle list is in soup order here. False if memory ran out.
-bool settleManifold(Stitch& st, Soup& s, const int32_t* order, const int32_t* group,
-                    const int32_t* kept, const EdgeLists& l, const bool* gone) {
-  const int32_t nt = s.nt, nv = s.nv;
-  int32_t* adj = newArray<int32_t>(3 * nt);  // per slot: the neighbouring triangle, or -1
-  int32_t* deg = static_cast<int32_t*>(ftCalloc(static_cast<size_t>(nv) + 1, sizeof(int32_t)));
-  int32_t* start = newArray<int32_t>(nv);    // per vertex: 3 x a triangle at it + its corner there
-  bool ok = adj && deg && start;
-  bool consistent = true;
-  for (int32_t i = 0; ok && i < 3 * nt; ++i) adj[i] = -1;
-  for (int32_t e = 0; ok && e < s.ne; ++e) {
+// Where no edge has more than two triangles, adjacency is final after step 3
+// and can be read off the edges' chains before any triangle is made: per
+// triangle slot the neighbour across it, or -1. consistent tells whether
+// every shared edge is run in opposite directions by its two triangles. Null
+// when memory runs out.
+int32_t* adjOnArrays(const Soup& s, const int32_t* group, const int32_t* kept, const EdgeLists& l,
+                     bool& consistent) {
+  int32_t* adj = newArray<int32_t>(3 * s.nt);
+  consistent = true;
+  if (!adj) return nullptr;
+  for (int32_t i = 0; i < 3 * s.nt; ++i) adj[i] = -1;
+  for (int32_t e = 0; e < s.ne; ++e) {
     if (group[e] != e || kept[e] != 2) continue;
     const int32_t x = s.owner[l.head[e]], y = s.owner[l.next[l.head[e]]];
     adj[x] = y / 3;
     adj[y] = x / 3;
     consistent = consistent && cornerOf(s, x / 3, x % 3) == cornerOf(s, y / 3, (y % 3 + 1) % 3);
   }
+  return adj;
+}
+
+// The flood that gathers a shell (qvMeshShells), run on the arrays over the
+// triangles that stay, in soup order: each triangle's unreached neighbours
+// are moved directly behind it, so the list that results stands in the
+// order the records would take. The triangle numbers in that order, ended by
+// -1 when fewer than nt stay; null when they form more than one shell (or
+// none), or memory runs out.
+int32_t* floodOnArrays(const Soup& s, const int32_t* adj, const bool* gone) {
+  const int32_t nt = s.nt;
+  int32_t* next = newArray<int32_t>(nt);
+  int32_t* prev = newArray<int32_t>(nt);
+  bool* reached = static_cast<bool*>(ftCalloc(static_cast<size_t>(nt) + 1, sizeof(bool)));
+  int32_t* flood = newArray<int32_t>(nt + 1);
+  int32_t head = -1, last = -1, shells = 0;
+  bool ok = next && prev && reached && flood;
+  for (int32_t t = 0; ok && t < nt; ++t) {
+    if (gone[t]) continue;
+    if (last >= 0) next[last] = t;
+    else head = t;
+    prev[t] = last;
+    last = t;
+  }
+  if (ok && last >= 0) next[last] = -1;
+  for (int32_t t = head; ok && t >= 0 && shells <= 1; t = next[t]) {
+    if (!reached[t]) {
+      reached[t] = true;
+      ++shells;
+    }
+    for (int k = 0; k < 3 && shells <= 1; ++k) {
+      const int32_t u = adj[3 * t + k];
+      if (u < 0 || reached[u]) continue;
+      reached[u] = true;
+      // u out of the list, then in behind t.
+      if (prev[u] >= 0) next[prev[u]] = next[u];
+      else head = next[u];
+      if (next[u] >= 0) prev[next[u]] = prev[u];
+      prev[u] = t;
+      next[u] = next[t];
+      if (next[t] >= 0) prev[next[t]] = u;
+      next[t] = u;
+    }
+  }
+  int32_t n = 0;
+  for (int32_t t = ok && shells == 1 ? head : -1; t >= 0; t = next[t]) flood[n++] = t;
+  if (n < nt && flood) flood[n] = -1;
+  std::free(next);
+  std::free(prev);
+  std::free(reached);
+  if (ok && shells == 1) return flood;
+  std::free(flood);
+  return nullptr;
+}
+
+// With the adjacency of adjOnArrays, two later steps are settled on the
+// arrays too. The vertices of more than one fan are found by walking each
+// vertex's fan across the triangles' neighbours; only they get the list of
+// their triangles (in reverse soup order, as step 5 builds it) and are
+// split. And when the orientation is consistent it has nothing to turn: each
+// edge is then laid along the first triangle in soup order that holds it,
+// from its corner at the edge's slot, as the orientation step would. False
+// if memory ran out.
+bool settleManifold(Stitch& st, Soup& s, const int32_t* order, const int32_t* group,
+                    const int32_t* kept, const EdgeLists& l, const bool* gone, const int32_t* adj,
+                    bool consistent) {
+  const int32_t nt = s.nt, nv = s.nv;
+  int32_t* deg = static_cast<int32_t*>(ftCalloc(static_cast<size_t>(nv) + 1, sizeof(int32_t)));
+  int32_t* start = newArray<int32_t>(nv);    // per vertex: 3 x a triangle at it + its corner there
+  bool ok = adj && deg && start;
   for (int32_t t = 0; ok && t < nt; ++t)
     if (!gone[t])
       for (int k = 0; k < 3; ++k) {
@@ -937,10 +1015,7 @@ bool settleManifold(Stitch& st, Soup& s, const int32_t* order, const int32_t* gr
     }
     st.oriented = true;
     st.mesh->flags &= ~kMeshPassSet;
-    s.adj = adj;  // final: the shells can be found on it
-    adj = nullptr;
   }
-  std::free(adj);
   std::free(deg);
   std::free(start);
   if (!ok) st.nFans = -1;
@@ -1001,11 +1076,24 @@ bool weldAndLink(Stitch& st, Soup& s, const double* tol) {
   for (int32_t t = 0; t < nt; ++t)
     if (!gone[t])
       for (int k = 0; k < 3; ++k) alive[cornerOf(s, t, k)] = true;
+  // A soup made from corners with no edge of more than two triangles has
+  // its adjacency from the arrays; when its orientation is consistent and
+  // it is one shell, its triangles are made in the order of that shell's
+  // flood, which their list ends in anyway.
+  bool manifold = true;
+  for (int32_t e = 0; e < ne && manifold; ++e) manifold = group[e] != e || kept[e] <= 2;
+  bool consistent = false;
+  int32_t* adj = !s.records && manifold ? adjOnArrays(s, group, kept, l, consistent) : nullptr;
+  int32_t* flood = adj && consistent ? floodOnArrays(s, adj, gone) : nullptr;
   MadeLists made;
-  if (!s.records && !makeRecords(s, order, rep, alive, group, kept, gone, made)) {
+  const bool madeAll = s.records || ((adj || !manifold) && makeRecords(s, order, rep, alive, group, kept, gone,
+                                                                       flood, made));
+  s.flooded = madeAll && flood;
+  std::free(flood);
+  if (!madeAll) {
     std::free(order), std::free(rep), std::free(rank), std::free(group), std::free(kept);
     std::free(l.head), std::free(l.tail), std::free(l.count), std::free(l.next);
-    std::free(gone), std::free(alive), std::free(items);
+    std::free(gone), std::free(alive), std::free(items), std::free(adj);
     return false;
   }
   for (int32_t t = 0; s.records && t < nt; ++t)
@@ -1072,7 +1160,7 @@ bool weldAndLink(Stitch& st, Soup& s, const double* tol) {
   mesh->flags &= ~kMeshSortedSet;
   // A soup given as records keeps the steps that settle it on records: the
   // result is the same, and its assembly is the one the other is checked by.
-  if (nHeld == 0 && !s.records) ok = settleManifold(st, s, order, group, kept, l, gone);
+  if (nHeld == 0 && !s.records) ok = settleManifold(st, s, order, group, kept, l, gone, adj, consistent);
   // Held edges carry the list of their triangles, in order.
   for (int32_t i = 0; ok && i < nHeld; ++i) {
     const int32_t e = order[i];
@@ -1082,7 +1170,7 @@ bool weldAndLink(Stitch& st, Soup& s, const double* tol) {
   }
   std::free(order), std::free(rep), std::free(rank), std::free(group), std::free(kept);
   std::free(l.head), std::free(l.tail), std::free(l.count), std::free(l.next);
-  std::free(gone), std::free(alive), std::free(items);
+  std::free(gone), std::free(alive), std::free(items), std::free(adj);
   return ok;
 }
 
@@ -1645,86 +1733,6 @@ int32_t qvMeshAssemble(qvMesh* mesh, const double* tol) {
   return qvMeshShells(mesh, qvVtxClone);
 }
 
-namespace {
-
-// Writes the triangle list in the order that next gives from head, and lays
-// it out in memory in that order: the k-th triangle of the list takes over
-// the record at the k-th address among those made, so that walks along the
-// list run through memory in order. When memory runs out, the list is
-// written over the records as they stand.
-void placeInOrder(qvMesh* mesh, const Soup& s, int32_t head, const int32_t* next) {
-  int32_t n = 0;
-  for (int32_t t = head; t >= 0; t = next[t]) ++n;
-  qvTri** from = newArray<qvTri*>(n);  // the records in list order
-  bool placed = from != nullptr;
-  if (placed) {
-    int32_t k = 0;
-    for (int32_t t = head; t >= 0; t = next[t]) from[k++] = s.tri[t];
-    qvTri* first = qvTriPlaceInOrder(from, n);
-    placed = first != nullptr;
-    if (placed) mesh->tri = first;
-  }
-  std::free(from);
-  if (placed) return;
-  qvTri* before = nullptr;
-  for (int32_t t = head; t >= 0; t = next[t]) {
-    qvTri* r = s.tri[t];
-    r->prev = before;
-    r->next = nullptr;
-    if (before) before->next = r;
-    else mesh->tri = r;
-    before = r;
-  }
-}
-
-// qvMeshShells on a settled soup whose triangles are all one shell: the
-// flood that gathers a shell, each triangle's unreached neighbours moved
-// directly behind it, is run on the arrays and the list written once. Falls
-// back to qvMeshShells at the first triangle the flood doesn't reach.
-int32_t shellsOnArrays(qvMesh* mesh, const Soup& s) {
-  const int32_t nt = s.nt;
-  int32_t* next = newArray<int32_t>(nt);
-  int32_t* prev = newArray<int32_t>(nt);
-  bool* reached = static_cast<bool*>(ftCalloc(static_cast<size_t>(nt) + 1, sizeof(bool)));
-  int32_t head = -1, last = -1, shells = 0;
-  bool ok = next && prev && reached;
-  for (int32_t t = 0; ok && t < nt; ++t) {
-    if (!s.tri[t]) continue;
-    if (last >= 0) next[last] = t;
-    else head = t;
-    prev[t] = last;
-    last = t;
-  }
-  if (last >= 0) next[last] = -1;
-  for (int32_t t = head; ok && t >= 0 && shells <= 1; t = next[t]) {
-    if (!reached[t]) {
-      reached[t] = true;
-      ++shells;
-    }
-    for (int k = 0; k < 3 && shells <= 1; ++k) {
-      const int32_t u = s.adj[3 * t + k];
-      if (u < 0 || reached[u]) continue;
-      reached[u] = true;
-      // u out of the list, then in behind t.
-      if (prev[u] >= 0) next[prev[u]] = next[u];
-      else head = next[u];
-      if (next[u] >= 0) prev[next[u]] = prev[u];
-      prev[u] = t;
-      next[u] = next[t];
-      if (next[t] >= 0) prev[next[t]] = u;
-      next[t] = u;
-    }
-  }
-  if (ok && shells == 1) placeInOrder(mesh, s, head, next);
-  std::free(next);
-  std::free(prev);
-  std::free(reached);
-  if (!ok) return FT_FAIL(-1);
-  return shells == 1 ? 1 : qvMeshShells(mesh, qvVtxClone);
-}
-
-}  // namespace
-
 qvMesh* qvMeshAssembleCorners(const float* const* corners, int32_t n, const double* tol, int32_t* shells) {
   int32_t unused;
   int32_t& count = shells ? *shells : unused;
@@ -1734,9 +1742,11 @@ qvMesh* qvMeshAssembleCorners(const float* const* corners, int32_t n, const doub
   if (!mesh) return FT_FAIL(nullptr);
   Soup soup;
   if (!soupOfCorners(corners, n, soup) || stitchSoup(mesh, soup, tol) != 0) return FT_FAIL(mesh);
-  count = soup.adj ? shellsOnArrays(mesh, soup) : qvMeshShells(mesh, qvVtxClone);
-  // A single shell settled on the arrays has its triangles laid out in list
-  // order already; shells split on the records get it here.
-  for (qvMesh* shell = count > 1 ? mesh : nullptr; shell; shell = shell->next) (void)qvMeshCompact(shell);
+  // A single shell flooded on the arrays has its list in flood order already,
+  // and its records, made in that order, mostly lie in it too; shells split
+  // on the records are laid out here. A list that already runs up through
+  // memory stays as it is.
+  count = soup.flooded ? 1 : qvMeshShells(mesh, qvVtxClone);
+  for (qvMesh* shell = count > 0 ? mesh : nullptr; shell; shell = shell->next) (void)qvMeshCompact(shell);
   return mesh;
 }

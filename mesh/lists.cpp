@@ -247,17 +247,21 @@ qvTri* qvTriPlaceInOrder(qvTri* const* order, int32_t n) {
 int32_t qvMeshCompact(qvMesh* mesh) {
   if (!mesh || mesh->triHeld) return -1;
   // One walk gathers the list in order and sees whether it already runs up
-  // through memory; such a list stays as it is.
+  // through memory but for a few steps back (at most one in kFewBack), as
+  // records made one after another in list order do where the heap hands
+  // out pieces of a few free regions; such a list stays as it is.
+  constexpr size_t kFewBack = 32;
   ftmesh::Trail<qvTri> order;
-  bool rising = true;
+  size_t back = 0;
   for (qvTri* t = mesh->tri; t; t = t->next) {
     if (t->link || t->aux[0] || t->aux[1] || t->aux[2]) {
       ftmesh::trailFree(order);
       return -1;
     }
-    rising = rising && (!t->prev || t->prev < t);
+    if (t->prev && t->prev > t) ++back;
     ftmesh::trailNote(order, t);
   }
+  const bool rising = back == 0 || back * kFewBack <= order.n;
   const bool placeable = !rising && !order.lost && order.n <= static_cast<size_t>(INT32_MAX);
   qvTri* head = placeable ? qvTriPlaceInOrder(order.at, static_cast<int32_t>(order.n)) : nullptr;
   ftmesh::trailFree(order);

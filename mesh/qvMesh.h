@@ -377,7 +377,8 @@ qvTri* qvTriReverse(qvTri* head);
 // that the list runs through the records in address order, and a walk along
 // it through memory in order; contents, list order, edges and vertices stay
 // as they were, and no record is made or freed (a pointer to a triangle
-// names another triangle afterwards). 0; -1 for a mesh not at rest (held
+// names another triangle afterwards). A list that steps back in memory at
+// most once in 32 steps is left as it is. 0; -1 for a mesh not at rest (held
 // triangles, a working link or aux set) or when memory runs out, and then
 // nothing has changed.
 int32_t qvMeshCompact(qvMesh* mesh);

@@ -133,16 +133,19 @@ TEST(MeshCompact, ListsRunUpThroughMemoryWithContentsAndOrderKeptAndRefusalsChan
   const Shape grid = gridShape(48);
   for (const Shape* s : {&kOctahedron, &kOpenCone, &kBowTie, &kThreeOnEdge, &grid}) {
     Fixture f(*s);
-    // Triangles against the order of making, edges down through memory.
-    f.mesh->tri = qvTriReverse(f.mesh->tri);
-    std::vector<qvEdg*> edges;
-    for (qvEdg* e = f.mesh->edg; e; e = e->next) edges.push_back(e);
-    std::sort(edges.begin(), edges.end(), std::greater<qvEdg*>());
-    for (size_t i = 0; i < edges.size(); ++i) {
-      edges[i]->prev = i > 0 ? edges[i - 1] : nullptr;
-      edges[i]->next = i + 1 < edges.size() ? edges[i + 1] : nullptr;
-    }
-    f.mesh->edg = edges[0];
+    // Both lists down through memory.
+    auto downwards = [](auto* head) {
+      std::vector<decltype(head)> records;
+      for (auto* r = head; r; r = r->next) records.push_back(r);
+      std::sort(records.begin(), records.end(), std::greater<decltype(head)>());
+      for (size_t i = 0; i < records.size(); ++i) {
+        records[i]->prev = i > 0 ? records[i - 1] : nullptr;
+        records[i]->next = i + 1 < records.size() ? records[i + 1] : nullptr;
+      }
+      return records[0];
+    };
+    f.mesh->tri = downwards(f.mesh->tri);
+    f.mesh->edg = downwards(f.mesh->edg);
     const std::vector<int> before = shape(f.mesh);
     const qvTri* oldHead = f.mesh->tri;
     const qvEdg* oldEdge = f.mesh->edg;
