@@ -26,12 +26,46 @@ void clearTriEdgeBits(qvMesh* mesh, uint32_t bits) {
       if (e) e->flags &= ~bits;
 }
 
-// Clears bits on the edges noted in trail, which a walk over the triangles
-// marked, or on every edge a triangle holds when the trail was lost.
-void clearEdgeTrail(qvMesh* mesh, ftmesh::Trail<qvEdg>& trail, uint32_t bits) {
-  if (!ftmesh::trailAnd(trail, ~bits)) clearTriEdgeBits(mesh, bits);
-  ftmesh::trailFree(trail);
-}
+// The visit marks of a walk over the triangle list that takes each edge
+// once, from the first triangle that holds it. They come off in one walk
+// along the edge list, which runs through memory nearly in order, rather
+// than by visiting the marked edges again in the order they were met;
+// should fewer marks come off there than were set (an edge of a triangle
+// not in the list), a pass over every triangle's edges clears the rest.
+class EdgeVisits {
+ public:
+  explicit EdgeVisits(qvMesh* mesh) : mesh_(mesh) {}
+
+  // Whether the walk meets e for the first time; e is marked then.
+  bool first(qvEdg* e) {
+    if (e->flags & kEdgMarkVisit) return false;
+    e->flags |= kEdgMarkVisit;
+    ++set_;
+    return true;
+  }
+
+  void clear() {
+    constexpr int32_t kAhead = 8;  // edges between a prefetch and the write
+    size_t cleared = 0;
+    qvEdg* ahead = mesh_->edg;
+    for (int32_t i = 0; i < kAhead && ahead; ++i) ahead = ahead->next;
+    for (qvEdg* e = mesh_->edg; e; e = e->next) {
+      if (ahead) {
+        __builtin_prefetch(ahead, 1);
+        ahead = ahead->next;
+      }
+      if (e->flags & kEdgMarkVisit) {
+        e->flags &= ~kEdgMarkVisit;
+        ++cleared;
+      }
+    }
+    if (cleared != set_) clearTriEdgeBits(mesh_, kEdgMarkVisit);
+  }
+
+ private:
+  qvMesh* mesh_;
+  size_t set_ = 0;  // marks set
+};
 
 // Whether two edges join the same two ends: a triangle on two such edges has
 // corners that depend on the edges' directions.
@@ -71,7 +105,7 @@ int32_t qvBndCount(qvMesh* mesh) {
   if (!mesh || !(mesh->flags & kMeshStitched)) return -1;
   int32_t count = 0;
   bool ok = true;
-  ftmesh::Trail<qvEdg> visited;
+  EdgeVisits visits(mesh);
   ftmesh::TriLookahead ahead(mesh->tri);
   for (qvTri* t = mesh->tri; t && ok; t = t->next, ahead.step()) {
     if (!(t->flags & kTriLinked)) {
@@ -84,13 +118,11 @@ int32_t qvBndCount(qvMesh* mesh) {
         ok = false;
         break;
       }
-      if (e->flags & kEdgMarkVisit) continue;
-      e->flags |= kEdgMarkVisit;
-      ftmesh::trailNote(visited, e);
+      if (!visits.first(e)) continue;
       if (!t->adj[i]) ++count;
     }
   }
-  clearEdgeTrail(mesh, visited, kEdgMarkVisit);
+  visits.clear();
   return ok ? count : -1;
 }
 
@@ -109,7 +141,7 @@ int32_t orientCheck(qvMesh* mesh, int32_t* bnd) {
   int32_t result = 0;
   int32_t count = 0;
   bool counted = (mesh->flags & kMeshStitched) != 0;
-  ftmesh::Trail<qvEdg> visited;
+  EdgeVisits visits(mesh);
   ftmesh::TriLookahead ahead(mesh->tri);
   for (qvTri* t = mesh->tri; t && result == 0; t = t->next, ahead.step()) {
     if (!(t->flags & kTriLinked)) counted = false;
@@ -121,10 +153,8 @@ int32_t orientCheck(qvMesh* mesh, int32_t* bnd) {
         result = -1;
         break;
       }
-      if (e->flags & kEdgMarkVisit) continue;
-      e->flags |= kEdgMarkVisit;
-      ftmesh::trailNote(visited, e);
       const qvTri* n = t->adj[i];
+      if (!visits.first(e)) continue;
       // A boundary edge is never inconsistent.
       if (!n) {
         ++count;
@@ -137,7 +167,7 @@ int32_t orientCheck(qvMesh* mesh, int32_t* bnd) {
       result = j < 0 || mine < 0 || theirs < 0 ? -1 : mine == theirs ? 1 : 0;
     }
   }
-  clearEdgeTrail(mesh, visited, kEdgMarkVisit);
+  visits.clear();
   if (bnd) *bnd = counted ? count : -1;
   return result;
 }
@@ -224,7 +254,7 @@ int32_t qvTopoMark(qvMesh* mesh, uint32_t vtxBit, uint32_t bndBit, uint32_t inBi
   // its first two edges changes them only when those two join the same ends.
   int32_t inconsistent = 0;
   bool ok = true;
-  ftmesh::Trail<qvEdg> visited;
+  EdgeVisits visits(mesh);
   ftmesh::TriLookahead ahead(mesh->tri);
   for (qvTri* t = mesh->tri; t && ok; t = t->next, ahead.step()) {
     double* corner[3];
@@ -235,9 +265,7 @@ int32_t qvTopoMark(qvMesh* mesh, uint32_t vtxBit, uint32_t bndBit, uint32_t inBi
         ok = false;
         break;
       }
-      if (e->flags & kEdgMarkVisit) continue;
-      e->flags |= kEdgMarkVisit;
-      ftmesh::trailNote(visited, e);
+      if (!visits.first(e)) continue;
       if (corners < 0) corners = qvTriCorners(t, 0, corner) != 0 ? 1 : 0;
       const int32_t rev = corners != 0 ? -1 : e->ends[0] != corner[i] ? 1 : 0;
       if (rev < 0) {
@@ -277,7 +305,7 @@ int32_t qvTopoMark(qvMesh* mesh, uint32_t vtxBit, uint32_t bndBit, uint32_t inBi
       if (marked) mesh->edg = listMoveToHead(mesh->edg, e);
     }
   }
-  clearEdgeTrail(mesh, visited, kEdgMarkVisit);
+  visits.clear();
   if (!ok) {
     qvTopoUnmark(mesh, vtxBit, sel, swapBit);
     return -1;
