@@ -148,6 +148,43 @@ class TriLookahead {
   const qvTri* near_;
 };
 
+// The corners of t in cycle order, as qvTriCorners(t, 0, out) gives them,
+// here where the walks that read them for every triangle of a mesh can
+// have them inline: the shared end of edg[0] and edg[1] is looked for in
+// the same order. false for a missing edge, no shared end or a null corner.
+inline bool cycleCorners(const qvTri* t, double* out[3]) {
+  const qvEdg* a = t->edg[0];
+  const qvEdg* b = t->edg[1];
+  if (!a || !b) return false;
+  double* const a0 = a->ends[0];
+  double* const a1 = a->ends[1];
+  double* const b0 = b->ends[0];
+  double* const b1 = b->ends[1];
+  if (a0 && a0 == b1) {
+    out[0] = a1, out[1] = a0, out[2] = b0;
+  } else if (a1 && a1 == b0) {
+    out[0] = a0, out[1] = a1, out[2] = b1;
+  } else if (a0 && a0 == b0) {
+    out[0] = a1, out[1] = a0, out[2] = b1;
+  } else if (a1 && a1 == b1) {
+    out[0] = a0, out[1] = a1, out[2] = b0;
+  } else {
+    return false;
+  }
+  return out[0] && out[2];
+}
+
+// qvTriEdgeSlot and qvTriEdgeRev for a triangle that isn't null and a slot
+// in range, inline as cycleCorners is.
+inline int32_t edgeSlot(const qvTri* t, const qvEdg* e) {
+  return t->edg[0] == e ? 0 : t->edg[1] == e ? 1 : t->edg[2] == e ? 2 : -1;
+}
+inline int32_t edgeRev(const qvTri* t, int32_t i) {
+  double* c[3];
+  if (!cycleCorners(t, c) || !t->edg[i]) return -1;
+  return t->edg[i]->ends[0] != c[i] ? 1 : 0;
+}
+
 // Coordinates behind a handle, or null.
 inline const double* handleXyz(const double* h) { return h ? qvVtxXyz(qvVtxOf(h)) : nullptr; }
 

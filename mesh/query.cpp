@@ -11,9 +11,6 @@ using ftmesh::handleXyz;
 
 namespace {
 
-// Two handles name the same corner; a null handle matches nothing.
-bool sameEnd(const double* a, const double* b) { return a && a == b; }
-
 bool validSlot(int32_t i) { return i >= 0 && i < 3; }
 
 // The triangle's own turning sense in the plane of the handles' first two
@@ -59,23 +56,8 @@ int32_t normalOf(const qvTri* t, const qvEdg* e, int32_t sign, double* corner[3]
 
 int32_t qvTriCorners(const qvTri* t, int32_t sign, double* out[3]) {
   if (!t || !out) return 1;
-  const qvEdg* a = t->edg[0];
-  const qvEdg* b = t->edg[1];
-  if (!a || !b) return 1;
-  // The shared corner, tested in this order; the first match wins.
   double* c[3];
-  if (sameEnd(a->ends[0], b->ends[1])) {
-    c[0] = a->ends[1], c[1] = a->ends[0], c[2] = b->ends[0];
-  } else if (sameEnd(a->ends[1], b->ends[0])) {
-    c[0] = a->ends[0], c[1] = a->ends[1], c[2] = b->ends[1];
-  } else if (sameEnd(a->ends[0], b->ends[0])) {
-    c[0] = a->ends[1], c[1] = a->ends[0], c[2] = b->ends[1];
-  } else if (sameEnd(a->ends[1], b->ends[1])) {
-    c[0] = a->ends[0], c[1] = a->ends[1], c[2] = b->ends[0];
-  } else {
-    return 1;
-  }
-  if (!c[0] || !c[2]) return 1;
+  if (!ftmesh::cycleCorners(t, c)) return 1;
   if (sign != 0) {
     const int32_t own = planarSign(t, c);
     if (own == 0) return 1;
@@ -106,9 +88,7 @@ int32_t qvTriCoords(const qvTri* t, int32_t sign, double* out[3]) {
 
 int32_t qvTriEdgeSlot(const qvTri* t, const qvEdg* e) {
   if (!t || !e) return -1;
-  for (int32_t i = 0; i < 3; ++i)
-    if (t->edg[i] == e) return i;
-  return -1;
+  return ftmesh::edgeSlot(t, e);
 }
 
 qvTri* qvTriAdjAt(const qvTri* t, const qvEdg* e, int32_t* slot) {
@@ -164,9 +144,8 @@ int32_t qvTriEdgesAt(const qvTri* t, const double* h, qvEdg* pair[2], int32_t sl
 }
 
 int32_t qvTriEdgeRev(const qvTri* t, int32_t i) {
-  double* c[3];
-  if (!validSlot(i) || qvTriCorners(t, 0, c) != 0 || !t->edg[i]) return -1;
-  return t->edg[i]->ends[0] != c[i] ? 1 : 0;
+  if (!t || !validSlot(i)) return -1;
+  return ftmesh::edgeRev(t, i);
 }
 
 int32_t qvTriDisagree(const qvTri* t, int32_t i) {

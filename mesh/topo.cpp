@@ -160,10 +160,10 @@ int32_t orientCheck(qvMesh* mesh, int32_t* bnd) {
         ++count;
         continue;
       }
-      const int32_t j = qvTriEdgeSlot(n, e);
-      if (corners < 0) corners = qvTriCorners(t, 0, c) != 0 ? 1 : 0;
+      const int32_t j = ftmesh::edgeSlot(n, e);
+      if (corners < 0) corners = ftmesh::cycleCorners(t, c) ? 0 : 1;
       const int32_t mine = corners != 0 ? -1 : e->ends[0] != c[i] ? 1 : 0;
-      const int32_t theirs = j < 0 ? -1 : qvTriEdgeRev(n, j);
+      const int32_t theirs = j < 0 ? -1 : ftmesh::edgeRev(n, j);
       result = j < 0 || mine < 0 || theirs < 0 ? -1 : mine == theirs ? 1 : 0;
     }
   }
@@ -266,15 +266,15 @@ int32_t qvTopoMark(qvMesh* mesh, uint32_t vtxBit, uint32_t bndBit, uint32_t inBi
         break;
       }
       if (!visits.first(e)) continue;
-      if (corners < 0) corners = qvTriCorners(t, 0, corner) != 0 ? 1 : 0;
+      if (corners < 0) corners = ftmesh::cycleCorners(t, corner) ? 0 : 1;
       const int32_t rev = corners != 0 ? -1 : e->ends[0] != corner[i] ? 1 : 0;
       if (rev < 0) {
         ok = false;
         break;
       }
       if (const qvTri* n = t->adj[i]) {
-        const int32_t j = qvTriEdgeSlot(n, e);
-        const int32_t revN = j < 0 ? -1 : qvTriEdgeRev(n, j);
+        const int32_t j = ftmesh::edgeSlot(n, e);
+        const int32_t revN = j < 0 ? -1 : ftmesh::edgeRev(n, j);
         if (revN < 0) {
           ok = false;
           break;
