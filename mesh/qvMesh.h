@@ -282,8 +282,18 @@ inline qvVtx* qvVtxOf(const double* h) {
 // Doubles the data bits of flags ask for.
 [[nodiscard]] int32_t qvVtxDataSize(uint32_t flags);
 // x, y, z of v, through its owner for a derived vertex (one level); null
-// when v is null or a derived vertex has no owner.
-double* qvVtxXyz(const qvVtx* v);
+// when v is null or a derived vertex has no owner. Inline: the walks that
+// read every corner of a mesh call it millions of times.
+inline double* qvVtxXyz(const qvVtx* v) {
+  if (!v) return nullptr;
+  if (v->flags & kVtxDerived) {
+    const qvVtx* owner = static_cast<const qvVtx*>(v->link);
+    if (!owner || !owner->dat) return nullptr;
+    return owner->dat + ((owner->flags & kVtxHasParam) ? 2 : 0);
+  }
+  if (!v->dat) return nullptr;
+  return v->dat + ((v->flags & kVtxHasParam) ? 2 : 0);
+}
 // The normal slot of v, or null when it has none.
 double* qvVtxNrm(const qvVtx* v);
 

@@ -41,18 +41,6 @@ int32_t qvVtxDataSize(uint32_t flags) {
          ((flags & kVtxHasNormal) ? 3 : 0) + ((flags & kVtxHasParam) ? 2 : 0);
 }
 
-double* qvVtxXyz(const qvVtx* v) {
-  if (!v) return nullptr;
-  if (v->flags & kVtxDerived) {
-    // Only one level of ownership is followed.
-    const qvVtx* owner = static_cast<const qvVtx*>(v->link);
-    if (!owner || !owner->dat) return nullptr;
-    return owner->dat + ((owner->flags & kVtxHasParam) ? 2 : 0);
-  }
-  if (!v->dat) return nullptr;
-  return v->dat + ((v->flags & kVtxHasParam) ? 2 : 0);
-}
-
 double* qvVtxNrm(const qvVtx* v) {
   if (!v || !v->dat) return nullptr;
   if (v->flags & kVtxDerived) return v->dat;
