@@ -323,6 +323,7 @@ struct Soup {
   bool records = true;       // numbered from a mesh's records, not made from corners
   int32_t* corner = nullptr; // per triangle slot k: the welded vertex at corner k, once welded
   bool flooded = false;      // triangles made in the order of the one shell's flood (shellsOnArrays)
+  int32_t nOrdered = 0;      // entries of the vertex order: every vertex, or only those that stay
   ~Soup() {
     std::free(corner);
     std::free(owner);
@@ -537,11 +538,72 @@ int32_t sortFloatCorners(const Soup& s, int32_t* order, qvFloatKeys** sorted) {
   return 1;
 }
 
+// Without a tolerance, on a soup made from corners: a vertex joins the
+// first vertex with its very coordinate bits, which a hash table over the
+// bits finds in one pass in list order; only the vertices that stay are then
+// sorted, into the order they have among all (the order keeps equal keys in
+// list order, so a vertex that stays is the first of its bits there too).
+// order receives those alone, and the number of them is returned: 0 for a
+// coordinate that is NaN (whose keys don't tell bits apart), when the caller
+// welds the general way, and -1 when memory ran out.
+int32_t weldByBits(const Soup& s, int32_t* order, int32_t* rep) {
+  const int32_t nv = s.nv;
+  for (int32_t i = 0; i < 3 * nv; ++i)
+    if (std::isnan(s.xyz[i])) return 0;
+  int bits = 4;
+  while (bits < 30 && (size_t{1} << bits) < 2 * static_cast<size_t>(nv)) ++bits;
+  const size_t mask = (size_t{1} << bits) - 1;
+  int32_t* table = newArray<int32_t>(static_cast<int32_t>(mask + 1));
+  if (!table) return -1;
+  std::fill(table, table + mask + 1, -1);
+  auto slotOf = [&s, mask](int32_t v) {
+    uint64_t w[3];
+    std::memcpy(w, s.xyz + 3 * v, sizeof w);
+    uint64_t h = w[0] * 0x9E3779B97F4A7C15ull;
+    h = (h ^ (h >> 29) ^ w[1]) * 0xBF58476D1CE4E5B9ull;
+    h = (h ^ (h >> 31) ^ w[2]) * 0x94D049BB133111EBull;
+    return static_cast<size_t>(h ^ (h >> 32)) & mask;
+  };
+  int32_t kept = 0;
+  for (int32_t v = 0; v < nv; ++v) {
+    size_t at = slotOf(v);
+    while (table[at] >= 0 && !sameBits(s.xyz + 3 * table[at], s.xyz + 3 * v)) at = (at + 1) & mask;
+    if (table[at] < 0) {
+      table[at] = v;
+      rep[v] = v;
+      order[kept++] = v;
+    } else {
+      rep[v] = table[at];
+    }
+  }
+  std::free(table);
+  qvFloatKeys* keys = newArray<qvFloatKeys>(kept);
+  if (!keys) return -1;
+  for (int32_t i = 0; i < kept; ++i) {
+    const double* p = s.xyz + 3 * order[i];
+    keys[i] = {uint64_t{qvFloatKey(static_cast<float>(p[0]))} << 32 | qvFloatKey(static_cast<float>(p[1])),
+               qvFloatKey(static_cast<float>(p[2])), order[i]};
+  }
+  const bool sorted = qvFloatKeysSort(keys, kept) == 0;
+  for (int32_t i = 0; sorted && i < kept; ++i) order[i] = keys[i].pos;
+  std::free(keys);
+  return sorted ? kept : -1;
+}
+
 // Step 1: the vertex order and the weld. order receives the vertex numbers
-// in x order; rank, each vertex's place in it. A mesh already marked as
-// sorted by x keeps its list order. rep[v] becomes the vertex v is welded
-// to, itself when it stays. False if memory ran out.
-bool weld(const qvMesh* mesh, const Soup& s, const double* tol, int32_t* order, int32_t* rep) {
+// in x order (s.nOrdered of them); rank, each vertex's place in it. A mesh
+// already marked as sorted by x keeps its list order. rep[v] becomes the
+// vertex v is welded to, itself when it stays. False if memory ran out.
+bool weld(const qvMesh* mesh, Soup& s, const double* tol, int32_t* order, int32_t* rep) {
+  s.nOrdered = s.nv;
+  if (!s.records && !tol && !(mesh->flags & kMeshSortX)) {
+    const int32_t kept = weldByBits(s, order, rep);
+    if (kept < 0) return false;
+    if (kept > 0) {
+      s.nOrdered = kept;
+      return true;
+    }
+  }
   qvFloatKeys* floatKeys = nullptr;  // the keys in order, when the float sort ran
   if (mesh->flags & kMeshSortX) {
     for (int32_t i = 0; i < s.nv; ++i) order[i] = i;
@@ -802,7 +864,7 @@ bool makeRecords(Soup& s, const int32_t* order, const int32_t* rep, const bool* 
                  const int32_t* kept, const bool* gone, const int32_t* triOrder, MadeLists& lists) {
   bool ok = true;
   TailChain<qvVtx> vtx;
-  for (int32_t i = 0; i < s.nv && ok; ++i) {
+  for (int32_t i = 0; i < s.nOrdered && ok; ++i) {
     const int32_t v = order[i];
     if (rep[v] != v || !alive[v]) continue;
     s.vtx[v] = qvVtxNew(kVtxHasNormal, nullptr);
@@ -979,7 +1041,7 @@ bool settleManifold(Stitch& st, Soup& s, const int32_t* order, const int32_t* gr
     return n;
   };
   int32_t nFans = 0;
-  for (int32_t i = 0; ok && i < nv; ++i) {
+  for (int32_t i = 0; ok && i < s.nOrdered; ++i) {
     const int32_t v = order[i];
     if (deg[v] == 0) continue;
     bool closed = false;
@@ -996,7 +1058,7 @@ bool settleManifold(Stitch& st, Soup& s, const int32_t* order, const int32_t* gr
     ok = st.fans != nullptr;
   }
   st.nFans = 0;
-  for (int32_t i = 0; ok && i < nv; ++i)
+  for (int32_t i = 0; ok && i < s.nOrdered; ++i)
     if (deg[order[i]] < 0) st.fans[st.nFans++] = s.vtx[order[i]];
   for (int32_t t = 0; ok && nFans > 0 && t < nt; ++t)
     if (!gone[t])
@@ -1044,7 +1106,7 @@ bool weldAndLink(Stitch& st, Soup& s, const double* tol) {
     s.corner = ok ? newArray<int32_t>(3 * nt) : nullptr;
     ok = s.corner != nullptr;
     for (int32_t i = 0; ok && i < 3 * nt; ++i) s.corner[i] = rep[s.ends[2 * s.slots[i]]];
-    for (int32_t i = 0; ok && i < nv; ++i) rank[order[i]] = i;
+    for (int32_t i = 0; ok && i < s.nOrdered; ++i) rank[order[i]] = i;
     ok = ok && mergeEdges(s, rep, rank, l, group, gone) && markDoubled(s, l, group, gone);
   }
   if (!ok || nt == 0) {
