@@ -548,10 +548,9 @@ int32_t sortFloatCorners(const Soup& s, int32_t* order, qvFloatKeys** sorted) {
 // welds the general way, and -1 when memory ran out.
 int32_t weldByBits(const Soup& s, int32_t* order, int32_t* rep) {
   const int32_t nv = s.nv;
-  for (int32_t i = 0; i < 3 * nv; ++i)
-    if (std::isnan(s.xyz[i])) return 0;
+  // At least a fifth of the table stays free, should no two vertices weld.
   int bits = 4;
-  while (bits < 30 && (size_t{1} << bits) < 2 * static_cast<size_t>(nv)) ++bits;
+  while (bits < 30 && (size_t{1} << bits) < static_cast<size_t>(nv) + nv / 4) ++bits;
   const size_t mask = (size_t{1} << bits) - 1;
   int32_t* table = newArray<int32_t>(static_cast<int32_t>(mask + 1));
   if (!table) return -1;
@@ -566,6 +565,11 @@ int32_t weldByBits(const Soup& s, int32_t* order, int32_t* rep) {
   };
   int32_t kept = 0;
   for (int32_t v = 0; v < nv; ++v) {
+    const double* p = s.xyz + 3 * v;
+    if (std::isnan(p[0]) || std::isnan(p[1]) || std::isnan(p[2])) {
+      std::free(table);
+      return 0;
+    }
     size_t at = slotOf(v);
     while (table[at] >= 0 && !sameBits(s.xyz + 3 * table[at], s.xyz + 3 * v)) at = (at + 1) & mask;
     if (table[at] < 0) {
@@ -888,27 +892,33 @@ bool makeRecords(Soup& s, const int32_t* order, const int32_t* rep, const bool* 
   for (int32_t e = s.ne - 1; e >= 0 && ok; --e)
     if (group[e] == e && kept[e] > 2) make(e, held);
   TailChain<qvTri> tri;
-  auto makeTri = [&](int32_t t) {
+  // The edge records of slots naming survivors, or any edges with through.
+  auto makeTri = [&](int32_t t, const int32_t* through) {
     const int32_t* k = s.slots + 3 * t;
-    s.tri[t] = qvTriNew(s.edg[group[k[0]]], s.edg[group[k[1]]], s.edg[group[k[2]]], 0);
+    s.tri[t] = through ? qvTriNew(s.edg[through[k[0]]], s.edg[through[k[1]]], s.edg[through[k[2]]], 0)
+                       : qvTriNew(s.edg[k[0]], s.edg[k[1]], s.edg[k[2]], 0);
     ok = s.tri[t] != nullptr;
     if (ok) tri.add(s.tri[t]);
   };
   if (triOrder) {
-    // The order jumps about the soup: its slots and their groups are asked
-    // for some triangles ahead.
-    constexpr int32_t kAheadSlots = 16, kAheadGroups = 8;
+    // The order jumps about the soup. Each slot first names its edge's
+    // survivor, in one pass in soup order, where the groups are read nearly
+    // in order too (group maps a survivor to itself, so whatever reads
+    // group[slot] later reads the same); then the slots and the records of
+    // their edges are asked for some triangles ahead.
+    for (int32_t i = 0; i < 3 * s.nt; ++i) s.slots[i] = group[s.slots[i]];
+    constexpr int32_t kAheadSlots = 16, kAheadEdges = 8;
     int32_t n = 0;
     while (n < s.nt && triOrder[n] >= 0) ++n;
     for (int32_t i = 0; i < n && ok; ++i) {
       if (i + kAheadSlots < n) __builtin_prefetch(s.slots + 3 * triOrder[i + kAheadSlots]);
-      if (i + kAheadGroups < n)
-        for (int k = 0; k < 3; ++k) __builtin_prefetch(group + s.slots[3 * triOrder[i + kAheadGroups] + k]);
-      makeTri(triOrder[i]);
+      if (i + kAheadEdges < n)
+        for (int k = 0; k < 3; ++k) __builtin_prefetch(s.edg + s.slots[3 * triOrder[i + kAheadEdges] + k]);
+      makeTri(triOrder[i], nullptr);
     }
   } else {
     for (int32_t t = 0; t < s.nt && ok; ++t)
-      if (!gone[t]) makeTri(t);
+      if (!gone[t]) makeTri(t, group);
   }
   if (!ok) {
     for (int32_t i = 0; i < s.nv; ++i) qvVtxFree(s.vtx[i]);
