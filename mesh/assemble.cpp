@@ -322,7 +322,7 @@ struct Soup {
   int32_t* owner = nullptr;  // per edge: 3 x its triangle's number + its slot there
   bool records = true;       // numbered from a mesh's records, not made from corners
   int32_t* corner = nullptr; // per triangle slot k: the welded vertex at corner k, once welded
-  bool flooded = false;      // triangles made in the order of the one shell's flood (shellsOnArrays)
+  bool flooded = false;      // triangles made in the order of the one shell's flood (floodOnArrays)
   int32_t nOrdered = 0;      // entries of the vertex order: every vertex, or only those that stay
   ~Soup() {
     std::free(corner);
