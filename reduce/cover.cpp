@@ -27,7 +27,8 @@ constexpr double kInf = std::numeric_limits<double>::infinity();
 constexpr int32_t kPoolChunk = 4096;     // points per block of the pass's pool
 constexpr int32_t kSplitDepth = 24;      // a piece is split 1:4 at most this often within one trial
 constexpr int32_t kSplitFragments = 1024; // fragments one trial may make
-constexpr int32_t kHeapFirst = 4;          // pieces a trial takes off a heap before it sorts the rest
+constexpr int32_t kHeapFirst = 4;
+constexpr int32_t kAhead = 8;              // pieces fetched ahead of the one read          // pieces a trial takes off a heap before it sorts the rest
 // A triangle whose squared normal is at most this share of the largest
 // product of two squared sides is measured as its three sides: the plane
 // distance of a needle would carry a rounding error out of proportion.
@@ -955,6 +956,8 @@ int32_t qvTrialCertify(qvTrial* tr, const qvRedParams* params) {
     const qvPiece* pieces = qvCoverPieces(c);
     for (int32_t k = 0; k < c->n && filed > 0; ++k) {
       const qvPiece& piece = pieces[k];
+      // The marks of a flat piece's starting triangle are read a few pieces on.
+      if (k + kAhead < c->n && pieces[k + kAhead].kind == kPieceFlat) __builtin_prefetch(pieces[k + kAhead].src);
       if (piece.kind == kPieceFlat) {
         auto* src = const_cast<qvTri*>(piece.src);
         if (src->flags & (kTriMarkSource | kTriFlatGone)) continue;

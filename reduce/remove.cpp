@@ -710,6 +710,17 @@ bool gatherStar(qvMesh* mesh, qvTrial* tr, bool valences) {
   }
   for (int32_t i = 0; i < tr->nValences; ++i)
     if (tr->valences[i].n < kValenceMin) return false;
+  // The covers are read once the fan is made: their first lines are fetched
+  // while it is.
+  for (int32_t s = 0; s < tr->nStar; ++s) {
+    const char* c = static_cast<const char*>(tr->star[s]->link);
+    if (c) {
+      __builtin_prefetch(c);
+      __builtin_prefetch(c + 64);
+    }
+  }
+  for (int32_t k = 0; k < tr->nNear; ++k)
+    if (tr->near[k]->link) __builtin_prefetch(tr->near[k]->link);
   return true;
 }
 
