@@ -193,7 +193,7 @@ struct qvVtx {
   void* aux;       // working pointer: spoke edge while a cap is built, live triangle in a pass
   double* dat;     // the handle: the data block, inline unless kVtxOwnBlock
   int32_t ndat;    // how many doubles the data block holds
-  int32_t pad;     // keeps the header a multiple of 8 bytes; always zero
+  int32_t slot;    // working index: its place in a sweep's tables; zero at rest
 };
 static_assert(sizeof(qvVtx) == 56, "qvVtx header grew");
 static_assert(sizeof(qvVtx) % alignof(double) == 0, "inline doubles must stay aligned");

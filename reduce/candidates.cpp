@@ -164,7 +164,7 @@ struct OrderEntry {
   double score;    // the score the vertex had when it entered
   int32_t weight;  // the pieces its last trial displaced
   uint32_t seq;  // when it entered
-  uint32_t id;   // the vertex's index in byAddr
+  uint32_t id;   // the vertex's index in byId
 };
 
 // Scores, then weights, then seq: a total order, as no two entries share a seq.
@@ -191,7 +191,7 @@ bool grow(T*& arr, size_t& cap, size_t need) {
 }  // namespace
 
 struct qvRedOrder {
-  qvVtx** byAddr;      // the vertices sorted by address: a look-up table, never an order of results
+  qvVtx** byId;        // the vertices in the order of the list at the start; each holds its index in slot
   uint32_t* current;   // per vertex: seq of its valid entry, or kGone
   uint32_t n;          // vertices
   uint32_t seq;        // the next seq
@@ -209,7 +209,9 @@ struct qvRedOrder {
 namespace {
 
 void orderFree(qvRedOrder* o) {
-  std::free(o->byAddr);
+  for (uint32_t i = 0; o->byId && i < o->n; ++i)
+    if (o->byId[i]) o->byId[i]->slot = 0;
+  std::free(o->byId);
   std::free(o->current);
   std::free(o->heap);
   std::free(o->tail);
@@ -219,13 +221,10 @@ void orderFree(qvRedOrder* o) {
   *o = qvRedOrder{};
 }
 
-// The index of v in the look-up table, or kGone.
+// The index of v in the tables, or kGone.
 uint32_t orderId(const qvRedOrder* o, const qvVtx* v) {
-  qvVtx** const end = o->byAddr + o->n;
-  qvVtx** at = std::lower_bound(o->byAddr, end, v, [](const qvVtx* a, const qvVtx* b) {
-    return reinterpret_cast<uintptr_t>(a) < reinterpret_cast<uintptr_t>(b);
-  });
-  return at != end && *at == v ? static_cast<uint32_t>(at - o->byAddr) : kGone;
+  const auto id = static_cast<uint32_t>(v->slot);
+  return id < o->n && o->byId[id] == v ? id : kGone;
 }
 
 // v enters the order at its present score. false on failure.
@@ -251,7 +250,7 @@ qvVtx* orderFront(qvRedOrder* o) {
     std::pop_heap(o->heap, o->heap + o->heapN, heapAfter);
     --o->heapN;
   }
-  return o->heapN > 0 ? o->byAddr[o->heap[0].id] : nullptr;
+  return o->heapN > 0 ? o->byId[o->heap[0].id] : nullptr;
 }
 
 // v leaves the order while it is tried: it comes back by orderPlace or
@@ -277,17 +276,17 @@ bool orderStart(qvRedOrder* o, qvMesh* mesh, const qvRedParams* params, qvTrial*
   *o = qvRedOrder{};
   const int32_t count = qvVtxCount(mesh->vtx);
   o->n = static_cast<uint32_t>(count);
-  o->byAddr = static_cast<qvVtx**>(ftMalloc(sizeof(qvVtx*) * (o->n + 1)));
+  o->byId = static_cast<qvVtx**>(ftCalloc(o->n + 1, sizeof(qvVtx*)));
   o->current = static_cast<uint32_t*>(ftMalloc(sizeof(uint32_t) * (o->n + 1)));
   o->retired = static_cast<qvVtx**>(ftMalloc(sizeof(qvVtx*) * (o->n + 1)));
   o->spoke = static_cast<uint8_t*>(ftCalloc(o->n + 1, 1));
   o->weight = static_cast<int32_t*>(ftCalloc(o->n + 1, sizeof(int32_t)));
-  if (!o->byAddr || !o->current || !o->retired || !o->spoke || !o->weight) return false;
+  if (!o->byId || !o->current || !o->retired || !o->spoke || !o->weight) return false;
   uint32_t i = 0;
-  for (qvVtx* v = mesh->vtx; v; v = v->next) o->byAddr[i++] = v;
-  std::sort(o->byAddr, o->byAddr + o->n, [](const qvVtx* a, const qvVtx* b) {
-    return reinterpret_cast<uintptr_t>(a) < reinterpret_cast<uintptr_t>(b);
-  });
+  for (qvVtx* v = mesh->vtx; v; v = v->next, ++i) {
+    o->byId[i] = v;
+    v->slot = static_cast<int32_t>(i);
+  }
   for (qvVtx* v = mesh->vtx; v; v = v->next) {
     tr->weight = 0;
     if (qvVtxScore(mesh, v, params, tr) < 0) return false;
@@ -308,9 +307,9 @@ qvVtx* orderList(qvRedOrder* o) {
   for (size_t i = 0; i < o->retiredN; ++i) arr[k++] = o->retired[i];
   std::sort(o->heap, o->heap + o->heapN, entryBefore);
   for (size_t i = 0; i < o->heapN; ++i)
-    if (o->current[o->heap[i].id] == o->heap[i].seq && k < o->n) arr[k++] = o->byAddr[o->heap[i].id];
+    if (o->current[o->heap[i].id] == o->heap[i].seq && k < o->n) arr[k++] = o->byId[o->heap[i].id];
   for (size_t i = 0; i < o->tailN; ++i)
-    if (o->current[o->tail[i].id] == o->tail[i].seq && k < o->n) arr[k++] = o->byAddr[o->tail[i].id];
+    if (o->current[o->tail[i].id] == o->tail[i].seq && k < o->n) arr[k++] = o->byId[o->tail[i].id];
   qvVtx* head = nullptr;
   if (k == o->n && k > 0) {
     for (size_t i = 0; i < k; ++i) {
