@@ -84,7 +84,7 @@ constexpr uint32_t kVtxMarkBnd = 0x40000000u;     // mark: end of a marked edge;
 constexpr uint32_t kVtxMarkVisit = 0x80000000u;   // mark: visited; side in a cut
 constexpr uint32_t kVtxDataMask = kVtxDerived | kVtxHasNormal | kVtxHasExtra | kVtxHasParam;
 constexpr uint32_t kVtxNotCounted = kVtxNoCensus | kVtxDerived;   // out of the census (0xC)
-constexpr uint32_t kVtxKeepSet = kVtxRim | kVtxHub | kVtxPinned;  // never put forward for removal (0x302)
+constexpr uint32_t kVtxKeepSet = kVtxHub | kVtxPinned;  // never put forward for removal (0x300)
 
 // qvEdg.flags
 constexpr uint32_t kEdgFeature = 0x1u;            // feature edge, always with kEdgFeature2

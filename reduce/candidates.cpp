@@ -67,17 +67,26 @@ int32_t qvSpokePickMarked(qvMesh* mesh, qvVtx* v, int32_t ring, bool valences, q
   const bool joint = (v->flags & kVtxJoint) != 0;
   const double* line[2] = {nullptr, nullptr};
   int32_t joints = 0;
-  bool apart = true;  // no triangle on both joint spokes, whose far side would take the line
-  for (qvTri* s = mesh->tri; joint && s && (s->flags & kMarkSet.tri); s = s->next) {
-    int32_t on = 0;
-    for (const qvEdg* e : s->edg) on += (e->flags & kEdgJoint) && otherEnd(e, p);
-    apart = apart && on < 2;
+  // A rim vertex moves only along its rim: see rimSlides.
+  const bool rim = (v->flags & kVtxRim) != 0;
+  int32_t rims = 0;
+  // No triangle on both joint spokes, whose far side would take the line;
+  // none on both rim spokes, an ear whose third side would have to become rim.
+  bool apart = true;
+  for (qvTri* s = mesh->tri; (joint || rim) && s && (s->flags & kMarkSet.tri); s = s->next) {
+    int32_t onJoint = 0, onRim = 0;
+    for (const qvEdg* e : s->edg) {
+      onJoint += (e->flags & kEdgJoint) && otherEnd(e, p);
+      onRim += (e->flags & kEdgRim) && otherEnd(e, p);
+    }
+    apart = apart && (!joint || onJoint < 2) && (!rim || onRim < 2);
   }
   for (qvTri* s = mesh->tri; s && (s->flags & kMarkSet.tri) && !failed; s = s->next)
     for (qvEdg* e : s->edg) {
       // Each spoke once: the mark stays on it until the end.
       if ((e->flags & kEdgMarkSpoke) || !otherEnd(e, p)) continue;
       if (joint && (e->flags & kEdgJoint)) line[std::min(joints++, 1)] = otherEnd(e, p);
+      rims += (e->flags & kEdgRim) != 0;
       e->flags |= kEdgMarkSpoke;
       int32_t farValence = 0;
       const int32_t ok = qvLinkTest(s, e, p, kMarkSet.vtx, ring, &farValence);
@@ -109,6 +118,9 @@ int32_t qvSpokePickMarked(qvMesh* mesh, qvVtx* v, int32_t ring, bool valences, q
   if (joint && !(apart && joints == 2 &&
                  straightJoint(qvVtxXyz(qvVtxOf(line[0])), qvVtxXyz(v), qvVtxXyz(qvVtxOf(line[1])))))
     out->n = 0;
+  // A rim vertex on one boundary loop slides onto a neighbour on it: the loop
+  // loses a corner and stays a loop. Where two loops meet, it stays.
+  if (rim && !(apart && rims == 2)) out->n = 0;
   if (valences && !failed) v->tag = ring;
   return failed ? -1 : 0;
 }

@@ -606,8 +606,9 @@ bool gatherHomes(qvTrial* tr) {
   tr->nHomes = 0;
   const int32_t n = qvTriCount(tr->copy->tri) + tr->nNear;
   if (!qvGrow(tr->homes, tr->homesCap, n)) return false;
+  // A cap triangle of the fan (a rim vertex's) is no home: it leaves with the caps.
   for (qvTri* c = tr->copy->tri; c; c = c->next)
-    if (qvHomeSet(&tr->homes[tr->nHomes++], c) != 0) return false;
+    if (!(c->flags & kTriCap) && qvHomeSet(&tr->homes[tr->nHomes++], c) != 0) return false;
   for (int32_t i = 0; i < tr->nNear; ++i)
     if (qvHomeSet(&tr->homes[tr->nHomes++], tr->near[i]) != 0) return false;
   tr->linked = false;
@@ -914,8 +915,10 @@ int32_t qvTrialCertify(qvTrial* tr, const qvRedParams* params) {
       return 0;
     }
   }
+  // A rim vertex's ring closes over its cap, so the exact test would weigh
+  // the cap with the surface: at 0 its boundary stays as it is.
   if (params->tol == 0.0) {
-    if (!flatStar(tr)) tr->score = kInf;
+    if ((tr->v->flags & kVtxRim) || !flatStar(tr)) tr->score = kInf;
     return 0;
   }
   tr->pool = params->pool;

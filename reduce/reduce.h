@@ -13,9 +13,12 @@
 //     failure. A failure abandons the mesh without repair; the caller
 //     releases it.
 //  5. At the end of a leaf the seam mark of the piece's vertices is clear.
-//     Vertices in kVtxKeepSet (rims, hubs, seams) are never removed, nor a
-//     joint of sheets the input joined (kVtxJoint) but along a straight line
-//     of joint edges; edges in kEdgNoFlipSet are never flipped.
+//     Vertices in kVtxKeepSet (hubs, seams) are never removed, nor a joint
+//     of sheets the input joined (kVtxJoint) but along a straight line of
+//     joint edges. A rim vertex goes only along its rim, onto a neighbour on
+//     the same loop, never where two loops meet, nor over an ear (a triangle
+//     with both its rim edges); the cap over the loop loses the corner with
+//     it and stays a cap. Edges in kEdgNoFlipSet are never flipped.
 //  6. No test in the engine compares a length with an absolute constant:
 //     degeneracy is judged against the sizes it is made of, the rounding
 //     allowance eta is a share of the largest coordinate, and the order of
@@ -46,7 +49,8 @@
 //  so in the single case d(x, T) <= max over the corners <= lim; in the pair
 //  case the cut parts of P are convex hulls of the points listed, so the same
 //  holds with T or U. T and U are live and not caps, so they are in the
-//  result: d(x, result) <= lim + eta = t.
+//  result: d(x, result) <= lim + eta = t. (A rim vertex's fan holds a cap
+//  triangle; it is never a home.)
 //  Upkeep: a pass starts with each triangle covering itself. A removal of v
 //  destroys exactly its star; the pieces that may lose their home or partner
 //  are those of the star's covers and the pair pieces across a ring edge. The
@@ -69,7 +73,8 @@
 //  At t = 0 a removal is made only when the star and its ring lie exactly in
 //  one plane (orient3d) and the old and new triangles all turn one way in a
 //  coordinate plane (orient2d): both then tile the polygon of the ring, so the
-//  union of the live non-cap triangles never changes.
+//  union of the live non-cap triangles never changes. Rim vertices stay at
+//  t = 0: their rings close over caps.
 //
 // Floating point
 //  Coordinates are floats held exactly in doubles; S is the largest coordinate

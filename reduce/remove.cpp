@@ -90,7 +90,8 @@ qvMesh* qvStarCopy(qvMesh* mesh, qvTri* t, const double* p, uint32_t outerMark) 
     if (!ok) continue;
     qvEdg* ce[3];
     for (int32_t i = 0; i < 3; ++i) ce[i] = s->edg[i]->link ? static_cast<qvEdg*>(s->edg[i]->link) : s->edg[i];
-    qvTri* c = qvTriNew(ce[0], ce[1], ce[2], 0);
+    // A cap triangle stays one: it leaves with the caps.
+    qvTri* c = qvTriNew(ce[0], ce[1], ce[2], s->flags & kTriCap);
     if (!c) {
       ok = false;
       continue;
@@ -743,7 +744,8 @@ int32_t openStar(qvMesh* mesh, qvVtx* v, qvTrial* tr, qvSpokes* spokes) {
   const double* p = v->dat;
   const int32_t ring = qvFanMark(mesh, tr->start, p, kMarkSet.tri, kMarkSet.edg, kMarkSet.vtx, kFanMarkMode);
   bool ok = qvSpokePickMarked(mesh, v, ring, true, spokes) == 0;
-  tr->clean = ok && spokes->blocked == 0;
+  // A rim vertex's star holds cap triangles, which neither unfold nor flip.
+  tr->clean = ok && spokes->blocked == 0 && !(v->flags & kVtxRim);
   if (ok && tr->clean && spokes->n > 0) {
     const int32_t r = qvRingProject(mesh, tr->start, p, ring);
     ok = r >= 0;
