@@ -139,7 +139,7 @@ int32_t qvSpokePick(qvMesh* mesh, qvTri* t, qvVtx* v, qvSpokes* out) {
 int32_t qvVtxScore(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvTrial* tr) {
   if (!mesh || !v || !params || !tr || !qvScoreOf(v)) return -1;
   scoreSet(v, kRedScoreNone);
-  if (v->flags & kVtxKeepSet) return 0;
+  if (qvVtxStays(v, params)) return 0;
   if (!v->link || !v->aux) return FT_FAIL(-1);
   // The shortest spoke only: its score is at least the best spoke's, so the
   // vertex enters the order at worst later than it should, and the trial
@@ -336,14 +336,15 @@ qvVtx* orderList(qvRedOrder* o) {
 
 }  // namespace
 
-int32_t qvRingDirty(qvRedOrder* order, qvVtx* const* ring, int32_t n, double key) {
+int32_t qvRingDirty(qvRedOrder* order, qvVtx* const* ring, int32_t n, const qvRedParams* params) {
+  const double key = params->tol2;
   bool ok = true;
   for (int32_t i = 0; i < n && order && ok; ++i) {
     qvVtx* x = ring[i];
     const uint32_t id = orderId(order, x);
     if (id != kGone) order->spoke[id] = 0;
     const double s = scoreOf(x);
-    if ((x->flags & kVtxKeepSet) || (!noScore(s) && s <= key)) continue;
+    if (qvVtxStays(x, params) || (!noScore(s) && s <= key)) continue;
     // Its trial is stale: it waits among its equals in order of arrival.
     scoreSet(x, key);
     if (id != kGone) order->weight[id] = 0;
@@ -461,7 +462,7 @@ int32_t sweepQuick(qvMesh* mesh, const qvRedParams* params, qvTrial* tr) {
   }
   auto changed = [&](qvVtx* const* x, int32_t count) {
     for (int32_t i = 0; i < count; ++i)
-      if (!(x[i]->flags & kVtxKeepSet)) state[static_cast<int32_t>(scoreOf(x[i]))] = kQuickNext;
+      if (!qvVtxStays(x[i], params)) state[static_cast<int32_t>(scoreOf(x[i]))] = kQuickNext;
     return 0;
   };
   int32_t removed = 0;
@@ -472,7 +473,7 @@ int32_t sweepQuick(qvMesh* mesh, const qvRedParams* params, qvTrial* tr) {
       if (state[i] == kQuickNext) state[i] = kQuickDue;
     for (int32_t i = 0; i < n; ++i) {
       qvVtx* v = at[i];
-      if (state[i] != kQuickDue || (v->flags & (kVtxKeepSet | kVtxRetired))) continue;
+      if (state[i] != kQuickDue || qvVtxStays(v, params) || (v->flags & kVtxRetired)) continue;
       state[i] = kQuickDone;
       const int32_t r = qvTrialRun(mesh, v, params, tr);
       if (r < 0) {

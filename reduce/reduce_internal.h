@@ -405,10 +405,10 @@ struct qvRedOrder;
 // while any waits. The vertices' scores hold the sweep's states meanwhile.
 [[nodiscard]] int32_t qvRedSweep(qvMesh *mesh, const qvRedParams *params, qvTrial *tr);
 // After a removal: the ring vertices whose key lies above the tolerance, or
-// that have none, enter the order again at key, so that each is tried on
+// that have none, enter the order again at the squared tolerance, so that each is tried on
 // the changed mesh before the sweep ends; the others keep their keys and
 // are tried again when they come up, every spoke of them. 0, or -1.
-[[nodiscard]] int32_t qvRingDirty(qvRedOrder *order, qvVtx *const *ring, int32_t n, double key);
+[[nodiscard]] int32_t qvRingDirty(qvRedOrder *order, qvVtx *const *ring, int32_t n, const qvRedParams *params);
 // Whether a trial of this score and weight comes behind the head of the
 // order; false when the order is empty or null.
 bool qvRedOrderBehind(qvRedOrder *order, double score, int32_t weight);

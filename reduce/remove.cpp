@@ -848,7 +848,7 @@ int32_t qvTrialRun(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvTrial* t
   if (!mesh || !v || !params || !tr) return -1;
   tr->v = v;
   tr->copy = nullptr;
-  if (v->flags & (kVtxKeepSet | kVtxRetired)) return 1;
+  if (qvVtxStays(v, params) || (v->flags & kVtxRetired)) return 1;
   if (!v->aux) return -1;
   qvSpokes spokes;
   if (openStar(mesh, v, tr, &spokes) != 0) return FT_FAIL(-1);
@@ -954,7 +954,7 @@ int32_t removeVertex(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvRedOrd
   }
   if (qvTrialCommit(mesh, tr, params) != 0) return -1;
   const int32_t done = qvTrialTouched(
-      tr, [&](qvVtx* const* x, int32_t n) { return qvRingDirty(order, x, n, params->tol2); });
+      tr, [&](qvVtx* const* x, int32_t n) { return qvRingDirty(order, x, n, params); });
   return done < 0 ? -1 : 0;
 }
 
