@@ -62,7 +62,7 @@ int reduceOneMesh(qvMesh *mesh, FILE *file, int format, int method, double toler
   default:
     // The whole shell is the leaf; the parallel entries note their own.
     ftProgress(kProgressLeaf, 0);
-    engine = reduceOnePass(mesh, tolerance, angle, nullptr);
+    engine = reduceWhole(mesh, tolerance, angle, nullptr);
     ftProgress(kProgressLeafEnd, 0);
     break;
   }

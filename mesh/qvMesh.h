@@ -84,7 +84,7 @@ constexpr uint32_t kVtxMarkBnd = 0x40000000u;     // mark: end of a marked edge;
 constexpr uint32_t kVtxMarkVisit = 0x80000000u;   // mark: visited; side in a cut
 constexpr uint32_t kVtxDataMask = kVtxDerived | kVtxHasNormal | kVtxHasExtra | kVtxHasParam;
 constexpr uint32_t kVtxNotCounted = kVtxNoCensus | kVtxDerived;   // out of the census (0xC)
-constexpr uint32_t kVtxKeepSet = kVtxRim | kVtxHub | kVtxPinned;  // never put forward for removal (0x302)
+constexpr uint32_t kVtxKeepSet = kVtxHub | kVtxPinned;  // never put forward for removal (0x300)
 
 // qvEdg.flags
 constexpr uint32_t kEdgFeature = 0x1u;            // feature edge, always with kEdgFeature2
@@ -193,7 +193,7 @@ struct qvVtx {
   void* aux;       // working pointer: spoke edge while a cap is built, live triangle in a pass
   double* dat;     // the handle: the data block, inline unless kVtxOwnBlock
   int32_t ndat;    // how many doubles the data block holds
-  int32_t pad;     // keeps the header a multiple of 8 bytes; always zero
+  int32_t slot;    // working index: its place in a sweep's tables; zero at rest
 };
 static_assert(sizeof(qvVtx) == 56, "qvVtx header grew");
 static_assert(sizeof(qvVtx) % alignof(double) == 0, "inline doubles must stay aligned");

@@ -67,17 +67,26 @@ int32_t qvSpokePickMarked(qvMesh* mesh, qvVtx* v, int32_t ring, bool valences, q
   const bool joint = (v->flags & kVtxJoint) != 0;
   const double* line[2] = {nullptr, nullptr};
   int32_t joints = 0;
-  bool apart = true;  // no triangle on both joint spokes, whose far side would take the line
-  for (qvTri* s = mesh->tri; joint && s && (s->flags & kMarkSet.tri); s = s->next) {
-    int32_t on = 0;
-    for (const qvEdg* e : s->edg) on += (e->flags & kEdgJoint) && otherEnd(e, p);
-    apart = apart && on < 2;
+  // A rim vertex moves only along its rim: see rimSlides.
+  const bool rim = (v->flags & kVtxRim) != 0;
+  int32_t rims = 0;
+  // No triangle on both joint spokes, whose far side would take the line;
+  // none on both rim spokes, an ear whose third side would have to become rim.
+  bool apart = true;
+  for (qvTri* s = mesh->tri; (joint || rim) && s && (s->flags & kMarkSet.tri); s = s->next) {
+    int32_t onJoint = 0, onRim = 0;
+    for (const qvEdg* e : s->edg) {
+      onJoint += (e->flags & kEdgJoint) && otherEnd(e, p);
+      onRim += (e->flags & kEdgRim) && otherEnd(e, p);
+    }
+    apart = apart && (!joint || onJoint < 2) && (!rim || onRim < 2);
   }
   for (qvTri* s = mesh->tri; s && (s->flags & kMarkSet.tri) && !failed; s = s->next)
     for (qvEdg* e : s->edg) {
       // Each spoke once: the mark stays on it until the end.
       if ((e->flags & kEdgMarkSpoke) || !otherEnd(e, p)) continue;
       if (joint && (e->flags & kEdgJoint)) line[std::min(joints++, 1)] = otherEnd(e, p);
+      rims += (e->flags & kEdgRim) != 0;
       e->flags |= kEdgMarkSpoke;
       int32_t farValence = 0;
       const int32_t ok = qvLinkTest(s, e, p, kMarkSet.vtx, ring, &farValence);
@@ -109,6 +118,9 @@ int32_t qvSpokePickMarked(qvMesh* mesh, qvVtx* v, int32_t ring, bool valences, q
   if (joint && !(apart && joints == 2 &&
                  straightJoint(qvVtxXyz(qvVtxOf(line[0])), qvVtxXyz(v), qvVtxXyz(qvVtxOf(line[1])))))
     out->n = 0;
+  // A rim vertex on one boundary loop slides onto a neighbour on it: the loop
+  // loses a corner and stays a loop. Where two loops meet, it stays.
+  if (rim && !(apart && rims == 2)) out->n = 0;
   if (valences && !failed) v->tag = ring;
   return failed ? -1 : 0;
 }
@@ -127,7 +139,7 @@ int32_t qvSpokePick(qvMesh* mesh, qvTri* t, qvVtx* v, qvSpokes* out) {
 int32_t qvVtxScore(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvTrial* tr) {
   if (!mesh || !v || !params || !tr || !qvScoreOf(v)) return -1;
   scoreSet(v, kRedScoreNone);
-  if (v->flags & kVtxKeepSet) return 0;
+  if (qvVtxStays(v, params)) return 0;
   if (!v->link || !v->aux) return FT_FAIL(-1);
   // The shortest spoke only: its score is at least the best spoke's, so the
   // vertex enters the order at worst later than it should, and the trial
@@ -164,7 +176,7 @@ struct OrderEntry {
   double score;    // the score the vertex had when it entered
   int32_t weight;  // the pieces its last trial displaced
   uint32_t seq;  // when it entered
-  uint32_t id;   // the vertex's index in byAddr
+  uint32_t id;   // the vertex's index in byId
 };
 
 // Scores, then weights, then seq: a total order, as no two entries share a seq.
@@ -191,7 +203,7 @@ bool grow(T*& arr, size_t& cap, size_t need) {
 }  // namespace
 
 struct qvRedOrder {
-  qvVtx** byAddr;      // the vertices sorted by address: a look-up table, never an order of results
+  qvVtx** byId;        // the vertices in the order of the list at the start; each holds its index in slot
   uint32_t* current;   // per vertex: seq of its valid entry, or kGone
   uint32_t n;          // vertices
   uint32_t seq;        // the next seq
@@ -209,7 +221,9 @@ struct qvRedOrder {
 namespace {
 
 void orderFree(qvRedOrder* o) {
-  std::free(o->byAddr);
+  for (uint32_t i = 0; o->byId && i < o->n; ++i)
+    if (o->byId[i]) o->byId[i]->slot = 0;
+  std::free(o->byId);
   std::free(o->current);
   std::free(o->heap);
   std::free(o->tail);
@@ -219,13 +233,10 @@ void orderFree(qvRedOrder* o) {
   *o = qvRedOrder{};
 }
 
-// The index of v in the look-up table, or kGone.
+// The index of v in the tables, or kGone.
 uint32_t orderId(const qvRedOrder* o, const qvVtx* v) {
-  qvVtx** const end = o->byAddr + o->n;
-  qvVtx** at = std::lower_bound(o->byAddr, end, v, [](const qvVtx* a, const qvVtx* b) {
-    return reinterpret_cast<uintptr_t>(a) < reinterpret_cast<uintptr_t>(b);
-  });
-  return at != end && *at == v ? static_cast<uint32_t>(at - o->byAddr) : kGone;
+  const auto id = static_cast<uint32_t>(v->slot);
+  return id < o->n && o->byId[id] == v ? id : kGone;
 }
 
 // v enters the order at its present score. false on failure.
@@ -251,7 +262,7 @@ qvVtx* orderFront(qvRedOrder* o) {
     std::pop_heap(o->heap, o->heap + o->heapN, heapAfter);
     --o->heapN;
   }
-  return o->heapN > 0 ? o->byAddr[o->heap[0].id] : nullptr;
+  return o->heapN > 0 ? o->byId[o->heap[0].id] : nullptr;
 }
 
 // v leaves the order while it is tried: it comes back by orderPlace or
@@ -277,17 +288,17 @@ bool orderStart(qvRedOrder* o, qvMesh* mesh, const qvRedParams* params, qvTrial*
   *o = qvRedOrder{};
   const int32_t count = qvVtxCount(mesh->vtx);
   o->n = static_cast<uint32_t>(count);
-  o->byAddr = static_cast<qvVtx**>(ftMalloc(sizeof(qvVtx*) * (o->n + 1)));
+  o->byId = static_cast<qvVtx**>(ftCalloc(o->n + 1, sizeof(qvVtx*)));
   o->current = static_cast<uint32_t*>(ftMalloc(sizeof(uint32_t) * (o->n + 1)));
   o->retired = static_cast<qvVtx**>(ftMalloc(sizeof(qvVtx*) * (o->n + 1)));
   o->spoke = static_cast<uint8_t*>(ftCalloc(o->n + 1, 1));
   o->weight = static_cast<int32_t*>(ftCalloc(o->n + 1, sizeof(int32_t)));
-  if (!o->byAddr || !o->current || !o->retired || !o->spoke || !o->weight) return false;
+  if (!o->byId || !o->current || !o->retired || !o->spoke || !o->weight) return false;
   uint32_t i = 0;
-  for (qvVtx* v = mesh->vtx; v; v = v->next) o->byAddr[i++] = v;
-  std::sort(o->byAddr, o->byAddr + o->n, [](const qvVtx* a, const qvVtx* b) {
-    return reinterpret_cast<uintptr_t>(a) < reinterpret_cast<uintptr_t>(b);
-  });
+  for (qvVtx* v = mesh->vtx; v; v = v->next, ++i) {
+    o->byId[i] = v;
+    v->slot = static_cast<int32_t>(i);
+  }
   for (qvVtx* v = mesh->vtx; v; v = v->next) {
     tr->weight = 0;
     if (qvVtxScore(mesh, v, params, tr) < 0) return false;
@@ -308,9 +319,9 @@ qvVtx* orderList(qvRedOrder* o) {
   for (size_t i = 0; i < o->retiredN; ++i) arr[k++] = o->retired[i];
   std::sort(o->heap, o->heap + o->heapN, entryBefore);
   for (size_t i = 0; i < o->heapN; ++i)
-    if (o->current[o->heap[i].id] == o->heap[i].seq && k < o->n) arr[k++] = o->byAddr[o->heap[i].id];
+    if (o->current[o->heap[i].id] == o->heap[i].seq && k < o->n) arr[k++] = o->byId[o->heap[i].id];
   for (size_t i = 0; i < o->tailN; ++i)
-    if (o->current[o->tail[i].id] == o->tail[i].seq && k < o->n) arr[k++] = o->byAddr[o->tail[i].id];
+    if (o->current[o->tail[i].id] == o->tail[i].seq && k < o->n) arr[k++] = o->byId[o->tail[i].id];
   qvVtx* head = nullptr;
   if (k == o->n && k > 0) {
     for (size_t i = 0; i < k; ++i) {
@@ -325,14 +336,15 @@ qvVtx* orderList(qvRedOrder* o) {
 
 }  // namespace
 
-int32_t qvRingDirty(qvRedOrder* order, qvVtx* const* ring, int32_t n, double key) {
+int32_t qvRingDirty(qvRedOrder* order, qvVtx* const* ring, int32_t n, const qvRedParams* params) {
+  const double key = params->tol2;
   bool ok = true;
   for (int32_t i = 0; i < n && order && ok; ++i) {
     qvVtx* x = ring[i];
     const uint32_t id = orderId(order, x);
     if (id != kGone) order->spoke[id] = 0;
     const double s = scoreOf(x);
-    if ((x->flags & kVtxKeepSet) || (!noScore(s) && s <= key)) continue;
+    if (qvVtxStays(x, params) || (!noScore(s) && s <= key)) continue;
     // Its trial is stale: it waits among its equals in order of arrival.
     scoreSet(x, key);
     if (id != kGone) order->weight[id] = 0;
@@ -450,7 +462,7 @@ int32_t sweepQuick(qvMesh* mesh, const qvRedParams* params, qvTrial* tr) {
   }
   auto changed = [&](qvVtx* const* x, int32_t count) {
     for (int32_t i = 0; i < count; ++i)
-      if (!(x[i]->flags & kVtxKeepSet)) state[static_cast<int32_t>(scoreOf(x[i]))] = kQuickNext;
+      if (!qvVtxStays(x[i], params)) state[static_cast<int32_t>(scoreOf(x[i]))] = kQuickNext;
     return 0;
   };
   int32_t removed = 0;
@@ -461,7 +473,7 @@ int32_t sweepQuick(qvMesh* mesh, const qvRedParams* params, qvTrial* tr) {
       if (state[i] == kQuickNext) state[i] = kQuickDue;
     for (int32_t i = 0; i < n; ++i) {
       qvVtx* v = at[i];
-      if (state[i] != kQuickDue || (v->flags & (kVtxKeepSet | kVtxRetired))) continue;
+      if (state[i] != kQuickDue || qvVtxStays(v, params) || (v->flags & kVtxRetired)) continue;
       state[i] = kQuickDone;
       const int32_t r = qvTrialRun(mesh, v, params, tr);
       if (r < 0) {

@@ -27,6 +27,8 @@ constexpr double kInf = std::numeric_limits<double>::infinity();
 constexpr int32_t kPoolChunk = 4096;     // points per block of the pass's pool
 constexpr int32_t kSplitDepth = 24;      // a piece is split 1:4 at most this often within one trial
 constexpr int32_t kSplitFragments = 1024; // fragments one trial may make
+constexpr int32_t kHeapFirst = 4;
+constexpr int32_t kAhead = 8;              // pieces fetched ahead of the one read          // pieces a trial takes off a heap before it sorts the rest
 // A triangle whose squared normal is at most this share of the largest
 // product of two squared sides is measured as its three sides: the plane
 // distance of a needle would carry a rounding error out of proportion.
@@ -128,24 +130,24 @@ double* poolPoint(qvCoverPool* pool) {
 // Covers
 
 void qvCoverFree(qvTri* t) {
-  auto* c = static_cast<qvCover*>(t->link);
-  if (c) {
-    std::free(c->p);
-    std::free(c);
-  }
+  std::free(t->link);
   t->link = nullptr;
 }
 
 int32_t qvCoverAdd(qvTri* t, const qvPiece& piece) {
   auto* c = static_cast<qvCover*>(t->link);
-  if (!c) {
-    c = static_cast<qvCover*>(ftCalloc(1, sizeof(qvCover)));
-    if (!c) return -1;
+  if (!c || c->n == c->cap) {
+    // Most covers hold a handful of pieces: they start small.
+    const int32_t cap = c ? 2 * c->cap : 2;
+    auto* grown = static_cast<qvCover*>(ftRealloc(c, sizeof(qvCover) + sizeof(qvPiece) * static_cast<size_t>(cap)));
+    if (!grown) return -1;
+    if (!c) *grown = qvCover{0, 0, 0, 0};
+    c = grown;
+    c->cap = cap;
     t->link = c;
   }
-  // Most covers hold a handful of pieces: they start small.
-  if (!qvGrow(c->p, c->cap, c->n + 1, 2)) return -1;
-  c->p[c->n++] = piece;
+  qvCoverPieces(c)[c->n++] = piece;
+  if (piece.kind >= 0) c->pairs |= 1u << piece.kind;
   return 0;
 }
 
@@ -604,8 +606,9 @@ bool gatherHomes(qvTrial* tr) {
   tr->nHomes = 0;
   const int32_t n = qvTriCount(tr->copy->tri) + tr->nNear;
   if (!qvGrow(tr->homes, tr->homesCap, n)) return false;
+  // A cap triangle of the fan (a rim vertex's) is no home: it leaves with the caps.
   for (qvTri* c = tr->copy->tri; c; c = c->next)
-    if (qvHomeSet(&tr->homes[tr->nHomes++], c) != 0) return false;
+    if (!(c->flags & kTriCap) && qvHomeSet(&tr->homes[tr->nHomes++], c) != 0) return false;
   for (int32_t i = 0; i < tr->nNear; ++i)
     if (qvHomeSet(&tr->homes[tr->nHomes++], tr->near[i]) != 0) return false;
   tr->linked = false;
@@ -912,8 +915,10 @@ int32_t qvTrialCertify(qvTrial* tr, const qvRedParams* params) {
       return 0;
     }
   }
+  // A rim vertex's ring closes over its cap, so the exact test would weigh
+  // the cap with the surface: at 0 its boundary stays as it is.
   if (params->tol == 0.0) {
-    if (!flatStar(tr)) tr->score = kInf;
+    if ((tr->v->flags & kVtxRim) || !flatStar(tr)) tr->score = kInf;
     return 0;
   }
   tr->pool = params->pool;
@@ -951,8 +956,11 @@ int32_t qvTrialCertify(qvTrial* tr, const qvRedParams* params) {
     if (!c || c->n == 0) continue;
     const qvPlaneKept* plane = keptPlane(tr, i);
     if (tr->err) filed = -1;
+    const qvPiece* pieces = qvCoverPieces(c);
     for (int32_t k = 0; k < c->n && filed > 0; ++k) {
-      const qvPiece& piece = c->p[k];
+      const qvPiece& piece = pieces[k];
+      // The marks of a flat piece's starting triangle are read a few pieces on.
+      if (k + kAhead < c->n && pieces[k + kAhead].kind == kPieceFlat) __builtin_prefetch(pieces[k + kAhead].src);
       if (piece.kind == kPieceFlat) {
         auto* src = const_cast<qvTri*>(piece.src);
         if (src->flags & (kTriMarkSource | kTriFlatGone)) continue;
@@ -982,10 +990,17 @@ int32_t qvTrialCertify(qvTrial* tr, const qvRedParams* params) {
   }
   bool ok = true;
   for (int32_t i = 0; i < tr->nNear && ok; ++i) {
-    const qvCover* c = static_cast<const qvCover*>(tr->near[i]->link);
-    for (int32_t k = 0; c && k < c->n; ++k) {
-      const qvPiece& piece = c->p[k];
-      if (piece.kind < 0 || !(tr->near[i]->edg[piece.kind]->flags & kEdgMarkOuter)) continue;
+    const qvTri* t = tr->near[i];
+    const qvCover* c = static_cast<const qvCover*>(t->link);
+    if (!c) continue;
+    // Only pieces whose partner lies across a ring edge move.
+    uint32_t across = 0;
+    for (int32_t s = 0; s < 3; ++s)
+      if ((c->pairs >> s & 1u) && (t->edg[s]->flags & kEdgMarkOuter)) across |= 1u << s;
+    const qvPiece* pieces = qvCoverPieces(c);
+    for (int32_t k = 0; across && k < c->n; ++k) {
+      const qvPiece& piece = pieces[k];
+      if (piece.kind < 0 || !(across >> piece.kind & 1u)) continue;
       if (!qvGrow(tr->taken, tr->takenCap, tr->nTaken + 1)) {
         ok = false;
         break;
@@ -995,12 +1010,26 @@ int32_t qvTrialCertify(qvTrial* tr, const qvRedParams* params) {
       ++n;
     }
   }
-  // Worst first, so that a refusal comes early.
-  std::sort(affected, affected + n, [](const qvAffected& a, const qvAffected& b) {
+  // Worst first, so that a refusal comes early. Most trials are refused by
+  // one of their first pieces: those come off a heap, and the rest are
+  // sorted only when the trial gets past them.
+  const auto worse = [](const qvAffected& a, const qvAffected& b) {
     return a.bound > b.bound || (a.bound == b.bound && a.order < b.order);
-  });
+  };
+  const auto better = [&](const qvAffected& a, const qvAffected& b) { return worse(b, a); };
+  const int32_t popped = std::min(n, kHeapFirst);
+  int32_t heapEnd = n;
+  std::make_heap(affected, affected + n, better);
   for (int32_t i = 0; i < n && ok; ++i) {
-    const qvPiece& piece = *affected[i].piece;
+    const qvAffected* next;
+    if (i < popped) {
+      std::pop_heap(affected, affected + heapEnd, better);
+      next = &affected[--heapEnd];
+    } else {
+      if (i == popped) std::sort(affected, affected + heapEnd, worse);
+      next = &affected[i - popped];
+    }
+    const qvPiece& piece = *next->piece;
     // Refused, or already no better than the bound it had to beat.
     tr->escapes = 0;
     if (!certify(tr, piece.q, piece.src, piece.kind == kPieceFlat, 0) || tr->score >= tr->beat) {
@@ -1023,14 +1052,20 @@ int32_t qvTrialApply(qvTrial* tr) {
   // Pieces taken from the covers round the ring leave them first.
   for (int32_t i = 0; i < tr->nTaken; ++i) {
     auto* c = static_cast<qvCover*>(tr->taken[i].tri->link);
-    c->p[tr->taken[i].index].q[0] = nullptr;
+    qvCoverPieces(c)[tr->taken[i].index].q[0] = nullptr;
   }
   for (int32_t i = 0; i < tr->nTaken; ++i) {
     auto* c = static_cast<qvCover*>(tr->taken[i].tri->link);
     if (!c) continue;
+    qvPiece* pieces = qvCoverPieces(c);
     int32_t kept = 0;
+    c->pairs = 0;
     for (int32_t k = 0; k < c->n; ++k)
-      if (c->p[k].q[0]) c->p[kept++] = c->p[k];
+      if (pieces[k].q[0]) {
+        pieces[kept] = pieces[k];
+        if (pieces[kept].kind >= 0) c->pairs |= 1u << pieces[kept].kind;
+        ++kept;
+      }
     c->n = kept;
   }
   for (int32_t i = 0; i < tr->nGone; ++i) const_cast<qvTri*>(tr->gone[i])->flags |= kTriFlatGone;
@@ -1177,7 +1212,7 @@ int32_t qvCoverCheck(const qvMesh* mesh, const qvRedParams* params, FILE* out) {
     double* h[3];
     if (qvTriCoords(t, 0, h) != 0) report("a triangle without corners holds a cover", t);
     for (int32_t k = 0; k < c->n; ++k) {
-      const qvPiece& piece = c->p[k];
+      const qvPiece& piece = qvCoverPieces(c)[k];
       if (qvCoverCheckPiece(t, piece, params) != 0) report("a piece is not within the limit of its home", t);
       if (piece.kind != kPieceFlat) area[piece.src] += pieceArea(piece);
       else if (!(piece.src->flags & kTriFlatGone)) flat[piece.src] += clippedArea(piece.q, h);

@@ -66,6 +66,7 @@ int32_t qvRedParamsSet(double t, qvRedParams* params) {
   params->lim2 = t * t;
   params->pool = nullptr;
   params->quick = false;
+  params->rims = false;
   return 0;
 }
 

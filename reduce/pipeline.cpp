@@ -172,11 +172,12 @@ int32_t qvRedPass(qvMesh* mesh, const qvRedParams* params) { return runPass(mesh
 namespace {
 
 // The leaves: one pass at the whole tolerance, quick or not.
-int32_t leaf(qvMesh* mesh, double tol, const double* angle, bool quick, int32_t* removed) {
+int32_t leaf(qvMesh* mesh, double tol, const double* angle, bool quick, bool rims, int32_t* removed) {
   if (removed) *removed = 0;
   qvRedParams params;
   if (!mesh || qvRedParamsSet(tol, &params) != 0) return -1;
   params.quick = quick;
+  params.rims = rims;
   const int32_t before = qvTriCount(mesh->tri);
   const int32_t capped = leafStart(mesh, &params, angle);
   if (capped < 0) return -1;
@@ -194,11 +195,15 @@ int32_t leaf(qvMesh* mesh, double tol, const double* angle, bool quick, int32_t*
 }  // namespace
 
 int32_t reduceOnePass(qvMesh* mesh, double tol, const double* angle, int32_t* removed) {
-  return leaf(mesh, tol, angle, false, removed);
+  return leaf(mesh, tol, angle, false, false, removed);
+}
+
+int32_t reduceWhole(qvMesh* mesh, double tol, const double* angle, int32_t* removed) {
+  return leaf(mesh, tol, angle, false, true, removed);
 }
 
 int32_t reduceQuick(qvMesh* mesh, double tol, const double* angle, int32_t* removed) {
-  return leaf(mesh, tol, angle, true, removed);
+  return leaf(mesh, tol, angle, true, false, removed);
 }
 
 // ---------------------------------------------------------------------------

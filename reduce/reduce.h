@@ -13,9 +13,14 @@
 //     failure. A failure abandons the mesh without repair; the caller
 //     releases it.
 //  5. At the end of a leaf the seam mark of the piece's vertices is clear.
-//     Vertices in kVtxKeepSet (rims, hubs, seams) are never removed, nor a
-//     joint of sheets the input joined (kVtxJoint) but along a straight line
-//     of joint edges; edges in kEdgNoFlipSet are never flipped.
+//     Vertices in kVtxKeepSet (hubs, seams) are never removed, nor a joint
+//     of sheets the input joined (kVtxJoint) but along a straight line of
+//     joint edges. A rim vertex stays unless the pass is on a whole shell
+//     (reduceWhole), whose open boundaries are its own; there it goes only
+//     along its rim, onto a neighbour on the same loop, never where two loops
+//     meet, nor over an ear (a triangle with both its rim edges); the cap
+//     over the loop loses the corner with it and stays a cap. Edges in
+//     kEdgNoFlipSet are never flipped.
 //  6. No test in the engine compares a length with an absolute constant:
 //     degeneracy is judged against the sizes it is made of, the rounding
 //     allowance eta is a share of the largest coordinate, and the order of
@@ -46,7 +51,8 @@
 //  so in the single case d(x, T) <= max over the corners <= lim; in the pair
 //  case the cut parts of P are convex hulls of the points listed, so the same
 //  holds with T or U. T and U are live and not caps, so they are in the
-//  result: d(x, result) <= lim + eta = t.
+//  result: d(x, result) <= lim + eta = t. (A rim vertex's fan holds a cap
+//  triangle; it is never a home.)
 //  Upkeep: a pass starts with each triangle covering itself. A removal of v
 //  destroys exactly its star; the pieces that may lose their home or partner
 //  are those of the star's covers and the pair pieces across a ring edge. The
@@ -69,7 +75,8 @@
 //  At t = 0 a removal is made only when the star and its ring lie exactly in
 //  one plane (orient3d) and the old and new triangles all turn one way in a
 //  coordinate plane (orient2d): both then tile the polygon of the ring, so the
-//  union of the live non-cap triangles never changes.
+//  union of the live non-cap triangles never changes. Rim vertices stay at
+//  t = 0: their rings close over caps.
 //
 // Floating point
 //  Coordinates are floats held exactly in doubles; S is the largest coordinate
@@ -92,6 +99,10 @@
 // failure; *removed (may be null) gets the number of triangles removed.
 // angle: fold angle in degrees, null for the default, negative to skip features.
 [[nodiscard]] int32_t reduceOnePass(qvMesh *mesh, double tol, const double *angle, int32_t *removed);
+// The same pass on a whole shell (high method): its open boundaries are its
+// own, so rim vertices may slide along them. A block or a piece of a shell
+// keeps its rims, some of which are borders with its neighbours.
+[[nodiscard]] int32_t reduceWhole(qvMesh *mesh, double tol, const double *angle, int32_t *removed);
 // The same pass trying only the shortest spoke of each vertex, in list order
 // with no order by cost: sweep after sweep, each removing vertices apart from
 // one another, until every vertex left was refused on the final mesh (low
@@ -136,9 +147,17 @@ struct qvRedParams {
   double lim2;         // (t - eta)^2, rounded down: every certified bound is held to it
   qvCoverPool *pool;   // the pass's fragment corners; null outside a pass and at t = 0
   bool quick;          // each vertex tries its shortest spoke only, in list order
+  bool rims;           // rim vertices may slide along their loops: the mesh is a whole shell,
+                       // whose open boundaries are all its own
 };
 
-// Fills params from the tolerance t (lim2 = t * t, not quick, and no pool until
+// Whether v stays out of the pass's trials: hubs and seams always, rim
+// vertices unless params lets them slide.
+inline bool qvVtxStays(const qvVtx *v, const qvRedParams *params) {
+  return (v->flags & kVtxKeepSet) || ((v->flags & kVtxRim) && !params->rims);
+}
+
+// Fills params from the tolerance t (lim2 = t * t, not quick, rims fixed, and no pool until
 // qvCoverStart). 0, or -1 for a null params.
 [[nodiscard]] int32_t qvRedParamsSet(double t, qvRedParams *params);
 

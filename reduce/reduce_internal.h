@@ -118,12 +118,17 @@ struct qvPiece {
   int32_t kind;        // kPieceSingle, kPieceFlat, or the home's slot across which its partner lies
 };
 
-// The pieces a live non-cap triangle answers for, hung on its link.
+// The pieces a live non-cap triangle answers for, hung on its link: this
+// header with the pieces right after it, in one block.
 struct qvCover {
-  qvPiece *p;
   int32_t n;
   int32_t cap;
+  uint32_t pairs;  // bit s: a piece may have its partner across the home's slot s
+  int32_t spare;
 };
+static_assert(sizeof(qvCover) % alignof(qvPiece) == 0, "the pieces follow the header");
+inline qvPiece *qvCoverPieces(qvCover *c) { return reinterpret_cast<qvPiece *>(c + 1); }
+inline const qvPiece *qvCoverPieces(const qvCover *c) { return reinterpret_cast<const qvPiece *>(c + 1); }
 
 // Adds a piece to t's cover, making the cover on first use. 0, or -1.
 [[nodiscard]] int32_t qvCoverAdd(qvTri *t, const qvPiece &piece);
@@ -400,10 +405,10 @@ struct qvRedOrder;
 // while any waits. The vertices' scores hold the sweep's states meanwhile.
 [[nodiscard]] int32_t qvRedSweep(qvMesh *mesh, const qvRedParams *params, qvTrial *tr);
 // After a removal: the ring vertices whose key lies above the tolerance, or
-// that have none, enter the order again at key, so that each is tried on
+// that have none, enter the order again at the squared tolerance, so that each is tried on
 // the changed mesh before the sweep ends; the others keep their keys and
 // are tried again when they come up, every spoke of them. 0, or -1.
-[[nodiscard]] int32_t qvRingDirty(qvRedOrder *order, qvVtx *const *ring, int32_t n, double key);
+[[nodiscard]] int32_t qvRingDirty(qvRedOrder *order, qvVtx *const *ring, int32_t n, const qvRedParams *params);
 // Whether a trial of this score and weight comes behind the head of the
 // order; false when the order is empty or null.
 bool qvRedOrderBehind(qvRedOrder *order, double score, int32_t weight);

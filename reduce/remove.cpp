@@ -90,7 +90,8 @@ qvMesh* qvStarCopy(qvMesh* mesh, qvTri* t, const double* p, uint32_t outerMark) 
     if (!ok) continue;
     qvEdg* ce[3];
     for (int32_t i = 0; i < 3; ++i) ce[i] = s->edg[i]->link ? static_cast<qvEdg*>(s->edg[i]->link) : s->edg[i];
-    qvTri* c = qvTriNew(ce[0], ce[1], ce[2], 0);
+    // A cap triangle stays one: it leaves with the caps.
+    qvTri* c = qvTriNew(ce[0], ce[1], ce[2], s->flags & kTriCap);
     if (!c) {
       ok = false;
       continue;
@@ -710,6 +711,17 @@ bool gatherStar(qvMesh* mesh, qvTrial* tr, bool valences) {
   }
   for (int32_t i = 0; i < tr->nValences; ++i)
     if (tr->valences[i].n < kValenceMin) return false;
+  // The covers are read once the fan is made: their first lines are fetched
+  // while it is.
+  for (int32_t s = 0; s < tr->nStar; ++s) {
+    const char* c = static_cast<const char*>(tr->star[s]->link);
+    if (c) {
+      __builtin_prefetch(c);
+      __builtin_prefetch(c + 64);
+    }
+  }
+  for (int32_t k = 0; k < tr->nNear; ++k)
+    if (tr->near[k]->link) __builtin_prefetch(tr->near[k]->link);
   return true;
 }
 
@@ -732,7 +744,8 @@ int32_t openStar(qvMesh* mesh, qvVtx* v, qvTrial* tr, qvSpokes* spokes) {
   const double* p = v->dat;
   const int32_t ring = qvFanMark(mesh, tr->start, p, kMarkSet.tri, kMarkSet.edg, kMarkSet.vtx, kFanMarkMode);
   bool ok = qvSpokePickMarked(mesh, v, ring, true, spokes) == 0;
-  tr->clean = ok && spokes->blocked == 0;
+  // A rim vertex's star holds cap triangles, which neither unfold nor flip.
+  tr->clean = ok && spokes->blocked == 0 && !(v->flags & kVtxRim);
   if (ok && tr->clean && spokes->n > 0) {
     const int32_t r = qvRingProject(mesh, tr->start, p, ring);
     ok = r >= 0;
@@ -835,7 +848,7 @@ int32_t qvTrialRun(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvTrial* t
   if (!mesh || !v || !params || !tr) return -1;
   tr->v = v;
   tr->copy = nullptr;
-  if (v->flags & (kVtxKeepSet | kVtxRetired)) return 1;
+  if (qvVtxStays(v, params) || (v->flags & kVtxRetired)) return 1;
   if (!v->aux) return -1;
   qvSpokes spokes;
   if (openStar(mesh, v, tr, &spokes) != 0) return FT_FAIL(-1);
@@ -941,7 +954,7 @@ int32_t removeVertex(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvRedOrd
   }
   if (qvTrialCommit(mesh, tr, params) != 0) return -1;
   const int32_t done = qvTrialTouched(
-      tr, [&](qvVtx* const* x, int32_t n) { return qvRingDirty(order, x, n, params->tol2); });
+      tr, [&](qvVtx* const* x, int32_t n) { return qvRingDirty(order, x, n, params); });
   return done < 0 ? -1 : 0;
 }
 

@@ -50,7 +50,7 @@ void checkGuarantees(const char* name) {
   const struct {
     const char* name;
     Leaf leaf;
-  } leaves[] = {{"one pass", reduceOnePass}, {"quick", reduceQuick}};
+  } leaves[] = {{"one pass", reduceOnePass}, {"whole shell", reduceWhole}, {"quick", reduceQuick}};
   for (const auto& leaf : leaves)
     for (double percent : {0.1, 0.5, 2.0}) {
       const double tol = percent / 100.0 * original.diagonal;
@@ -68,7 +68,7 @@ void checkGuarantees(const char* name) {
 }  // namespace
 
 TEST(Leaves, NegativeOrNanRemovesNothingAndZeroOnlyWhatLeavesTheSurface) {
-  for (Leaf leaf : {reduceOnePass, reduceQuick})
+  for (Leaf leaf : {reduceOnePass, reduceWhole, reduceQuick})
     for (double tol : {-1.0, std::nan(""), 0.0})
       // Closed and curved: nothing at 0 either; open: the caps come and go.
       for (const char* name : {"torus.stl", "terrain.stl"}) {
@@ -101,6 +101,22 @@ TEST(Tool, FlatFacesKeepOnlyTheirOutlines) {
     ASSERT_EQ(runCommand(tool + kData + "/flat-square.stl -o" + out + " -qh -t" + t), 0);
     EXPECT_EQ(readBinaryFacets(out).size(), 2u) << t;
   }
+  // A flat 6 x 6 grid has 24 vertices on its open boundary: on a whole
+  // shell, above 0, those between the corners slide along it; at 0 the
+  // boundary stays as it is.
+  std::vector<Facet> grid;
+  for (int i = 0; i < 6; ++i)
+    for (int j = 0; j < 6; ++j) {
+      const float x = float(i), y = float(j);
+      grid.push_back({x, y, 0, x + 1, y, 0, x + 1, y + 1, 0});
+      grid.push_back({x, y, 0, x + 1, y + 1, 0, x, y + 1, 0});
+    }
+  const std::string in = tempPath("grid.stl");
+  writeBytes(in, binaryStl(grid));
+  ASSERT_EQ(runCommand(tool + in + " -o" + out + " -t0.5 -qh"), 0);
+  EXPECT_EQ(readBinaryFacets(out).size(), 2u);
+  ASSERT_EQ(runCommand(tool + in + " -o" + out + " -t0 -qh"), 0);
+  EXPECT_EQ(readBinaryFacets(out).size(), 22u);
   // The plate, 20 x 20 x 0.5 with a hole of radius 1 through it, at 0.1 % of
   // its diagonal: every vertex left is a corner of the box or on the hole's
   // rim, none inside a flat face or along a straight outer edge.
@@ -152,7 +168,7 @@ TEST(Tool, PiecesOfTheMediumMethodJoinWithinTheBoundAndClosed) {
 
 TEST(Tool, SheetsTheInputJoinedStayJoined) {
   // A flat 6 x 6 grid with a flap standing on its edge p-q and a triangle
-  // touching it only at r. Flat, the grid alone would come down to its two
+  // touching it only at r. Flat, the grid alone comes down to its two
   // corner triangles; p, q, r and the edge p-q must stay, so that the flap
   // and the lone triangle still meet the grid where the input had them.
   std::vector<Facet> soup;
