@@ -65,6 +65,18 @@ void checkGuarantees(const char* name) {
     }
 }
 
+// A flat 6 x 6 grid of unit squares in z = 0, two facets each.
+std::vector<Facet> flatGrid() {
+  std::vector<Facet> grid;
+  for (int i = 0; i < 6; ++i)
+    for (int j = 0; j < 6; ++j) {
+      const float x = float(i), y = float(j);
+      grid.push_back({x, y, 0, x + 1, y, 0, x + 1, y + 1, 0});
+      grid.push_back({x, y, 0, x + 1, y + 1, 0, x, y + 1, 0});
+    }
+  return grid;
+}
+
 }  // namespace
 
 TEST(Leaves, NegativeOrNanRemovesNothingAndZeroOnlyWhatLeavesTheSurface) {
@@ -104,15 +116,8 @@ TEST(Tool, FlatFacesKeepOnlyTheirOutlines) {
   // A flat 6 x 6 grid has 24 vertices on its open boundary: on a whole
   // shell, above 0, those between the corners slide along it; at 0 the
   // boundary stays as it is.
-  std::vector<Facet> grid;
-  for (int i = 0; i < 6; ++i)
-    for (int j = 0; j < 6; ++j) {
-      const float x = float(i), y = float(j);
-      grid.push_back({x, y, 0, x + 1, y, 0, x + 1, y + 1, 0});
-      grid.push_back({x, y, 0, x + 1, y + 1, 0, x, y + 1, 0});
-    }
   const std::string in = tempPath("grid.stl");
-  writeBytes(in, binaryStl(grid));
+  writeBytes(in, binaryStl(flatGrid()));
   ASSERT_EQ(runCommand(tool + in + " -o" + out + " -t0.5 -qh"), 0);
   EXPECT_EQ(readBinaryFacets(out).size(), 2u);
   ASSERT_EQ(runCommand(tool + in + " -o" + out + " -t0 -qh"), 0);
@@ -171,13 +176,7 @@ TEST(Tool, SheetsTheInputJoinedStayJoined) {
   // touching it only at r. Flat, the grid alone comes down to its two
   // corner triangles; p, q, r and the edge p-q must stay, so that the flap
   // and the lone triangle still meet the grid where the input had them.
-  std::vector<Facet> soup;
-  for (int i = 0; i < 6; ++i)
-    for (int j = 0; j < 6; ++j) {
-      const float x = float(i), y = float(j);
-      soup.push_back({x, y, 0, x + 1, y, 0, x + 1, y + 1, 0});
-      soup.push_back({x, y, 0, x + 1, y + 1, 0, x, y + 1, 0});
-    }
+  std::vector<Facet> soup = flatGrid();
   soup.push_back({3, 3, 0, 4, 3, 0, 3.5f, 3, 1});
   soup.push_back({2, 4, 0, 2, 4.5f, 1, 1.5f, 4, 1});
   const std::string in = tempPath("joined.stl"), out = tempPath("joined-out.stl");
