@@ -67,7 +67,7 @@ int32_t qvSpokePickMarked(qvMesh* mesh, qvVtx* v, int32_t ring, bool valences, q
   const bool joint = (v->flags & kVtxJoint) != 0;
   const double* line[2] = {nullptr, nullptr};
   int32_t joints = 0;
-  // A rim vertex moves only along its rim: see rimSlides.
+  // A rim vertex moves only along its rim, on one loop: see below.
   const bool rim = (v->flags & kVtxRim) != 0;
   int32_t rims = 0;
   // No triangle on both joint spokes, whose far side would take the line;

@@ -27,8 +27,8 @@ constexpr double kInf = std::numeric_limits<double>::infinity();
 constexpr int32_t kPoolChunk = 4096;     // points per block of the pass's pool
 constexpr int32_t kSplitDepth = 24;      // a piece is split 1:4 at most this often within one trial
 constexpr int32_t kSplitFragments = 1024; // fragments one trial may make
-constexpr int32_t kHeapFirst = 4;
-constexpr int32_t kAhead = 8;              // pieces fetched ahead of the one read          // pieces a trial takes off a heap before it sorts the rest
+constexpr int32_t kHeapFirst = 4;          // pieces a trial takes off a heap before it sorts the rest
+constexpr int32_t kAhead = 8;              // pieces fetched ahead of the one read
 // A triangle whose squared normal is at most this share of the largest
 // product of two squared sides is measured as its three sides: the plane
 // distance of a needle would carry a rounding error out of proportion.
