@@ -112,9 +112,6 @@ constexpr uint32_t kTriLongMore = 0x40000u;       // long form with more slots, 
 constexpr uint32_t kTriCap = 0x100000u;           // provisional: triangle of a cap
 constexpr uint32_t kTriRetired = 0x2000000u;      // engine: starting surface only
 constexpr uint32_t kTriReplace = 0x4000000u;      // engine: replacement, live surface only
-constexpr uint32_t kTriFlatOnce = 0x1000000u;     // engine: starting triangle filed flat in this pass
-constexpr uint32_t kTriFlatGone = 0x8000000u;     // engine: starting triangle measured whole after lying flat
-constexpr uint32_t kTriMarkSource = 0x10000000u;  // mark: starting triangle a trial has met
 constexpr uint32_t kTriMarkFlood = 0x40000000u;   // mark: reached by the orientation flood
 constexpr uint32_t kTriMarkVisit = 0x80000000u;   // mark: visited; degenerate on its way out
 constexpr uint32_t kTriSignSet = kTriSignPos | kTriSignNeg;
@@ -146,7 +143,6 @@ constexpr uint32_t kEdgMarkOuter = kEdgMarkBnd;
 static_assert((kMarkSet.edg & (kEdgMarkSpoke | kEdgMarkOuter)) == 0 && (kEdgMarkSpoke & kEdgMarkOuter) == 0,
               "a trial's edge marks");
 static_assert((kMarkSet.vtx & kVtxMarkCollapse) == 0, "a trial's vertex marks");
-static_assert((kMarkSet.tri & kTriMarkSource) == 0, "a trial's triangle marks");
 
 // The engine's commit: it reaps the star with two counts per edge, which the
 // spoke and swap marks lend, while kEdgMarkOuter still stands.

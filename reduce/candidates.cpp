@@ -174,7 +174,7 @@ constexpr uint32_t kGone = 0xFFFFFFFFu;  // current seq of a retired vertex: no 
 
 struct OrderEntry {
   double score;    // the score the vertex had when it entered
-  int32_t weight;  // the pieces its last trial displaced
+  double weight;  // the star area of its last trial's score of 0, else 0
   uint32_t seq;  // when it entered
   uint32_t id;   // the vertex's index in byId
 };
@@ -215,7 +215,7 @@ struct qvRedOrder {
   size_t retiredN;
   uint8_t* spoke;      // per vertex: 1 + the place of the spoke its last trial kept, while the
                        // mesh round it is as that trial saw it; 0 when unknown
-  int32_t* weight;     // per vertex: the pieces its last trial displaced
+  double* weight;     // per vertex: the weight of its entry
 };
 
 namespace {
@@ -292,7 +292,7 @@ bool orderStart(qvRedOrder* o, qvMesh* mesh, const qvRedParams* params, qvTrial*
   o->current = static_cast<uint32_t*>(ftMalloc(sizeof(uint32_t) * (o->n + 1)));
   o->retired = static_cast<qvVtx**>(ftMalloc(sizeof(qvVtx*) * (o->n + 1)));
   o->spoke = static_cast<uint8_t*>(ftCalloc(o->n + 1, 1));
-  o->weight = static_cast<int32_t*>(ftCalloc(o->n + 1, sizeof(int32_t)));
+  o->weight = static_cast<double*>(ftCalloc(o->n + 1, sizeof(double)));
   if (!o->byId || !o->current || !o->retired || !o->spoke || !o->weight) return false;
   uint32_t i = 0;
   for (qvVtx* v = mesh->vtx; v; v = v->next, ++i) {
@@ -336,15 +336,27 @@ qvVtx* orderList(qvRedOrder* o) {
 
 }  // namespace
 
-int32_t qvRingDirty(qvRedOrder* order, qvVtx* const* ring, int32_t n, const qvRedParams* params) {
+int32_t qvRingDirty(qvRedOrder* order, qvVtx* const* touched, int32_t n, bool ring, const qvRedParams* params) {
   const double key = params->tol2;
   bool ok = true;
   for (int32_t i = 0; i < n && order && ok; ++i) {
-    qvVtx* x = ring[i];
+    qvVtx* x = touched[i];
     const uint32_t id = orderId(order, x);
     if (id != kGone) order->spoke[id] = 0;
     const double s = scoreOf(x);
-    if (qvVtxStays(x, params) || (!noScore(s) && s <= key)) continue;
+    if (qvVtxStays(x, params)) continue;
+    // A removal that leaves the surface where it was is weighed by the area
+    // of its star, which the commit may have changed: its key follows.
+    if (s == 0.0 && id != kGone) {
+      if (!ring || order->current[id] == kGone) continue;
+      const double area = qvStarArea(x);
+      if (area != order->weight[id]) {
+        order->weight[id] = area;
+        ok = orderPlace(order, x);
+      }
+      continue;
+    }
+    if (!noScore(s) && s <= key) continue;
     // Its trial is stale: it waits among its equals in order of arrival.
     scoreSet(x, key);
     if (id != kGone) order->weight[id] = 0;
@@ -353,7 +365,7 @@ int32_t qvRingDirty(qvRedOrder* order, qvVtx* const* ring, int32_t n, const qvRe
   return ok ? 0 : -1;
 }
 
-bool qvRedOrderBehind(qvRedOrder* order, double score, int32_t weight) {
+bool qvRedOrderBehind(qvRedOrder* order, double score, double weight) {
   if (!order || !orderFront(order)) return false;
   const OrderEntry& head = order->heap[0];
   return score > head.score || (score == head.score && weight > head.weight);
@@ -460,7 +472,7 @@ int32_t sweepQuick(qvMesh* mesh, const qvRedParams* params, qvTrial* tr) {
     at[place] = v;
     scoreSet(v, place);
   }
-  auto changed = [&](qvVtx* const* x, int32_t count) {
+  auto changed = [&](qvVtx* const* x, int32_t count, bool) {
     for (int32_t i = 0; i < count; ++i)
       if (!qvVtxStays(x[i], params)) state[static_cast<int32_t>(scoreOf(x[i]))] = kQuickNext;
     return 0;

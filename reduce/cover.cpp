@@ -28,7 +28,6 @@ constexpr int32_t kPoolChunk = 4096;     // points per block of the pass's pool
 constexpr int32_t kSplitDepth = 24;      // a piece is split 1:4 at most this often within one trial
 constexpr int32_t kSplitFragments = 1024; // fragments one trial may make
 constexpr int32_t kHeapFirst = 4;          // pieces a trial takes off a heap before it sorts the rest
-constexpr int32_t kAhead = 8;              // pieces fetched ahead of the one read
 // A triangle whose squared normal is at most this share of the largest
 // product of two squared sides is measured as its three sides: the plane
 // distance of a needle would carry a rounding error out of proportion.
@@ -175,7 +174,6 @@ int32_t qvCoverStart(qvMesh* mesh, qvRedParams* params) {
   pool->scale = scale;
   params->pool = pool;
   for (qvTri* t = mesh->tri; t; t = t->next) {
-    t->flags &= ~(kTriFlatGone | kTriFlatOnce);
     if (t->flags & kTriCap) continue;
     qvPiece whole{{nullptr, nullptr, nullptr}, t, 0.0f, kPieceSingle};
     double* c[3];
@@ -188,10 +186,7 @@ int32_t qvCoverStart(qvMesh* mesh, qvRedParams* params) {
 
 void qvCoverEnd(qvMesh* mesh, qvRedParams* params) {
   if (mesh)
-    for (qvTri* t = mesh->tri; t; t = t->next) {
-      qvCoverFree(t);
-      t->flags &= ~(kTriFlatGone | kTriFlatOnce);
-    }
+    for (qvTri* t = mesh->tri; t; t = t->next) qvCoverFree(t);
   if (!params || !params->pool) return;
   for (qvCoverPool::Chunk* c = params->pool->head; c;) {
     qvCoverPool::Chunk* next = c->next;
@@ -309,6 +304,28 @@ void qvHomeLink(qvHome* homes, int32_t n) {
         homes[i / 3].nb[i % 3] = k / 3;
         break;
       }
+}
+
+namespace {
+
+int32_t addArea(qvTri* t, void* ctx) {
+  double* c[3];
+  if (t->flags & kTriCap) return 0;
+  if (qvTriCoords(t, 0, c) != 0) return 2;
+  double ab[3], ac[3], n[3];
+  sub3(c[1], c[0], ab);
+  sub3(c[2], c[0], ac);
+  cross3(ab, ac, n);
+  *static_cast<double*>(ctx) += std::sqrt(dot3(n, n));
+  return 0;
+}
+
+}  // namespace
+
+double qvStarArea(qvVtx* v) {
+  double twice = 0.0;
+  const int32_t r = qvFanWalk(static_cast<qvTri*>(v->aux), v->dat, addArea, &twice);
+  return r == 0 || r == -1 ? 0.5 * twice : kInf;
 }
 
 // ---------------------------------------------------------------------------
@@ -485,71 +502,11 @@ Certified bestHome(qvTrial* tr, const double* const q[3], double* const r[3], do
   return best;
 }
 
-int32_t turn(const double* a, const double* b, const double* c) {
-  const double d = orient2d(a, b, c);
-  return d > 0.0 ? 1 : (d < 0.0 ? -1 : 0);
-}
-
-// How triangle q lies against triangle c, both given by pairs in one
-// coordinate plane and turning as qSense and cSense: kApart when a side of
-// either has the other wholly outside it or on its line (their interiors
-// are disjoint), kInside when q lies in c, kOverlap otherwise.
-constexpr int32_t kApart = 0, kOverlap = 1, kInside = 2;
-int32_t overlap2d(const double (*q)[2], int32_t qSense, const double (*c)[2], int32_t cSense) {
-  bool inside = true;
-  for (int e = 0; e < 3; ++e) {
-    int32_t out = 0;
-    for (int k = 0; k < 3; ++k) out += turn(c[e], c[(e + 1) % 3], q[k]) * cSense <= 0;
-    if (out == 3) return kApart;
-    inside = inside && out == 0;
-  }
-  if (inside) return kInside;
-  for (int e = 0; e < 3; ++e) {
-    int32_t out = 0;
-    for (int k = 0; k < 3; ++k) out += turn(q[e], q[(e + 1) % 3], c[k]) * qSense <= 0;
-    if (out == 3) return kApart;
-  }
-  return kOverlap;
-}
-
-// The corners of a triangle as pairs in the coordinate plane that leaves out
-// axis drop.
-void lay(const double* const t[3], int32_t drop, double out[3][2]) {
-  for (int k = 0; k < 3; ++k) {
-    out[k][0] = t[k][(drop + 1) % 3];
-    out[k][1] = t[k][(drop + 2) % 3];
-  }
-}
-
-// Whether the piece with corners q overlaps the interior of a star
-// triangle, as seen in the coordinate plane where the piece's normal is
-// largest (an overlap there is needed for one in space).
-bool overStar(const qvTrial* tr, const double* const q[3]) {
-  double nrm[3];
-  const int32_t drop = widestView(q, nrm);
-  double q2[3][2];
-  lay(q, drop, q2);
-  const int32_t qSense = turn(q2[0], q2[1], q2[2]);
-  for (int32_t i = 0; i < tr->nStar; ++i) {
-    double* c[3];
-    if (qvTriCoords(tr->star[i], 0, c) != 0) return true;
-    double c2[3][2];
-    lay(c, drop, c2);
-    if (overlap2d(q2, qSense, c2, turn(c2[0], c2[1], c2[2])) != kApart) return true;
-  }
-  return false;
-}
-
-// Certifies the piece with corners q (a fragment of src): a plan entry per
-// piece or fragment that holds, true when all hold; false when one can't be
-// certified within the limits, or on failure (tr->err). A fragment of a
-// flat piece that overlaps no star triangle needs nothing: the live
-// triangles round it that hold the flat piece still contain it.
-bool certify(qvTrial* tr, const double* const q[3], const qvTri* src, bool flat, int32_t depth) {
-  if (flat && !overStar(tr, q)) {
-    ++tr->escapes;
-    return true;
-  }
+// Certifies the piece with corners q (a fragment of src, null for a flat
+// piece's): a plan entry per piece or fragment that holds, true when all
+// hold; false when one can't be certified within the limits, or on failure
+// (tr->err).
+bool certify(qvTrial* tr, const double* const q[3], const qvTri* src, int32_t depth) {
   int32_t at[3];
   for (int k = 0; k < 3; ++k) {
     at[k] = rowOf(tr, q[k]);
@@ -574,9 +531,8 @@ bool certify(qvTrial* tr, const double* const q[3], const qvTri* src, bool flat,
     if (c.bound > tr->score) tr->score = c.bound;
     return true;
   }
-  // A corner beyond lim of every home can't be helped by splitting, unless
-  // the fragment that holds it may lie off the star.
-  for (int k = 0; k < 3 && !flat; ++k) {
+  // A corner beyond lim of every home can't be helped by splitting.
+  for (int k = 0; k < 3; ++k) {
     double nearest = kInf;
     for (int32_t j = 0; j < tr->nHomes; ++j) nearest = std::min(nearest, r[k][j]);
     if (!(nearest <= tr->lim2)) return false;
@@ -596,7 +552,7 @@ bool certify(qvTrial* tr, const double* const q[3], const qvTri* src, bool flat,
   }
   const double* parts[4][3] = {{q[0], m[0], m[2]}, {m[0], q[1], m[1]}, {m[2], m[1], q[2]}, {m[0], m[1], m[2]}};
   for (auto& part : parts)
-    if (!certify(tr, part, src, flat, depth + 1)) return false;
+    if (!certify(tr, part, src, depth + 1)) return false;
   return true;
 }
 
@@ -712,14 +668,12 @@ constexpr int32_t kUngrouped = -2;  // group of a triangle whose plane isn't loo
 // coordinate plane onto which it projects one to one, and the fan's cover
 // the star's region (fanCovers). group[i] for star triangle i and
 // group[nStar + j] for fan triangle j name g then; a plane without a fan
-// triangle is not kept and groups g alone. The fan's triangles of a kept
-// plane are laid in its coordinate plane in flatFan: 10 numbers each, its
-// corners' pairs, then its box (low pair, high pair). false on failure.
+// triangle is not kept and groups g alone. false on failure.
 bool groupPlane(qvTrial* tr, int32_t g) {
   const int32_t nStar = tr->nStar;
   const int32_t nFan = tr->nHomes - tr->nNear;
   tr->group[g] = g;
-  tr->planes[g] = qvPlaneKept{false, -1, 0};
+  tr->planes[g] = qvPlaneKept{false, false, -1, 0};
   double* r[3];
   if (tr->star[g]->flags & kTriCap) return true;
   if (qvTriCoords(tr->star[g], 0, r) != 0) return false;
@@ -774,28 +728,13 @@ bool groupPlane(qvTrial* tr, int32_t g) {
     star.to[k] = star.to[star.n];
   }
   kept = kept && fanCovers(star, fan, tr, drop, sense);
-  tr->planes[g] = qvPlaneKept{kept, drop, sense};
-  if (!kept) return true;
-  if (!qvGrow(tr->flatFan, tr->flatFanCap, nFan * 10)) return false;
-  const int32_t a = (drop + 1) % 3, b = (drop + 2) % 3;
-  for (int32_t j = 0; j < nFan; ++j) {
-    if (tr->group[nStar + j] != g) continue;
-    double* o = tr->flatFan + j * 10;
-    for (int k = 0; k < 3; ++k) {
-      o[2 * k] = tr->homes[j].x[k][a];
-      o[2 * k + 1] = tr->homes[j].x[k][b];
-    }
-    o[6] = std::min({o[0], o[2], o[4]});
-    o[7] = std::min({o[1], o[3], o[5]});
-    o[8] = std::max({o[0], o[2], o[4]});
-    o[9] = std::max({o[1], o[3], o[5]});
-  }
+  tr->planes[g] = qvPlaneKept{kept, false, drop, sense};
   return true;
 }
 
 // The plane of star triangle i when the fan keeps it, else null; the plane
 // is grouped on first use. err is set on failure.
-const qvPlaneKept* keptPlane(qvTrial* tr, int32_t i) {
+qvPlaneKept* keptPlane(qvTrial* tr, int32_t i) {
   const int32_t n = tr->nStar + tr->nHomes - tr->nNear;
   if (!tr->grouped) {
     if (!qvGrow(tr->group, tr->groupCap, n) || !qvGrow(tr->planes, tr->planesCap, tr->nStar)) {
@@ -813,49 +752,18 @@ const qvPlaneKept* keptPlane(qvTrial* tr, int32_t i) {
   return tr->planes[g].kept ? &tr->planes[g] : nullptr;
 }
 
-// Whether the piece is a whole starting triangle that lies in the plane of
-// star triangle i and, there, inside it.
-bool wholeInside(const qvTrial* tr, const qvPiece& piece, int32_t i, const qvPlaneKept& plane) {
-  double* s[3];
+// Whether a measured piece lies in the plane of star triangle i and, there,
+// inside it (exact tests).
+bool insidePlane(const qvTrial* tr, const qvPiece& piece, int32_t i, const qvPlaneKept& plane) {
   double* c[3];
-  if (piece.kind == kPieceFlat || qvTriCoords(piece.src, 0, s) != 0 || qvTriCoords(tr->star[i], 0, c) != 0)
-    return false;
-  for (int k = 0; k < 3; ++k)
-    if (piece.q[k] != s[k] || orient3dSign(c[0], c[1], c[2], s[k]) != 0) return false;
-  if (orient2dDrop(s[0], s[1], s[2], plane.drop) == 0) return false;
+  if (piece.kind == kPieceFlat || qvTriCoords(tr->star[i], 0, c) != 0) return false;
+  for (const double* x : piece.q)
+    if (x != c[0] && x != c[1] && x != c[2] && orient3dSign(c[0], c[1], c[2], x) != 0) return false;
+  if (orient2dDrop(piece.q[0], piece.q[1], piece.q[2], plane.drop) == 0) return false;
   for (int e = 0; e < 3; ++e)
-    for (const double* x : s)
+    for (const double* x : piece.q)
       if (orient2dDrop(c[e], c[(e + 1) % 3], x, plane.drop) * plane.sense < 0) return false;
   return true;
-}
-
-// Files a flat piece held by star triangle i with every fan triangle in its
-// plane whose interior its own overlaps: for each, no side of either
-// triangle has the other wholly outside it or on its line. A piece inside
-// one triangle overlaps no other. 1, 0 when it overlaps none, -1 on failure.
-int32_t fileFlat(qvTrial* tr, const qvPiece& piece, int32_t i, const qvPlaneKept& plane) {
-  double q[3][2];
-  lay(piece.q, plane.drop, q);
-  const double lo[2] = {std::min({q[0][0], q[1][0], q[2][0]}), std::min({q[0][1], q[1][1], q[2][1]})};
-  const double hi[2] = {std::max({q[0][0], q[1][0], q[2][0]}), std::max({q[0][1], q[1][1], q[2][1]})};
-  const int32_t qSense = turn(q[0], q[1], q[2]);
-  const int32_t nFan = tr->nHomes - tr->nNear;
-  const int32_t g = tr->group[i];
-  int32_t filed = 0;
-  for (int32_t f = 0; f < nFan; ++f) {
-    if (tr->group[tr->nStar + f] != g) continue;
-    const double* c = tr->flatFan + f * 10;
-    if (hi[0] <= c[6] || c[8] <= lo[0] || hi[1] <= c[7] || c[9] <= lo[1]) continue;
-    double corners[3][2];
-    std::memcpy(corners, c, sizeof corners);
-    const int32_t how = overlap2d(q, qSense, corners, plane.sense);
-    if (how == kApart) continue;
-    if (!qvGrow(tr->plan, tr->planCap, tr->nPlan + 1)) return -1;
-    tr->plan[tr->nPlan++] = qvPlanItem{f, qvPiece{{piece.q[0], piece.q[1], piece.q[2]}, piece.src, 0.0f, kPieceFlat}};
-    ++filed;
-    if (how == kInside) break;
-  }
-  return filed > 0 ? 1 : 0;
 }
 
 }  // namespace
@@ -884,7 +792,6 @@ int32_t qvTrialCertify(qvTrial* tr, const qvRedParams* params) {
   tr->weight = 0;
   tr->nPlan = 0;
   tr->nTaken = 0;
-  tr->nGone = 0;
   tr->fragments = 0;
   tr->nRows = 0;
   if (tr->slots) std::fill(tr->slots, tr->slots + tr->slotCount, -1);
@@ -930,13 +837,13 @@ int32_t qvTrialCertify(qvTrial* tr, const qvRedParams* params) {
   if (!gatherHomes(tr)) return -1;
 
   // Where the fan keeps a plane of the star, the flat pieces in that plane,
-  // and the whole starting triangles inside its star triangles, are filed
-  // with the fan's triangles there that they overlap, with no measure.
+  // and the measured pieces that lie inside its star triangles there, lie in
+  // the fan's triangles of that plane: each of those holds itself as a flat
+  // piece instead, with no measure.
   tr->grouped = false;
 
-  // The pieces to place: every piece of the star's covers, and the pair
-  // pieces round the ring whose partner lies across a ring edge. A flat
-  // piece filed with several star triangles is placed once.
+  // The pieces to place: every other piece of the star's covers, and the
+  // pair pieces round the ring whose partner lies across a ring edge.
   int32_t count = 0;
   for (int32_t i = 0; i < tr->nStar; ++i) {
     const qvCover* c = static_cast<const qvCover*>(tr->star[i]->link);
@@ -949,44 +856,31 @@ int32_t qvTrialCertify(qvTrial* tr, const qvRedParams* params) {
   if (!qvGrow(tr->affected, tr->affectedCap, count + 1)) return -1;
   qvAffected* affected = tr->affected;
   int32_t n = 0;
-  int32_t filed = 1;
-  tr->nSources = 0;
-  for (int32_t i = 0; i < tr->nStar && filed > 0; ++i) {
+  for (int32_t i = 0; i < tr->nStar; ++i) {
     const qvCover* c = static_cast<const qvCover*>(tr->star[i]->link);
     if (!c || c->n == 0) continue;
-    const qvPlaneKept* plane = keptPlane(tr, i);
-    if (tr->err) filed = -1;
+    qvPlaneKept* plane = keptPlane(tr, i);
+    if (tr->err) return -1;
     const qvPiece* pieces = qvCoverPieces(c);
-    for (int32_t k = 0; k < c->n && filed > 0; ++k) {
+    for (int32_t k = 0; k < c->n; ++k) {
       const qvPiece& piece = pieces[k];
-      // The marks of a flat piece's starting triangle are read a few pieces on.
-      if (k + kAhead < c->n && pieces[k + kAhead].kind == kPieceFlat) __builtin_prefetch(pieces[k + kAhead].src);
-      if (piece.kind == kPieceFlat) {
-        auto* src = const_cast<qvTri*>(piece.src);
-        if (src->flags & (kTriMarkSource | kTriFlatGone)) continue;
-        if (!qvGrow(tr->sources, tr->sourcesCap, tr->nSources + 1)) {
-          filed = -1;
-          break;
-        }
-        tr->sources[tr->nSources++] = src;
-        src->flags |= kTriMarkSource;
-        if (plane) {
-          filed = fileFlat(tr, piece, i, *plane);
-          continue;
-        }
-      } else if (plane && wholeInside(tr, piece, i, *plane)) {
-        filed = fileFlat(tr, piece, i, *plane);
+      if (plane && (piece.kind == kPieceFlat || insidePlane(tr, piece, i, *plane))) {
+        plane->held = true;
         continue;
       }
       affected[n] = qvAffected{&piece, piece.bound, n};
       ++n;
     }
   }
-  for (int32_t i = 0; i < tr->nSources; ++i) const_cast<qvTri*>(tr->sources[i])->flags &= ~kTriMarkSource;
-  if (filed <= 0) {
-    if (filed < 0) return -1;
-    tr->score = kInf;  // a flat piece the fan doesn't reach: not expected, and refused
-    return 0;
+  if (tr->grouped) {
+    const int32_t nFan = tr->nHomes - tr->nNear;
+    for (int32_t j = 0; j < nFan; ++j) {
+      const int32_t g = tr->group[tr->nStar + j];
+      if (g < 0 || !tr->planes[g].held) continue;
+      if (!qvGrow(tr->plan, tr->planCap, tr->nPlan + 1)) return -1;
+      const qvHome& f = tr->homes[j];
+      tr->plan[tr->nPlan++] = qvPlanItem{j, qvPiece{{f.x[0], f.x[1], f.x[2]}, nullptr, 0.0f, kPieceFlat}};
+    }
   }
   bool ok = true;
   for (int32_t i = 0; i < tr->nNear && ok; ++i) {
@@ -1031,20 +925,15 @@ int32_t qvTrialCertify(qvTrial* tr, const qvRedParams* params) {
     }
     const qvPiece& piece = *next->piece;
     // Refused, or already no better than the bound it had to beat.
-    tr->escapes = 0;
-    if (!certify(tr, piece.q, piece.src, piece.kind == kPieceFlat, 0) || tr->score >= tr->beat) {
+    if (!certify(tr, piece.q, piece.src, 0) || tr->score >= tr->beat) {
       tr->score = kInf;
       break;
-    }
-    if (piece.kind == kPieceFlat && tr->escapes == 0) {
-      ok = qvGrow(tr->gone, tr->goneCap, tr->nGone + 1);
-      if (ok) tr->gone[tr->nGone++] = piece.src;
     }
   }
   if (!ok || tr->err != 0) return -1;
   // A removal that leaves the surface where it was weighs its pieces, so
   // that such removals come in order of size.
-  tr->weight = tr->score == 0.0 ? count : 0;
+  tr->weight = tr->score == 0.0 ? qvStarArea(tr->v) : 0.0;
   return 0;
 }
 
@@ -1068,13 +957,8 @@ int32_t qvTrialApply(qvTrial* tr) {
       }
     c->n = kept;
   }
-  for (int32_t i = 0; i < tr->nGone; ++i) const_cast<qvTri*>(tr->gone[i])->flags |= kTriFlatGone;
-  for (int32_t i = 0; i < tr->nPlan; ++i) {
-    const qvPiece& piece = tr->plan[i].piece;
-    if (piece.kind == kPieceFlat)
-      const_cast<qvTri*>(piece.src)->flags = (piece.src->flags & ~kTriFlatGone) | kTriFlatOnce;
-    if (qvCoverAdd(tr->homes[tr->plan[i].home].tri, piece) != 0) return -1;
-  }
+  for (int32_t i = 0; i < tr->nPlan; ++i)
+    if (qvCoverAdd(tr->homes[tr->plan[i].home].tri, tr->plan[i].piece) != 0) return -1;
   return 0;
 }
 
@@ -1086,9 +970,6 @@ void qvTrialFree(qvTrial* tr) {
   std::free(tr->homes);
   std::free(tr->plan);
   std::free(tr->taken);
-  std::free(tr->sources);
-  std::free(tr->gone);
-  std::free(tr->flatFan);
   std::free(tr->affected);
   std::free(tr->group);
   std::free(tr->planes);
@@ -1123,14 +1004,8 @@ int32_t qvCoverCheckPiece(const qvTri* home, const qvPiece& piece, const qvRedPa
   if (!home || (home->flags & (kTriCap | kTriRetired))) return 1;
   qvHome t;
   if (qvHomeSet(&t, const_cast<qvTri*>(home)) != 0) return 1;
-  if (piece.kind == kPieceFlat) {
-    // A filing of a flat piece lies in its home's plane; a stale one claims
-    // nothing.
-    if (piece.src->flags & kTriFlatGone) return 0;
-    for (const double* x : piece.q)
-      if (orient3dSign(t.x[0], t.x[1], t.x[2], x) != 0) return 1;
-    return 0;
-  }
+  // A flat piece is its home.
+  if (piece.kind == kPieceFlat) return piece.q[0] == t.x[0] && piece.q[1] == t.x[1] && piece.q[2] == t.x[2] ? 0 : 1;
   double b = 0.0;
   if (piece.kind == kPieceSingle) {
     // A corner of the home itself lies at distance 0, as a trial counts it.
@@ -1149,6 +1024,30 @@ int32_t qvCoverCheckPiece(const qvTri* home, const qvPiece& piece, const qvRedPa
 }
 
 namespace {
+
+// Whether triangle c lies in the plane of triangle q and overlaps its box,
+// up to the rounding of midpoints: each corner of c within 2^-30 of q's
+// size of q's plane.
+bool inPlaneOf(const double* const q[3], const double* const c[3]) {
+  double n[3], lo[3], hi[3];
+  widestView(q, n);
+  const double nn = std::sqrt(dot3(n, n));
+  double size = 0.0;
+  for (int k = 0; k < 3; ++k) {
+    lo[k] = std::min({q[0][k], q[1][k], q[2][k]});
+    hi[k] = std::max({q[0][k], q[1][k], q[2][k]});
+    size = std::max(size, hi[k] - lo[k]);
+  }
+  if (!(nn > 0.0)) return false;
+  for (int k = 0; k < 3; ++k)
+    if (std::max({c[0][k], c[1][k], c[2][k]}) < lo[k] || std::min({c[0][k], c[1][k], c[2][k]}) > hi[k]) return false;
+  for (int j = 0; j < 3; ++j) {
+    double d[3];
+    sub3(c[j], q[0], d);
+    if (std::fabs(dot3(d, n)) / nn > 0x1p-30 * size) return false;
+  }
+  return true;
+}
 
 // The area of the part of triangle q inside triangle c, both in one plane,
 // measured in the coordinate plane where that plane's normal is largest.
@@ -1199,9 +1098,10 @@ int32_t qvCoverCheck(const qvMesh* mesh, const qvRedParams* params, FILE* out) {
     ++bad;
     if (out) std::fprintf(out, "covers: %s (%p)\n", what, rec);
   };
-  // Per starting triangle: the area of its measured pieces, and the area of
-  // its flat piece inside the triangles that hold it.
-  std::unordered_map<const qvTri*, double> area, flat;
+  // Per starting triangle, the area of its measured pieces; and the pieces
+  // of no starting triangle: flat pieces and their fragments.
+  std::unordered_map<const qvTri*, double> area;
+  std::vector<const qvPiece*> flat;
   for (const qvTri* t = mesh->tri; t; t = t->next) {
     const auto* c = static_cast<const qvCover*>(t->link);
     if (!c) continue;
@@ -1214,22 +1114,25 @@ int32_t qvCoverCheck(const qvMesh* mesh, const qvRedParams* params, FILE* out) {
     for (int32_t k = 0; k < c->n; ++k) {
       const qvPiece& piece = qvCoverPieces(c)[k];
       if (qvCoverCheckPiece(t, piece, params) != 0) report("a piece is not within the limit of its home", t);
-      if (piece.kind != kPieceFlat) area[piece.src] += pieceArea(piece);
-      else if (!(piece.src->flags & kTriFlatGone)) flat[piece.src] += clippedArea(piece.q, h);
+      if (piece.src) area[piece.src] += pieceArea(piece);
+      else flat.push_back(&piece);
     }
   }
-  // The measured pieces tile a starting triangle that never lay flat. Of one
-  // that did, they and the holders of its flat piece cover it: each removal
-  // off its plane measured the fragments over its star, which may overlap.
+  // The measured pieces of a starting triangle tile it, unless part of it
+  // went into flat pieces: then those in its plane make up the rest (they
+  // may overlap, as one removal after another measured fragments of them).
   for (const qvTri* t = mesh->tri; t; t = t->next) {
     if ((t->flags & kTriCap) || (t->flags & kTriReplace)) continue;
     const double want = qvTriArea(t);
     const auto it = area.find(t);
-    const double have = it == area.end() ? 0.0 : it->second;
-    const auto held = flat.find(t);
-    const bool wasFlat = t->flags & kTriFlatOnce;
-    if (wasFlat ? have + (held == flat.end() ? 0.0 : held->second) < want * (1.0 - 1e-9)
-                : std::fabs(have - want) > 1e-9 * want)
+    double have = it == area.end() ? 0.0 : it->second;
+    if (have < want * (1.0 - 1e-9)) {
+      double* q[3];
+      if (qvTriCoords(t, 0, q) != 0) continue;
+      for (const qvPiece* piece : flat)
+        if (inPlaneOf(q, piece->q)) have += clippedArea(q, piece->q);
+    }
+    if (have < want * (1.0 - 1e-9) || (it != area.end() && it->second > want * (1.0 + 1e-9)))
       report("the pieces of a starting triangle don't tile it", t);
   }
   return bad;

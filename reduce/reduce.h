@@ -24,29 +24,29 @@
 //  6. No test in the engine compares a length with an absolute constant:
 //     degeneracy is judged against the sizes it is made of, the rounding
 //     allowance eta is a share of the largest coordinate, and the order of
-//     candidates breaks ties by a count of pieces, then by their place in the
-//     list. A model scaled by a
-//     power of two, with its tolerance, reduces to the same model scaled.
+//     candidates breaks ties by the area of a star, then by the place in the
+//     list. A model scaled by a power of two, with its tolerance, reduces to
+//     the same model scaled.
 //
 // The bound, and why it holds
 //  During a pass, with tolerance t > 0, every live triangle that is not a cap
 //  holds a cover: a list of pieces of the pass's starting surface, each a
-//  starting triangle or a fragment of one cut at edge midpoints, measured or
-//  flat. With lim = t - eta, three invariants hold after every commit:
-//   (C) the measured pieces of all covers, with the parts of the flat pieces
-//       inside the triangles that hold them, cover the starting surface less
-//       its caps (a starting triangle never held flat is tiled by its
-//       measured pieces); every cover belongs to a live non-cap triangle;
+//  starting triangle or a fragment of one cut at edge midpoints (measured),
+//  or the holder itself (flat). With lim = t - eta, three invariants hold
+//  after every commit:
+//   (C) the measured pieces of all covers, with the parts of the starting
+//       surface inside the triangles that hold a flat piece, cover the
+//       starting surface less its caps; every cover belongs to a live
+//       non-cap triangle;
 //   (H) a measured piece P in the cover of T is single, every corner q of P
 //       having a computed squared distance D(q, T) <= lim^2; or it is a pair
 //       with the live non-cap neighbour U of T across one edge E: cut by a
 //       plane through E, the corners and crossings of P on T's side are
 //       within lim of T, those on the other side within lim of U;
-//   (F) a flat piece is a whole starting triangle in the exact plane of each
-//       triangle that holds it (orient3d).
+//   (F) a flat piece has the corners of the triangle that holds it.
 //  Proof of the bound from them: take x on the starting surface. By (C) x lies
-//  in a measured piece P of the cover of a live triangle T, or in a flat piece
-//  inside a live triangle T that holds it, where d(x, T) = 0. The distance to
+//  in a measured piece P of the cover of a live triangle T, or inside a live
+//  triangle T that holds a flat piece, where d(x, T) = 0. The distance to
 //  a triangle is a convex function and P is the convex hull of its corners,
 //  so in the single case d(x, T) <= max over the corners <= lim; in the pair
 //  case the cut parts of P are convex hulls of the points listed, so the same
@@ -64,14 +64,11 @@
 //  triangle that holds them: where the fan keeps that plane (its triangles
 //  there turn one way and, by their outline, cover the region of the star's
 //  there: the winding number of the fan's outline is at least the star's
-//  everywhere), the part of a flat piece its star holders held lies in the
-//  fan, and it is held again by every fan triangle of the plane it overlaps;
-//  so is a whole measured piece that lies inside its star triangle (exact
-//  tests). Elsewhere the fragments of a flat piece that
-//  overlap a star triangle are measured as above, and those that overlap none
-//  stay inside the holders off the star or the measured pieces, as they were.
-//  A flat piece measured whole leaves its other holders, which then hold a
-//  stale entry that claims nothing. So (C), (H) and (F) hold after each commit.
+//  everywhere), what a star triangle of that plane held flat, and any
+//  measured piece lying inside it in its plane (exact tests), lies in the
+//  fan's triangles of that plane, and each of them holds itself as a flat
+//  piece. Elsewhere a flat piece is measured as above, as the triangle it is,
+//  which lies in the star. So (C), (H) and (F) hold after each commit.
 //  At t = 0 a removal is made only when the star and its ring lie exactly in
 //  one plane (orient3d) and the old and new triangles all turn one way in a
 //  coordinate plane (orient2d): both then tile the polygon of the ring, so the
@@ -125,10 +122,9 @@
 constexpr uint32_t kEdgPassKeep = 0xBFFFFFFu;
 
 // qvTri.flags
-// At the end of a pass triangles keep only their lasting bits. Seven hex
-// digits on purpose, as for edges: it clears kTriReplace and kTriRetired too,
-// and the flat pieces' bits.
-constexpr uint32_t kTriPassKeep = 0x9FFFFFFu & ~(kTriFlatOnce | kTriFlatGone);
+// At the end of a pass triangles keep only their lasting bits: the mask
+// clears kTriReplace and kTriRetired too.
+constexpr uint32_t kTriPassKeep = 0xFFFFFFu;
 
 // qvVtx.flags
 // Bits a vertex loses at the end of a pass: the marks it can carry and kVtxRetired.

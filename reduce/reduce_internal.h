@@ -97,23 +97,21 @@ extern const qvPlaneFn qvPlaneTable[kPlaneRows];
 // ---- Covers -------------------------------------------------------------------------
 
 // A piece of the pass's starting surface: a starting triangle, or a fragment
-// of one cut at midpoints. Its corners point at vertex coordinates or at
-// points of the pass's pool; both live until the pass ends.
+// of one cut at midpoints, or a flat piece. Its corners point at vertex
+// coordinates or at points of the pass's pool; both live until the pass
+// ends.
 //
-// A flat piece is a starting triangle that lies exactly in the plane of the
-// live triangles over it: it is filed with every live triangle in its plane
-// whose interior its own overlaps, and its distance there is 0. The
-// triangles that hold it and its measured pieces together contain it: a
-// removal in its plane files it with the fan's triangles again, any other
-// removal measures the fragments of it over the star. Once a removal has
-// measured all of it, its starting triangle bears kTriFlatGone and its
-// filings left round the star are stale: skipped, and dropped with their
-// holders, until it is filed flat again.
+// A flat piece is the triangle that holds it: it stands for the parts of the
+// starting surface that lie in that triangle, in its plane, at distance 0. A
+// removal whose fan keeps the plane of a star triangle drops the flat pieces
+// and the measured pieces inside it there, and each fan triangle of that
+// plane holds itself instead; any other removal measures a flat piece like
+// any other piece, as the triangle it is (it lies in the star).
 constexpr int32_t kPieceSingle = -1;  // kind of a piece held by its home alone
 constexpr int32_t kPieceFlat = -2;    // kind of a flat piece
 struct qvPiece {
   const double *q[3];  // corners
-  const qvTri *src;    // the starting triangle it is part of
+  const qvTri *src;    // the starting triangle it is part of; null for a flat piece and its fragments
   float bound;         // its certified squared bound, rounded up: the order of evaluation only
   int32_t kind;        // kPieceSingle, kPieceFlat, or the home's slot across which its partner lies
 };
@@ -187,6 +185,7 @@ struct qvValence {
 // leaves out axis drop.
 struct qvPlaneKept {
   bool kept;
+  bool held;  // a piece of the star was dropped there: the fan's triangles there hold themselves
   int32_t drop;
   int32_t sense;
 };
@@ -232,11 +231,6 @@ struct qvTrial {
   int32_t *slots;         // open-addressed index of rowKey
   int32_t slotCount;
   int32_t fragments;      // fragments made by this trial
-  const qvTri **sources;  // starting triangles of flat pieces met, marked kTriMarkSource
-  int32_t nSources, sourcesCap;
-  const qvTri **gone;     // starting triangles of flat pieces the trial measured whole
-  int32_t nGone, goneCap;
-  int32_t escapes;        // fragments of a flat piece left to its holders off the star
   int32_t *group;         // per star triangle, then per fan triangle: the star triangle heading its plane,
                           // as far as it is known
   int32_t groupCap;
@@ -245,8 +239,6 @@ struct qvTrial {
   const double **sideEnds;  // room for the sides of a plane's triangles, while it is grouped
   int32_t sideEndsCap;
   bool grouped;           // group holds this trial's planes, as far as they are grouped
-  double *flatFan;        // the fan laid in the coordinate planes of its planes
-  int32_t flatFanCap;
   qvAffected *affected;   // the pieces the trial places again, worst first
   int32_t affectedCap;
   double beat;            // the score to beat: a trial that can't is refused early
@@ -256,22 +248,27 @@ struct qvTrial {
   int32_t only = -1;      // the try made alone (see qvTrialRun); -1: all of them
   int32_t spoke;          // the try the trial kept
   int32_t flips;          // Delaunay flips made in the copy
-  int32_t weight;         // of a score of 0: the pieces in the covers the trial displaced; else 0
+  double weight;         // of a score of 0: the area of the star (qvStarArea); else 0
 };
 
 // The vertices whose trials a commit of tr changes: those of its ring, whose
 // stars changed, and the far corners of the triangles round the ring, whose
-// stars lost pieces to the new fan or now border it. fn(vertices, count) is
-// called for each group while it returns 0; its first other result, or 0.
+// stars lost pieces to the new fan or now border it. fn(vertices, count,
+// ring) is called for each group while it returns 0, ring true for the
+// ring; its first other result, or 0.
 template <class Fn>
 int32_t qvTrialTouched(const qvTrial *tr, Fn fn) {
-  int32_t done = fn(tr->ring, tr->nRing);
+  int32_t done = fn(tr->ring, tr->nRing, true);
   for (int32_t i = 0; i < tr->nNear && done == 0; ++i) {
     qvVtx *corners[3];
-    done = qvTriCornerVtx(tr->near[i], 0, corners) == 0 ? fn(corners, 3) : -1;
+    done = qvTriCornerVtx(tr->near[i], 0, corners) == 0 ? fn(corners, 3, false) : -1;
   }
   return done;
 }
+
+// The area of the live non-cap triangles round v, in the order of its fan;
+// +inf when the fan can't be walked.
+double qvStarArea(qvVtx *v);
 
 // Certifies the pieces the trial's removal displaces, against its fan and
 // the live triangles round its ring; sets score and fills the plan. At a
@@ -385,10 +382,10 @@ struct qvRedOrder;
 // the order while its key is within tol2. Removed count, or -1.
 //
 // The order is a queue of keys: each vertex enters at its score, and a
-// vertex without one waits at the tail. Among scores of 0 the trial that
-// displaced fewer pieces comes first, so that a flat face thins out evenly
-// rather than in fans that grow across it; other ties keep the order of the
-// list. The head is tried again on the current mesh, and that
+// vertex without one waits at the tail. Among scores of 0 the vertex with
+// the smaller star comes first, so that a flat face thins out evenly rather
+// than in fans that grow across it, and a commit brings the keys of 0 round
+// it up to its ring's new stars; other ties keep the order of the list. The head is tried again on the current mesh, and that
 // very trial is committed when its score is within lim2 and its key no
 // greater than the next one; else the vertex goes back at its new key. A
 // commit does not rescore its neighbourhood: it brings every vertex whose
@@ -404,11 +401,14 @@ struct qvRedOrder;
 // the vertices a commit changes wait for the next sweep, and sweeps go on
 // while any waits. The vertices' scores hold the sweep's states meanwhile.
 [[nodiscard]] int32_t qvRedSweep(qvMesh *mesh, const qvRedParams *params, qvTrial *tr);
-// After a removal: the ring vertices whose key lies above the tolerance, or
-// that have none, enter the order again at the squared tolerance, so that each is tried on
-// the changed mesh before the sweep ends; the others keep their keys and
-// are tried again when they come up, every spoke of them. 0, or -1.
-[[nodiscard]] int32_t qvRingDirty(qvRedOrder *order, qvVtx *const *ring, int32_t n, const qvRedParams *params);
+// After a removal: the vertices it touched whose key lies above the
+// tolerance, or that have none, enter the order again at the squared
+// tolerance, so that each is tried on the changed mesh before the sweep
+// ends; the others keep their keys and are tried again when they come up,
+// every spoke of them. A key of 0 is weighed again by the vertex's star
+// area when ring says the stars changed. 0, or -1.
+[[nodiscard]] int32_t qvRingDirty(qvRedOrder *order, qvVtx *const *touched, int32_t n, bool ring,
+                                  const qvRedParams *params);
 // Whether a trial of this score and weight comes behind the head of the
 // order; false when the order is empty or null.
-bool qvRedOrderBehind(qvRedOrder *order, double score, int32_t weight);
+bool qvRedOrderBehind(qvRedOrder *order, double score, double weight);

@@ -954,7 +954,7 @@ int32_t removeVertex(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvRedOrd
   }
   if (qvTrialCommit(mesh, tr, params) != 0) return -1;
   const int32_t done = qvTrialTouched(
-      tr, [&](qvVtx* const* x, int32_t n) { return qvRingDirty(order, x, n, params); });
+      tr, [&](qvVtx* const* x, int32_t n, bool ring) { return qvRingDirty(order, x, n, ring, params); });
   return done < 0 ? -1 : 0;
 }
 
