@@ -60,9 +60,11 @@ int32_t qvQuadDelaunay(const qvFlipRec* rec) {
     g = strictTurn(p[0], p[1], p[2]);
     if (g == 0) return 0;
   }
+  // Both orders must find the far apex strictly inside: the second is asked
+  // only when the first does.
   const int32_t in0 = incircleSign(p[0], p[1], p[2], p[3]);
-  const int32_t in1 = incircleSign(p[2], p[3], p[0], p[1]);
-  return in0 == in1 && in0 * g > 1 ? 1 : 0;
+  if (in0 * g <= 1) return 0;
+  return incircleSign(p[2], p[3], p[0], p[1]) == in0 ? 1 : 0;
 }
 
 int32_t qvFlipTest(const qvFlipRec* rec) {
