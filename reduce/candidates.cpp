@@ -52,6 +52,43 @@ bool straightJoint(const double* a, const double* p, const double* b) {
   return !(p[0] == a[0] && p[1] == a[1] && p[2] == a[2]) && !(p[0] == b[0] && p[1] == b[1] && p[2] == b[2]);
 }
 
+// Whether the live star round a corner lies exactly in one plane: the
+// plane of its first triangle, which must not be degenerate; no cap.
+struct FlatSeek {
+  const double* plane[3];
+  bool flat;
+};
+
+int32_t seekFlat(qvTri* t, void* ctx) {
+  auto& f = *static_cast<FlatSeek*>(ctx);
+  double* c[3];
+  f.flat = !(t->flags & kTriCap) && qvTriCoords(t, 0, c) == 0;
+  if (!f.flat) return 1;
+  if (!f.plane[0]) {
+    f.flat = false;
+    for (int32_t drop = 0; drop < 3 && !f.flat; ++drop) {
+      const int32_t i = (drop + 1) % 3, j = (drop + 2) % 3;
+      const double a[2] = {c[0][i], c[0][j]}, b[2] = {c[1][i], c[1][j]}, d[2] = {c[2][i], c[2][j]};
+      f.flat = orient2d(a, b, d) != 0.0;
+    }
+    for (int k = 0; k < 3; ++k) f.plane[k] = c[k];
+    return f.flat ? 0 : 1;
+  }
+  for (const double* x : c)
+    if (x != f.plane[0] && x != f.plane[1] && x != f.plane[2] &&
+        orient3dSign(f.plane[0], f.plane[1], f.plane[2], x) != 0) {
+      f.flat = false;
+      return 1;
+    }
+  return 0;
+}
+
+bool starFlat(qvVtx* v) {
+  FlatSeek seek{{nullptr, nullptr, nullptr}, false};
+  const int32_t r = qvFanWalk(static_cast<qvTri*>(v->aux), v->dat, seekFlat, &seek);
+  return r == 0 && seek.flat;
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------------------
@@ -299,7 +336,17 @@ bool orderStart(qvRedOrder* o, qvMesh* mesh, const qvRedParams* params, qvTrial*
     o->byId[i] = v;
     v->slot = static_cast<int32_t>(i);
   }
+  // A vertex whose star lies in one plane (no rim, joint or feature end)
+  // enters at 0, weighed by its star's area, as its trial would score it
+  // unless no fan over its ring keeps the plane; the trial made when it
+  // comes up finds that out.
+  constexpr uint32_t kNotFlat = kVtxRim | kVtxJoint | kVtxFeatureEnd;
   for (qvVtx* v = mesh->vtx; v; v = v->next) {
+    if (!qvVtxStays(v, params) && !(v->flags & kNotFlat) && v->link && v->aux && starFlat(v)) {
+      scoreSet(v, 0.0);
+      o->weight[orderId(o, v)] = qvStarArea(v);
+      continue;
+    }
     tr->weight = 0;
     if (qvVtxScore(mesh, v, params, tr) < 0) return false;
     o->weight[orderId(o, v)] = tr->weight;

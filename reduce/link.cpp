@@ -2,6 +2,8 @@
 // surface only when the rings of v and w share exactly the two corners
 // opposite the spoke and no edge. A spoke of a tetrahedron fails it, as does
 // any spoke whose ends have a third common neighbour.
+#include <utility>
+
 #include "reduce/reduce_internal.h"
 
 namespace {
@@ -15,16 +17,57 @@ struct LinkWalk {
   int32_t valence;     // triangles round w
 };
 
-// Stops the walk with 2 at a neighbour of w, other than v, a and b, that is
-// in v's ring too.
-int32_t seeNeighbours(qvTri* t, void* ctx) {
-  auto& c = *static_cast<LinkWalk*>(ctx);
-  const qvEdg* far = qvTriFarEdge(t, c.w);
-  if (!far) return 3;
-  ++c.valence;
-  for (const double* x : far->ends)
-    if (x != c.v && x != c.a && x != c.b && (qvVtxOf(x)->flags & c.ringMark)) return 2;
-  return 0;
+// The slots of the two edges of t at w, in cycle order as a fan walk takes
+// them (slot 2 comes before slot 0), and its far edge. false unless exactly
+// two of its edges touch w.
+inline bool edgesAt(const qvTri* t, const double* w, int32_t at[2], const qvEdg** far) {
+  int32_t n = 0;
+  *far = nullptr;
+  for (int32_t i = 0; i < 3; ++i) {
+    const qvEdg* e = t->edg[i];
+    if (!e) return false;
+    if (e->ends[0] != w && e->ends[1] != w) *far = e;
+    else if (n == 2) return false;
+    else at[n++] = i;
+  }
+  if (n != 2) return false;
+  if (at[0] == 0 && at[1] == 2) std::swap(at[0], at[1]);
+  return true;
+}
+
+// Walks the live fan of w from cur, entered by the edge in, counting its
+// triangles: 2 at a neighbour of w, other than v, a and b, that is in v's
+// ring too; 0 back at stop; -1 at a boundary; -2 for a broken fan (a
+// triangle met twice without reaching stop shows within twice the loop's
+// length, as the saved one is renewed at doubling distances).
+int32_t walkLink(LinkWalk& c, qvTri* cur, const qvTri* stop, const qvEdg* in) {
+  const qvTri* saved = cur;
+  uint64_t limit = 2;
+  uint64_t taken = 0;
+  for (;;) {
+    int32_t at[2];
+    const qvEdg* far;
+    if (!edgesAt(cur, c.w, at, &far)) return -2;
+    ++c.valence;
+    for (const double* x : far->ends)
+      if (x != c.v && x != c.a && x != c.b && (qvVtxOf(x)->flags & c.ringMark)) return 2;
+    int32_t out;
+    if (cur->edg[at[0]] == in) out = at[1];
+    else if (cur->edg[at[1]] == in) out = at[0];
+    else return -2;
+    if (!(cur->flags & kTriLinked)) return -2;
+    qvTri* next = cur->aux[out] ? cur->aux[out] : cur->adj[out];
+    if (!next) return -1;
+    if (next == stop) return 0;
+    if (next == saved) return -2;
+    if (++taken == limit) {
+      saved = next;
+      limit *= 2;
+      taken = 0;
+    }
+    in = cur->edg[out];
+    cur = next;
+  }
 }
 
 }  // namespace
@@ -40,7 +83,16 @@ int32_t qvLinkTest(qvTri* t, qvEdg* e, const double* v, uint32_t ringMark, int32
   LinkWalk walk{v, w, qvTriOpposite(t, e), qvTriOpposite(n, e), ringMark, 0};
   if (!walk.a || !walk.b) return -1;
   if (!(qvVtxOf(walk.a)->flags & ringMark) || !(qvVtxOf(walk.b)->flags & ringMark)) return -1;
-  const int32_t r = qvFanWalk(t, w, seeNeighbours, &walk);
+  // Round w from t, and, where its fan is open, the other way too.
+  int32_t at[2];
+  const qvEdg* far;
+  if (!edgesAt(t, w, at, &far)) return -1;
+  int32_t r = walkLink(walk, t, t, t->edg[at[0]]);
+  if (r == -1) {
+    qvTri* back = t->aux[at[0]] ? t->aux[at[0]] : t->adj[at[0]];
+    if (back) r = walkLink(walk, back, t, t->edg[at[0]]);
+    if (r == 0) r = -2;
+  }
   if (r == 2) return 0;
   if (r != 0) return -1;
   if (farValence) *farValence = walk.valence;
