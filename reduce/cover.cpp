@@ -732,6 +732,31 @@ bool groupPlane(qvTrial* tr, int32_t g) {
   return true;
 }
 
+// Whether the fan triangle on the ring side of star triangle i lies in its
+// plane. A plane is kept only where each of its star triangles has that
+// side matched by a fan triangle there (fanCovers), so when this fails the
+// plane of i is not kept, whatever else lies in it, and it needs no
+// grouping.
+bool ringSideInPlane(const qvTrial* tr, int32_t i) {
+  const qvTri* t = tr->star[i];
+  const double* p = tr->v->dat;
+  const qvEdg* side = nullptr;
+  for (const qvEdg* e : t->edg)
+    if (e->ends[0] != p && e->ends[1] != p) side = e;
+  if (!side || (t->flags & kTriCap)) return false;
+  const int32_t nFan = tr->nHomes - tr->nNear;
+  for (int32_t j = 0; j < nFan; ++j) {
+    const qvHome& f = tr->homes[j];
+    if (f.tri->edg[0] != side && f.tri->edg[1] != side && f.tri->edg[2] != side) continue;
+    double* c[3];
+    if (qvTriCoords(t, 0, c) != 0) return true;  // left to the grouping, which fails alike
+    for (int k = 0; k < 3; ++k)
+      if (f.h[k] != side->ends[0] && f.h[k] != side->ends[1]) return orient3dSign(c[0], c[1], c[2], f.x[k]) == 0;
+    return true;
+  }
+  return false;
+}
+
 // The plane of star triangle i when the fan keeps it, else null; the plane
 // is grouped on first use. err is set on failure.
 qvPlaneKept* keptPlane(qvTrial* tr, int32_t i) {
@@ -744,6 +769,7 @@ qvPlaneKept* keptPlane(qvTrial* tr, int32_t i) {
     std::fill(tr->group, tr->group + n, kUngrouped);
     tr->grouped = true;
   }
+  if (tr->group[i] == kUngrouped && !ringSideInPlane(tr, i)) return nullptr;
   if (tr->group[i] == kUngrouped && !groupPlane(tr, i)) {
     tr->err = -1;
     return nullptr;
