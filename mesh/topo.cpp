@@ -600,10 +600,12 @@ void surveyNote(Survey& s, qvEdg* e, const double* from, const double* to) {
   s.at[s.n++] = {e, from, to};
 }
 
-// The walks. The orientation check and the boundary count are orientCheck's,
-// in the same walk; the walk goes on counting triangles past a check that
-// isn't 0.
-void survey(qvMesh* mesh, Survey& s) {
+// The walks. With orient, the orientation check and the boundary count are
+// orientCheck's, in the same walk, which goes on counting triangles past a
+// check that isn't 0. Without, the walk reads what the marking pass reads,
+// and stops, with plain false, where that pass would fail; an edge whose
+// triangles run it the same way is no failure then.
+void survey(qvMesh* mesh, Survey& s, bool orient) {
   constexpr uint32_t kWalkEdgBits = kWalkEdgBit | kWalkSwapBit;
   bool counted = (mesh->flags & kMeshStitched) != 0;
   int32_t count = 0;
@@ -622,6 +624,7 @@ void survey(qvMesh* mesh, Survey& s) {
       qvEdg* e = t->edg[i];
       if (!e) {
         s.check = -1;
+        s.plain = false;
         break;
       }
       const qvTri* n = t->adj[i];
@@ -638,7 +641,13 @@ void survey(qvMesh* mesh, Survey& s) {
       }
       const int32_t j = ftmesh::edgeSlot(n, e);
       const int32_t theirs = j < 0 ? -1 : ftmesh::edgeRev(n, j);
-      s.check = j < 0 || mine < 0 || theirs < 0 ? -1 : mine == theirs ? 1 : 0;
+      const int32_t check = j < 0 || mine < 0 || theirs < 0 ? -1 : mine == theirs ? 1 : 0;
+      if (orient) {
+        s.check = check;
+      } else if (check < 0) {
+        s.check = -1;
+        s.plain = false;
+      }
     }
   }
   bool marked = false;
@@ -705,11 +714,29 @@ int32_t loopsOnArrays(const Survey& s) {
   return loops;
 }
 
-// The list moves and working fields the loop count on the records leaves:
-// each boundary edge in turn moves to the head of the edge list and its ends
-// to the head of the vertex list; their link and aux are cleared, and every
-// vertex's tag and walk mark.
-void settleAsLoopCount(qvMesh* mesh, const Survey& s) {
+// Whether every vertex of the noted boundary has exactly two of its edges;
+// false also when memory runs out.
+bool twoAtEach(const Survey& s) {
+  const size_t n = 2 * static_cast<size_t>(s.n);
+  const double** ends = static_cast<const double**>(ftMalloc(sizeof(const double*) * (n ? n : 1)));
+  if (!ends) return false;
+  for (int32_t i = 0; i < s.n; ++i) {
+    ends[2 * i] = s.at[i].from;
+    ends[2 * i + 1] = s.at[i].to;
+  }
+  std::sort(ends, ends + n, std::less<const double*>());
+  bool two = true;
+  for (size_t i = 0; i < n && two; i += 2) two = ends[i] == ends[i + 1] && (i + 2 == n || ends[i + 2] != ends[i]);
+  std::free(ends);
+  return two;
+}
+
+// The list moves and working fields the marking pass over the boundary and
+// qvTopoUnmark after it leave: each boundary edge in turn moves to the head
+// of the edge list and its ends to the head of the vertex list; every
+// vertex's tag and walk mark are cleared. With loops, also the link and aux
+// of the boundary's vertices, as the loop count clears them.
+void settleAsMarked(qvMesh* mesh, const Survey& s, bool loops) {
   mesh->flags &= ~kMeshPassSet;
   for (int32_t i = 0; i < s.n; ++i) {
     qvEdg* e = s.at[i].e;
@@ -717,7 +744,7 @@ void settleAsLoopCount(qvMesh* mesh, const Survey& s) {
     mesh->edg = ftmesh::listMoveToHead(mesh->edg, e);
   }
   if (s.n > 0) mesh->flags &= ~kMeshSortedSet;
-  for (int32_t i = 0; i < s.n; ++i)
+  for (int32_t i = 0; loops && i < s.n; ++i)
     for (double* h : s.at[i].e->ends) {
       qvVtx* v = qvVtxOf(h);
       v->link = nullptr;
@@ -735,7 +762,7 @@ void settleAsLoopCount(qvMesh* mesh, const Survey& s) {
 int32_t qvMeshTopo(qvMesh* mesh, qvTopo* topo) {
   if (!mesh || !topo) return -1;
   Survey found;
-  survey(mesh, found);
+  survey(mesh, found, true);
   const int32_t result = topo->result;
   *topo = qvTopo{};
   topo->result = result;
@@ -748,7 +775,7 @@ int32_t qvMeshTopo(qvMesh* mesh, qvTopo* topo) {
   int32_t arrayLoops = -1;
   if (topo->nBnd <= 2 && found.check == 0 && found.bnd > 0 && found.plain)
     arrayLoops = loopsOnArrays(found);
-  if (arrayLoops >= 0) settleAsLoopCount(mesh, found);
+  if (arrayLoops >= 0) settleAsMarked(mesh, found, true);
   std::free(found.at);
   if (topo->nBnd > 2) return 1;
   topo->euler = topo->nBnd;
@@ -802,6 +829,16 @@ int32_t qvMeshTopo(qvMesh* mesh, qvTopo* topo) {
   }
   topo->genus = k / 2;
   return 0;
+}
+
+int32_t qvTopoMarkPlain(qvMesh* mesh) {
+  if (!mesh) return -1;
+  Survey found;
+  survey(mesh, found, false);
+  const bool plain = found.plain && twoAtEach(found);
+  if (plain) settleAsMarked(mesh, found, false);
+  std::free(found.at);
+  return plain ? 1 : 0;
 }
 
 int32_t qvMeshTopoMake(qvMesh* mesh) {

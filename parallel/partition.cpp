@@ -700,6 +700,9 @@ int32_t qvMeshSplit(qvMesh *mesh, uint32_t mask, qvVtx *(*clone)(const qvVtx *),
 
 int32_t qvMeshUnpinch(qvMesh *mesh, qvVtx *(*clone)(const qvVtx *)) {
   if (!mesh || !clone) return FT_FAIL(-1);
+  // Where no vertex has more than two boundary edges there is nothing to do
+  // but what the marking pass leaves.
+  if (qvTopoMarkPlain(mesh) == 1) return 0;
   if (qvTopoMark(mesh, kWalkVtxBit, kWalkEdgBit, 0, kWalkSwapBit, nullptr) < 0) return FT_FAIL(-1);
 
   // Every marked vertex must have an even number of boundary edges; each pair

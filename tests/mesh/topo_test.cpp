@@ -133,6 +133,18 @@ TEST(Cap, ClosesEveryLoopAndComesOffAgain) {
       ASSERT_EQ(qvLoopCount(g.mesh, nullptr), c.loops);
       EXPECT_EQ(listOrder(f), listOrder(g));
     }
+    {
+      // So does the plain marking pass as the pass and its undoing, and it
+      // leaves a pinched boundary alone.
+      Fixture p(c.shape), q(c.shape);
+      EXPECT_EQ(qvTopoMarkPlain(p.mesh), c.extra == 0 ? 1 : 0);
+      if (c.extra == 0) {
+        EXPECT_GE(qvTopoMark(q.mesh, kWalkVtxBit, kWalkEdgBit, 0, kWalkSwapBit, nullptr), 0);
+        qvTopoUnmark(q.mesh, kWalkVtxBit, kWalkEdgBit, kWalkSwapBit);
+      }
+      EXPECT_EQ(listOrder(p), listOrder(q));
+      EXPECT_EQ(validateText(p.mesh), "");
+    }
     int32_t extra = -9;
     EXPECT_EQ(qvLoopCount(f.mesh, &extra), c.loops);
     EXPECT_EQ(extra, c.extra);
