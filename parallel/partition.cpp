@@ -394,11 +394,16 @@ qvTri *sortTriangles(qvTri *head, int32_t direction, int32_t axis, int32_t corne
       corner < 0 || corner > 1)
     return nullptr;
   // One walk gathers the list; the count also bounds it, should the list run
-  // in a cycle.
+  // in a cycle. It also sees whether the triangles are at rest (link and aux
+  // clear) and whether any has a tag to be cleared.
   int32_t n = 0;
   int32_t capacity = 0;
   qvTri **order = nullptr;
+  bool atRest = true;
+  bool tagged = false;
   for (qvTri *t = head; t; t = t->next) {
+    atRest = atRest && !t->link && !t->aux[0] && !t->aux[1] && !t->aux[2];
+    tagged = tagged || t->tag != 0;
     qvTri **grown = order;
     if (n == capacity && n < kSortMax) {
       capacity = capacity == 0 ? 4096 : std::min(2 * capacity, kSortMax);
@@ -424,18 +429,15 @@ qvTri *sortTriangles(qvTri *head, int32_t direction, int32_t axis, int32_t corne
     std::free(order);
     return nullptr;
   }
-  // From here on nothing fails: the pass that reads the keys, or one of its
-  // own, clears tag.
-  bool atRest = true;
-  for (int32_t i = 0; i < n; ++i) {
+  // From here on nothing fails: tags are cleared, in the pass that reads the
+  // general keys or in one of their own.
+  for (int32_t i = 0; i < n && (tagged || !done); ++i) {
     if (!done) {
       if (i + 2 * kAhead < n) qvTriPrefetchEdges(order[i + 2 * kAhead]);
       if (i + kAhead < n) qvTriPrefetchCorners(order[i + kAhead]);
+      keys[i] = triKey(order[i], i, direction, axis, corner);
     }
-    qvTri *t = order[i];
-    if (!done) keys[i] = triKey(t, i, direction, axis, corner);
-    t->tag = 0;
-    atRest = atRest && !t->link && !t->aux[0] && !t->aux[1] && !t->aux[2];
+    order[i]->tag = 0;
   }
   if (!done) {
     std::sort(keys, keys + n, [](const TriKey &a, const TriKey &b) { return keyBefore(a, b); });
