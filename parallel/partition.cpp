@@ -586,10 +586,9 @@ int32_t split(qvMesh *mesh, uint32_t mask, qvVtx *(*clone)(const qvVtx *), qvMes
 // its triangles are laid out in memory in that order (qvTriPlace), where the
 // flood on the records would relink them as they lie, and the leaf then walks
 // through memory in order without laying them out again. The records the
-// list names, in the order of the cut's sort, run up through memory; they
-// take the flood's triangles in turn. 1 when that was done; 0, with nothing
-// changed, when the half is more than one piece, isn't at rest, or memory
-// runs out.
+// list names, which after the cut's sort run up through memory, take the
+// flood's triangles in turn. 1 when that was done; 0, with nothing changed,
+// when the half is more than one piece, isn't at rest, or memory runs out.
 int32_t placeOnePiece(qvMesh *half) {
   // The place in order, in tag, names each triangle for its neighbours.
   qvTri **order = nullptr;
@@ -597,7 +596,8 @@ int32_t placeOnePiece(qvMesh *half) {
   int32_t capacity = 0;
   bool ok = true;
   for (qvTri *t = half->tri; t && ok; t = t->next) {
-    ok = !t->link && !t->aux[0] && !t->aux[1] && !t->aux[2] && !(t->flags & kMarkMask) && n < kSortMax;
+    ok = !t->link && !t->aux[0] && !t->aux[1] && !t->aux[2] && t->tag == 0 && !(t->flags & kMarkMask) &&
+         n < kSortMax;
     if (ok && n == capacity) {
       capacity = capacity == 0 ? 4096 : std::min(2 * capacity, kSortMax);
       qvTri **grown = static_cast<qvTri **>(ftRealloc(order, sizeof(qvTri *) * static_cast<size_t>(capacity)));
