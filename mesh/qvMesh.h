@@ -736,6 +736,13 @@ static_assert(sizeof(qvCensus) == 20, "qvCensus grew");
 // and loses it, edges lose edgBits, vertices lose vtxBit and have tag zeroed.
 // 0, or -1 for a null mesh.
 int32_t qvTopoUnmark(qvMesh* mesh, uint32_t vtxBit, uint32_t edgBits, uint32_t swapBit);
+// The marking pass over the boundary (vtxBit kWalkVtxBit, bndBit kWalkEdgBit,
+// no inBit, swapBit kWalkSwapBit) and qvTopoUnmark after it, where every
+// vertex of the boundary has exactly two boundary edges: the lists come out
+// as that pair leaves them, in one walk along each list. 1 when so done; 0,
+// with nothing changed, where a vertex has another number of them or the
+// pass would fail; -1 for a null mesh.
+[[nodiscard]] int32_t qvTopoMarkPlain(qvMesh* mesh);
 // Boundary loops: connected boundary circuits, a vertex where loops touch
 // counted in nExtra (through extra, which may be null) and not as a split.
 // Directed walks on a consistent mesh, undirected ones (nExtra then 0) when

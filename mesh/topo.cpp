@@ -8,6 +8,9 @@
 // Everything keeps its state in the records: marks in the flags, degrees in
 // vertex tags, walk exits in vertex links, so different meshes can be
 // analysed at the same time.
+#include <algorithm>
+#include <cstdlib>
+#include <functional>
 #include <utility>
 
 #include "kernels/failure.h"
@@ -44,9 +47,12 @@ class EdgeVisits {
     return true;
   }
 
-  void clear() {
+  // Clears the marks; the number of edges in the list. An edge of the list
+  // that bears a bit of watch sets *seen.
+  int32_t clear(uint32_t watch = 0, bool* seen = nullptr) {
     constexpr int32_t kAhead = 8;  // edges between a prefetch and the write
     size_t cleared = 0;
+    int32_t listed = 0;
     qvEdg* ahead = mesh_->edg;
     for (int32_t i = 0; i < kAhead && ahead; ++i) ahead = ahead->next;
     for (qvEdg* e = mesh_->edg; e; e = e->next) {
@@ -54,12 +60,15 @@ class EdgeVisits {
         __builtin_prefetch(ahead, 1);
         ahead = ahead->next;
       }
+      ++listed;
+      if ((e->flags & watch) && seen) *seen = true;
       if (e->flags & kEdgMarkVisit) {
         e->flags &= ~kEdgMarkVisit;
         ++cleared;
       }
     }
     if (cleared != set_) clearTriEdgeBits(mesh_, kEdgMarkVisit);
+    return listed;
   }
 
  private:
@@ -538,15 +547,242 @@ int32_t qvLoopCount(qvMesh* mesh, int32_t* extra) {
 
 // ---------------------------------------------------------------------------
 // The analysis
+//
+// On a consistently oriented mesh, which is what assembly and the cut hand
+// over, the analysis takes one walk along the triangles, one along the edges
+// and one along the vertices. The walk along the triangles counts them, makes
+// the orientation check and notes the boundary edges in the order the
+// marking pass would reach them, each directed along its only triangle as
+// that pass would direct it. Their loops are then counted on those arrays,
+// and the edges and their ends are moved to the list heads as the marking
+// pass moves them, so the lists come out as the loop count on the records
+// leaves them. Whatever the arrays can't settle (an orientation to be
+// turned, a boundary vertex with more edges in than out, a degenerate
+// triangle, marks left on records) goes the way of the records.
+
+namespace {
+
+// A boundary edge and its ends in the direction of its triangle.
+struct BndEdge {
+  qvEdg* e;
+  const double* from;
+  const double* to;
+};
+
+// What the walks learn.
+struct Survey {
+  int32_t nTri = 0;
+  int32_t nEdg = 0;
+  int32_t nVtx = 0;         // vertices without kVtxNotCounted
+  int32_t check = 0;        // as orientCheck
+  int32_t bnd = -1;         // as orientCheck's count, when check is 0
+  bool plain = true;        // the boundary can be settled on the arrays
+  bool vtxWork = false;     // a vertex bears a tag or the walk's mark
+  BndEdge* at = nullptr;    // the boundary edges in the order first reached
+  int32_t n = 0;            // how many
+  int32_t capacity = 0;     // room in at
+};
+
+void surveyNote(Survey& s, qvEdg* e, const double* from, const double* to) {
+  if (!s.plain) return;
+  if (s.n == s.capacity) {
+    const int32_t grown = s.capacity ? 2 * s.capacity : 1024;
+    BndEdge* at = s.capacity < INT32_MAX / 2
+                      ? static_cast<BndEdge*>(ftRealloc(s.at, sizeof(BndEdge) * static_cast<size_t>(grown)))
+                      : nullptr;
+    if (!at) {
+      s.plain = false;
+      return;
+    }
+    s.at = at;
+    s.capacity = grown;
+  }
+  s.at[s.n++] = {e, from, to};
+}
+
+// The walks. With orient, the orientation check and the boundary count are
+// orientCheck's, in the same walk, which goes on counting triangles past a
+// check that isn't 0. Without, the walk reads what the marking pass reads,
+// and stops, with plain false, where that pass would fail; an edge whose
+// triangles run it the same way is no failure then.
+void survey(qvMesh* mesh, Survey& s, bool orient) {
+  constexpr uint32_t kWalkEdgBits = kWalkEdgBit | kWalkSwapBit;
+  bool counted = (mesh->flags & kMeshStitched) != 0;
+  int32_t count = 0;
+  EdgeVisits visits(mesh);
+  ftmesh::TriLookahead ahead(mesh->tri);
+  for (qvTri* t = mesh->tri; t; t = t->next, ahead.step()) {
+    ++s.nTri;
+    if (s.check != 0) continue;
+    if (!(t->flags & kTriLinked)) counted = false;
+    // The marking pass reads the corners again after turning an edge of such
+    // a triangle.
+    if (sameEnds(t->edg[0], t->edg[1])) s.plain = false;
+    double* c[3];
+    int32_t corners = -1;  // 0 read, 1 unreadable, -1 not read yet
+    for (int32_t i = 0; i < 3 && s.check == 0; ++i) {
+      qvEdg* e = t->edg[i];
+      if (!e) {
+        s.check = -1;
+        s.plain = false;
+        break;
+      }
+      const qvTri* n = t->adj[i];
+      if (!visits.first(e)) continue;
+      if (!e->ends[0] || !e->ends[1]) s.plain = false;
+      if (corners < 0) corners = ftmesh::cycleCorners(t, c) ? 0 : 1;
+      const int32_t mine = corners != 0 ? -1 : e->ends[0] != c[i] ? 1 : 0;
+      if (!n) {
+        ++count;
+        if (mine < 0) s.plain = false;
+        else if (mine == 1) surveyNote(s, e, e->ends[1], e->ends[0]);
+        else surveyNote(s, e, e->ends[0], e->ends[1]);
+        continue;
+      }
+      const int32_t j = ftmesh::edgeSlot(n, e);
+      const int32_t theirs = j < 0 ? -1 : ftmesh::edgeRev(n, j);
+      const int32_t check = j < 0 || mine < 0 || theirs < 0 ? -1 : mine == theirs ? 1 : 0;
+      if (orient) {
+        s.check = check;
+      } else if (check < 0) {
+        s.check = -1;
+        s.plain = false;
+      }
+    }
+  }
+  bool marked = false;
+  s.nEdg = visits.clear(kWalkEdgBits, &marked);
+  if (marked) s.plain = false;
+  s.bnd = counted ? count : -1;
+  for (const qvVtx* v = mesh->vtx; v; v = v->next) {
+    if (!(v->flags & kVtxNotCounted)) ++s.nVtx;
+    if (v->tag != 0 || (v->flags & kWalkVtxBit)) s.vtxWork = true;
+  }
+}
+
+// A boundary end as the loop count sees it: the vertex, the edge, and +1
+// for an edge that leaves it, -1 for one that arrives.
+struct BndEnd {
+  const double* h;
+  int32_t edge;
+  int32_t way;
+};
+
+int32_t findRoot(int32_t* parent, int32_t i) {
+  while (parent[i] != i) {
+    parent[i] = parent[parent[i]];
+    i = parent[i];
+  }
+  return i;
+}
+
+// The loops of the noted boundary: its pieces, edges joined where they share
+// a vertex, as the directed walks of the loop count take one piece each when
+// every vertex has as many edges in as out. -1 when one hasn't, or memory
+// runs out.
+int32_t loopsOnArrays(const Survey& s) {
+  const size_t n = static_cast<size_t>(s.n);
+  BndEnd* ends = static_cast<BndEnd*>(ftMalloc(sizeof(BndEnd) * 2 * n));
+  int32_t* parent = static_cast<int32_t*>(ftMalloc(sizeof(int32_t) * n));
+  int32_t loops = ends && parent ? s.n : -1;
+  for (int32_t i = 0; loops >= 0 && i < s.n; ++i) {
+    parent[i] = i;
+    ends[2 * i] = {s.at[i].from, i, 1};
+    ends[2 * i + 1] = {s.at[i].to, i, -1};
+  }
+  if (loops >= 0)
+    std::sort(ends, ends + 2 * n, [](const BndEnd& a, const BndEnd& b) {
+      return std::less<const double*>()(a.h, b.h);
+    });
+  for (size_t i = 0; loops >= 0 && i < 2 * n;) {
+    size_t k = i;
+    int32_t balance = 0;
+    for (; k < 2 * n && ends[k].h == ends[i].h; ++k) {
+      balance += ends[k].way;
+      const int32_t a = findRoot(parent, ends[i].edge);
+      const int32_t b = findRoot(parent, ends[k].edge);
+      if (a != b) {
+        parent[b] = a;
+        --loops;
+      }
+    }
+    if (balance != 0) loops = -1;
+    i = k;
+  }
+  std::free(ends);
+  std::free(parent);
+  return loops;
+}
+
+// Whether every vertex of the noted boundary has exactly two of its edges;
+// false also when memory runs out.
+bool twoAtEach(const Survey& s) {
+  const size_t n = 2 * static_cast<size_t>(s.n);
+  const double** ends = static_cast<const double**>(ftMalloc(sizeof(const double*) * (n ? n : 1)));
+  if (!ends) return false;
+  for (int32_t i = 0; i < s.n; ++i) {
+    ends[2 * i] = s.at[i].from;
+    ends[2 * i + 1] = s.at[i].to;
+  }
+  std::sort(ends, ends + n, std::less<const double*>());
+  bool two = true;
+  for (size_t i = 0; i < n && two; i += 2) two = ends[i] == ends[i + 1] && (i + 2 == n || ends[i + 2] != ends[i]);
+  std::free(ends);
+  return two;
+}
+
+// The list moves and working fields the marking pass over the boundary and
+// qvTopoUnmark after it leave: each boundary edge in turn moves to the head
+// of the edge list and its ends to the head of the vertex list; every
+// vertex's tag and walk mark are cleared. With loops, also the link and aux
+// of the boundary's vertices, as the loop count clears them.
+void settleAsMarked(qvMesh* mesh, const Survey& s, bool loops) {
+  mesh->flags &= ~kMeshPassSet;
+  for (int32_t i = 0; i < s.n; ++i) {
+    qvEdg* e = s.at[i].e;
+    for (double* h : e->ends) mesh->vtx = ftmesh::listMoveToHead(mesh->vtx, qvVtxOf(h));
+    mesh->edg = ftmesh::listMoveToHead(mesh->edg, e);
+  }
+  if (s.n > 0) mesh->flags &= ~kMeshSortedSet;
+  for (int32_t i = 0; loops && i < s.n; ++i)
+    for (double* h : s.at[i].e->ends) {
+      qvVtx* v = qvVtxOf(h);
+      v->link = nullptr;
+      v->aux = nullptr;
+    }
+  if (s.vtxWork)
+    for (qvVtx* v = mesh->vtx; v; v = v->next) {
+      v->flags &= ~kWalkVtxBit;
+      v->tag = 0;
+    }
+}
+
+}  // namespace
 
 int32_t qvMeshTopo(qvMesh* mesh, qvTopo* topo) {
   if (!mesh || !topo) return -1;
-  if (qvMeshEuler(mesh, topo) != 0) return 1;
+  Survey found;
+  survey(mesh, found, true);
+  const int32_t result = topo->result;
+  *topo = qvTopo{};
+  topo->result = result;
+  topo->nVtx = found.nVtx;
+  topo->nEdg = found.nEdg;
+  topo->nTri = found.nTri;
+  // The characteristic stands in nBnd until it is known to be possible for
+  // one connected surface, as qvMeshEuler leaves it.
+  topo->nBnd = found.nVtx - found.nEdg + found.nTri;
+  int32_t arrayLoops = -1;
+  if (topo->nBnd <= 2 && found.check == 0 && found.bnd > 0 && found.plain)
+    arrayLoops = loopsOnArrays(found);
+  if (arrayLoops >= 0) settleAsMarked(mesh, found, true);
+  std::free(found.at);
+  if (topo->nBnd > 2) return 1;
   topo->euler = topo->nBnd;
 
   bool orientable = true;
-  int32_t bnd = -1;
-  const int32_t check = orientCheck(mesh, &bnd);
+  int32_t bnd = found.bnd;
+  const int32_t check = found.check;
   if (check < 0) return 2;
   if (check > 0) {
     topo->orient = 2;
@@ -566,7 +802,7 @@ int32_t qvMeshTopo(qvMesh* mesh, qvTopo* topo) {
   }
   topo->nBnd = bnd;
   if (bnd != 0) {
-    const int32_t loops = qvLoopCount(mesh, nullptr);
+    const int32_t loops = arrayLoops >= 0 ? arrayLoops : qvLoopCount(mesh, nullptr);
     if (loops < 0) {
       topo->nLoop = 0;
       return 4;
@@ -593,6 +829,16 @@ int32_t qvMeshTopo(qvMesh* mesh, qvTopo* topo) {
   }
   topo->genus = k / 2;
   return 0;
+}
+
+int32_t qvTopoMarkPlain(qvMesh* mesh) {
+  if (!mesh) return -1;
+  Survey found;
+  survey(mesh, found, false);
+  const bool plain = found.plain && twoAtEach(found);
+  if (plain) settleAsMarked(mesh, found, false);
+  std::free(found.at);
+  return plain ? 1 : 0;
 }
 
 int32_t qvMeshTopoMake(qvMesh* mesh) {

@@ -6,11 +6,13 @@
 //
 // The file reads in run order: the twelve triangle orderings and the sort,
 // choosing the sides, splitting by a triangle flag, splitting vertices where
-// a half's boundary touches itself, and last the cut that strings them up.
+// a half's boundary touches itself, gathering a half into its pieces, and
+// last the cut that strings them up.
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
+#include <functional>
 
 #include "parallel/parallel.h"
 #include "kernels/alloc.h"
@@ -392,11 +394,16 @@ qvTri *sortTriangles(qvTri *head, int32_t direction, int32_t axis, int32_t corne
       corner < 0 || corner > 1)
     return nullptr;
   // One walk gathers the list; the count also bounds it, should the list run
-  // in a cycle.
+  // in a cycle. It also sees whether the triangles are at rest (link and aux
+  // clear) and whether any has a tag to be cleared.
   int32_t n = 0;
   int32_t capacity = 0;
   qvTri **order = nullptr;
+  bool atRest = true;
+  bool tagged = false;
   for (qvTri *t = head; t; t = t->next) {
+    atRest = atRest && !t->link && !t->aux[0] && !t->aux[1] && !t->aux[2];
+    tagged = tagged || t->tag != 0;
     qvTri **grown = order;
     if (n == capacity && n < kSortMax) {
       capacity = capacity == 0 ? 4096 : std::min(2 * capacity, kSortMax);
@@ -422,18 +429,15 @@ qvTri *sortTriangles(qvTri *head, int32_t direction, int32_t axis, int32_t corne
     std::free(order);
     return nullptr;
   }
-  // From here on nothing fails: the pass that reads the keys, or one of its
-  // own, clears tag.
-  bool atRest = true;
-  for (int32_t i = 0; i < n; ++i) {
+  // From here on nothing fails: tags are cleared, in the pass that reads the
+  // general keys or in one of their own.
+  for (int32_t i = 0; i < n && (tagged || !done); ++i) {
     if (!done) {
       if (i + 2 * kAhead < n) qvTriPrefetchEdges(order[i + 2 * kAhead]);
       if (i + kAhead < n) qvTriPrefetchCorners(order[i + kAhead]);
+      keys[i] = triKey(order[i], i, direction, axis, corner);
     }
-    qvTri *t = order[i];
-    if (!done) keys[i] = triKey(t, i, direction, axis, corner);
-    t->tag = 0;
-    atRest = atRest && !t->link && !t->aux[0] && !t->aux[1] && !t->aux[2];
+    order[i]->tag = 0;
   }
   if (!done) {
     std::sort(keys, keys + n, [](const TriKey &a, const TriKey &b) { return keyBefore(a, b); });
@@ -573,6 +577,112 @@ int32_t split(qvMesh *mesh, uint32_t mask, qvVtx *(*clone)(const qvVtx *), qvMes
   return result;
 }
 
+// ---------------------------------------------------------------------------
+// Gathering a half into its pieces
+
+// The flood of qvMeshShells run on arrays over a half at rest: each
+// triangle's neighbours not yet reached are moved directly behind it, so each
+// piece stands in an unbroken run of the list. When the half is one piece,
+// its triangles are laid out in memory in that order (qvTriPlace), where the
+// flood on the records would relink them as they lie, and the leaf then walks
+// through memory in order without laying them out again. The records the
+// list names, which after the cut's sort run up through memory, take the
+// flood's triangles in turn. 1 when that was done; 0, with nothing changed,
+// when the half is more than one piece, isn't at rest, or memory runs out.
+int32_t placeOnePiece(qvMesh *half) {
+  // The place in order, in tag, names each triangle for its neighbours.
+  qvTri **order = nullptr;
+  int32_t n = 0;
+  int32_t capacity = 0;
+  bool ok = true;
+  for (qvTri *t = half->tri; t && ok; t = t->next) {
+    ok = !t->link && !t->aux[0] && !t->aux[1] && !t->aux[2] && t->tag == 0 && !(t->flags & kMarkMask) &&
+         n < kSortMax;
+    if (ok && n == capacity) {
+      capacity = capacity == 0 ? 4096 : std::min(2 * capacity, kSortMax);
+      qvTri **grown = static_cast<qvTri **>(ftRealloc(order, sizeof(qvTri *) * static_cast<size_t>(capacity)));
+      ok = grown != nullptr;
+      if (ok) order = grown;
+    }
+    if (ok) {
+      t->tag = n;
+      order[n++] = t;
+    }
+  }
+  ok = ok && n > 0;
+  const size_t size = static_cast<size_t>(n);
+  int32_t *adj = ok ? static_cast<int32_t *>(ftMalloc(sizeof(int32_t) * 3 * size)) : nullptr;
+  ok = adj != nullptr;
+  for (int32_t i = 0; ok && i < n; ++i) {
+    for (int k = 0; k < 3; ++k) {
+      const qvTri *a = order[i]->adj[k];
+      const int32_t at = a ? a->tag : -1;
+      ok = ok && (!a || (at >= 0 && at < n && order[at] == a));
+      adj[3 * i + k] = a ? at : -1;
+    }
+  }
+  for (int32_t i = 0; i < n; ++i) order[i]->tag = 0;
+
+  int32_t *next = ok ? static_cast<int32_t *>(ftMalloc(sizeof(int32_t) * size)) : nullptr;
+  int32_t *prev = next ? static_cast<int32_t *>(ftMalloc(sizeof(int32_t) * size)) : nullptr;
+  bool *reached = prev ? static_cast<bool *>(ftCalloc(size, sizeof(bool))) : nullptr;
+  ok = reached != nullptr;
+  for (int32_t i = 0; ok && i < n; ++i) {
+    prev[i] = i - 1;
+    next[i] = i + 1 < n ? i + 1 : -1;
+  }
+  int32_t head = 0;
+  int32_t pieces = 0;
+  for (int32_t t = ok ? head : -1; t >= 0 && pieces <= 1; t = next[t]) {
+    if (!reached[t]) {
+      reached[t] = true;
+      ++pieces;
+    }
+    for (int k = 0; k < 3; ++k) {
+      const int32_t u = adj[3 * t + k];
+      if (u < 0 || reached[u]) continue;
+      reached[u] = true;
+      // u out of the list, then in behind t.
+      if (prev[u] >= 0) next[prev[u]] = next[u];
+      else head = next[u];
+      if (next[u] >= 0) prev[next[u]] = prev[u];
+      prev[u] = t;
+      next[u] = next[t];
+      if (next[t] >= 0) prev[next[t]] = u;
+      next[t] = u;
+    }
+  }
+  ok = ok && pieces == 1;
+  std::free(adj);
+  std::free(prev);
+  std::free(reached);
+
+  // The records by address, and the flood's triangles to go into them.
+  qvTri **to = ok ? static_cast<qvTri **>(ftMalloc(sizeof(qvTri *) * size)) : nullptr;
+  qvTri **from = to ? static_cast<qvTri **>(ftMalloc(sizeof(qvTri *) * size)) : nullptr;
+  ok = from != nullptr;
+  if (ok) {
+    const auto lower = [](const qvTri *a, const qvTri *b) { return std::less<const qvTri *>()(a, b); };
+    std::copy(order, order + n, to);
+    if (!std::is_sorted(to, to + n, lower)) std::sort(to, to + n, lower);
+    int32_t i = 0;
+    for (int32_t t = head; t >= 0; t = next[t]) from[i++] = order[t];
+    ok = qvTriPlace(from, to, n) == 0;
+  }
+  if (ok) half->tri = to[0];
+  std::free(next);
+  std::free(to);
+  std::free(from);
+  std::free(order);
+  return ok ? 1 : 0;
+}
+
+// qvMeshShells for a half of a cut, with a half that is one piece laid out in
+// the order of its list (placeOnePiece).
+int32_t piecesOfHalf(qvMesh *half) {
+  return placeOnePiece(half) == 1 ? 1 : qvMeshShells(half, qvVtxClone);
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------------------
@@ -592,6 +702,9 @@ int32_t qvMeshSplit(qvMesh *mesh, uint32_t mask, qvVtx *(*clone)(const qvVtx *),
 
 int32_t qvMeshUnpinch(qvMesh *mesh, qvVtx *(*clone)(const qvVtx *)) {
   if (!mesh || !clone) return FT_FAIL(-1);
+  // Where no vertex has more than two boundary edges there is nothing to do
+  // but what the marking pass leaves.
+  if (qvTopoMarkPlain(mesh) == 1) return 0;
   if (qvTopoMark(mesh, kWalkVtxBit, kWalkEdgBit, 0, kWalkSwapBit, nullptr) < 0) return FT_FAIL(-1);
 
   // Every marked vertex must have an even number of boundary edges; each pair
@@ -641,13 +754,14 @@ int32_t qvMeshCut(qvMesh *mesh, int32_t count, qvMeshPair *pair) {
   // the outcome is the same whichever ends first. The new half's edges,
   // which the split strung up in the order of the sort, are first laid out
   // in memory in that order, as the leaf would otherwise do after chasing
-  // them through memory.
+  // them through memory; a half that is one piece has its triangles laid
+  // out in the order of its list (piecesOfHalf).
   qvMesh *const halves[2] = {pair->first, pair->second};
   int32_t settled[2] = {0, 0};
 #pragma omp parallel for num_threads(2) schedule(static, 1)
   for (int32_t i = 0; i < 2; ++i) {
     if (i == 1 && moved.at) (void)qvMeshPlaceEdges(halves[i], moved.at, moved.n);
-    settled[i] = qvMeshUnpinch(halves[i], qvVtxClone) < 0 || qvMeshShells(halves[i], qvVtxClone) < 0
+    settled[i] = qvMeshUnpinch(halves[i], qvVtxClone) < 0 || piecesOfHalf(halves[i]) < 0
                      ? -1
                      : 0;
   }

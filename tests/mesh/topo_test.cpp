@@ -32,6 +32,20 @@ void takeCap(qvMesh* mesh, qvMesh* cap) {
   qvMeshFree(cap);
 }
 
+// The vertex list as point numbers, then the edge list as pairs of them.
+std::vector<int> listOrder(const Fixture& f) {
+  auto number = [&f](const double* h) {
+    for (size_t i = 0; i < f.v.size(); ++i)
+      if (f.v[i]->dat == h) return static_cast<int>(i);
+    return -1;
+  };
+  std::vector<int> order;
+  for (const qvVtx* v = f.mesh->vtx; v; v = v->next) order.push_back(number(v->dat));
+  for (const qvEdg* e = f.mesh->edg; e; e = e->next)
+    for (const double* h : e->ends) order.push_back(number(h));
+  return order;
+}
+
 }  // namespace
 
 TEST(Topo, ClassifiesSurfacesAsHandCounted) {
@@ -113,6 +127,24 @@ TEST(Cap, ClosesEveryLoopAndComesOffAgain) {
     Fixture f(c.shape);
     qvTopo open{};
     ASSERT_EQ(qvMeshTopo(f.mesh, &open), 0);
+    if (open.orient == 0) {
+      // The analysis leaves the lists as the loop count on the records does.
+      Fixture g(c.shape);
+      ASSERT_EQ(qvLoopCount(g.mesh, nullptr), c.loops);
+      EXPECT_EQ(listOrder(f), listOrder(g));
+    }
+    {
+      // So does the plain marking pass as the pass and its undoing, and it
+      // leaves a pinched boundary alone.
+      Fixture p(c.shape), q(c.shape);
+      EXPECT_EQ(qvTopoMarkPlain(p.mesh), c.extra == 0 ? 1 : 0);
+      if (c.extra == 0) {
+        EXPECT_GE(qvTopoMark(q.mesh, kWalkVtxBit, kWalkEdgBit, 0, kWalkSwapBit, nullptr), 0);
+        qvTopoUnmark(q.mesh, kWalkVtxBit, kWalkEdgBit, kWalkSwapBit);
+      }
+      EXPECT_EQ(listOrder(p), listOrder(q));
+      EXPECT_EQ(validateText(p.mesh), "");
+    }
     int32_t extra = -9;
     EXPECT_EQ(qvLoopCount(f.mesh, &extra), c.loops);
     EXPECT_EQ(extra, c.extra);

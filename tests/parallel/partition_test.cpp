@@ -66,9 +66,10 @@ struct CutCounts {
   long tris[2] = {0, 0}, nVtx = 0, nEdg = 0;
 };
 
-// Cuts m and frees the halves but m. Every piece valid; the triangles those
-// of the input; the seam the edges that both halves hold, each a new edge
-// copy, and their ends pinned in both halves and no other vertex.
+// Cuts m and frees the halves but m. Every piece valid and in the order of
+// its flood; the triangles those of the input; the seam the edges that both
+// halves hold, each a new edge copy, and their ends pinned in both halves
+// and no other vertex.
 CutCounts cutChecked(qvMesh* m, int32_t count = -1) {
   std::vector<Corners> before, after;
   for (const qvTri* t = m->tri; t; t = t->next) before.push_back(cornersOf(t));
@@ -82,6 +83,11 @@ CutCounts cutChecked(qvMesh* m, int32_t count = -1) {
   for (int s = 0; s < 2; ++s)
     for (const qvMesh* p = s ? pair.second : pair.first; p; p = p->next, ++n.pieces[s]) {
       EXPECT_EQ(validateText(p), "");
+      // Each piece stands in the order of its shell flood, which a flood
+      // run again on the records keeps.
+      const std::vector<qvTri*> list = listOf(p->tri);
+      EXPECT_EQ(qvMeshShells(const_cast<qvMesh*>(p), qvVtxClone), 1);
+      EXPECT_EQ(listOf(p->tri), list);
       n.nVtx += qvVtxCount(p->vtx);
       n.nEdg += qvEdgCount(p->edg);
       for (const qvTri* t = p->tri; t; t = t->next, ++n.tris[s]) after.push_back(cornersOf(t));
