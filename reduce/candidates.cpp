@@ -182,6 +182,7 @@ int32_t qvVtxScore(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvTrial* t
   // vertex enters the order at worst later than it should, and the trial
   // made when it comes up weighs every spoke.
   tr->only = 0;
+  tr->area = 0.0;
   const int32_t r = qvTrialRun(mesh, v, params, tr);
   tr->only = -1;
   if (r != 0) return r;
@@ -196,14 +197,14 @@ int32_t qvVtxScore(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvTrial* t
 // ---------------------------------------------------------------------------
 // Keeping the order
 //
-// The live order is a min-heap of entries (score, weight, seq): seq grows
-// with every entry made, so among equal keys the later entry comes behind, as a
-// vertex merged into a sorted list behind its equals would. The vertices
-// without a score form a queue in arrival order. A vertex's entry is valid
-// while the vertex's current seq is the entry's; entries left behind by a
-// new placement or a removal are dropped when they come up. The result is
-// the order the list itself would have, and the list is relinked to it when
-// the sweep ends.
+// The live order is a min-heap of entries (score, weight, seq), one per
+// vertex with a score, each knowing its place: a new placement moves the
+// vertex's entry, a trial takes it out. seq grows with every entry made, so
+// among equal keys the later entry comes behind, as a vertex merged into a
+// sorted list behind its equals would. The vertices without a score form a
+// queue in arrival order, whose entry is valid while the vertex's current
+// seq is the entry's. The result is the order the list itself would have,
+// and the list is relinked to it when the sweep ends.
 
 namespace {
 
@@ -222,8 +223,6 @@ bool entryBefore(const OrderEntry& a, const OrderEntry& b) {
   if (a.score != b.score) return a.score < b.score;
   return a.weight < b.weight || (a.weight == b.weight && a.seq < b.seq);
 }
-// std::push_heap and pop_heap keep the largest first: invert.
-bool heapAfter(const OrderEntry& a, const OrderEntry& b) { return entryBefore(b, a); }
 
 template <class T>
 bool grow(T*& arr, size_t& cap, size_t need) {
@@ -244,8 +243,9 @@ struct qvRedOrder {
   uint32_t* current;   // per vertex: seq of its valid entry, or kGone
   uint32_t n;          // vertices
   uint32_t seq;        // the next seq
-  OrderEntry* heap;    // the live order
+  OrderEntry* heap;    // the live order: a min-heap by entryBefore, one entry per vertex with a score
   size_t heapN, heapCap;
+  uint32_t* at;        // per vertex: its place in heap, or kGone
   OrderEntry* tail;    // the vertices without a score, in arrival order
   size_t tailN, tailCap;
   qvVtx** retired;     // removed vertices, in order of removal
@@ -263,6 +263,7 @@ void orderFree(qvRedOrder* o) {
   std::free(o->byId);
   std::free(o->current);
   std::free(o->heap);
+  std::free(o->at);
   std::free(o->tail);
   std::free(o->retired);
   std::free(o->spoke);
@@ -276,6 +277,38 @@ uint32_t orderId(const qvRedOrder* o, const qvVtx* v) {
   return id < o->n && o->byId[id] == v ? id : kGone;
 }
 
+// Moves the entry at place i of the heap up or down to where it belongs,
+// keeping the places of the entries it passes.
+void heapSift(qvRedOrder* o, size_t i) {
+  const OrderEntry e = o->heap[i];
+  while (i > 0 && entryBefore(e, o->heap[(i - 1) / 2])) {
+    o->heap[i] = o->heap[(i - 1) / 2];
+    o->at[o->heap[i].id] = static_cast<uint32_t>(i);
+    i = (i - 1) / 2;
+  }
+  for (;;) {
+    size_t c = 2 * i + 1;
+    if (c >= o->heapN) break;
+    if (c + 1 < o->heapN && entryBefore(o->heap[c + 1], o->heap[c])) ++c;
+    if (!entryBefore(o->heap[c], e)) break;
+    o->heap[i] = o->heap[c];
+    o->at[o->heap[i].id] = static_cast<uint32_t>(i);
+    i = c;
+  }
+  o->heap[i] = e;
+  o->at[e.id] = static_cast<uint32_t>(i);
+}
+
+// Takes the entry of vertex id out of the heap, if it has one there.
+void heapRemove(qvRedOrder* o, uint32_t id) {
+  const uint32_t i = o->at[id];
+  if (i == kGone) return;
+  o->at[id] = kGone;
+  if (--o->heapN == i) return;
+  o->heap[i] = o->heap[o->heapN];
+  heapSift(o, i);
+}
+
 // v enters the order at its present score. false on failure.
 bool orderPlace(qvRedOrder* o, qvVtx* v) {
   const uint32_t id = orderId(o, v);
@@ -283,30 +316,32 @@ bool orderPlace(qvRedOrder* o, qvVtx* v) {
   const OrderEntry e{scoreOf(v), o->weight[id], o->seq++, id};
   o->current[id] = e.seq;
   if (noScore(e.score)) {
+    heapRemove(o, id);
     if (!grow(o->tail, o->tailCap, o->tailN + 1)) return false;
     o->tail[o->tailN++] = e;
     return true;
   }
-  if (!grow(o->heap, o->heapCap, o->heapN + 1)) return false;
-  o->heap[o->heapN++] = e;
-  std::push_heap(o->heap, o->heap + o->heapN, heapAfter);
+  size_t i = o->at[id];
+  if (i == kGone) {
+    if (!grow(o->heap, o->heapCap, o->heapN + 1)) return false;
+    i = o->heapN++;
+  }
+  o->heap[i] = e;
+  heapSift(o, i);
   return true;
 }
 
 // The vertex at the head of the live order, or null when it is empty.
-qvVtx* orderFront(qvRedOrder* o) {
-  while (o->heapN > 0 && o->current[o->heap[0].id] != o->heap[0].seq) {
-    std::pop_heap(o->heap, o->heap + o->heapN, heapAfter);
-    --o->heapN;
-  }
-  return o->heapN > 0 ? o->byId[o->heap[0].id] : nullptr;
-}
+qvVtx* orderFront(qvRedOrder* o) { return o->heapN > 0 ? o->byId[o->heap[0].id] : nullptr; }
 
 // v leaves the order while it is tried: it comes back by orderPlace or
 // leaves for good by orderRetire. Its index, or kGone.
 uint32_t orderTake(qvRedOrder* o, const qvVtx* v) {
   const uint32_t id = orderId(o, v);
-  if (id != kGone) o->current[id] = kGone;
+  if (id != kGone) {
+    o->current[id] = kGone;
+    heapRemove(o, id);
+  }
   return id;
 }
 
@@ -315,6 +350,7 @@ bool orderRetire(qvRedOrder* o, qvVtx* v) {
   const uint32_t id = orderId(o, v);
   if (id == kGone) return false;
   o->current[id] = kGone;
+  heapRemove(o, id);
   o->retired[o->retiredN++] = v;
   return true;
 }
@@ -330,7 +366,9 @@ bool orderStart(qvRedOrder* o, qvMesh* mesh, const qvRedParams* params, qvTrial*
   o->retired = static_cast<qvVtx**>(ftMalloc(sizeof(qvVtx*) * (o->n + 1)));
   o->spoke = static_cast<uint8_t*>(ftCalloc(o->n + 1, 1));
   o->weight = static_cast<double*>(ftCalloc(o->n + 1, sizeof(double)));
-  if (!o->byId || !o->current || !o->retired || !o->spoke || !o->weight) return false;
+  o->at = static_cast<uint32_t*>(ftMalloc(sizeof(uint32_t) * (o->n + 1)));
+  if (!o->byId || !o->current || !o->retired || !o->spoke || !o->weight || !o->at) return false;
+  std::fill(o->at, o->at + o->n + 1, kGone);
   uint32_t i = 0;
   for (qvVtx* v = mesh->vtx; v; v = v->next, ++i) {
     o->byId[i] = v;
@@ -447,12 +485,16 @@ int32_t sweep(qvMesh* mesh, const qvRedParams* params, qvTrial* tr) {
     // same trial again, so the spoke that trial kept is the one to try.
     // Should that spoke now be refused, every spoke is tried.
     tr->only = order.spoke[id] - 1;
+    // A key of 0 holds the area of the star as it is: every commit that
+    // changes the star brings it up to date (qvRingDirty).
+    tr->area = s == 0.0 && params->tol2 > 0.0 ? order.weight[id] : 0.0;
     int32_t r = qvVtxRemove(mesh, v, params, &order, tr);
     if (r == 1 && tr->only >= 0) {
       tr->only = -1;
       r = qvVtxRemove(mesh, v, params, &order, tr);
     }
     tr->only = -1;
+    tr->area = 0.0;
     order.spoke[id] = r == 2 ? static_cast<uint8_t>(tr->spoke + 1) : 0;
     if (r < 0) {
       removed = -1;

@@ -959,7 +959,7 @@ int32_t qvTrialCertify(qvTrial* tr, const qvRedParams* params) {
   if (!ok || tr->err != 0) return -1;
   // A removal that leaves the surface where it was weighs its pieces, so
   // that such removals come in order of size.
-  tr->weight = tr->score == 0.0 ? qvStarArea(tr->v) : 0.0;
+  tr->weight = tr->score != 0.0 ? 0.0 : tr->area > 0.0 ? tr->area : qvStarArea(tr->v);
   return 0;
 }
 

@@ -249,6 +249,7 @@ struct qvTrial {
   int32_t spoke;          // the try the trial kept
   int32_t flips;          // Delaunay flips made in the copy
   double weight;         // of a score of 0: the area of the star (qvStarArea); else 0
+  double area;           // the star area of v that the order holds, when above 0; else unknown
 };
 
 // The vertices whose trials a commit of tr changes: those of its ring, whose

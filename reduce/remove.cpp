@@ -770,6 +770,7 @@ bool shareStar(const qvTrial* tr, qvTrial* alt) {
   alt->start = tr->start;
   alt->clean = tr->clean;
   alt->flat = tr->flat;
+  alt->area = tr->area;
   alt->nStar = alt->nNear = alt->nRing = alt->nValences = 0;
   bool ok = qvGrow(alt->star, alt->starCap, tr->nStar) && qvGrow(alt->near, alt->nearCap, tr->nNear) &&
             qvGrow(alt->ring, alt->ringCap, tr->nRing) && qvGrow(alt->valences, alt->valencesCap, tr->nValences);
