@@ -973,25 +973,7 @@ int32_t* floodOnArrays(const Soup& s, const int32_t* adj, const bool* gone) {
     last = t;
   }
   if (ok && last >= 0) next[last] = -1;
-  for (int32_t t = head; ok && t >= 0 && shells <= 1; t = next[t]) {
-    if (!reached[t]) {
-      reached[t] = true;
-      ++shells;
-    }
-    for (int k = 0; k < 3 && shells <= 1; ++k) {
-      const int32_t u = adj[3 * t + k];
-      if (u < 0 || reached[u]) continue;
-      reached[u] = true;
-      // u out of the list, then in behind t.
-      if (prev[u] >= 0) next[prev[u]] = next[u];
-      else head = next[u];
-      if (next[u] >= 0) prev[next[u]] = prev[u];
-      prev[u] = t;
-      next[u] = next[t];
-      if (next[t] >= 0) prev[next[t]] = u;
-      next[t] = u;
-    }
-  }
+  if (ok) shells = qvFloodList(adj, next, prev, &head, reached);
   int32_t n = 0;
   for (int32_t t = ok && shells == 1 ? head : -1; t >= 0; t = next[t]) flood[n++] = t;
   if (n < nt && flood) flood[n] = -1;
@@ -1821,4 +1803,28 @@ qvMesh* qvMeshAssembleCorners(const float* const* corners, int32_t n, const doub
   count = soup.flooded ? 1 : qvMeshShells(mesh, qvVtxClone);
   for (qvMesh* shell = count > 0 ? mesh : nullptr; shell; shell = shell->next) (void)qvMeshCompact(shell);
   return mesh;
+}
+
+int32_t qvFloodList(const int32_t* adj, int32_t* next, int32_t* prev, int32_t* head, bool* reached) {
+  int32_t pieces = 0;
+  for (int32_t t = *head; t >= 0; t = next[t]) {
+    if (!reached[t]) {
+      if (++pieces > 1) break;
+      reached[t] = true;
+    }
+    for (int k = 0; k < 3; ++k) {
+      const int32_t u = adj[3 * t + k];
+      if (u < 0 || reached[u]) continue;
+      reached[u] = true;
+      // u out of the list, then in behind t.
+      if (prev[u] >= 0) next[prev[u]] = next[u];
+      else *head = next[u];
+      if (next[u] >= 0) prev[next[u]] = prev[u];
+      prev[u] = t;
+      next[u] = next[t];
+      if (next[t] >= 0) prev[next[t]] = u;
+      next[t] = u;
+    }
+  }
+  return pieces;
 }

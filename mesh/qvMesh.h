@@ -414,6 +414,13 @@ int32_t qvTriPlace(qvTri* const* from, qvTri* const* to, int32_t n);
 // them. The record now first, or null with nothing changed (as qvTriPlace
 // fails, for n below 1, or when memory runs out).
 qvTri* qvTriPlaceInOrder(qvTri* const* order, int32_t n);
+// Floods triangles numbered on arrays: adj holds the three neighbours of
+// each (-1 for none), next and prev link them in a list from *head (-1
+// ends it), reached is all false. Each triangle's unreached neighbours move
+// in right behind it, so that a list of one piece ends in the order of its
+// flood from its head. The pieces met: 0 for an empty list, 1, or 2 when a
+// second one starts, where the flood stops.
+int32_t qvFloodList(const int32_t* adj, int32_t* next, int32_t* prev, int32_t* head, bool* reached);
 
 qvMesh* qvMeshConcat(qvMesh* a, qvMesh* b);
 int32_t qvMeshDeleteAll(qvMesh* head);

@@ -632,27 +632,7 @@ int32_t placeOnePiece(qvMesh *half) {
     next[i] = i + 1 < n ? i + 1 : -1;
   }
   int32_t head = 0;
-  int32_t pieces = 0;
-  for (int32_t t = ok ? head : -1; t >= 0 && pieces <= 1; t = next[t]) {
-    if (!reached[t]) {
-      reached[t] = true;
-      ++pieces;
-    }
-    for (int k = 0; k < 3; ++k) {
-      const int32_t u = adj[3 * t + k];
-      if (u < 0 || reached[u]) continue;
-      reached[u] = true;
-      // u out of the list, then in behind t.
-      if (prev[u] >= 0) next[prev[u]] = next[u];
-      else head = next[u];
-      if (next[u] >= 0) prev[next[u]] = prev[u];
-      prev[u] = t;
-      next[u] = next[t];
-      if (next[t] >= 0) prev[next[t]] = u;
-      next[t] = u;
-    }
-  }
-  ok = ok && pieces == 1;
+  ok = ok && qvFloodList(adj, next, prev, &head, reached) == 1;
   std::free(adj);
   std::free(prev);
   std::free(reached);
