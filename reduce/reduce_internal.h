@@ -386,9 +386,10 @@ struct qvRedOrder;
 // vertex without one waits at the tail. Among scores of 0 the vertex with
 // the smaller star comes first, so that a flat face thins out evenly rather
 // than in fans that grow across it, and a commit brings the keys of 0 round
-// it up to its ring's new stars; other ties keep the order of the list. The head is tried again on the current mesh, and that
-// very trial is committed when its score is within lim2 and its key no
-// greater than the next one; else the vertex goes back at its new key. A
+// it up to its ring's new stars; other ties keep the order of the list. The
+// head is tried again on the current mesh, and that very trial is
+// committed when its score is within lim2 and its key no greater than the
+// next one; else the vertex goes back at its new key. A
 // commit does not rescore its neighbourhood: it brings every vertex whose
 // trial it changed (qvRingDirty) back to a key within tol2, so that the
 // sweep ends only when every vertex left was tried on the final mesh. A
