@@ -7,6 +7,7 @@
 #include <cassert>
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <limits>
 
 #include "kernels/alloc.h"
@@ -118,6 +119,49 @@ int32_t qvSpokePickMarked(qvMesh* mesh, qvVtx* v, int32_t ring, bool valences, q
     }
     apart = apart && (!joint || onJoint < 2) && (!rim || onRim < 2);
   }
+  // The ring as handles in ascending order, read from the star's far edges,
+  // for the link tests. These walk the fans of the ring vertices, which
+  // leave the star across its far edges: the triangles there, and their
+  // edges, are fetched together before the walks, which would each wait for
+  // them in turn.
+  constexpr int32_t kLocalRing = 64;
+  const double* local[kLocalRing];
+  const double** ringList = local;
+  int32_t nList = 0;
+  int32_t nStar = 0;
+  for (qvTri* s = mesh->tri; s && (s->flags & kMarkSet.tri); s = s->next) ++nStar;
+  if (2 * nStar > kLocalRing) {
+    ringList = static_cast<const double**>(ftMalloc(sizeof(const double*) * 2 * static_cast<size_t>(nStar)));
+    if (!ringList) return -1;
+  }
+  // A star triangle has one far edge: two ends each.
+  for (qvTri* s = mesh->tri; s && (s->flags & kMarkSet.tri); s = s->next)
+    for (int32_t i = 0; i < 3 && !failed; ++i) {
+      const qvEdg* e = s->edg[i];
+      if (otherEnd(e, p)) continue;
+      if (nList + 2 > 2 * nStar) {
+        failed = true;
+        break;
+      }
+      qvTri* n = s->aux[i] ? s->aux[i] : s->adj[i];
+      if (n) __builtin_prefetch(n);
+      for (const double* x : e->ends) {
+        int32_t at = nList;
+        while (at > 0 && std::less<const double*>()(x, ringList[at - 1])) --at;
+        if (at > 0 && ringList[at - 1] == x) continue;
+        std::copy_backward(ringList + at, ringList + nList, ringList + nList + 1);
+        ringList[at] = x;
+        ++nList;
+      }
+    }
+  for (qvTri* s = mesh->tri; s && (s->flags & kMarkSet.tri); s = s->next)
+    for (int32_t i = 0; i < 3; ++i) {
+      const qvTri* n = otherEnd(s->edg[i], p) ? nullptr : s->aux[i] ? s->aux[i] : s->adj[i];
+      for (int32_t k = 0; n && k < 3; ++k) {
+        __builtin_prefetch(n->edg[k]);
+        __builtin_prefetch(n->aux[k] ? n->aux[k] : n->adj[k]);
+      }
+    }
   for (qvTri* s = mesh->tri; s && (s->flags & kMarkSet.tri) && !failed; s = s->next)
     for (qvEdg* e : s->edg) {
       // Each spoke once: the mark stays on it until the end.
@@ -126,7 +170,7 @@ int32_t qvSpokePickMarked(qvMesh* mesh, qvVtx* v, int32_t ring, bool valences, q
       rims += (e->flags & kEdgRim) != 0;
       e->flags |= kEdgMarkSpoke;
       int32_t farValence = 0;
-      const int32_t ok = qvLinkTest(s, e, p, kMarkSet.vtx, ring, &farValence);
+      const int32_t ok = qvLinkTest(s, e, p, ringList, nList, ring, &farValence);
       if (ok < 0) {
         failed = true;
         break;
@@ -152,6 +196,7 @@ int32_t qvSpokePickMarked(qvMesh* mesh, qvVtx* v, int32_t ring, bool valences, q
     }
   for (qvTri* s = mesh->tri; s && (s->flags & kMarkSet.tri); s = s->next)
     for (qvEdg* e : s->edg) e->flags &= ~kEdgMarkSpoke;
+  if (ringList != local) std::free(ringList);
   if (joint && !(apart && joints == 2 &&
                  straightJoint(qvVtxXyz(qvVtxOf(line[0])), qvVtxXyz(v), qvVtxXyz(qvVtxOf(line[1])))))
     out->n = 0;

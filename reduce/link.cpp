@@ -2,6 +2,8 @@
 // surface only when the rings of v and w share exactly the two corners
 // opposite the spoke and no edge. A spoke of a tetrahedron fails it, as does
 // any spoke whose ends have a third common neighbour.
+#include <algorithm>
+#include <functional>
 #include <utility>
 
 #include "reduce/reduce_internal.h"
@@ -9,13 +11,23 @@
 namespace {
 
 struct LinkWalk {
-  const double* v;     // the end whose ring bears the mark
+  const double* v;     // the end whose ring is listed
   const double* w;     // the end whose fan is walked
   const double* a;     // the corners opposite the spoke
   const double* b;
-  uint32_t ringMark;
+  const double* const* ring;  // v's ring, as handles
+  int32_t nRing;
   int32_t valence;     // triangles round w
 };
+
+// Whether x is in v's ring. The list is at hand, where the vertices round
+// w, two steps from v, would each be fetched for a mark.
+inline bool inRing(const LinkWalk& c, const double* x) {
+  if (c.nRing > 16) return std::binary_search(c.ring, c.ring + c.nRing, x, std::less<const double*>());
+  for (int32_t i = 0; i < c.nRing; ++i)
+    if (c.ring[i] == x) return true;
+  return false;
+}
 
 // The slots of the two edges of t at w, in cycle order as a fan walk takes
 // them (slot 2 comes before slot 0), and its far edge. false unless exactly
@@ -50,7 +62,7 @@ int32_t walkLink(LinkWalk& c, qvTri* cur, const qvTri* stop, const qvEdg* in) {
     if (!edgesAt(cur, c.w, at, &far)) return -2;
     ++c.valence;
     for (const double* x : far->ends)
-      if (x != c.v && x != c.a && x != c.b && (qvVtxOf(x)->flags & c.ringMark)) return 2;
+      if (x != c.v && x != c.a && x != c.b && inRing(c, x)) return 2;
     int32_t out;
     if (cur->edg[at[0]] == in) out = at[1];
     else if (cur->edg[at[1]] == in) out = at[0];
@@ -72,17 +84,18 @@ int32_t walkLink(LinkWalk& c, qvTri* cur, const qvTri* stop, const qvEdg* in) {
 
 }  // namespace
 
-int32_t qvLinkTest(qvTri* t, qvEdg* e, const double* v, uint32_t ringMark, int32_t valence, int32_t* farValence) {
-  if (!t || !e || !v) return -1;
+int32_t qvLinkTest(qvTri* t, qvEdg* e, const double* v, const double* const* ring, int32_t nRing, int32_t valence,
+                   int32_t* farValence) {
+  if (!t || !e || !v || !ring) return -1;
   const int32_t i = qvTriEdgeSlot(t, e);
   const double* w = e->ends[0] == v ? e->ends[1] : e->ends[0];
   if (i < 0 || (e->ends[0] != v && e->ends[1] != v)) return -1;
   // The spoke's other triangle on the live surface.
   const qvTri* n = t->aux[i] ? t->aux[i] : t->adj[i];
   if (!n) return -1;
-  LinkWalk walk{v, w, qvTriOpposite(t, e), qvTriOpposite(n, e), ringMark, 0};
+  LinkWalk walk{v, w, qvTriOpposite(t, e), qvTriOpposite(n, e), ring, nRing, 0};
   if (!walk.a || !walk.b) return -1;
-  if (!(qvVtxOf(walk.a)->flags & ringMark) || !(qvVtxOf(walk.b)->flags & ringMark)) return -1;
+  if (!inRing(walk, walk.a) || !inRing(walk, walk.b)) return -1;
   // Round w from t, and, where its fan is open, the other way too.
   int32_t at[2];
   const qvEdg* far;

@@ -200,13 +200,14 @@ inline double *qvScoreOf(const qvVtx *v) {
 // ---- Validity tests -------------------------------------------------------------
 
 // The link condition of the spoke e of t from the vertex with handle v,
-// whose ring vertices bear ringMark and whose star has valence triangles: 1
-// when the rings of the two ends share only the two corners opposite e and
-// no edge, 0 when not, -1 on failure (e not in t or not at v, no neighbour
-// across e, an opposite corner without the mark, a broken fan). When the
-// test passes, farValence (may be null) gets the triangles round the far end.
-[[nodiscard]] int32_t qvLinkTest(qvTri *t, qvEdg *e, const double *v, uint32_t ringMark, int32_t valence,
-                                 int32_t *farValence = nullptr);
+// whose ring vertices are the nRing handles of ring, in ascending order, and
+// whose star has valence triangles: 1 when the rings of the two ends share
+// only the two corners opposite e and no edge, 0 when not, -1 on failure (e
+// not in t or not at v, no neighbour across e, an opposite corner not in the
+// ring, a broken fan). When the test passes, farValence (may be null) gets
+// the triangles round the far end.
+[[nodiscard]] int32_t qvLinkTest(qvTri *t, qvEdg *e, const double *v, const double *const *ring, int32_t nRing,
+                                 int32_t valence, int32_t *farValence = nullptr);
 
 // Projects the ring of the vertex with handle p (t a triangle at it) onto the
 // first of five planes in which it doesn't cross itself, leaving (u, v) in

@@ -1,6 +1,10 @@
 // The link test, the ring projection and the flip test on hand-built stars.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <functional>
+#include <vector>
+
 #include "kernels/kernels.h"
 #include "stars.h"
 
@@ -19,7 +23,12 @@ int32_t linkOf(Fixture& f, int v, int w) {
   qvTri* t = triOn(f, e);
   const int32_t ring =
       qvFanMark(f.mesh, t, f.h(v), kMarkSet.tri, kMarkSet.edg, kMarkSet.vtx, kFanMoveEdg | kFanMoveTri);
-  const int32_t r = qvLinkTest(t, e, f.h(v), kMarkSet.vtx, ring);
+  std::vector<const double*> list;
+  for (qvEdg* x = f.mesh->edg; x && (x->flags & kMarkSet.edg); x = x->next)
+    for (const double* end : x->ends)
+      if (std::find(list.begin(), list.end(), end) == list.end()) list.push_back(end);
+  std::sort(list.begin(), list.end(), std::less<const double*>());
+  const int32_t r = qvLinkTest(t, e, f.h(v), list.data(), static_cast<int32_t>(list.size()), ring);
   unmarkStar(f.mesh);
   return r;
 }
