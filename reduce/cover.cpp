@@ -210,7 +210,9 @@ int32_t qvHomeSet(qvHome* home, qvTri* t) {
     if (!home->x[k]) return -1;
     home->nb[k] = -1;
   }
-  double ab[3], ac[3], bc[3];
+  double* ab = home->ab;
+  double* ac = home->ac;
+  double* bc = home->bc;
   sub3(home->x[1], home->x[0], ab);
   sub3(home->x[2], home->x[0], ac);
   sub3(home->x[2], home->x[1], bc);
@@ -230,17 +232,18 @@ namespace {
 double faceDist2(const qvHome& t, const double* p) {
   // The region of the triangle's Voronoi diagram that p falls in decides:
   // a corner, a side, or the face, where the distance is the plane's.
-  const double* a = t.x[0];
-  const double* b = t.x[1];
-  const double* c = t.x[2];
-  double ab[3], ac[3], ap[3], bp[3], cp[3], q[3];
-  sub3(b, a, ab);
-  sub3(c, a, ac);
-  sub3(p, a, ap);
+  // The sides come with the home, and the six projections are all made
+  // before any is tested.
+  const double* ab = t.ab;
+  const double* ac = t.ac;
+  double ap[3], bp[3], cp[3], q[3];
+  sub3(p, t.x[0], ap);
+  sub3(p, t.x[1], bp);
+  sub3(p, t.x[2], cp);
   const double d1 = dot3(ab, ap), d2 = dot3(ac, ap);
-  if (d1 <= 0.0 && d2 <= 0.0) return dot3(ap, ap);
-  sub3(p, b, bp);
   const double d3 = dot3(ab, bp), d4 = dot3(ac, bp);
+  const double d5 = dot3(ab, cp), d6 = dot3(ac, cp);
+  if (d1 <= 0.0 && d2 <= 0.0) return dot3(ap, ap);
   if (d3 >= 0.0 && d4 <= d3) return dot3(bp, bp);
   const double vc = d1 * d4 - d3 * d2;
   if (vc <= 0.0 && d1 >= 0.0 && d3 <= 0.0) {
@@ -248,8 +251,6 @@ double faceDist2(const qvHome& t, const double* p) {
     for (int k = 0; k < 3; ++k) q[k] = ap[k] - f * ab[k];
     return dot3(q, q);
   }
-  sub3(p, c, cp);
-  const double d5 = dot3(ab, cp), d6 = dot3(ac, cp);
   if (d6 >= 0.0 && d5 <= d6) return dot3(cp, cp);
   const double vb = d5 * d2 - d1 * d6;
   if (vb <= 0.0 && d2 >= 0.0 && d6 <= 0.0) {
@@ -260,7 +261,7 @@ double faceDist2(const qvHome& t, const double* p) {
   const double va = d3 * d6 - d5 * d4;
   if (va <= 0.0 && d4 - d3 >= 0.0 && d5 - d6 >= 0.0) {
     const double f = (d4 - d3) / ((d4 - d3) + (d5 - d6));
-    for (int k = 0; k < 3; ++k) q[k] = bp[k] - f * (c[k] - b[k]);
+    for (int k = 0; k < 3; ++k) q[k] = bp[k] - f * t.bc[k];
     return dot3(q, q);
   }
   const double s = dot3(ap, t.n);
@@ -554,6 +555,15 @@ bool certify(qvTrial* tr, const double* const q[3], const qvTri* src, int32_t de
   for (auto& part : parts)
     if (!certify(tr, part, src, depth + 1)) return false;
   return true;
+}
+
+// The key of a piece with this bound at place n of a trial's gathering.
+// A bound is never negative, and the bits of a float of either sign
+// ascend with its magnitude; both zeros get the same key.
+uint64_t worstFirst(float bound, int32_t n) {
+  uint32_t bits = 0;
+  if (bound > 0.0f) std::memcpy(&bits, &bound, sizeof bits);
+  return static_cast<uint64_t>(0xFFFFFFFFu - bits) << 32 | static_cast<uint32_t>(n);
 }
 
 // The homes: the new fan, then the live non-cap triangles round the ring.
@@ -894,8 +904,10 @@ int32_t qvTrialCertify(qvTrial* tr, const qvRedParams* params) {
         plane->held = true;
         continue;
       }
-      affected[n] = qvAffected{&piece, piece.bound, n};
+      affected[n] = qvAffected{&piece, worstFirst(piece.bound, n)};
       ++n;
+      // Its corners are measured against every home: fetched meanwhile.
+      for (const double* q : piece.q) __builtin_prefetch(q);
     }
   }
   if (tr->grouped) {
@@ -926,16 +938,14 @@ int32_t qvTrialCertify(qvTrial* tr, const qvRedParams* params) {
         break;
       }
       tr->taken[tr->nTaken++] = qvTaken{tr->near[i], k};
-      affected[n] = qvAffected{&piece, piece.bound, n};
+      affected[n] = qvAffected{&piece, worstFirst(piece.bound, n)};
       ++n;
     }
   }
   // Worst first, so that a refusal comes early. Most trials are refused by
   // one of their first pieces: those come off a heap, and the rest are
   // sorted only when the trial gets past them.
-  const auto worse = [](const qvAffected& a, const qvAffected& b) {
-    return a.bound > b.bound || (a.bound == b.bound && a.order < b.order);
-  };
+  const auto worse = [](const qvAffected& a, const qvAffected& b) { return a.key < b.key; };
   const auto better = [&](const qvAffected& a, const qvAffected& b) { return worse(b, a); };
   const int32_t popped = std::min(n, kHeapFirst);
   int32_t heapEnd = n;

@@ -145,7 +145,10 @@ struct qvHome {
   qvTri *tri;
   const double *h[3];  // corner handles in cycle order
   const double *x[3];  // corner coordinates
-  double n[3];         // (x1 - x0) x (x2 - x0)
+  double ab[3];        // x1 - x0
+  double ac[3];        // x2 - x0
+  double bc[3];        // x2 - x1
+  double n[3];         // ab x ac
   double nn;           // |n|^2
   bool plane;          // not a needle: the distance may be taken to the plane inside
   int32_t nb[3];       // index of the home across edg[k], or -1
@@ -190,12 +193,12 @@ struct qvPlaneKept {
   int32_t sense;
 };
 
-// A piece that a trial must place again, with its bound, the key of the
-// worst-first order, and its place in the gathering, the tie-break.
+// A piece that a trial must place again, and its key in the worst-first
+// order: the complement of its bound's bits above its place in the
+// gathering, the tie-break, so that keys ascend as bounds descend.
 struct qvAffected {
   const qvPiece *piece;
-  float bound;
-  int32_t order;
+  uint64_t key;
 };
 
 // A trial removal: the star's copy with the spoke collapsed and the fan
