@@ -47,26 +47,36 @@ inline bool edgesAt(const qvTri* t, const double* w, int32_t at[2], const qvEdg*
   return true;
 }
 
+// Whether x, a neighbour of w, is in v's ring and is none of v, a and b.
+inline bool ringHit(const LinkWalk& c, const double* x) {
+  return x != c.v && x != c.a && x != c.b && inRing(c, x);
+}
+
 // Walks the live fan of w from cur, entered by the edge in, counting its
 // triangles: 2 at a neighbour of w, other than v, a and b, that is in v's
 // ring too; 0 back at stop; -1 at a boundary; -2 for a broken fan (a
 // triangle met twice without reaching stop shows within twice the loop's
 // length, as the saved one is renewed at doubling distances).
+//
+// The first triangle is read whole. Each next one is entered by the edge
+// the last left by, whose far end is known: one more edge tells which side
+// leaves and the neighbour it reaches, so a step reads one edge, not three.
 int32_t walkLink(LinkWalk& c, qvTri* cur, const qvTri* stop, const qvEdg* in) {
   const qvTri* saved = cur;
   uint64_t limit = 2;
   uint64_t taken = 0;
+  int32_t at[2];
+  const qvEdg* far;
+  if (!edgesAt(cur, c.w, at, &far)) return -2;
+  ++c.valence;
+  for (const double* x : far->ends)
+    if (ringHit(c, x)) return 2;
+  int32_t out;
+  if (cur->edg[at[0]] == in) out = at[1];
+  else if (cur->edg[at[1]] == in) out = at[0];
+  else return -2;
+  const double* past = cur->edg[out]->ends[0] == c.w ? cur->edg[out]->ends[1] : cur->edg[out]->ends[0];
   for (;;) {
-    int32_t at[2];
-    const qvEdg* far;
-    if (!edgesAt(cur, c.w, at, &far)) return -2;
-    ++c.valence;
-    for (const double* x : far->ends)
-      if (x != c.v && x != c.a && x != c.b && inRing(c, x)) return 2;
-    int32_t out;
-    if (cur->edg[at[0]] == in) out = at[1];
-    else if (cur->edg[at[1]] == in) out = at[0];
-    else return -2;
     if (!(cur->flags & kTriLinked)) return -2;
     qvTri* next = cur->aux[out] ? cur->aux[out] : cur->adj[out];
     if (!next) return -1;
@@ -79,6 +89,24 @@ int32_t walkLink(LinkWalk& c, qvTri* cur, const qvTri* stop, const qvEdg* in) {
     }
     in = cur->edg[out];
     cur = next;
+    int32_t i = 0;
+    while (i < 3 && cur->edg[i] != in) ++i;
+    if (i == 3) return -2;
+    const qvEdg* side = cur->edg[(i + 1) % 3];
+    const double* enter = past;  // the end of in past w
+    if (!side) return -2;
+    if (side->ends[0] == c.w || side->ends[1] == c.w) {
+      out = (i + 1) % 3;
+      past = side->ends[0] == c.w ? side->ends[1] : side->ends[0];
+    } else {
+      // side is the far edge, from the end of in to that of the way out.
+      out = (i + 2) % 3;
+      if (side->ends[0] == enter) past = side->ends[1];
+      else if (side->ends[1] == enter) past = side->ends[0];
+      else return -2;
+    }
+    ++c.valence;
+    if (ringHit(c, past)) return 2;
   }
 }
 
