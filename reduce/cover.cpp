@@ -296,15 +296,33 @@ void qvHomeLink(qvHome* homes, int32_t n) {
           if (k != j && qvTriEdgeSlot(homes[k].tri, homes[j].tri->edg[s]) >= 0) homes[j].nb[s] = k;
     return;
   }
-  const qvEdg* edges[3 * kLocal];
-  const int32_t m = 3 * n;
-  for (int32_t i = 0; i < m; ++i) edges[i] = homes[i / 3].tri->edg[i % 3];
-  for (int32_t i = 0; i < m; ++i)
-    for (int32_t k = 0; k < m; ++k)
-      if (edges[k] == edges[i] && k / 3 != i / 3) {
-        homes[i / 3].nb[i % 3] = k / 3;
-        break;
-      }
+  // Each edge keeps the first two homes that hold it, in the homes' order,
+  // in a table open-addressed on its address: the first other home of any
+  // holder is one of those two.
+  struct Holders {
+    const qvEdg* e;
+    int32_t first, second;
+  };
+  Holders table[8 * kLocal];
+  uint32_t size = 16;  // at least twice the edges
+  while (size < 6u * static_cast<uint32_t>(n)) size *= 2;
+  for (uint32_t i = 0; i < size; ++i) table[i].e = nullptr;
+  const auto slotOf = [&](const qvEdg* e) {
+    uint32_t i = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(e) >> 4) & (size - 1);
+    while (table[i].e && table[i].e != e) i = (i + 1) & (size - 1);
+    return i;
+  };
+  for (int32_t j = 0; j < n; ++j)
+    for (const qvEdg* e : homes[j].tri->edg) {
+      Holders& h = table[slotOf(e)];
+      if (!h.e) h = Holders{e, j, -1};
+      else if (h.second < 0 && h.first != j) h.second = j;
+    }
+  for (int32_t j = 0; j < n; ++j)
+    for (int32_t s = 0; s < 3; ++s) {
+      const Holders& h = table[slotOf(homes[j].tri->edg[s])];
+      homes[j].nb[s] = h.first != j ? h.first : h.second;
+    }
 }
 
 namespace {
