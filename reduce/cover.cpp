@@ -27,7 +27,6 @@ constexpr double kInf = std::numeric_limits<double>::infinity();
 constexpr int32_t kPoolChunk = 4096;     // points per block of the pass's pool
 constexpr int32_t kSplitDepth = 24;      // a piece is split 1:4 at most this often within one trial
 constexpr int32_t kSplitFragments = 1024; // fragments one trial may make
-constexpr int32_t kHeapFirst = 4;          // pieces a trial takes off a heap before it sorts the rest
 // A triangle whose squared normal is at most this share of the largest
 // product of two squared sides is measured as its three sides: the plane
 // distance of a needle would carry a rounding error out of proportion.
@@ -145,7 +144,9 @@ int32_t qvCoverAdd(qvTri* t, const qvPiece& piece) {
     c->cap = cap;
     t->link = c;
   }
-  qvCoverPieces(c)[c->n++] = piece;
+  qvPiece* pieces = qvCoverPieces(c);
+  if (c->n > 0 && piece.bound > pieces[c->n - 1].bound) c->unsorted = 1;
+  pieces[c->n++] = piece;
   if (piece.kind >= 0) c->pairs |= 1u << piece.kind;
   return 0;
 }
@@ -897,7 +898,13 @@ int32_t qvTrialCertify(qvTrial* tr, const qvRedParams* params) {
   tr->grouped = false;
 
   // The pieces to place: every other piece of the star's covers, and the
-  // pair pieces round the ring whose partner lies across a ring edge.
+  // pair pieces round the ring whose partner lies across a ring edge. They
+  // are placed worst first, so that a refusal comes early, and most trials
+  // are refused by one of their first pieces: each cover is a run already
+  // in that order, read as far as the trial gets, and the runs are merged.
+  // A cover in a kept plane is listed without the pieces the plane holds,
+  // and the pair pieces round the ring are listed and sorted.
+  // Room for every piece to be listed, made before any list points into it.
   int32_t count = 0;
   for (int32_t i = 0; i < tr->nStar; ++i) {
     const qvCover* c = static_cast<const qvCover*>(tr->star[i]->link);
@@ -907,26 +914,31 @@ int32_t qvTrialCertify(qvTrial* tr, const qvRedParams* params) {
     const qvCover* c = static_cast<const qvCover*>(tr->near[i]->link);
     count += c ? c->n : 0;
   }
-  if (!qvGrow(tr->affected, tr->affectedCap, count + 1)) return -1;
-  qvAffected* affected = tr->affected;
-  int32_t n = 0;
+  if (!qvGrow(tr->runs, tr->runsCap, tr->nStar + 1) || !qvGrow(tr->affected, tr->affectedCap, count + 1))
+    return -1;
+  qvPieceRun* runs = tr->runs;
+  int32_t nRuns = 0;
+  int32_t listed = 0;  // pieces listed in affected
   for (int32_t i = 0; i < tr->nStar; ++i) {
     const qvCover* c = static_cast<const qvCover*>(tr->star[i]->link);
     if (!c || c->n == 0) continue;
     qvPlaneKept* plane = keptPlane(tr, i);
     if (tr->err) return -1;
     const qvPiece* pieces = qvCoverPieces(c);
+    if (!plane) {
+      runs[nRuns++] = qvPieceRun{pieces, nullptr, c->n, 0};
+      continue;
+    }
+    const int32_t first = listed;
     for (int32_t k = 0; k < c->n; ++k) {
       const qvPiece& piece = pieces[k];
-      if (plane && (piece.kind == kPieceFlat || insidePlane(tr, piece, i, *plane))) {
+      if (piece.kind == kPieceFlat || insidePlane(tr, piece, i, *plane)) {
         plane->held = true;
         continue;
       }
-      affected[n] = qvAffected{&piece, worstFirst(piece.bound, n)};
-      ++n;
-      // Its corners are measured against every home: fetched meanwhile.
-      for (const double* q : piece.q) __builtin_prefetch(q);
+      tr->affected[listed++] = qvAffected{&piece, 0};
     }
+    if (listed > first) runs[nRuns++] = qvPieceRun{nullptr, tr->affected + first, listed - first, 0};
   }
   if (tr->grouped) {
     const int32_t nFan = tr->nHomes - tr->nNear;
@@ -938,8 +950,8 @@ int32_t qvTrialCertify(qvTrial* tr, const qvRedParams* params) {
       tr->plan[tr->nPlan++] = qvPlanItem{j, qvPiece{{f.x[0], f.x[1], f.x[2]}, nullptr, 0.0f, kPieceFlat}};
     }
   }
-  bool ok = true;
-  for (int32_t i = 0; i < tr->nNear && ok; ++i) {
+  const int32_t nearFirst = listed;
+  for (int32_t i = 0; i < tr->nNear; ++i) {
     const qvTri* t = tr->near[i];
     const qvCover* c = static_cast<const qvCover*>(t->link);
     if (!c) continue;
@@ -951,33 +963,37 @@ int32_t qvTrialCertify(qvTrial* tr, const qvRedParams* params) {
     for (int32_t k = 0; across && k < c->n; ++k) {
       const qvPiece& piece = pieces[k];
       if (piece.kind < 0 || !(across >> piece.kind & 1u)) continue;
-      if (!qvGrow(tr->taken, tr->takenCap, tr->nTaken + 1)) {
-        ok = false;
-        break;
-      }
+      if (!qvGrow(tr->taken, tr->takenCap, tr->nTaken + 1)) return -1;
       tr->taken[tr->nTaken++] = qvTaken{tr->near[i], k};
-      affected[n] = qvAffected{&piece, worstFirst(piece.bound, n)};
-      ++n;
+      tr->affected[listed] = qvAffected{&piece, worstFirst(piece.bound, listed)};
+      ++listed;
     }
   }
-  // Worst first, so that a refusal comes early. Most trials are refused by
-  // one of their first pieces: those come off a heap, and the rest are
-  // sorted only when the trial gets past them.
-  const auto worse = [](const qvAffected& a, const qvAffected& b) { return a.key < b.key; };
-  const auto better = [&](const qvAffected& a, const qvAffected& b) { return worse(b, a); };
-  const int32_t popped = std::min(n, kHeapFirst);
-  int32_t heapEnd = n;
-  std::make_heap(affected, affected + n, better);
-  for (int32_t i = 0; i < n && ok; ++i) {
-    const qvAffected* next;
-    if (i < popped) {
-      std::pop_heap(affected, affected + heapEnd, better);
-      next = &affected[--heapEnd];
-    } else {
-      if (i == popped) std::sort(affected, affected + heapEnd, worse);
-      next = &affected[i - popped];
+  if (listed > nearFirst) {
+    std::sort(tr->affected + nearFirst, tr->affected + listed,
+              [](const qvAffected& a, const qvAffected& b) { return a.key < b.key; });
+    runs[nRuns++] = qvPieceRun{nullptr, tr->affected + nearFirst, listed - nearFirst, 0};
+  }
+  // The merge: the head of the largest bound, of the earliest run among
+  // equals, which is the order of the pieces' bounds and then of the covers
+  // and their places in them.
+  bool ok = true;
+  for (;;) {
+    int32_t best = -1;
+    float worst = 0.0f;
+    for (int32_t r = 0; r < nRuns; ++r) {
+      if (runs[r].at == runs[r].n) continue;
+      const float b = runs[r].head()->bound;
+      if (best < 0 || b > worst) {
+        best = r;
+        worst = b;
+      }
     }
-    const qvPiece& piece = *next->piece;
+    if (best < 0) break;
+    const qvPiece& piece = *runs[best].head();
+    ++runs[best].at;
+    if (runs[best].at < runs[best].n)
+      for (const double* q : runs[best].head()->q) __builtin_prefetch(q);
     // Refused, or already no better than the bound it had to beat.
     if (!certify(tr, piece.q, piece.src, 0) || tr->score >= tr->beat) {
       tr->score = kInf;
@@ -1013,6 +1029,20 @@ int32_t qvTrialApply(qvTrial* tr) {
   }
   for (int32_t i = 0; i < tr->nPlan; ++i)
     if (qvCoverAdd(tr->homes[tr->plan[i].home].tri, tr->plan[i].piece) != 0) return -1;
+  // Each cover back in the order trials read it: bounds descending, equal
+  // ones in the order they came.
+  for (int32_t i = 0; i < tr->nPlan; ++i) {
+    auto* c = static_cast<qvCover*>(tr->homes[tr->plan[i].home].tri->link);
+    if (!c || !c->unsorted) continue;
+    c->unsorted = 0;
+    qvPiece* pieces = qvCoverPieces(c);
+    if (!qvGrow(tr->affected, tr->affectedCap, c->n) || !qvGrow(tr->shelf, tr->shelfCap, c->n)) return -1;
+    for (int32_t k = 0; k < c->n; ++k) tr->affected[k] = qvAffected{&pieces[k], worstFirst(pieces[k].bound, k)};
+    std::sort(tr->affected, tr->affected + c->n,
+              [](const qvAffected& a, const qvAffected& b) { return a.key < b.key; });
+    for (int32_t k = 0; k < c->n; ++k) tr->shelf[k] = *tr->affected[k].piece;
+    std::copy(tr->shelf, tr->shelf + c->n, pieces);
+  }
   return 0;
 }
 
@@ -1025,6 +1055,8 @@ void qvTrialFree(qvTrial* tr) {
   std::free(tr->plan);
   std::free(tr->taken);
   std::free(tr->affected);
+  std::free(tr->runs);
+  std::free(tr->shelf);
   std::free(tr->group);
   std::free(tr->planes);
   std::free(tr->sideEnds);

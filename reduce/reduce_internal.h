@@ -117,12 +117,14 @@ struct qvPiece {
 };
 
 // The pieces a live non-cap triangle answers for, hung on its link: this
-// header with the pieces right after it, in one block.
+// header with the pieces right after it, in one block. A trial reads them
+// by bound, largest first: a commit leaves every cover in that order, the
+// pieces of equal bound in the order they came.
 struct qvCover {
   int32_t n;
   int32_t cap;
-  uint32_t pairs;  // bit s: a piece may have its partner across the home's slot s
-  int32_t spare;
+  uint32_t pairs;   // bit s: a piece may have its partner across the home's slot s
+  int32_t unsorted; // 1 when a piece came in above the one before it
 };
 static_assert(sizeof(qvCover) % alignof(qvPiece) == 0, "the pieces follow the header");
 inline qvPiece *qvCoverPieces(qvCover *c) { return reinterpret_cast<qvPiece *>(c + 1); }
@@ -201,6 +203,16 @@ struct qvAffected {
   uint64_t key;
 };
 
+// A run of pieces in the worst-first order, a cover's own or listed ones,
+// and how far a trial has read it.
+struct qvPieceRun {
+  const qvPiece *pieces;    // a cover's pieces, or null
+  const qvAffected *list;   // else the listed pieces
+  int32_t n;
+  int32_t at;
+  const qvPiece *head() const { return pieces ? pieces + at : list[at].piece; }
+};
+
 // A trial removal: the star's copy with the spoke collapsed and the fan
 // flipped, the certificate of every piece it displaces, and the plan that a
 // commit applies. A trial is made on the current mesh and committed, or
@@ -242,8 +254,12 @@ struct qvTrial {
   const double **sideEnds;  // room for the sides of a plane's triangles, while it is grouped
   int32_t sideEndsCap;
   bool grouped;           // group holds this trial's planes, as far as they are grouped
-  qvAffected *affected;   // the pieces the trial places again, worst first
+  qvAffected *affected;   // the pieces the trial places again that it lists, each list worst first
   int32_t affectedCap;
+  qvPieceRun *runs;       // the sorted runs of pieces it merges, worst first
+  int32_t runsCap;
+  qvPiece *shelf;         // room to sort a cover on commit
+  int32_t shelfCap;
   double beat;            // the score to beat: a trial that can't is refused early
   double lim2;
   qvCoverPool *pool;
