@@ -1200,6 +1200,7 @@ int32_t qvCoverCheck(const qvMesh* mesh, const qvRedParams* params, FILE* out) {
     for (int32_t k = 0; k < c->n; ++k) {
       const qvPiece& piece = qvCoverPieces(c)[k];
       if (qvCoverCheckPiece(t, piece, params) != 0) report("a piece is not within the limit of its home", t);
+      if (k > 0 && piece.bound > qvCoverPieces(c)[k - 1].bound) report("a cover is out of worst-first order", t);
       if (piece.src) area[piece.src] += pieceArea(piece);
       else flat.push_back(&piece);
     }

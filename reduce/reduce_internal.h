@@ -302,8 +302,9 @@ void qvTrialFree(qvTrial *tr);
 // 0 when the piece lies within lim of its home (and partner), 1 otherwise.
 [[nodiscard]] int32_t qvCoverCheckPiece(const qvTri *home, const qvPiece &piece, const qvRedParams *params);
 // Whole-pass check, for tests and debug builds: every cover belongs to a
-// live non-cap triangle, every piece is certified afresh, and the pieces of
-// each starting triangle add up to its area. The number of violations.
+// live non-cap triangle and is in worst-first order, every piece is
+// certified afresh, and the pieces of each starting triangle add up to its
+// area. The number of violations.
 [[nodiscard]] int32_t qvCoverCheck(const qvMesh *mesh, const qvRedParams *params, FILE *out);
 
 // ---- Vertex removal (star copies, collapse, flips, grafting) ----------------------
