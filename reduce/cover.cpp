@@ -585,6 +585,9 @@ uint64_t worstFirst(float bound, int32_t n) {
   return static_cast<uint64_t>(0xFFFFFFFFu - bits) << 32 | static_cast<uint32_t>(n);
 }
 
+// The worst-first order of listed pieces.
+bool keyBefore(const qvAffected& a, const qvAffected& b) { return a.key < b.key; }
+
 // The homes: the new fan, then the live non-cap triangles round the ring.
 // Each home's neighbours among them are found when a pair is first weighed.
 bool gatherHomes(qvTrial* tr) {
@@ -970,14 +973,12 @@ int32_t qvTrialCertify(qvTrial* tr, const qvRedParams* params) {
     }
   }
   if (listed > nearFirst) {
-    std::sort(tr->affected + nearFirst, tr->affected + listed,
-              [](const qvAffected& a, const qvAffected& b) { return a.key < b.key; });
+    std::sort(tr->affected + nearFirst, tr->affected + listed, keyBefore);
     runs[nRuns++] = qvPieceRun{nullptr, tr->affected + nearFirst, listed - nearFirst, 0};
   }
   // The merge: the head of the largest bound, of the earliest run among
   // equals, which is the order of the pieces' bounds and then of the covers
   // and their places in them.
-  bool ok = true;
   for (;;) {
     int32_t best = -1;
     float worst = 0.0f;
@@ -1000,7 +1001,7 @@ int32_t qvTrialCertify(qvTrial* tr, const qvRedParams* params) {
       break;
     }
   }
-  if (!ok || tr->err != 0) return -1;
+  if (tr->err != 0) return -1;
   // A removal that leaves the surface where it was weighs its pieces, so
   // that such removals come in order of size.
   tr->weight = tr->score != 0.0 ? 0.0 : tr->area > 0.0 ? tr->area : qvStarArea(tr->v);
@@ -1038,8 +1039,7 @@ int32_t qvTrialApply(qvTrial* tr) {
     qvPiece* pieces = qvCoverPieces(c);
     if (!qvGrow(tr->affected, tr->affectedCap, c->n) || !qvGrow(tr->shelf, tr->shelfCap, c->n)) return -1;
     for (int32_t k = 0; k < c->n; ++k) tr->affected[k] = qvAffected{&pieces[k], worstFirst(pieces[k].bound, k)};
-    std::sort(tr->affected, tr->affected + c->n,
-              [](const qvAffected& a, const qvAffected& b) { return a.key < b.key; });
+    std::sort(tr->affected, tr->affected + c->n, keyBefore);
     for (int32_t k = 0; k < c->n; ++k) tr->shelf[k] = *tr->affected[k].piece;
     std::copy(tr->shelf, tr->shelf + c->n, pieces);
   }
