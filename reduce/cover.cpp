@@ -12,6 +12,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <limits>
 #include <unordered_map>
 #include <vector>
@@ -522,11 +523,8 @@ Certified bestHome(qvTrial* tr, const double* const q[3], double* const r[3], do
   return best;
 }
 
-// Certifies the piece with corners q (a fragment of src, null for a flat
-// piece's): a plan entry per piece or fragment that holds, true when all
-// hold; false when one can't be certified within the limits, or on failure
-// (tr->err).
-bool certify(qvTrial* tr, const double* const q[3], const qvTri* src, int32_t depth) {
+// The rows of the corners q, made on first use: false on failure (tr->err).
+bool rowsOf(qvTrial* tr, const double* const q[3], double* r[3]) {
   int32_t at[3];
   for (int k = 0; k < 3; ++k) {
     at[k] = rowOf(tr, q[k]);
@@ -535,8 +533,40 @@ bool certify(qvTrial* tr, const double* const q[3], const qvTri* src, int32_t de
       return false;
     }
   }
-  double* r[3];
   for (int k = 0; k < 3; ++k) r[k] = tr->rows + static_cast<size_t>(at[k]) * tr->nHomes;
+  return true;
+}
+
+// The best single or pair home of the piece with corners q, whatever the
+// score so far; bound +inf on failure (tr->err).
+Certified bestOf(qvTrial* tr, const double* const q[3]) {
+  double* r[3];
+  if (!rowsOf(tr, q, r)) return Certified{kInf, -1, kPieceSingle};
+  return bestHome(tr, q, r, -1.0);
+}
+
+// Whether piece is one of those the runs hold.
+bool listedPiece(const qvPieceRun* runs, int32_t nRuns, const qvPiece* piece) {
+  const std::less<const qvPiece*> before;
+  for (int32_t i = 0; i < nRuns; ++i) {
+    const qvPieceRun& run = runs[i];
+    if (run.pieces) {
+      if (!before(piece, run.pieces) && before(piece, run.pieces + run.n)) return true;
+      continue;
+    }
+    for (int32_t k = 0; k < run.n; ++k)
+      if (run.list[k].piece == piece) return true;
+  }
+  return false;
+}
+
+// Certifies the piece with corners q (a fragment of src, null for a flat
+// piece's): a plan entry per piece or fragment that holds, true when all
+// hold; false when one can't be certified within the limits, or on failure
+// (tr->err).
+bool certify(qvTrial* tr, const double* const q[3], const qvTri* src, int32_t depth) {
+  double* r[3];
+  if (!rowsOf(tr, q, r)) return false;
   // A home that keeps the piece within the score so far leaves the score
   // as it is, and is as good as the best for it.
   const Certified c = bestHome(tr, q, r, tr->score);
@@ -847,6 +877,7 @@ double qvPieceBound(const double* const q[3], qvHome* homes, int32_t n) {
 
 int32_t qvTrialCertify(qvTrial* tr, const qvRedParams* params) {
   tr->score = 0.0;
+  tr->critical = nullptr;
   tr->weight = 0;
   tr->nPlan = 0;
   tr->nTaken = 0;
@@ -976,6 +1007,17 @@ int32_t qvTrialCertify(qvTrial* tr, const qvRedParams* params) {
     std::sort(tr->affected + nearFirst, tr->affected + listed, keyBefore);
     runs[nRuns++] = qvPieceRun{nullptr, tr->affected + nearFirst, listed - nearFirst, 0};
   }
+  // A trial that must beat another weighs first the piece that held that
+  // one's score: when its best home keeps it within lim but not under beat,
+  // the trial is refused, in whatever order the rest would come.
+  if (tr->probe && tr->beat < kInf && listedPiece(runs, nRuns, tr->probe)) {
+    const Certified c = bestOf(tr, tr->probe->q);
+    if (tr->err != 0) return -1;
+    if (c.bound >= tr->beat && c.bound <= tr->lim2) {
+      tr->score = kInf;
+      return 0;
+    }
+  }
   // The merge: the head of the largest bound, of the earliest run among
   // equals, which is the order of the pieces' bounds and then of the covers
   // and their places in them.
@@ -996,7 +1038,10 @@ int32_t qvTrialCertify(qvTrial* tr, const qvRedParams* params) {
     if (runs[best].at < runs[best].n)
       for (const double* q : runs[best].head()->q) __builtin_prefetch(q);
     // Refused, or already no better than the bound it had to beat.
-    if (!certify(tr, piece.q, piece.src, 0) || tr->score >= tr->beat) {
+    const double before = tr->score;
+    const bool placed = certify(tr, piece.q, piece.src, 0);
+    if (tr->score > before) tr->critical = &piece;
+    if (!placed || tr->score >= tr->beat) {
       tr->score = kInf;
       break;
     }

@@ -261,6 +261,8 @@ struct qvTrial {
   qvPiece *shelf;         // room to sort a cover on commit
   int32_t shelfCap;
   double beat;            // the score to beat: a trial that can't is refused early
+  const qvPiece *critical;  // the piece the merge placed last at a new score: it holds the score
+  const qvPiece *probe;     // a piece of the star to weigh before the others, against beat; or null
   double lim2;
   qvCoverPool *pool;
   qvTrial *spare;         // where the next spoke is tried, made on first use
@@ -343,7 +345,10 @@ qvMesh *qvStarCopy(qvMesh *mesh, qvTri *t, const double *p, uint32_t outerMark);
 // in the way), -1 for a copy not as expected.
 [[nodiscard]] int32_t qvFanUnfold(qvMesh *copy, const double *w, bool anyRing);
 // Delaunay flips over the inner edges of the copy (ring edges, which bear
-// kEdgMarkOuter, stay) until none is made. The number of flips, or -1.
+// kEdgMarkOuter, stay) until none is made. The copy is of a star that
+// passes the link test at every spoke: no edge outside it joins two of its
+// ring vertices, so a new diagonal can only double a ring edge, and no fan
+// outside the copy is walked to find out. The number of flips, or -1.
 [[nodiscard]] int32_t qvFlipSweep(qvMesh *copy);
 // Retires the n triangles of a star that copy replaces: base ones keep their
 // place with kTriRetired, replacement ones are freed with the edges only they

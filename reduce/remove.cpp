@@ -536,6 +536,20 @@ int32_t qvFanUnfold(qvMesh* copy, const double* w, bool anyRing) {
   return applyFlips(copy, f) == 0 ? 0 : -1;
 }
 
+namespace {
+
+// Whether a and b are the ends of a ring edge of the copy.
+bool ringEdge(const qvMesh* copy, const double* a, const double* b) {
+  for (const qvTri* t = copy->tri; t; t = t->next)
+    for (const qvEdg* e : t->edg)
+      if ((e->flags & kEdgMarkOuter) &&
+          ((e->ends[0] == a && e->ends[1] == b) || (e->ends[0] == b && e->ends[1] == a)))
+        return true;
+  return false;
+}
+
+}  // namespace
+
 int32_t qvFlipSweep(qvMesh* copy) {
   if (!copy) return -1;
   int32_t flips = 0;
@@ -554,7 +568,7 @@ int32_t qvFlipSweep(qvMesh* copy) {
         if (r == 0) continue;
         double* quad[4];
         if (qvEdgQuad(&rec, 0, quad) != 0) return -1;
-        if (joinedOutside(quad[1], quad[3])) continue;
+        if (ringEdge(copy, quad[1], quad[3])) continue;
         if (qvFlipOp(copy, &rec) != 0) return -1;
         ++flips;
         again = true;
@@ -864,6 +878,7 @@ int32_t qvTrialRun(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvTrial* t
   const int32_t first = tr->only < 0 ? 0 : std::min(tr->only, all);
   const bool alone = tr->only >= 0 || params->quick;
   tr->beat = std::numeric_limits<double>::infinity();
+  tr->probe = nullptr;
   const int32_t r = trialAlong(mesh, params, tr, spokes.e[first / 2], first % 2 == 0);
   if (r != 0) return r;
   tr->spoke = first;
@@ -894,8 +909,10 @@ int32_t qvTrialRun(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvTrial* t
     if (t % 2 == 1 && flipped == 0) continue;
     markRing(tr, false);
     // Only a strictly smaller score wins: the certificate stops at the first
-    // piece that rules it out.
+    // piece that rules it out, and weighs first the piece that holds the
+    // score to beat, which most often does.
     alt->beat = tr->score;
+    alt->probe = tr->critical;
     if (!shareStar(tr, alt) || trialAlong(mesh, params, alt, spokes.e[t / 2], t % 2 == 0) < 0) {
       qvTrialDrop(tr);
       return FT_FAIL(-1);
