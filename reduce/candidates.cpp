@@ -585,10 +585,11 @@ constexpr uint8_t kQuickNext = 1;
 constexpr uint8_t kQuickDone = 2;
 
 // The quick sweep: the vertices in list order, each tried along its
-// shortest spoke and removed when it scores within the tolerance. The
-// vertices whose trials a removal changes (qvTrialTouched) wait for the
-// next sweep, so that the removals of one sweep lie apart and
-// no fan grows across a flat face by one removal after another. Sweeps go
+// shortest spoke, its fan not flipped, and removed when it scores within
+// the tolerance. The vertices whose trials a removal changes
+// (qvTrialTouched) wait for the next sweep, so that the removals of one
+// sweep lie apart and no fan grows across a flat face by one removal after
+// another. Sweeps go
 // on while any vertex waits. No order is kept, and a vertex is tried again
 // only when a removal changed its surroundings; like the full sweep, it ends
 // only when every vertex left was tried on the final mesh.

@@ -100,7 +100,8 @@
 // own, so rim vertices may slide along them. A block or a piece of a shell
 // keeps its rims, some of which are borders with its neighbours.
 [[nodiscard]] int32_t reduceWhole(qvMesh *mesh, double tol, const double *angle, int32_t *removed);
-// The same pass trying only the shortest spoke of each vertex, in list order
+// The same pass trying only the shortest spoke of each vertex, its fan
+// unfolded where it folds but not flipped, in list order
 // with no order by cost: sweep after sweep, each removing vertices apart from
 // one another, until every vertex left was refused on the final mesh (low
 // method), likewise; at a tolerance of 0 it runs no pass.
@@ -142,7 +143,7 @@ struct qvRedParams {
   double eta;          // the allowance for rounding, a share of the pass's largest coordinate
   double lim2;         // (t - eta)^2, rounded down: every certified bound is held to it
   qvCoverPool *pool;   // the pass's fragment corners; null outside a pass and at t = 0
-  bool quick;          // each vertex tries its shortest spoke only, in list order
+  bool quick;          // each vertex tries its shortest spoke only, unflipped, in list order
   bool rims;           // rim vertices may slide along their loops: the mesh is a whole shell,
                        // whose open boundaries are all its own
 };
