@@ -589,10 +589,10 @@ constexpr uint8_t kQuickDone = 2;
 // the tolerance. The vertices whose trials a removal changes
 // (qvTrialTouched) wait for the next sweep, so that the removals of one
 // sweep lie apart and no fan grows across a flat face by one removal after
-// another. Sweeps go
-// on while any vertex waits. No order is kept, and a vertex is tried again
-// only when a removal changed its surroundings; like the full sweep, it ends
-// only when every vertex left was tried on the final mesh.
+// another. Sweeps go on while any vertex waits. No order is kept, and a
+// vertex is tried again only when a removal changed its surroundings; like
+// the full sweep, it ends only when every vertex left was tried on the
+// final mesh.
 int32_t sweepQuick(qvMesh* mesh, const qvRedParams* params, qvTrial* tr) {
   const int32_t n = qvVtxCount(mesh->vtx);
   qvVtx** at = static_cast<qvVtx**>(ftMalloc(sizeof(qvVtx*) * (static_cast<size_t>(n) + 1)));

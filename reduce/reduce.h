@@ -101,10 +101,10 @@
 // keeps its rims, some of which are borders with its neighbours.
 [[nodiscard]] int32_t reduceWhole(qvMesh *mesh, double tol, const double *angle, int32_t *removed);
 // The same pass trying only the shortest spoke of each vertex, its fan
-// unfolded where it folds but not flipped, in list order
-// with no order by cost: sweep after sweep, each removing vertices apart from
-// one another, until every vertex left was refused on the final mesh (low
-// method), likewise; at a tolerance of 0 it runs no pass.
+// unfolded where it folds but not flipped, in list order with no order by
+// cost: sweep after sweep, each removing vertices apart from one another,
+// until every vertex left was refused on the final mesh (low method),
+// likewise; at a tolerance of 0 it runs no pass.
 [[nodiscard]] int32_t reduceQuick(qvMesh *mesh, double tol, const double *angle, int32_t *removed);
 
 // ---- Engine flags ---------------------------------------------------------------
