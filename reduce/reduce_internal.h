@@ -340,9 +340,10 @@ qvMesh *qvStarCopy(qvMesh *mesh, qvTri *t, const double *p, uint32_t outerMark);
 [[nodiscard]] int32_t qvFlipOp(qvMesh *copy, const qvFlipRec *rec);
 // When the fan from w in the copy (a collapse onto w, ring in (u, v)) folds
 // over in (u, v), flips it into a triangulation of the ring by clipped ears.
-// 0 when the fan is unfolded or didn't fold, 1 when it stays as it is (a
-// ring too long or degenerate, no ear, a valence or an edge outside the copy
-// in the way), -1 for a copy not as expected.
+// The copy is of a star that passes the link test at every spoke, as for
+// qvFlipSweep. 0 when the fan is unfolded or didn't fold, 1 when it stays as
+// it is (a ring too long or degenerate, no ear, a valence or a ring edge in
+// the way), -1 for a copy not as expected.
 [[nodiscard]] int32_t qvFanUnfold(qvMesh *copy, const double *w, bool anyRing);
 // Delaunay flips over the inner edges of the copy (ring edges, which bear
 // kEdgMarkOuter, stay) until none is made. The copy is of a star that
@@ -366,7 +367,8 @@ qvMesh *qvStarCopy(qvMesh *mesh, qvTri *t, const double *p, uint32_t outerMark);
 // certified within eta, and keeps the best: 0 with tr->copy, tr->score and
 // tr->spoke set, 1 when v is no candidate or has no further spoke (tr holds
 // no copy), -1 on failure. With tr->only set, the spoke in that place alone
-// is tried (the last one when there are fewer). The mesh is unchanged apart
+// is tried (the last one when there are fewer); with params->quick, the
+// shortest spoke alone, its fan not flipped. The mesh is unchanged apart
 // from the order of records at the list heads and the mark on the ring edges.
 [[nodiscard]] int32_t qvTrialRun(qvMesh *mesh, qvVtx *v, const qvRedParams *params, qvTrial *tr);
 // Throws the trial's copy away and clears the ring edges' mark.

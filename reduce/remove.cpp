@@ -276,30 +276,18 @@ int32_t qvFlipOp(qvMesh* copy, const qvFlipRec* rec) {
 
 namespace {
 
-struct CornerSeek {
-  const double* other;
-  bool found;
-};
-
-int32_t seekCorner(qvTri* t, void* ctx) {
-  auto& c = *static_cast<CornerSeek*>(ctx);
-  double* h[3];
-  if (qvTriCorners(t, 0, h) != 0 || h[0] == c.other || h[1] == c.other || h[2] == c.other) {
-    c.found = true;
-    return 1;
-  }
-  return 0;
-}
-
-// Whether an edge of the mesh, outside the copy, already joins the ends of a
-// new diagonal: the live fan of a at its entry triangle holds b. A flip to
-// such a diagonal would give the edge a third and fourth triangle.
-bool joinedOutside(const double* a, const double* b) {
-  qvTri* t = static_cast<qvTri*>(qvVtxOf(a)->aux);
-  if (!t) return true;
-  CornerSeek seek{b, false};
-  const int32_t r = qvFanWalk(t, a, seekCorner, &seek);
-  return seek.found || (r != 0 && r != 1 && r != -1);
+// Whether a and b are the ends of a ring edge of the copy. The copies
+// that unfold and flip are of stars that pass the link test at every spoke,
+// so no edge outside them joins two ring vertices but a ring edge: a new
+// diagonal between the ends of one would give that edge a third and fourth
+// triangle.
+bool ringEdge(const qvMesh* copy, const double* a, const double* b) {
+  for (const qvTri* t = copy->tri; t; t = t->next)
+    for (const qvEdg* e : t->edg)
+      if ((e->flags & kEdgMarkOuter) &&
+          ((e->ends[0] == a && e->ends[1] == b) || (e->ends[0] == b && e->ends[1] == a)))
+        return true;
+  return false;
 }
 
 }  // namespace
@@ -532,23 +520,9 @@ int32_t qvFanUnfold(qvMesh* copy, const double* w, bool anyRing) {
   if (!folded) return 0;
   if (!clipEars(&f, sense) || !toFan(&f) || !valencesHold(f)) return 1;
   for (int32_t k = 0; k < f.nFlips; ++k)
-    if (joinedOutside(f.poly[f.flips[k][0]], f.poly[f.flips[k][1]])) return 1;
+    if (ringEdge(copy, f.poly[f.flips[k][0]], f.poly[f.flips[k][1]])) return 1;
   return applyFlips(copy, f) == 0 ? 0 : -1;
 }
-
-namespace {
-
-// Whether a and b are the ends of a ring edge of the copy.
-bool ringEdge(const qvMesh* copy, const double* a, const double* b) {
-  for (const qvTri* t = copy->tri; t; t = t->next)
-    for (const qvEdg* e : t->edg)
-      if ((e->flags & kEdgMarkOuter) &&
-          ((e->ends[0] == a && e->ends[1] == b) || (e->ends[0] == b && e->ends[1] == a)))
-        return true;
-  return false;
-}
-
-}  // namespace
 
 int32_t qvFlipSweep(qvMesh* copy) {
   if (!copy) return -1;
