@@ -6,8 +6,9 @@
 // each welded and reduced by itself and never joined to its neighbours. Below
 // kStreamedFrom facets every facet is held in memory; from there on only a key
 // per facet, and each run is fetched from the file when its turn comes. On
-// both routes the next run is fetched and assembled on a thread of its own
-// while the one before it is reduced and written.
+// both routes the next run is fetched, assembled and given the first cut of
+// its first shell on a thread of its own while the one before it is reduced
+// and written.
 // reduceHigh reads the whole file's facets, assembles them into one chain of
 // shells and reduces it shell by shell.
 //
@@ -35,37 +36,52 @@
 
 // ---- One mesh and a chain of meshes ---------------------------------------------
 
-int reduceOneMesh(qvMesh *mesh, FILE *file, int format, int method, double tolerance,
-                  const double *angle, int32_t *oldCount) {
+namespace {
+
+// Reduces the shell in shell->first, or, with shell->second set, the halves
+// of its first cut (reduceParallelFirstCut) for the block methods; writes it,
+// releases both and flushes. As reduceOneMesh.
+int reduceShell(qvMeshPair *shell, FILE *file, int format, int method, double tolerance,
+                const double *angle, int32_t *oldCount) {
   int32_t unused;
   int32_t &old = oldCount ? *oldCount : unused;
   old = 0;
-  if (!mesh || !file) {
-    qvMeshFree(mesh);
+  const bool cut = shell->second != nullptr;
+  if (!shell->first || !file || (cut && method != kMethodLow && method != kMethodMedium)) {
+    qvMeshDeleteAll(shell->first);
+    qvMeshDeleteAll(shell->second);
     if (file) {
       std::fflush(file);
     }
     return FT_FAIL(-1);
   }
-  old += qvTriCount(mesh->tri);
+  for (const qvMesh *half : {shell->first, shell->second}) {
+    for (const qvMesh *piece = half; piece; piece = piece->next) {
+      old += qvTriCount(piece->tri);
+    }
+  }
   progressStage(kStageReduce);
   // Only the sign of the engine's result counts: the number removed is taken
   // from the triangles written.
   int32_t engine;
   switch (method) {
   case kMethodLow:
-    engine = reduceParallelLow(mesh, tolerance, angle);
+    engine = cut ? reduceParallelLowCut(shell, tolerance, angle)
+                 : reduceParallelLow(shell->first, tolerance, angle);
     break;
   case kMethodMedium:
-    engine = reduceParallelMedium(mesh, tolerance, angle);
+    engine = cut ? reduceParallelMediumCut(shell, tolerance, angle)
+                 : reduceParallelMedium(shell->first, tolerance, angle);
     break;
   default:
     // The whole shell is the leaf; the parallel entries note their own.
     ftProgress(kProgressLeaf, 0);
-    engine = reduceWhole(mesh, tolerance, angle, nullptr);
+    engine = reduceWhole(shell->first, tolerance, angle, nullptr);
     ftProgress(kProgressLeafEnd, 0);
     break;
   }
+  qvMesh *mesh = shell->first;
+  shell->first = nullptr;
   if (engine < 0) {
     qvMeshFree(mesh);
     std::fflush(file);
@@ -81,6 +97,23 @@ int reduceOneMesh(qvMesh *mesh, FILE *file, int format, int method, double toler
     return FT_FAIL(-1);
   }
   return written;
+}
+
+} // namespace
+
+int reduceOneMesh(qvMesh *mesh, FILE *file, int format, int method, double tolerance,
+                  const double *angle, int32_t *oldCount) {
+  qvMeshPair shell = {mesh, nullptr};
+  if (!mesh) {
+    if (oldCount) {
+      *oldCount = 0;
+    }
+    if (file) {
+      std::fflush(file);
+    }
+    return FT_FAIL(-1);
+  }
+  return reduceShell(&shell, file, format, method, tolerance, angle, oldCount);
 }
 
 int reduceMeshChain(qvMesh *chain, FILE *file, const char *name, int format, int method,
@@ -180,22 +213,32 @@ qvMesh *assembleRun(const FacetSource &source, int start, int size, int *shells,
 }
 
 // The next run of the block loop, read and assembled on a thread of its own
-// while the main thread reduces and writes the run before it. The mesh is
+// while the main thread reduces and writes the run before it. The thread
+// also makes the first cut of the run's first shell, which the reduction
+// would otherwise make on one core while the other waits. The meshes are
 // the same whenever the thread runs: it owns the input file and its own
 // records until it is joined, and touches nothing else the main thread does.
 struct NextRun {
   const FacetSource *source;
   int start;
   int size;
-  qvMesh *mesh;  // the chain made, or null
-  int shells;    // as assembleRun
+  qvMesh *mesh;    // the chain made, or null; without its first shell when first is set
+  qvMeshPair first; // the first shell, or the halves of its first cut; both null when not taken
+  int shells;      // as assembleRun; -1 as well when the first cut failed
   pthread_t thread;
-  bool running;  // the thread was started and is not joined yet
+  bool running;    // the thread was started and is not joined yet
 };
 
 void *assembleNextRun(void *argument) {
   auto *next = static_cast<NextRun *>(argument);
   next->mesh = assembleRun(*next->source, next->start, next->size, &next->shells, false);
+  if (next->mesh && next->shells > 0) {
+    qvMesh *shell = next->mesh;
+    next->mesh = qvMeshUnchain(next->mesh, shell);
+    if (reduceParallelFirstCut(shell, &next->first) < 0) {
+      next->shells = -1;
+    }
+  }
   return nullptr;
 }
 
@@ -207,6 +250,7 @@ void startNextRun(NextRun &next, int start, int size) {
   next.start = start;
   next.size = size;
   next.mesh = nullptr;
+  next.first = {nullptr, nullptr};
   next.shells = -1;
   sigset_t all;
   sigset_t before;
@@ -217,28 +261,37 @@ void startNextRun(NextRun &next, int start, int size) {
 }
 
 // The next run's chain: the thread's, once it has ended, or assembled now.
-qvMesh *takeNextRun(NextRun &next, int *shells) {
+// first receives the shell the thread took off the chain's head, or
+// (null, null).
+qvMesh *takeNextRun(NextRun &next, int *shells, qvMeshPair *first) {
+  *first = {nullptr, nullptr};
   if (!next.running) {
     return assembleRun(*next.source, next.start, next.size, shells, true);
   }
-  // The wait is what the run still spends on fetching and assembly.
+  // The wait is what the run still spends on fetching, assembly and its
+  // first cut.
   progressStage(kStageAssembly);
   pthread_join(next.thread, nullptr);
   next.running = false;
   *shells = next.shells;
+  *first = next.first;
+  next.first = {nullptr, nullptr};
   qvMesh *mesh = next.mesh;
   next.mesh = nullptr;
   return mesh;
 }
 
-// After a failure: the thread is joined and its chain freed.
+// After a failure: the thread is joined and its meshes freed.
 void dropNextRun(NextRun &next) {
   if (next.running) {
     pthread_join(next.thread, nullptr);
     next.running = false;
   }
   qvMeshDeleteAll(next.mesh);
+  qvMeshDeleteAll(next.first.first);
+  qvMeshDeleteAll(next.first.second);
   next.mesh = nullptr;
+  next.first = {nullptr, nullptr};
 }
 
 // The allocator's settings for the block loop. Every block allocates and
@@ -289,25 +342,50 @@ int64_t reduceBlocks(const FacetSource &source, int count, FILE *output, int met
   int64_t removedSum = 0;
   const int blocks = (count + kFacetBlockSize - 1) / kFacetBlockSize;
   settleBlockMemory();
-  NextRun next = {&source, 0, std::min(kFacetBlockSize, count), nullptr, -1, {}, false};
+  NextRun next = {&source, 0, std::min(kFacetBlockSize, count), nullptr, {nullptr, nullptr}, -1, {}, false};
   for (int start = 0; start < count; start += kFacetBlockSize) {
     const int size = std::min(kFacetBlockSize, count - start);
     progressUnit(kUnitBlock, start / kFacetBlockSize, blocks, size, count);
     // With no tolerance only coinciding coordinates weld. A run that leaves no
     // triangle fails the whole run.
     int shells = -1;
-    qvMesh *mesh = takeNextRun(next, &shells);
-    if (start + size < count) {
-      startNextRun(next, start + size, std::min(kFacetBlockSize, count - start - size));
+    qvMeshPair first = {nullptr, nullptr};
+    qvMesh *mesh;
+    if (start == 0 && source.table && size < count) {
+      // The in-memory route only reads the facets: the second run's thread
+      // starts before the first run is assembled, which would otherwise
+      // leave the other cores waiting.
+      startNextRun(next, size, std::min(kFacetBlockSize, count - size));
+      mesh = assembleRun(source, 0, size, &shells, true);
+    } else {
+      mesh = takeNextRun(next, &shells, &first);
+      if (start + size < count) {
+        startNextRun(next, start + size, std::min(kFacetBlockSize, count - start - size));
+      }
     }
-    if (!mesh || shells < 1) {
+    if ((!mesh && !first.first) || shells < 1) {
       qvMeshDeleteAll(mesh);
+      qvMeshDeleteAll(first.first);
+      qvMeshDeleteAll(first.second);
       dropNextRun(next);
       return FT_FAIL(-1);
     }
+    // The shell the producer took off the head comes first, as in the chain.
+    if (first.first) {
+      int32_t old = 0;
+      const int written = reduceShell(&first, output, kStlBinary, method, tolerance, angle, &old);
+      if (written < 0) {
+        qvMeshDeleteAll(mesh);
+        dropNextRun(next);
+        return FT_FAIL(-1);
+      }
+      oldSum += old;
+      removedSum += old - written;
+    }
     int32_t old = 0;
-    const int removed = reduceMeshChain(mesh, output, nullptr, kStlBinary, method, tolerance,
-                                        angle, &old);
+    const int removed = mesh ? reduceMeshChain(mesh, output, nullptr, kStlBinary, method,
+                                               tolerance, angle, &old)
+                             : 0;
     if (removed < 0) {
       dropNextRun(next);
       return FT_FAIL(-1);

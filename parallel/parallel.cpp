@@ -88,6 +88,38 @@ int32_t reduceLeaf(qvMesh *mesh, double tolerance, const double *angleRef,
   return status < 0 ? -1 : removed;
 }
 
+// Reduces the two meshes of pair side by side at depth d, each as a node of
+// the next level, and joins them into pair->first. Each section owns its
+// mesh until the barrier at the end of the region; the parent touches pair
+// only before and after. A failing branch doesn't stop its sibling: both are
+// joined before either result is looked at.
+int32_t reduceFork(qvMeshPair *pair, double tolerance, const double *angleRef, int32_t d,
+                   int32_t maxDepth, const qvParMethod *method) {
+  int32_t results[2] = {0, 0};
+#pragma omp parallel sections num_threads(kForkThreads)
+  {
+#pragma omp section
+    results[0] = reduceNodeWith(pair->first, tolerance, angleRef, d, maxDepth, method);
+#pragma omp section
+    results[1] = reduceNodeWith(pair->second, tolerance, angleRef, d, maxDepth, method);
+  }
+  if (qvMeshJoin(pair) != 0) return FT_FAIL(-1);
+
+  if (results[0] < 0 || results[1] < 0) return FT_FAIL(-1);
+  const int64_t sum = static_cast<int64_t>(results[0]) + results[1];
+  return sum > INT32_MAX ? -1 : static_cast<int32_t>(sum);
+}
+
+// Whether the recursion cuts a single mesh at depth d rather than reducing it
+// as a leaf: below maxDepth, and kForkMin triangles or more. Only whether the
+// list reaches kForkMin is counted; the cut counts the list as it sorts it.
+bool cutsAt(const qvMesh *mesh, int32_t d, int32_t maxDepth) {
+  if (d >= maxDepth) return false;
+  int32_t count = 0;
+  for (const qvTri *t = mesh->tri; t && count < kForkMin; t = t->next) ++count;
+  return count >= kForkMin;
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------------------
@@ -142,11 +174,7 @@ int32_t reduceNodeWith(qvMesh *mesh, double tolerance, const double *angleRef, i
       if (method->progress) std::printf(kLineFinal, d);
       return reduceLeaf(mesh, tolerance, angleRef, method);
     }
-    // Only whether the list reaches kForkMin is counted here; the cut counts
-    // the list as it sorts it.
-    int32_t count = 0;
-    for (const qvTri *t = mesh->tri; t && count < kForkMin; t = t->next) ++count;
-    if (count < kForkMin) {
+    if (!cutsAt(mesh, d, maxDepth)) {
       if (method->progress) std::printf(kLineStop, d);
       return reduceLeaf(mesh, tolerance, angleRef, method);
     }
@@ -156,22 +184,7 @@ int32_t reduceNodeWith(qvMesh *mesh, double tolerance, const double *angleRef, i
     }
   }
 
-  // Each section owns its half until the barrier at the end of the region;
-  // the parent touches pair only before and after. A failing branch doesn't
-  // stop its sibling: both are joined before either result is looked at.
-  int32_t results[2] = {0, 0};
-#pragma omp parallel sections num_threads(kForkThreads)
-  {
-#pragma omp section
-    results[0] = reduceNodeWith(pair.first, tolerance, angleRef, d, maxDepth, method);
-#pragma omp section
-    results[1] = reduceNodeWith(pair.second, tolerance, angleRef, d, maxDepth, method);
-  }
-  if (qvMeshJoin(&pair) != 0) return FT_FAIL(-1);
-
-  if (results[0] < 0 || results[1] < 0) return FT_FAIL(-1);
-  const int64_t sum = static_cast<int64_t>(results[0]) + results[1];
-  return sum > INT32_MAX ? -1 : static_cast<int32_t>(sum);
+  return reduceFork(&pair, tolerance, angleRef, d, maxDepth, method);
 }
 
 int32_t reduceNodeMedium(qvMesh *mesh, double tolerance, const double *angleRef, int32_t depth,
@@ -187,8 +200,13 @@ int32_t reduceNodeLow(qvMesh *mesh, double tolerance, const double *angleRef, in
 // ---------------------------------------------------------------------------
 // Entries
 
-int32_t reduceParallelWith(qvMesh *mesh, double tolerance, const double *angleRef,
-                           const qvParMethod *method) {
+namespace {
+
+// Sets up the recursion and runs it: on mesh from the root, or, with cut
+// given, from the fork of the halves of mesh's first cut, printing the lines
+// the root prints before it forks.
+int32_t runEntry(qvMesh *mesh, qvMeshPair *cut, double tolerance, const double *angleRef,
+                 const qvParMethod *method) {
   assert(method && method->leaf);
   const int32_t procs = omp_get_num_procs();
   const int levels = omp_get_max_active_levels();
@@ -201,16 +219,56 @@ int32_t reduceParallelWith(qvMesh *mesh, double tolerance, const double *angleRe
   // The predicates' constants are written once; doing it before the first
   // fork keeps every leaf from racing on that set-up.
   exactinit();
-  const int32_t result = reduceNodeWith(mesh, tolerance, angleRef, -1, maxDepth, method);
+  int32_t result;
+  if (cut) {
+    if (method->progress) std::printf(kLineCurrent, 0);
+    result = reduceFork(cut, tolerance, angleRef, 0, maxDepth, method);
+  } else {
+    result = reduceNodeWith(mesh, tolerance, angleRef, -1, maxDepth, method);
+  }
 
   if (nestingWasOff) omp_set_max_active_levels(levels);
   return result;
 }
 
+bool madeCut(const qvMeshPair *cut) { return cut && cut->first && cut->second && !cut->first->prev; }
+
+}  // namespace
+
+int32_t reduceParallelWith(qvMesh *mesh, double tolerance, const double *angleRef,
+                           const qvParMethod *method) {
+  return runEntry(mesh, nullptr, tolerance, angleRef, method);
+}
+
 int32_t reduceParallelMedium(qvMesh *mesh, double tolerance, const double *angleRef) {
-  return reduceParallelWith(mesh, tolerance, angleRef, &kMedium);
+  return runEntry(mesh, nullptr, tolerance, angleRef, &kMedium);
 }
 
 int32_t reduceParallelLow(qvMesh *mesh, double tolerance, const double *angleRef) {
-  return reduceParallelWith(mesh, tolerance, angleRef, &kLow);
+  return runEntry(mesh, nullptr, tolerance, angleRef, &kLow);
+}
+
+int32_t reduceParallelFirstCut(qvMesh *shell, qvMeshPair *pair) {
+  if (!pair) return FT_FAIL(-1);
+  *pair = {shell, nullptr};
+  if (!shell || shell->next || shell->prev) return FT_FAIL(-1);
+  // The root is depth 0 and cuts where reduceNodeWith would.
+  if (!cutsAt(shell, 0, reduceMaxDepth(omp_get_num_procs()))) return 0;
+  // One thread: the cores are the reduction's. A team of its own would also
+  // bring new threads, and with them new allocator arenas, for every run.
+  if (qvMeshCutWith(shell, -1, pair, 1) != 0) {
+    gatherPieces(shell, pair);
+    return FT_FAIL(-1);
+  }
+  return 1;
+}
+
+int32_t reduceParallelMediumCut(qvMeshPair *cut, double tolerance, const double *angleRef) {
+  if (!madeCut(cut)) return FT_FAIL(-1);
+  return runEntry(nullptr, cut, tolerance, angleRef, &kMedium);
+}
+
+int32_t reduceParallelLowCut(qvMeshPair *cut, double tolerance, const double *angleRef) {
+  if (!madeCut(cut)) return FT_FAIL(-1);
+  return runEntry(nullptr, cut, tolerance, angleRef, &kLow);
 }

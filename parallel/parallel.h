@@ -19,6 +19,21 @@
 [[nodiscard]] int32_t reduceParallelMedium(qvMesh *mesh, double tolerance, const double *angleRef);
 [[nodiscard]] int32_t reduceParallelLow(qvMesh *mesh, double tolerance, const double *angleRef);
 
+struct qvMeshPair;
+// The first cut of the recursion, made ahead of the reduction, so that it can
+// run on another thread while something else is reduced: 1 with pair
+// holding the halves as qvMeshCut leaves them; 0 when the entries would not
+// cut the shell (one processor, or a small shell), pair then (shell, null);
+// -1 for a shell in a chain or a failed cut, pair (shell, null) and every
+// record back in shell, which is good only for being freed.
+[[nodiscard]] int32_t reduceParallelFirstCut(qvMesh *shell, qvMeshPair *pair);
+// The entries on a shell whose first cut reduceParallelFirstCut made: the
+// same result, leaves and progress lines as on the shell itself. They take
+// both halves; afterwards cut->first holds every triangle, with null next,
+// and cut->second is null. -1 with nothing taken when cut holds no such cut.
+[[nodiscard]] int32_t reduceParallelMediumCut(qvMeshPair *cut, double tolerance, const double *angleRef);
+[[nodiscard]] int32_t reduceParallelLowCut(qvMeshPair *cut, double tolerance, const double *angleRef);
+
 // ---- Partition ----------------------------------------------------------------
 //
 // A cut gives two meshes that share no record and no adj: the lower part of

@@ -31,3 +31,7 @@ constexpr int32_t kForkMin = 5000;
 // the recursion and put back on every path. The result of the recursion.
 [[nodiscard]] int32_t reduceParallelWith(qvMesh *mesh, double tolerance, const double *angleRef,
                            const qvParMethod *method);
+
+// qvMeshCut with the two halves settled by threads threads (1 or 2) side by
+// side, with the same result.
+[[nodiscard]] int32_t qvMeshCutWith(qvMesh *mesh, int32_t count, qvMeshPair *pair, int32_t threads);

@@ -14,7 +14,7 @@
 #include <cstdlib>
 #include <functional>
 
-#include "parallel/parallel.h"
+#include "parallel/parallel_internal.h"
 #include "kernels/alloc.h"
 #include "kernels/failure.h"
 
@@ -708,7 +708,9 @@ int32_t qvMeshUnpinch(qvMesh *mesh, qvVtx *(*clone)(const qvVtx *)) {
   return extra;
 }
 
-int32_t qvMeshCut(qvMesh *mesh, int32_t count, qvMeshPair *pair) {
+int32_t qvMeshCut(qvMesh *mesh, int32_t count, qvMeshPair *pair) { return qvMeshCutWith(mesh, count, pair, 2); }
+
+int32_t qvMeshCutWith(qvMesh *mesh, int32_t count, qvMeshPair *pair, int32_t threads) {
   if (!pair) return FT_FAIL(-1);
   pair->first = nullptr;
   pair->second = nullptr;
@@ -738,7 +740,7 @@ int32_t qvMeshCut(qvMesh *mesh, int32_t count, qvMeshPair *pair) {
   // out in the order of its list (piecesOfHalf).
   qvMesh *const halves[2] = {pair->first, pair->second};
   int32_t settled[2] = {0, 0};
-#pragma omp parallel for num_threads(2) schedule(static, 1)
+#pragma omp parallel for num_threads(2) schedule(static, 1) if (threads > 1)
   for (int32_t i = 0; i < 2; ++i) {
     if (i == 1 && moved.at) (void)qvMeshPlaceEdges(halves[i], moved.at, moved.n);
     settled[i] = qvMeshUnpinch(halves[i], qvVtxClone) < 0 || piecesOfHalf(halves[i]) < 0

@@ -227,3 +227,46 @@ TEST(ParallelEntry, ForksInsideForksRunNested) {
   EXPECT_EQ(omp_get_max_active_levels(), 1);
   qvMeshFree(m);
 }
+
+// The first cut made ahead, as the block loop makes it on its producer
+// thread, changes nothing: the same triangles in the same order, the same
+// count and the same lines. A shell still in a chain is refused whole.
+TEST(ParallelEntry, FirstCutMadeAheadReducesAsTheShellItself) {
+  const std::vector<Corners> torus = refine(readStl("torus.stl"));
+  for (const bool low : {false, true}) {
+    std::vector<Corners> out[2];
+    std::string lines[2];
+    int32_t removed[2] = {0, 0};
+    for (int ahead = 0; ahead < 2; ++ahead) {
+      qvMesh* m = soupOf(torus);
+      ASSERT_EQ(qvMeshAssemble(m, nullptr), 1);
+      qvMeshPair cut = {nullptr, nullptr};
+      const int32_t made = ahead ? reduceParallelFirstCut(m, &cut) : 0;
+      ASSERT_EQ(made, omp_get_num_procs() > 1 ? ahead : 0);
+      testing::internal::CaptureStdout();
+      if (made == 1)
+        removed[ahead] = low ? reduceParallelLowCut(&cut, 0.01, nullptr) : reduceParallelMediumCut(&cut, 0.01, nullptr);
+      else
+        removed[ahead] = low ? reduceParallelLow(m, 0.01, nullptr) : reduceParallelMedium(m, 0.01, nullptr);
+      lines[ahead] = testing::internal::GetCapturedStdout();
+      EXPECT_EQ(made == 1 ? cut.first : m, m);
+      EXPECT_EQ(cut.second, nullptr);
+      EXPECT_EQ(m->next, nullptr);
+      EXPECT_EQ(validateText(m), "");
+      out[ahead] = cornerList(m);
+      qvMeshFree(m);
+    }
+    EXPECT_GT(removed[0], 0);
+    EXPECT_EQ(removed[0], removed[1]);
+    EXPECT_EQ(lines[0], lines[1]);
+    EXPECT_EQ(out[0], out[1]);
+  }
+  qvMesh* chain = models();
+  qvMeshPair cut = {nullptr, nullptr};
+  EXPECT_EQ(reduceParallelFirstCut(chain, &cut), -1);
+  EXPECT_EQ(cut.first, chain);
+  EXPECT_EQ(cut.second, nullptr);
+  EXPECT_EQ(reduceParallelLowCut(&cut, 0.01, nullptr), -1);
+  EXPECT_EQ(chainTris(chain), 16384 + 14696 + 4);
+  qvMeshDeleteAll(chain);
+}
