@@ -6,9 +6,9 @@
 // each welded and reduced by itself and never joined to its neighbours. Below
 // kStreamedFrom facets every facet is held in memory; from there on only a key
 // per facet, and each run is fetched from the file when its turn comes. On
-// both routes the next run is fetched, assembled and given the first cut of
-// its first shell on a thread of its own while the one before it is reduced
-// and written.
+// both routes the next run is fetched and assembled on a thread of its own
+// while the one before it is reduced and written; on the in-memory route that
+// thread also makes the first cut of the run's first shell.
 // reduceHigh reads the whole file's facets, assembles them into one chain of
 // shells and reduces it shell by shell.
 //
@@ -220,9 +220,10 @@ qvMesh *assembleRun(const FacetSource &source, int start, int size, int *shells,
 // reduction would otherwise make at its start; the cut is the same whoever
 // makes it, so only the time depends on which thread does. The streamed
 // route leaves it to the reduction: its thread reads the file as well, and
-// on a 14,000,000-facet field the cut made there cost 2 to 3 % more time. The meshes are the same whenever the thread runs: it
-// owns the input file and its own records until it is joined, and touches
-// nothing else the main thread does.
+// on a 14,000,000-facet field the cut made there cost 2 to 3 % more time.
+// The meshes are the same whenever the thread runs: it owns the input file
+// and its own records until it is joined, and touches nothing else the main
+// thread does.
 struct NextRun {
   const FacetSource *source;
   int start;
@@ -352,7 +353,8 @@ int64_t reduceBlocks(const FacetSource &source, int count, FILE *output, int met
   int64_t removedSum = 0;
   const int blocks = (count + kFacetBlockSize - 1) / kFacetBlockSize;
   settleBlockMemory();
-  NextRun next = {&source, 0, std::min(kFacetBlockSize, count), nullptr, {nullptr, nullptr}, -1, {}, false, {false}};
+  NextRun next = {&source, 0, std::min(kFacetBlockSize, count), nullptr, {nullptr, nullptr},
+                  -1, {}, false, {false}};
   for (int start = 0; start < count; start += kFacetBlockSize) {
     const int size = std::min(kFacetBlockSize, count - start);
     progressUnit(kUnitBlock, start / kFacetBlockSize, blocks, size, count);

@@ -708,7 +708,9 @@ int32_t qvMeshUnpinch(qvMesh *mesh, qvVtx *(*clone)(const qvVtx *)) {
   return extra;
 }
 
-int32_t qvMeshCut(qvMesh *mesh, int32_t count, qvMeshPair *pair) { return qvMeshCutWith(mesh, count, pair, 2); }
+int32_t qvMeshCut(qvMesh *mesh, int32_t count, qvMeshPair *pair) {
+  return qvMeshCutWith(mesh, count, pair, 2);
+}
 
 int32_t qvMeshCutWith(qvMesh *mesh, int32_t count, qvMeshPair *pair, int32_t threads) {
   if (!pair) return FT_FAIL(-1);

@@ -245,7 +245,8 @@ TEST(ParallelEntry, FirstCutMadeAheadReducesAsTheShellItself) {
       ASSERT_EQ(made, omp_get_num_procs() > 1 ? ahead : 0);
       testing::internal::CaptureStdout();
       if (made == 1)
-        removed[ahead] = low ? reduceParallelLowCut(&cut, 0.01, nullptr) : reduceParallelMediumCut(&cut, 0.01, nullptr);
+        removed[ahead] =
+            low ? reduceParallelLowCut(&cut, 0.01, nullptr) : reduceParallelMediumCut(&cut, 0.01, nullptr);
       else
         removed[ahead] = low ? reduceParallelLow(m, 0.01, nullptr) : reduceParallelMedium(m, 0.01, nullptr);
       lines[ahead] = testing::internal::GetCapturedStdout();
