@@ -1616,7 +1616,8 @@ void moveBehind(qvTri*& head, qvTri* t, qvTri* n) {
 // mesh of the new part of the chain through last; the count, or -1. The
 // marks are cleared along a trail of the triangles passed, not by chasing
 // the list again in its new order.
-int32_t splitTriangles(qvMesh* mesh, qvMesh*& last) {
+// With flooded, the list stands in that order already and nothing moves.
+int32_t splitTriangles(qvMesh* mesh, qvMesh*& last, bool flooded) {
   int32_t shells = 0;
   qvMesh* c = mesh;
   ftmesh::Trail<qvTri> passed;
@@ -1645,7 +1646,7 @@ int32_t splitTriangles(qvMesh* mesh, qvMesh*& last) {
     for (qvTri* n : t->adj) {
       if (!n || (n->flags & kTriMarkVisit)) continue;
       n->flags |= kTriMarkVisit;
-      moveBehind(c->tri, t, n);
+      if (!flooded) moveBehind(c->tri, t, n);
     }
   }
   last = c;
@@ -1759,10 +1760,12 @@ bool splitVtx(qvMesh* mesh, qvMesh* last, qvVtx* (*clone)(const qvVtx*)) {
 
 }  // namespace
 
-int32_t qvMeshShells(qvMesh* mesh, qvVtx* (*clone)(const qvVtx*)) {
+namespace {
+
+int32_t shellsOf(qvMesh* mesh, qvVtx* (*clone)(const qvVtx*), bool flooded) {
   if (!mesh || !clone) return FT_FAIL(-1);
   qvMesh* last = mesh;
-  int32_t shells = splitTriangles(mesh, last);
+  int32_t shells = splitTriangles(mesh, last, flooded);
   if (shells <= 1 && last == mesh) return shells;
 
   qvVtxSetTag(mesh->vtx, 0);
@@ -1781,6 +1784,12 @@ int32_t qvMeshShells(qvMesh* mesh, qvVtx* (*clone)(const qvVtx*)) {
   mesh->topo = nullptr;
   return ok ? shells : -1;
 }
+
+}  // namespace
+
+int32_t qvMeshShells(qvMesh* mesh, qvVtx* (*clone)(const qvVtx*)) { return shellsOf(mesh, clone, false); }
+
+int32_t qvMeshShellsFlooded(qvMesh* mesh, qvVtx* (*clone)(const qvVtx*)) { return shellsOf(mesh, clone, true); }
 
 int32_t qvMeshAssemble(qvMesh* mesh, const double* tol) {
   if (qvMeshStitch(mesh, tol) != 0) return FT_FAIL(-1);
@@ -1805,11 +1814,13 @@ qvMesh* qvMeshAssembleCorners(const float* const* corners, int32_t n, const doub
   return mesh;
 }
 
-int32_t qvFloodList(const int32_t* adj, int32_t* next, int32_t* prev, int32_t* head, bool* reached) {
+namespace {
+
+int32_t floodPieces(const int32_t* adj, int32_t* next, int32_t* prev, int32_t* head, bool* reached, int32_t most) {
   int32_t pieces = 0;
   for (int32_t t = *head; t >= 0; t = next[t]) {
     if (!reached[t]) {
-      if (++pieces > 1) break;
+      if (++pieces > most) break;
       reached[t] = true;
     }
     for (int k = 0; k < 3; ++k) {
@@ -1827,4 +1838,14 @@ int32_t qvFloodList(const int32_t* adj, int32_t* next, int32_t* prev, int32_t* h
     }
   }
   return pieces;
+}
+
+}  // namespace
+
+int32_t qvFloodList(const int32_t* adj, int32_t* next, int32_t* prev, int32_t* head, bool* reached) {
+  return floodPieces(adj, next, prev, head, reached, 1);
+}
+
+int32_t qvFloodAll(const int32_t* adj, int32_t* next, int32_t* prev, int32_t* head, bool* reached) {
+  return floodPieces(adj, next, prev, head, reached, INT32_MAX);
 }

@@ -421,6 +421,9 @@ qvTri* qvTriPlaceInOrder(qvTri* const* order, int32_t n);
 // flood from its head. The pieces met: 0 for an empty list, 1, or 2 when a
 // second one starts, where the flood stops.
 int32_t qvFloodList(const int32_t* adj, int32_t* next, int32_t* prev, int32_t* head, bool* reached);
+// The same flood over every piece: the list ends as qvMeshShells leaves the
+// records of a list in that order, each piece an unbroken run. The pieces.
+int32_t qvFloodAll(const int32_t* adj, int32_t* next, int32_t* prev, int32_t* head, bool* reached);
 
 qvMesh* qvMeshConcat(qvMesh* a, qvMesh* b);
 int32_t qvMeshDeleteAll(qvMesh* head);
@@ -816,6 +819,10 @@ constexpr double kWeldTol2 = 1e-12;
 // bits are cleared and an analysis in mesh.topo, which no piece fits, is
 // released. The number of shells (0 for a mesh without triangles), or -1.
 [[nodiscard]] int32_t qvMeshShells(qvMesh* mesh, qvVtx* (*clone)(const qvVtx*));
+// qvMeshShells for a triangle list that stands in the order qvMeshShells
+// would leave it (as qvFloodAll gives it): the same shells and lists, with no
+// triangle moved.
+[[nodiscard]] int32_t qvMeshShellsFlooded(qvMesh* mesh, qvVtx* (*clone)(const qvVtx*));
 // qvMeshStitch, then qvMeshShells with qvVtxClone: the number of shells, or -1.
 [[nodiscard]] int32_t qvMeshAssemble(qvMesh* mesh, const double* tol);
 // The chain that qvMeshAssemble makes of the soup of n facets that

@@ -72,11 +72,10 @@ void gatherPieces(qvMesh *mesh, qvMeshPair *pair) {
 // The leaf's progress notes let the front end tell the time a leaf spends
 // outside its passes (features, caps) from the passes themselves.
 // A leaf walks its triangle and edge lists many times. After a cut the
-// triangles of a half that is one piece lie in list order already; those of
-// a piece of a half that fell apart, and the edges, which run in the order
-// of the split, are laid out in list order first (a list that runs up
-// through memory stays as it is). A mesh that can't be compacted is reduced
-// as it is.
+// triangles of each piece lie in list order already; the edges, which run in
+// the order of the split, are laid out in list order first (a list that runs
+// up through memory stays as it is). A mesh that can't be compacted is
+// reduced as it is.
 int32_t reduceLeaf(qvMesh *mesh, double tolerance, const double *angleRef,
                    const qvParMethod *method) {
   (void)qvMeshCompact(mesh);

@@ -91,8 +91,8 @@ qvTri *qvTriSort(qvTri *head, int32_t direction, int32_t axis, int32_t corner);
 // leave every shell, its triangle list in the order of the shell flood, and
 // each piece of a cut is given its list in that order as well. The triangles
 // are laid out in memory on the way (qvTriPlace), in the order of the sort
-// and, in a half that is one piece, then in the order of its list; so a
-// pointer to a triangle may name another one afterwards. 0, or -1 at the first failing step, with pair
+// and then in the order of the pieces' lists; so a pointer to a triangle may
+// name another one afterwards. 0, or -1 at the first failing step, with pair
 // possibly half filled and the mesh given up as it stands.
 [[nodiscard]] int32_t qvMeshCut(qvMesh *mesh, int32_t count, qvMeshPair *pair);
 

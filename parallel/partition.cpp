@@ -582,14 +582,14 @@ int32_t split(qvMesh *mesh, uint32_t mask, qvVtx *(*clone)(const qvVtx *), qvMes
 
 // The flood of qvMeshShells run on arrays over a half at rest: each
 // triangle's neighbours not yet reached are moved directly behind it, so each
-// piece stands in an unbroken run of the list. When the half is one piece,
-// its triangles are laid out in memory in that order (qvTriPlace), where the
-// flood on the records would relink them as they lie, and the leaf then walks
-// through memory in order without laying them out again. The records the
-// list names, which after the cut's sort run up through memory, take the
-// flood's triangles in turn. 1 when that was done; 0, with nothing changed,
-// when the half is more than one piece, isn't at rest, or memory runs out.
-int32_t placeOnePiece(qvMesh *half) {
+// piece stands in an unbroken run of the list. The triangles are laid out in
+// memory in that order (qvTriPlace), where the flood on the records would
+// relink them as they lie, and each leaf then walks through memory in order
+// without laying them out again. The records the list names, which after the
+// cut's sort run up through memory, take the flood's triangles in turn. The
+// pieces when that was done; 0, with nothing changed, when the half isn't at
+// rest or memory runs out.
+int32_t placePieces(qvMesh *half) {
   // The place in order, in tag, names each triangle for its neighbours.
   qvTri **order = nullptr;
   int32_t n = 0;
@@ -632,7 +632,8 @@ int32_t placeOnePiece(qvMesh *half) {
     next[i] = i + 1 < n ? i + 1 : -1;
   }
   int32_t head = 0;
-  ok = ok && qvFloodList(adj, next, prev, &head, reached) == 1;
+  const int32_t pieces = ok ? qvFloodAll(adj, next, prev, &head, reached) : 0;
+  ok = pieces > 0;
   std::free(adj);
   std::free(prev);
   std::free(reached);
@@ -654,13 +655,15 @@ int32_t placeOnePiece(qvMesh *half) {
   std::free(to);
   std::free(from);
   std::free(order);
-  return ok ? 1 : 0;
+  return ok ? pieces : 0;
 }
 
-// qvMeshShells for a half of a cut, with a half that is one piece laid out in
-// the order of its list (placeOnePiece).
+// qvMeshShells for a half of a cut, with the half laid out in the order of
+// its pieces' lists (placePieces).
 int32_t piecesOfHalf(qvMesh *half) {
-  return placeOnePiece(half) == 1 ? 1 : qvMeshShells(half, qvVtxClone);
+  const int32_t pieces = placePieces(half);
+  if (pieces == 0) return qvMeshShells(half, qvVtxClone);
+  return pieces == 1 ? 1 : qvMeshShellsFlooded(half, qvVtxClone);
 }
 
 }  // namespace
@@ -738,8 +741,8 @@ int32_t qvMeshCutWith(qvMesh *mesh, int32_t count, qvMeshPair *pair, int32_t thr
   // the outcome is the same whichever ends first. The new half's edges,
   // which the split strung up in the order of the sort, are first laid out
   // in memory in that order, as the leaf would otherwise do after chasing
-  // them through memory; a half that is one piece has its triangles laid
-  // out in the order of its list (piecesOfHalf).
+  // them through memory; each half has its triangles laid out in the order
+  // of its pieces' lists (piecesOfHalf).
   qvMesh *const halves[2] = {pair->first, pair->second};
   int32_t settled[2] = {0, 0};
 #pragma omp parallel for num_threads(2) schedule(static, 1) if (threads > 1)
