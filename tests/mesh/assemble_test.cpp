@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <memory>
 
 #include "measure/measure.h"
 #include "soup.h"
@@ -198,4 +199,72 @@ TEST(Assemble, RealModelsMatchAnIndependentWeld) {
     EXPECT_EQ((std::array<long, 4>{s.nVtx, s.nEdg, s.nTri, s.nBnd}),
               (std::array<long, 4>{w.vertices, w.edges, w.facets, w.boundaryEdges}));
   }
+}
+
+// A list already in the order of its shell flood, as qvFloodAll leaves it on
+// arrays, splits into the shells that the flood on the records gives: the
+// same triangles, edges and vertices in the same order in each, with no
+// triangle moved. The soup interleaves three models, so that the flood
+// reorders it throughout.
+TEST(Assemble, ShellsOfAFloodedListMatchTheFloodOnTheRecords) {
+  const std::vector<Corners> models[3] = {readStl("torus.stl"), readStl("bunny.stl"), readStl("tetrahedron.stl")};
+  std::vector<Corners> soup;
+  for (size_t i = 0; soup.size() < models[0].size() + models[1].size() + models[2].size(); ++i)
+    for (int s = 0; s < 3; ++s)
+      if (i < models[s].size()) {
+        Corners c = models[s][i];
+        for (int k = 0; k < 9; k += 3) c[k] += 100.0 * s;
+        soup.push_back(c);
+      }
+  // Per shell: corners of the triangles, ends of the edges, vertices, in list order.
+  using Lists = std::vector<std::vector<double>>;
+  auto listsOf = [](const qvMesh* chain) {
+    Lists out;
+    for (const qvMesh* m = chain; m; m = m->next) {
+      std::vector<double> tri, edg, vtx;
+      for (const qvTri* t = m->tri; t; t = t->next) {
+        double* c[3];
+        EXPECT_EQ(qvTriCoords(t, 0, c), 0);
+        for (const double* p : c) tri.insert(tri.end(), p, p + 3);
+      }
+      for (const qvEdg* e = m->edg; e; e = e->next)
+        for (const double* p : e->ends) edg.insert(edg.end(), p, p + 3);
+      for (const qvVtx* v = m->vtx; v; v = v->next) vtx.insert(vtx.end(), v->dat, v->dat + 3);
+      out.insert(out.end(), {tri, edg, vtx});
+    }
+    return out;
+  };
+  Lists lists[2];
+  for (int flooded = 0; flooded < 2; ++flooded) {
+    qvMesh* m = soupOf(soup);
+    ASSERT_EQ(qvMeshStitch(m, nullptr), 0);
+    if (flooded) {
+      std::vector<qvTri*> order;
+      for (qvTri* t = m->tri; t; t = t->next) {
+        t->tag = static_cast<int32_t>(order.size());
+        order.push_back(t);
+      }
+      const int32_t n = static_cast<int32_t>(order.size());
+      std::vector<int32_t> adj(3 * order.size()), next(order.size()), prev(order.size());
+      for (int32_t i = 0; i < n; ++i) {
+        for (int k = 0; k < 3; ++k) adj[3 * i + k] = order[i]->adj[k] ? order[i]->adj[k]->tag : -1;
+        next[i] = i + 1 < n ? i + 1 : -1;
+        prev[i] = i - 1;
+      }
+      for (qvTri* t : order) t->tag = 0;
+      std::unique_ptr<bool[]> reached(new bool[order.size()]());
+      int32_t head = 0;
+      ASSERT_EQ(qvFloodAll(adj.data(), next.data(), prev.data(), &head, reached.get()), 3);
+      std::vector<qvTri*> byFlood;
+      for (int32_t t = head; t >= 0; t = next[t]) byFlood.push_back(order[t]);
+      m->tri = qvTriPlaceInOrder(byFlood.data(), n);
+      ASSERT_NE(m->tri, nullptr);
+    }
+    ASSERT_EQ(flooded ? qvMeshShellsFlooded(m, qvVtxClone) : qvMeshShells(m, qvVtxClone), 3);
+    lists[flooded] = listsOf(m);
+    for (const qvMesh* s = m; s; s = s->next) EXPECT_EQ(qvMeshValidate(s, stderr), 0);
+    qvMeshDeleteAll(m);
+  }
+  EXPECT_EQ(lists[0].size(), 9u);
+  EXPECT_EQ(lists[0], lists[1]);
 }
