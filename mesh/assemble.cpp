@@ -322,7 +322,7 @@ struct Soup {
   int32_t* owner = nullptr;  // per edge: 3 x its triangle's number + its slot there
   bool records = true;       // numbered from a mesh's records, not made from corners
   int32_t* corner = nullptr; // per triangle slot k: the welded vertex at corner k, once welded
-  bool flooded = false;      // triangles made in the order of the one shell's flood (floodOnArrays)
+  int32_t flooded = 0;       // shells whose flood ordered the triangles as made (floodOnArrays), or 0
   int32_t nOrdered = 0;      // entries of the vertex order: every vertex, or only those that stay
   ~Soup() {
     std::free(corner);
@@ -951,13 +951,13 @@ int32_t* adjOnArrays(const Soup& s, const int32_t* group, const int32_t* kept, c
   return adj;
 }
 
-// The flood that gathers a shell (qvMeshShells), run on the arrays over the
-// triangles that stay, in soup order: each triangle's unreached neighbours
-// are moved directly behind it, so the list that results stands in the
-// order the records would take. The triangle numbers in that order, ended by
-// -1 when fewer than nt stay; null when they form more than one shell (or
-// none), or memory runs out.
-int32_t* floodOnArrays(const Soup& s, const int32_t* adj, const bool* gone) {
+// The flood that gathers the shells (qvMeshShells), run on the arrays over
+// the triangles that stay, in soup order: each triangle's unreached
+// neighbours are moved directly behind it, so the list that results stands
+// in the order the records would take, each shell an unbroken run. The
+// triangle numbers in that order, ended by -1 when fewer than nt stay, and
+// the shells in pieces; null when none stays or memory runs out.
+int32_t* floodOnArrays(const Soup& s, const int32_t* adj, const bool* gone, int32_t* pieces) {
   const int32_t nt = s.nt;
   int32_t* next = newArray<int32_t>(nt);
   int32_t* prev = newArray<int32_t>(nt);
@@ -973,14 +973,17 @@ int32_t* floodOnArrays(const Soup& s, const int32_t* adj, const bool* gone) {
     last = t;
   }
   if (ok && last >= 0) next[last] = -1;
-  if (ok) shells = qvFloodList(adj, next, prev, &head, reached);
+  if (ok) shells = qvFloodAll(adj, next, prev, &head, reached);
   int32_t n = 0;
-  for (int32_t t = ok && shells == 1 ? head : -1; t >= 0; t = next[t]) flood[n++] = t;
+  for (int32_t t = ok && shells >= 1 ? head : -1; t >= 0; t = next[t]) flood[n++] = t;
   if (n < nt && flood) flood[n] = -1;
   std::free(next);
   std::free(prev);
   std::free(reached);
-  if (ok && shells == 1) return flood;
+  if (ok && shells >= 1) {
+    *pieces = shells;
+    return flood;
+  }
   std::free(flood);
   return nullptr;
 }
@@ -1131,18 +1134,19 @@ bool weldAndLink(Stitch& st, Soup& s, const double* tol) {
     if (!gone[t])
       for (int k = 0; k < 3; ++k) alive[cornerOf(s, t, k)] = true;
   // A soup made from corners with no edge of more than two triangles has
-  // its adjacency from the arrays; when its orientation is consistent and
-  // it is one shell, its triangles are made in the order of that shell's
-  // flood, which their list ends in anyway.
+  // its adjacency from the arrays; when its orientation is consistent, its
+  // triangles are made in the order of the shells' flood, which their lists
+  // end in anyway.
   bool manifold = true;
   for (int32_t e = 0; e < ne && manifold; ++e) manifold = group[e] != e || kept[e] <= 2;
   bool consistent = false;
   int32_t* adj = !s.records && manifold ? adjOnArrays(s, group, kept, l, consistent) : nullptr;
-  int32_t* flood = adj && consistent ? floodOnArrays(s, adj, gone) : nullptr;
+  int32_t pieces = 0;
+  int32_t* flood = adj && consistent ? floodOnArrays(s, adj, gone, &pieces) : nullptr;
   MadeLists made;
   const bool madeAll = s.records || ((adj || !manifold) && makeRecords(s, order, rep, alive, group, kept, gone,
                                                                        flood, made));
-  s.flooded = madeAll && flood;
+  s.flooded = madeAll && flood ? pieces : 0;
   std::free(flood);
   if (!madeAll) {
     std::free(order), std::free(rep), std::free(rank), std::free(group), std::free(kept);
@@ -1805,11 +1809,13 @@ qvMesh* qvMeshAssembleCorners(const float* const* corners, int32_t n, const doub
   if (!mesh) return FT_FAIL(nullptr);
   Soup soup;
   if (!soupOfCorners(corners, n, soup) || stitchSoup(mesh, soup, tol) != 0) return FT_FAIL(mesh);
-  // A single shell flooded on the arrays has its list in flood order already,
-  // and its records, made in that order, mostly lie in it too; shells split
-  // on the records are laid out here. A list that already runs up through
-  // memory stays as it is.
-  count = soup.flooded ? 1 : qvMeshShells(mesh, qvVtxClone);
+  // Shells flooded on the arrays have their lists in flood order already,
+  // and their records, made in that order, mostly lie in it too; they are
+  // split without moving a triangle. Shells split on the records are laid
+  // out here. A list that already runs up through memory stays as it is.
+  if (soup.flooded == 1) count = 1;
+  else if (soup.flooded > 1) count = qvMeshShellsFlooded(mesh, qvVtxClone);
+  else count = qvMeshShells(mesh, qvVtxClone);
   for (qvMesh* shell = count > 0 ? mesh : nullptr; shell; shell = shell->next) (void)qvMeshCompact(shell);
   return mesh;
 }
