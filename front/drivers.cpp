@@ -105,15 +105,6 @@ int reduceShell(qvMeshPair *shell, FILE *file, int format, int method, double to
 int reduceOneMesh(qvMesh *mesh, FILE *file, int format, int method, double tolerance,
                   const double *angle, int32_t *oldCount) {
   qvMeshPair shell = {mesh, nullptr};
-  if (!mesh) {
-    if (oldCount) {
-      *oldCount = 0;
-    }
-    if (file) {
-      std::fflush(file);
-    }
-    return FT_FAIL(-1);
-  }
   return reduceShell(&shell, file, format, method, tolerance, angle, oldCount);
 }
 

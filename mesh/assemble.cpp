@@ -1820,13 +1820,11 @@ qvMesh* qvMeshAssembleCorners(const float* const* corners, int32_t n, const doub
   return mesh;
 }
 
-namespace {
-
-int32_t floodPieces(const int32_t* adj, int32_t* next, int32_t* prev, int32_t* head, bool* reached, int32_t most) {
+int32_t qvFloodAll(const int32_t* adj, int32_t* next, int32_t* prev, int32_t* head, bool* reached) {
   int32_t pieces = 0;
   for (int32_t t = *head; t >= 0; t = next[t]) {
     if (!reached[t]) {
-      if (++pieces > most) break;
+      ++pieces;
       reached[t] = true;
     }
     for (int k = 0; k < 3; ++k) {
@@ -1844,14 +1842,4 @@ int32_t floodPieces(const int32_t* adj, int32_t* next, int32_t* prev, int32_t* h
     }
   }
   return pieces;
-}
-
-}  // namespace
-
-int32_t qvFloodList(const int32_t* adj, int32_t* next, int32_t* prev, int32_t* head, bool* reached) {
-  return floodPieces(adj, next, prev, head, reached, 1);
-}
-
-int32_t qvFloodAll(const int32_t* adj, int32_t* next, int32_t* prev, int32_t* head, bool* reached) {
-  return floodPieces(adj, next, prev, head, reached, INT32_MAX);
 }

@@ -417,12 +417,9 @@ qvTri* qvTriPlaceInOrder(qvTri* const* order, int32_t n);
 // Floods triangles numbered on arrays: adj holds the three neighbours of
 // each (-1 for none), next and prev link them in a list from *head (-1
 // ends it), reached is all false. Each triangle's unreached neighbours move
-// in right behind it, so that a list of one piece ends in the order of its
-// flood from its head. The pieces met: 0 for an empty list, 1, or 2 when a
-// second one starts, where the flood stops.
-int32_t qvFloodList(const int32_t* adj, int32_t* next, int32_t* prev, int32_t* head, bool* reached);
-// The same flood over every piece: the list ends as qvMeshShells leaves the
-// records of a list in that order, each piece an unbroken run. The pieces.
+// in right behind it, so that the list ends as qvMeshShells leaves the
+// records of a list in that order, each piece an unbroken run in the order
+// of its flood from its head. The pieces; 0 for an empty list.
 int32_t qvFloodAll(const int32_t* adj, int32_t* next, int32_t* prev, int32_t* head, bool* reached);
 
 qvMesh* qvMeshConcat(qvMesh* a, qvMesh* b);
