@@ -1,8 +1,8 @@
 // The reduction pipeline: the two leaves of the engine and the bookkeeping at
 // the start and end of a pass. Both make one pass at the whole tolerance
-// against the input surface: reduceOnePass weighs the shortest spokes of a
-// vertex (longer ones when those are refused) and removes the cheapest
-// first; reduceQuick sweeps the vertices in list order along their shortest
+// against the input surface: reduceOnePass weighs the fans of a vertex's
+// shortest spoke, flipped and not (longer spokes when those are refused),
+// and removes the cheapest first; reduceQuick sweeps the vertices in list order along their shortest
 // spokes, the removals of a sweep apart. Open boundaries are capped for the
 // time of the pass, so that every fan is closed, and their vertices are
 // never removed.

@@ -126,8 +126,8 @@ TEST(Removal, EveryCommitKeepsBothSurfacesAndTheCoversWhole) {
 
 TEST(Trial, KeepsTheBestTrySoFlipsNeverRaiseTheScore) {
   // Half the torus removed first, so that the covers hold pieces. Then every
-  // vertex's trial scores no higher than any of its tries alone: each of the
-  // shortest spokes, with the fan's flips and without.
+  // vertex's trial scores no higher than any of its tries alone: each spoke
+  // it weighs, with the fan's flips and without.
   TorusPass pass(1.0);
   int32_t i = 0;
   for (qvVtx* v = pass.f.mesh->vtx; v; v = v->next, ++i)
