@@ -128,8 +128,81 @@ double* poolPoint(qvCoverPool* pool) {
 // ---------------------------------------------------------------------------
 // Covers
 
+namespace {
+
+// Covers that a thread frees wait on a shelf for their capacity, up to
+// kShelfBytes of each, for the next cover of that capacity it makes: a
+// commit frees the covers of its star and grows those of its fan, and the
+// allocator would merge and split the same small blocks over and over.
+// Capacities are powers of two from 2; the largest go back to the
+// allocator. Builds that count allocations or check them leave the shelves
+// out, so that every cover comes from the allocator and goes back to it.
+constexpr int32_t kShelves = 8;  // capacities 2 to 256
+#if defined(FT_ALLOC_FAULTS) || defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr size_t kShelfBytes = 0;
+#else
+constexpr size_t kShelfBytes = size_t{1} << 20;
+#endif
+
+size_t coverBytes(int32_t cap) { return sizeof(qvCover) + sizeof(qvPiece) * static_cast<size_t>(cap); }
+
+// The shelf of a capacity, or -1 for none.
+int32_t shelfOf(int32_t cap) {
+  int32_t k = 0;
+  while (k < kShelves && (2 << k) != cap) ++k;
+  return k < kShelves ? k : -1;
+}
+
+struct Shelves {
+  void* head[kShelves] = {};  // each cover on a shelf holds the next in its first bytes
+  size_t bytes[kShelves] = {};
+  Shelves() = default;
+  Shelves(const Shelves&) = delete;
+  Shelves& operator=(const Shelves&) = delete;
+  ~Shelves() {
+    for (void* c : head)
+      while (c) {
+        void* next = *static_cast<void**>(c);
+        std::free(c);
+        c = next;
+      }
+  }
+};
+
+thread_local Shelves shelves;
+
+qvCover* coverMake(int32_t cap) {
+  const int32_t k = shelfOf(cap);
+  void* c = k >= 0 ? shelves.head[k] : nullptr;
+  if (c) {
+    shelves.head[k] = *static_cast<void**>(c);
+    shelves.bytes[k] -= coverBytes(cap);
+  } else {
+    c = ftMalloc(coverBytes(cap));
+    if (!c) return nullptr;
+  }
+  auto* cover = static_cast<qvCover*>(c);
+  *cover = qvCover{0, cap, 0, 0};
+  return cover;
+}
+
+void coverRelease(qvCover* c) {
+  if (!c) return;
+  static_assert(sizeof(qvCover) >= sizeof(void*), "a shelved cover holds a pointer");
+  const int32_t k = shelfOf(c->cap);
+  if (k < 0 || shelves.bytes[k] + coverBytes(c->cap) > kShelfBytes) {
+    std::free(c);
+    return;
+  }
+  *reinterpret_cast<void**>(c) = shelves.head[k];
+  shelves.head[k] = c;
+  shelves.bytes[k] += coverBytes(c->cap);
+}
+
+}  // namespace
+
 void qvCoverFree(qvTri* t) {
-  std::free(t->link);
+  coverRelease(static_cast<qvCover*>(t->link));
   t->link = nullptr;
 }
 
@@ -137,12 +210,15 @@ int32_t qvCoverAdd(qvTri* t, const qvPiece& piece) {
   auto* c = static_cast<qvCover*>(t->link);
   if (!c || c->n == c->cap) {
     // Most covers hold a handful of pieces: they start small.
-    const int32_t cap = c ? 2 * c->cap : 2;
-    auto* grown = static_cast<qvCover*>(ftRealloc(c, sizeof(qvCover) + sizeof(qvPiece) * static_cast<size_t>(cap)));
+    qvCover* grown = coverMake(c ? 2 * c->cap : 2);
     if (!grown) return -1;
-    if (!c) *grown = qvCover{0, 0, 0, 0};
+    if (c) {
+      const int32_t cap = grown->cap;
+      std::memcpy(static_cast<void*>(grown), c, coverBytes(c->n));
+      grown->cap = cap;
+      coverRelease(c);
+    }
     c = grown;
-    c->cap = cap;
     t->link = c;
   }
   qvPiece* pieces = qvCoverPieces(c);
