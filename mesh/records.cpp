@@ -29,62 +29,29 @@ qvVtx* vtxMake(uint32_t flags, int32_t ndat, const double* src) {
 
 // Edges, triangles and list nodes that a thread frees wait, up to kSpareMax
 // of each kind, for the next one it makes: a pass makes and drops the copy of
-// a star for every trial. Builds that count allocations or check them leave
-// the lists out, so that every record comes from the allocator and goes back
-// to it.
-#if defined(FT_ALLOC_FAULTS) || defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr int32_t kSpareMax = 0;
-#else
-constexpr int32_t kSpareMax = 4096;
-#endif
-
-struct Spares {
-  void* head = nullptr;  // each spare holds the next in its first bytes
-  int32_t n = 0;
-  Spares() = default;
-  Spares(const Spares&) = delete;
-  Spares& operator=(const Spares&) = delete;
-  ~Spares() {
-    while (head) {
-      void* next = *static_cast<void**>(head);
-      std::free(head);
-      head = next;
-    }
-  }
-};
+// a star for every trial.
+constexpr size_t kSpareMax = kFtSpares ? 4096 : 0;
 
 template <class T>
-Spares& sparesOf() {
-  thread_local Spares spares;
+ftSpares& sparesOf() {
+  thread_local ftSpares spares;
   return spares;
 }
 
 template <class T>
 T* recordMake() {
-  void* mem;
-  Spares& s = sparesOf<T>();
-  if (s.head) {
-    mem = s.head;
-    s.head = *static_cast<void**>(mem);
-    --s.n;
-  } else {
-    mem = ftMalloc(sizeof(T));
-    if (!mem) return nullptr;
-  }
+  void* mem = ftSparePop(&sparesOf<T>());
+  if (!mem) mem = ftMalloc(sizeof(T));
+  if (!mem) return nullptr;
   return new (mem) T{};
 }
 
 template <class T>
 void recordFree(T* r) {
   static_assert(sizeof(T) >= sizeof(void*), "a spare holds a pointer");
-  Spares& s = sparesOf<T>();
-  if (s.n >= kSpareMax) {
-    std::free(r);
-    return;
-  }
-  *reinterpret_cast<void**>(r) = s.head;
-  s.head = r;
-  ++s.n;
+  ftSpares& s = sparesOf<T>();
+  if (s.n >= kSpareMax) std::free(r);
+  else ftSparePush(&s, r);
 }
 
 }  // namespace

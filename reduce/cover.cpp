@@ -130,19 +130,13 @@ double* poolPoint(qvCoverPool* pool) {
 
 namespace {
 
-// Covers that a thread frees wait on a shelf for their capacity, up to
+// Covers that a thread frees wait as spares for their capacity, up to
 // kShelfBytes of each, for the next cover of that capacity it makes: a
-// commit frees the covers of its star and grows those of its fan, and the
-// allocator would merge and split the same small blocks over and over.
-// Capacities are powers of two from 2; the largest go back to the
-// allocator. Builds that count allocations or check them leave the shelves
-// out, so that every cover comes from the allocator and goes back to it.
+// commit frees the covers of its star and grows those of its fan.
+// Capacities are powers of two from 2; larger ones than the shelves take go
+// back to the allocator.
 constexpr int32_t kShelves = 8;  // capacities 2 to 256
-#if defined(FT_ALLOC_FAULTS) || defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr size_t kShelfBytes = 0;
-#else
-constexpr size_t kShelfBytes = size_t{1} << 20;
-#endif
+constexpr size_t kShelfBytes = kFtSpares ? size_t{1} << 20 : 0;
 
 size_t coverBytes(int32_t cap) { return sizeof(qvCover) + sizeof(qvPiece) * static_cast<size_t>(cap); }
 
@@ -153,34 +147,13 @@ int32_t shelfOf(int32_t cap) {
   return k < kShelves ? k : -1;
 }
 
-struct Shelves {
-  void* head[kShelves] = {};  // each cover on a shelf holds the next in its first bytes
-  size_t bytes[kShelves] = {};
-  Shelves() = default;
-  Shelves(const Shelves&) = delete;
-  Shelves& operator=(const Shelves&) = delete;
-  ~Shelves() {
-    for (void* c : head)
-      while (c) {
-        void* next = *static_cast<void**>(c);
-        std::free(c);
-        c = next;
-      }
-  }
-};
-
-thread_local Shelves shelves;
+thread_local ftSpares shelves[kShelves];
 
 qvCover* coverMake(int32_t cap) {
   const int32_t k = shelfOf(cap);
-  void* c = k >= 0 ? shelves.head[k] : nullptr;
-  if (c) {
-    shelves.head[k] = *static_cast<void**>(c);
-    shelves.bytes[k] -= coverBytes(cap);
-  } else {
-    c = ftMalloc(coverBytes(cap));
-    if (!c) return nullptr;
-  }
+  void* c = k >= 0 ? ftSparePop(&shelves[k]) : nullptr;
+  if (!c) c = ftMalloc(coverBytes(cap));
+  if (!c) return nullptr;
   auto* cover = static_cast<qvCover*>(c);
   *cover = qvCover{0, cap, 0, 0};
   return cover;
@@ -188,15 +161,10 @@ qvCover* coverMake(int32_t cap) {
 
 void coverRelease(qvCover* c) {
   if (!c) return;
-  static_assert(sizeof(qvCover) >= sizeof(void*), "a shelved cover holds a pointer");
+  static_assert(sizeof(qvCover) >= sizeof(void*), "a spare cover holds a pointer");
   const int32_t k = shelfOf(c->cap);
-  if (k < 0 || shelves.bytes[k] + coverBytes(c->cap) > kShelfBytes) {
-    std::free(c);
-    return;
-  }
-  *reinterpret_cast<void**>(c) = shelves.head[k];
-  shelves.head[k] = c;
-  shelves.bytes[k] += coverBytes(c->cap);
+  if (k >= 0 && (shelves[k].n + 1) * coverBytes(c->cap) <= kShelfBytes) ftSparePush(&shelves[k], c);
+  else std::free(c);
 }
 
 }  // namespace
