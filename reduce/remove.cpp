@@ -725,8 +725,10 @@ bool ringFlat(const qvTrial* tr) {
 // Opens the star of v once for every spoke a run tries: picks the spokes
 // while it is marked, projects the ring when no spoke is blocked, and
 // gathers the star, its ring, the triangles round it and, for a clean star,
-// the valences. 0, or -1 on failure; no mark and no tag stay.
-int32_t openStar(qvMesh* mesh, qvVtx* v, qvTrial* tr, qvSpokes* spokes) {
+// the valences. Whether the ring lies in one plane is found out only for a
+// run that weighs several tries (weigh), the one reader of tr->flat. 0, or
+// -1 on failure; no mark and no tag stay.
+int32_t openStar(qvMesh* mesh, qvVtx* v, qvTrial* tr, qvSpokes* spokes, bool weigh) {
   tr->nStar = tr->nNear = tr->nRing = tr->nValences = 0;
   tr->start = static_cast<qvTri*>(v->aux);
   const double* p = v->dat;
@@ -740,7 +742,7 @@ int32_t openStar(qvMesh* mesh, qvVtx* v, qvTrial* tr, qvSpokes* spokes) {
     tr->clean = r == 0;
   }
   ok = ok && gatherStar(mesh, tr, tr->clean);
-  tr->flat = ok && tr->clean && ringFlat(tr);
+  tr->flat = ok && tr->clean && weigh && ringFlat(tr);
   if (!ok) {
     for (qvTri* t = mesh->tri; t && (t->flags & kMarkSet.tri); t = t->next) {
       qvVtx* c[3];
@@ -839,8 +841,9 @@ int32_t qvTrialRun(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvTrial* t
   tr->copy = nullptr;
   if (qvVtxStays(v, params) || (v->flags & kVtxRetired)) return 1;
   if (!v->aux) return -1;
+  const bool alone = tr->only >= 0 || params->quick;
   qvSpokes spokes;
-  if (openStar(mesh, v, tr, &spokes) != 0) return FT_FAIL(-1);
+  if (openStar(mesh, v, tr, &spokes, !alone) != 0) return FT_FAIL(-1);
   if (spokes.n == 0) return 1;
   // The tries in order: each spoke, shortest first, with the fan's flips,
   // and without them when the flips changed the fan; try t is spoke t / 2,
@@ -853,7 +856,6 @@ int32_t qvTrialRun(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvTrial* t
   const int32_t all = 2 * spokes.n - 1;
   int32_t last = 2 * std::min(spokes.n, kSpokeTries) - 1;
   const int32_t first = tr->only >= 0 ? std::min(tr->only, all) : params->quick ? 1 : 0;
-  const bool alone = tr->only >= 0 || params->quick;
   tr->beat = std::numeric_limits<double>::infinity();
   tr->probe = nullptr;
   const int32_t r = trialAlong(mesh, params, tr, spokes.e[first / 2], first % 2 == 0);
