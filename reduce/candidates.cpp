@@ -95,12 +95,13 @@ bool starFlat(qvVtx* v) {
 // ---------------------------------------------------------------------------
 // The spoke
 
-int32_t qvSpokePickMarked(qvMesh* mesh, qvVtx* v, int32_t ring, bool valences, qvSpokes* out) {
+int32_t qvSpokePickMarked(qvMesh* mesh, qvVtx* v, int32_t ring, bool valences, bool first, qvSpokes* out) {
   if (!mesh || !v || !out) return -1;
   *out = qvSpokes{};
   const double* p = v->dat;
   bool failed = ring < kValenceMin;
   double len2[kSpokeMax];
+  qvTri* from[kSpokeMax];  // the star triangle each spoke was met in
   // A joint moves only along its line: see straightJoint.
   const bool joint = (v->flags & kVtxJoint) != 0;
   const double* line[2] = {nullptr, nullptr};
@@ -169,14 +170,15 @@ int32_t qvSpokePickMarked(qvMesh* mesh, qvVtx* v, int32_t ring, bool valences, q
       if (joint && (e->flags & kEdgJoint)) line[std::min(joints++, 1)] = otherEnd(e, p);
       rims += (e->flags & kEdgRim) != 0;
       e->flags |= kEdgMarkSpoke;
+      // A first pick tests its candidates below, shortest first.
       int32_t farValence = 0;
-      const int32_t ok = qvLinkTest(s, e, p, ringList, nList, ring, &farValence);
+      const int32_t ok = first ? 1 : qvLinkTest(s, e, p, ringList, nList, ring, &farValence);
       if (ok < 0) {
         failed = true;
         break;
       }
       if (ok == 0) ++out->blocked;
-      else if (valences) qvVtxOf(otherEnd(e, p))->tag = farValence;
+      else if (valences && !first) qvVtxOf(otherEnd(e, p))->tag = farValence;
       if ((v->flags & kVtxRim) && !(e->flags & kEdgRim)) continue;
       if ((v->flags & kVtxFeatureEnd) && !(e->flags & kEdgFeatureSet)) continue;
       if (joint && !(e->flags & kEdgJoint)) continue;
@@ -188,15 +190,34 @@ int32_t qvSpokePickMarked(qvMesh* mesh, qvVtx* v, int32_t ring, bool valences, q
       if (at == kSpokeMax) continue;
       for (int32_t k = std::min(out->n, kSpokeMax - 1); k > at; --k) {
         out->e[k] = out->e[k - 1];
+        from[k] = from[k - 1];
         len2[k] = len2[k - 1];
       }
       out->e[at] = e;
+      from[at] = s;
       len2[at] = l;
       out->n = std::min(out->n + 1, kSpokeMax);
     }
+  // A first pick: the candidates in order until one passes. Should all of a
+  // full list fail, a spoke past it might pass: the pick is then made whole.
+  int32_t tested = 0;
+  while (first && !failed && tested < out->n) {
+    const int32_t ok = qvLinkTest(from[tested], out->e[tested], p, ringList, nList, ring, nullptr);
+    if (ok < 0) failed = true;
+    else if (ok > 0) break;
+    else ++out->blocked;
+    ++tested;
+  }
+  const bool whole = first && !failed && tested == kSpokeMax;
+  if (first && !failed && !whole) {
+    if (tested < out->n) out->e[0] = out->e[tested];
+    out->n = tested < out->n ? 1 : 0;
+    out->untested = true;
+  }
   for (qvTri* s = mesh->tri; s && (s->flags & kMarkSet.tri); s = s->next)
     for (qvEdg* e : s->edg) e->flags &= ~kEdgMarkSpoke;
   if (ringList != local) std::free(ringList);
+  if (whole) return qvSpokePickMarked(mesh, v, ring, valences, false, out);
   if (joint && !(apart && joints == 2 &&
                  straightJoint(qvVtxXyz(qvVtxOf(line[0])), qvVtxXyz(v), qvVtxXyz(qvVtxOf(line[1])))))
     out->n = 0;
@@ -210,7 +231,7 @@ int32_t qvSpokePickMarked(qvMesh* mesh, qvVtx* v, int32_t ring, bool valences, q
 int32_t qvSpokePick(qvMesh* mesh, qvTri* t, qvVtx* v, qvSpokes* out) {
   if (!mesh || !t || !v || !out) return -1;
   const int32_t ring = qvFanMark(mesh, t, v->dat, kMarkSet.tri, kMarkSet.edg, kMarkSet.vtx, kFanMarkMode);
-  const int32_t r = qvSpokePickMarked(mesh, v, ring, false, out);
+  const int32_t r = qvSpokePickMarked(mesh, v, ring, false, false, out);
   unmarkStar(mesh);
   return r;
 }

@@ -41,6 +41,7 @@ struct qvSpokes {
   qvEdg *e[kSpokeMax];
   int32_t n;
   int32_t blocked;  // spokes that fail the link test
+  bool untested;    // a first pick: spokes past e[0] were not tested
 };
 
 // ---- Ring projection ------------------------------------------------------------
@@ -225,6 +226,7 @@ struct qvTrial {
   qvTri *start;         // the triangle at v its star was entered at
   qvMesh *copy;         // the new fan; ring edges bear kEdgMarkOuter while it lives
   bool clean;           // the ring projected simply and the fan was flipped
+  bool unsure;          // clean as far as the spokes tested tell: the others were not
   bool flat;            // a clean star whose ring lies exactly in one plane
   double score;         // the largest certified squared bound; +inf when refused
   int32_t err;          // -1 after a failure
@@ -402,8 +404,13 @@ struct qvRedOrder;
 [[nodiscard]] int32_t qvSpokePick(qvMesh *mesh, qvTri *t, qvVtx *v, qvSpokes *out);
 // The same on the star of v bearing kMarkSet at the list heads with ring
 // vertices; the marks stay. With valences, v and every far end that passes
-// the link test get in tag the triangles round them.
-[[nodiscard]] int32_t qvSpokePickMarked(qvMesh *mesh, qvVtx *v, int32_t ring, bool valences, qvSpokes *out);
+// the link test get in tag the triangles round them. With first, only the
+// shortest admissible spoke that passes is sought: the spokes are tested in
+// order of length up to it, out->e[0] is that spoke, blocked counts the
+// ones before it, and out->untested tells that the rest were not tested
+// (the far ends then get no tag).
+[[nodiscard]] int32_t qvSpokePickMarked(qvMesh *mesh, qvVtx *v, int32_t ring, bool valences, bool first,
+                                        qvSpokes *out);
 // Scores v by a trial removal along its shortest spoke: its score becomes the
 // certified squared deviation (+inf when refused), or kRedScoreNone when it is no candidate.
 // 0 scored or excluded, 1 no spoke, -1 failure. The mesh is unchanged apart

@@ -500,24 +500,41 @@ bool flatRing(const Fill& f) {
   return flatPoints(f.n, [&](int32_t i) { return qvVtxXyz(qvVtxOf(f.poly[i])); });
 }
 
+// Whether the fan from w in the copy folds where an unfold would take it
+// on: 2 with f and *sense set, else what qvFanUnfold returns for it, 1 for
+// a ring it doesn't take on and 0 for one that doesn't fold.
+int32_t foldOf(qvMesh* copy, const double* w, bool anyRing, Fill* f, double* sense) {
+  if (!fanPolygon(copy, w, f)) return 1;
+  double area = 0.0;
+  for (int32_t i = 0; i < f->n; ++i) {
+    const double* a = uv(f->poly[i]);
+    const double* b = uv(f->poly[(i + 1) % f->n]);
+    area += a[0] * b[1] - a[1] * b[0];
+  }
+  if (!(area != 0.0)) return 1;
+  if (!anyRing && !flatRing(*f)) return 0;
+  *sense = area > 0.0 ? 1.0 : -1.0;
+  bool folded = false;
+  for (int32_t i = 1; i + 1 < f->n && !folded; ++i)
+    folded = turnUv(f->poly[0], f->poly[i], f->poly[i + 1], *sense) <= 0;
+  return folded ? 2 : 0;
+}
+
+// Whether qvFanUnfold would flip the fan from w: its ring folds.
+bool fanFolds(qvMesh* copy, const double* w, bool anyRing) {
+  Fill f;
+  double sense;
+  return foldOf(copy, w, anyRing, &f, &sense) == 2;
+}
+
 }  // namespace
 
 int32_t qvFanUnfold(qvMesh* copy, const double* w, bool anyRing) {
   if (!copy || !w) return -1;
   Fill f;
-  if (!fanPolygon(copy, w, &f)) return 1;
-  double area = 0.0;
-  for (int32_t i = 0; i < f.n; ++i) {
-    const double* a = uv(f.poly[i]);
-    const double* b = uv(f.poly[(i + 1) % f.n]);
-    area += a[0] * b[1] - a[1] * b[0];
-  }
-  if (!(area != 0.0)) return 1;
-  if (!anyRing && !flatRing(f)) return 0;
-  const double sense = area > 0.0 ? 1.0 : -1.0;
-  bool folded = false;
-  for (int32_t i = 1; i + 1 < f.n && !folded; ++i) folded = turnUv(f.poly[0], f.poly[i], f.poly[i + 1], sense) <= 0;
-  if (!folded) return 0;
+  double sense;
+  const int32_t fold = foldOf(copy, w, anyRing, &f, &sense);
+  if (fold != 2) return fold;
   if (!clipEars(&f, sense) || !toFan(&f) || !valencesHold(f)) return 1;
   for (int32_t k = 0; k < f.nFlips; ++k)
     if (ringEdge(copy, f.poly[f.flips[k][0]], f.poly[f.flips[k][1]])) return 1;
@@ -726,14 +743,18 @@ bool ringFlat(const qvTrial* tr) {
 // while it is marked, projects the ring when no spoke is blocked, and
 // gathers the star, its ring, the triangles round it and, for a clean star,
 // the valences. Whether the ring lies in one plane is found out only for a
-// run that weighs several tries (weigh), the one reader of tr->flat. 0, or
-// -1 on failure; no mark and no tag stay.
-int32_t openStar(qvMesh* mesh, qvVtx* v, qvTrial* tr, qvSpokes* spokes, bool weigh) {
+// run that weighs several tries (weigh), the one reader of tr->flat. A run
+// that tries the shortest spoke alone, unflipped, needs the other spokes'
+// link tests and the valences only where its fan folds and the unfold
+// flips it (first): the star is then unsure, without valences, and the
+// trial asks for it whole when it gets there. 0, or -1 on failure; no mark
+// and no tag stay.
+int32_t openStar(qvMesh* mesh, qvVtx* v, qvTrial* tr, qvSpokes* spokes, bool weigh, bool first) {
   tr->nStar = tr->nNear = tr->nRing = tr->nValences = 0;
   tr->start = static_cast<qvTri*>(v->aux);
   const double* p = v->dat;
   const int32_t ring = qvFanMark(mesh, tr->start, p, kMarkSet.tri, kMarkSet.edg, kMarkSet.vtx, kFanMarkMode);
-  bool ok = qvSpokePickMarked(mesh, v, ring, true, spokes) == 0;
+  bool ok = qvSpokePickMarked(mesh, v, ring, true, first, spokes) == 0;
   // A rim vertex's star holds cap triangles, which neither unfold nor flip.
   tr->clean = ok && spokes->blocked == 0 && !(v->flags & kVtxRim);
   if (ok && tr->clean && spokes->n > 0) {
@@ -741,7 +762,8 @@ int32_t openStar(qvMesh* mesh, qvVtx* v, qvTrial* tr, qvSpokes* spokes, bool wei
     ok = r >= 0;
     tr->clean = r == 0;
   }
-  ok = ok && gatherStar(mesh, tr, tr->clean);
+  tr->unsure = tr->clean && spokes->untested;
+  ok = ok && gatherStar(mesh, tr, tr->clean && !tr->unsure);
   tr->flat = ok && tr->clean && weigh && ringFlat(tr);
   if (!ok) {
     for (qvTri* t = mesh->tri; t && (t->flags & kMarkSet.tri); t = t->next) {
@@ -759,6 +781,7 @@ bool shareStar(const qvTrial* tr, qvTrial* alt) {
   alt->v = tr->v;
   alt->start = tr->start;
   alt->clean = tr->clean;
+  alt->unsure = tr->unsure;
   alt->flat = tr->flat;
   alt->area = tr->area;
   alt->nStar = alt->nNear = alt->nRing = alt->nValences = 0;
@@ -790,7 +813,7 @@ namespace {
 
 // One trial along spoke, on the star that tr holds, with the fan's
 // Delaunay flips or without; tr->flips gets the flips made. 0 or -1 as for
-// qvTrialRun.
+// qvTrialRun, or 2, with no copy, when the fan of an unsure star folds.
 int32_t trialAlong(qvMesh* mesh, const qvRedParams* params, qvTrial* tr, qvEdg* spoke, bool flip) {
   tr->flips = 0;
   tr->copy = nullptr;
@@ -811,8 +834,13 @@ int32_t trialAlong(qvMesh* mesh, const qvRedParams* params, qvTrial* tr, qvEdg* 
   }
   if (ok && tr->clean) {
     // A joint's fan keeps its line's edge, which unfolding might flip.
-    if (!(v->flags & kVtxJoint))
-      ok = qvFanUnfold(tr->copy, otherEnd(spoke, p), (v->flags & kVtxFeatureEnd) != 0) >= 0;
+    const bool unfold = !(v->flags & kVtxJoint);
+    const bool anyRing = (v->flags & kVtxFeatureEnd) != 0;
+    if (unfold && tr->unsure && fanFolds(tr->copy, otherEnd(spoke, p), anyRing)) {
+      qvTrialDrop(tr);
+      return 2;
+    }
+    if (unfold && !tr->unsure) ok = qvFanUnfold(tr->copy, otherEnd(spoke, p), anyRing) >= 0;
     if (ok && flip) ok = (tr->flips = qvFlipSweep(tr->copy)) >= 0;
   }
   for (int32_t i = 0; i < tr->nValences; ++i) tr->valences[i].v->tag = 0;
@@ -843,7 +871,7 @@ int32_t qvTrialRun(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvTrial* t
   if (!v->aux) return -1;
   const bool alone = tr->only >= 0 || params->quick;
   qvSpokes spokes;
-  if (openStar(mesh, v, tr, &spokes, !alone) != 0) return FT_FAIL(-1);
+  if (openStar(mesh, v, tr, &spokes, !alone, params->quick && tr->only < 0) != 0) return FT_FAIL(-1);
   if (spokes.n == 0) return 1;
   // The tries in order: each spoke, shortest first, with the fan's flips,
   // and without them when the flips changed the fan; try t is spoke t / 2,
@@ -858,8 +886,14 @@ int32_t qvTrialRun(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvTrial* t
   const int32_t first = tr->only >= 0 ? std::min(tr->only, all) : params->quick ? 1 : 0;
   tr->beat = std::numeric_limits<double>::infinity();
   tr->probe = nullptr;
-  const int32_t r = trialAlong(mesh, params, tr, spokes.e[first / 2], first % 2 == 0);
-  if (r != 0) return r;
+  int32_t r = trialAlong(mesh, params, tr, spokes.e[first / 2], first % 2 == 0);
+  if (r == 2) {
+    // The fan folds: the star opened whole decides whether it unfolds.
+    if (openStar(mesh, v, tr, &spokes, !alone, false) != 0) return FT_FAIL(-1);
+    if (spokes.n == 0) return FT_FAIL(-1);
+    r = trialAlong(mesh, params, tr, spokes.e[first / 2], first % 2 == 0);
+  }
+  if (r != 0) return r < 0 ? r : FT_FAIL(-1);
   tr->spoke = first;
   // The next tries are made while one may still do better; the trial kept
   // is the best, the first among equals, so a fan keeps its flips unless
