@@ -527,6 +527,13 @@ bool fanFolds(qvMesh* copy, const double* w, bool anyRing) {
   return foldOf(copy, w, anyRing, &f, &sense) == 2;
 }
 
+// Whether qvFanUnfold might take on the fan from w, told before the ring is
+// projected: a ring in one plane, or any ring with anyRing.
+bool unfoldMayTake(qvMesh* copy, const double* w, bool anyRing) {
+  Fill f;
+  return fanPolygon(copy, w, &f) && (anyRing || flatRing(f));
+}
+
 }  // namespace
 
 int32_t qvFanUnfold(qvMesh* copy, const double* w, bool anyRing) {
@@ -745,10 +752,10 @@ bool ringFlat(const qvTrial* tr) {
 // the valences. Whether the ring lies in one plane is found out only for a
 // run that weighs several tries (weigh), the one reader of tr->flat. A run
 // that tries the shortest spoke alone, unflipped, needs the other spokes'
-// link tests and the valences only where its fan folds and the unfold
-// flips it (first): the star is then unsure, without valences, and the
-// trial asks for it whole when it gets there. 0, or -1 on failure; no mark
-// and no tag stay.
+// link tests, the ring's projection and the valences only where its fan
+// folds and the unfold flips it (first): the star is then unsure, neither
+// projected nor with valences, and the trial asks for it whole when it gets
+// there. 0, or -1 on failure; no mark and no tag stay.
 int32_t openStar(qvMesh* mesh, qvVtx* v, qvTrial* tr, qvSpokes* spokes, bool weigh, bool first) {
   tr->nStar = tr->nNear = tr->nRing = tr->nValences = 0;
   tr->start = static_cast<qvTri*>(v->aux);
@@ -757,12 +764,12 @@ int32_t openStar(qvMesh* mesh, qvVtx* v, qvTrial* tr, qvSpokes* spokes, bool wei
   bool ok = qvSpokePickMarked(mesh, v, ring, true, first, spokes) == 0;
   // A rim vertex's star holds cap triangles, which neither unfold nor flip.
   tr->clean = ok && spokes->blocked == 0 && !(v->flags & kVtxRim);
-  if (ok && tr->clean && spokes->n > 0) {
+  tr->unsure = tr->clean && spokes->untested;
+  if (ok && tr->clean && !tr->unsure && spokes->n > 0) {
     const int32_t r = qvRingProject(mesh, tr->start, p, ring);
     ok = r >= 0;
     tr->clean = r == 0;
   }
-  tr->unsure = tr->clean && spokes->untested;
   ok = ok && gatherStar(mesh, tr, tr->clean && !tr->unsure);
   tr->flat = ok && tr->clean && weigh && ringFlat(tr);
   if (!ok) {
@@ -836,11 +843,18 @@ int32_t trialAlong(qvMesh* mesh, const qvRedParams* params, qvTrial* tr, qvEdg* 
     // A joint's fan keeps its line's edge, which unfolding might flip.
     const bool unfold = !(v->flags & kVtxJoint);
     const bool anyRing = (v->flags & kVtxFeatureEnd) != 0;
-    if (unfold && tr->unsure && fanFolds(tr->copy, otherEnd(spoke, p), anyRing)) {
-      qvTrialDrop(tr);
-      return 2;
+    // An unsure star's ring is projected only where the unfold might take
+    // its fan on; where it folds, or the projection fails, the star is
+    // opened whole.
+    const double* w = otherEnd(spoke, p);
+    if (unfold && tr->unsure && unfoldMayTake(tr->copy, w, anyRing)) {
+      const int32_t r = qvRingProject(mesh, tr->start, p, 0);
+      if (r < 0 || (r == 0 && fanFolds(tr->copy, w, anyRing))) {
+        qvTrialDrop(tr);
+        return 2;
+      }
     }
-    if (unfold && !tr->unsure) ok = qvFanUnfold(tr->copy, otherEnd(spoke, p), anyRing) >= 0;
+    if (unfold && !tr->unsure) ok = qvFanUnfold(tr->copy, w, anyRing) >= 0;
     if (ok && flip) ok = (tr->flips = qvFlipSweep(tr->copy)) >= 0;
   }
   for (int32_t i = 0; i < tr->nValences; ++i) tr->valences[i].v->tag = 0;
