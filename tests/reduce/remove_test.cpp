@@ -3,6 +3,7 @@
 // each, and the order in which a sweep takes vertices.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
 #include <map>
 
@@ -150,6 +151,57 @@ TEST(Trial, KeepsTheBestTrySoFlipsNeverRaiseTheScore) {
   EXPECT_GT(compared, 200);
   EXPECT_GT(unflippedKept, 0);
   EXPECT_GE(pass.finish(), 0);
+}
+
+TEST(Trial, QuickOpeningGivesTheTrialOfTheWholeOne) {
+  // The quick trial tests the spokes only up to the shortest that passes,
+  // and projects the ring only where the unfold might take the fan on: it
+  // must make the trial that the star opened whole makes, the same fan with
+  // the same score. On a torus, and on a finely cut cube whose flat faces
+  // fold fans over concave rings, every other vertex removed first.
+  const struct {
+    Shape shape;
+    double tol;
+  } cases[] = {{torusShape(24, 12), 3.0}, {welded(refine(refine(refine(readStl("cube.stl"))))), 0.05}};
+  for (const auto& c : cases) {
+    TorusPass pass(c.tol, c.shape);
+    pass.p.quick = true;
+    int32_t i = 0;
+    for (qvVtx* v = pass.f.mesh->vtx; v; v = v->next, ++i)
+      ASSERT_GE(i % 2 ? 0 : qvVtxRemove(pass.f.mesh, v, &pass.p, nullptr, &pass.tr), 0);
+    const auto fan = [&] {
+      std::vector<std::array<const double*, 3>> tris;
+      for (qvTri* t = pass.tr.copy->tri; t; t = t->next) {
+        double* h[3];
+        EXPECT_EQ(qvTriCorners(t, 0, h), 0);
+        std::array<const double*, 3> c3{h[0], h[1], h[2]};
+        std::sort(c3.begin(), c3.end(), std::less<const double*>());
+        tris.push_back(c3);
+      }
+      std::sort(tris.begin(), tris.end());
+      return tris;
+    };
+    int32_t compared = 0;
+    for (qvVtx* v = pass.f.mesh->vtx; v; v = v->next) {
+      if (v->flags & kVtxRetired) continue;
+      pass.tr.only = 1;  // the star opened whole, for the same try
+      const int32_t whole = qvTrialRun(pass.f.mesh, v, &pass.p, &pass.tr);
+      ASSERT_GE(whole, 0);
+      const double score = whole == 0 ? pass.tr.score : 0.0;
+      const auto wholeFan = whole == 0 ? fan() : decltype(fan()){};
+      if (whole == 0) qvTrialDrop(&pass.tr);
+      pass.tr.only = -1;
+      const int32_t quick = qvTrialRun(pass.f.mesh, v, &pass.p, &pass.tr);
+      ASSERT_EQ(quick, whole);
+      if (quick != 0) continue;
+      EXPECT_EQ(pass.tr.score, score);
+      EXPECT_EQ(fan(), wholeFan);
+      qvTrialDrop(&pass.tr);
+      ++compared;
+    }
+    EXPECT_GT(compared, 50);
+    EXPECT_GE(pass.finish(), 0);
+  }
 }
 
 TEST(Sweep, EndsOnlyWhenEveryVertexLeftFailsOnTheFinalMesh) {
