@@ -500,38 +500,27 @@ bool flatRing(const Fill& f) {
   return flatPoints(f.n, [&](int32_t i) { return qvVtxXyz(qvVtxOf(f.poly[i])); });
 }
 
-// Whether the fan from w in the copy folds where an unfold would take it
-// on: 2 with f and *sense set, else what qvFanUnfold returns for it, 1 for
-// a ring it doesn't take on and 0 for one that doesn't fold.
-int32_t foldOf(qvMesh* copy, const double* w, bool anyRing, Fill* f, double* sense) {
-  if (!fanPolygon(copy, w, f)) return 1;
+// Whether the ring f, laid out in (u, v), folds: 2 with *sense set to the
+// sense of its turn, 0 when it doesn't, 1 when it encloses no area.
+int32_t foldIn(const Fill& f, double* sense) {
   double area = 0.0;
-  for (int32_t i = 0; i < f->n; ++i) {
-    const double* a = uv(f->poly[i]);
-    const double* b = uv(f->poly[(i + 1) % f->n]);
+  for (int32_t i = 0; i < f.n; ++i) {
+    const double* a = uv(f.poly[i]);
+    const double* b = uv(f.poly[(i + 1) % f.n]);
     area += a[0] * b[1] - a[1] * b[0];
   }
   if (!(area != 0.0)) return 1;
-  if (!anyRing && !flatRing(*f)) return 0;
   *sense = area > 0.0 ? 1.0 : -1.0;
   bool folded = false;
-  for (int32_t i = 1; i + 1 < f->n && !folded; ++i)
-    folded = turnUv(f->poly[0], f->poly[i], f->poly[i + 1], *sense) <= 0;
+  for (int32_t i = 1; i + 1 < f.n && !folded; ++i)
+    folded = turnUv(f.poly[0], f.poly[i], f.poly[i + 1], *sense) <= 0;
   return folded ? 2 : 0;
 }
 
-// Whether qvFanUnfold would flip the fan from w: its ring folds.
-bool fanFolds(qvMesh* copy, const double* w, bool anyRing) {
-  Fill f;
-  double sense;
-  return foldOf(copy, w, anyRing, &f, &sense) == 2;
-}
-
-// Whether qvFanUnfold might take on the fan from w, told before the ring is
-// projected: a ring in one plane, or any ring with anyRing.
-bool unfoldMayTake(qvMesh* copy, const double* w, bool anyRing) {
-  Fill f;
-  return fanPolygon(copy, w, &f) && (anyRing || flatRing(f));
+// Whether the unfold takes on the fan from w in the copy, whose ring f it
+// makes: a ring in one plane, or any ring with anyRing.
+bool unfoldTakes(qvMesh* copy, const double* w, bool anyRing, Fill* f) {
+  return fanPolygon(copy, w, f) && (anyRing || flatRing(*f));
 }
 
 }  // namespace
@@ -539,8 +528,10 @@ bool unfoldMayTake(qvMesh* copy, const double* w, bool anyRing) {
 int32_t qvFanUnfold(qvMesh* copy, const double* w, bool anyRing) {
   if (!copy || !w) return -1;
   Fill f;
+  if (!fanPolygon(copy, w, &f)) return 1;
+  if (!anyRing && !flatRing(f)) return 0;
   double sense;
-  const int32_t fold = foldOf(copy, w, anyRing, &f, &sense);
+  const int32_t fold = foldIn(f, &sense);
   if (fold != 2) return fold;
   if (!clipEars(&f, sense) || !toFan(&f) || !valencesHold(f)) return 1;
   for (int32_t k = 0; k < f.nFlips; ++k)
@@ -847,9 +838,11 @@ int32_t trialAlong(qvMesh* mesh, const qvRedParams* params, qvTrial* tr, qvEdg* 
     // its fan on; where it folds, or the projection fails, the star is
     // opened whole.
     const double* w = otherEnd(spoke, p);
-    if (unfold && tr->unsure && unfoldMayTake(tr->copy, w, anyRing)) {
+    Fill f;
+    double sense;
+    if (unfold && tr->unsure && unfoldTakes(tr->copy, w, anyRing, &f)) {
       const int32_t r = qvRingProject(mesh, tr->start, p, 0);
-      if (r < 0 || (r == 0 && fanFolds(tr->copy, w, anyRing))) {
+      if (r < 0 || (r == 0 && foldIn(f, &sense) == 2)) {
         qvTrialDrop(tr);
         return 2;
       }
