@@ -112,6 +112,12 @@ int32_t qvSpokePickMarked(qvMesh* mesh, qvVtx* v, int32_t ring, bool valences, b
   // No triangle on both joint spokes, whose far side would take the line;
   // none on both rim spokes, an ear whose third side would have to become rim.
   bool apart = true;
+  // A feature end moves only along a feature spoke. One whose features the
+  // pass collapsed away (the last edge of a line taken into its other end)
+  // has none left to keep and goes as a plain vertex.
+  bool feature = false;
+  for (qvTri* s = mesh->tri; (v->flags & kVtxFeatureEnd) && !feature && s && (s->flags & kMarkSet.tri); s = s->next)
+    for (const qvEdg* e : s->edg) feature = feature || ((e->flags & kEdgFeatureSet) && otherEnd(e, p));
   for (qvTri* s = mesh->tri; (joint || rim) && s && (s->flags & kMarkSet.tri); s = s->next) {
     int32_t onJoint = 0, onRim = 0;
     for (const qvEdg* e : s->edg) {
@@ -180,7 +186,7 @@ int32_t qvSpokePickMarked(qvMesh* mesh, qvVtx* v, int32_t ring, bool valences, b
       if (ok == 0) ++out->blocked;
       else if (valences && !first) qvVtxOf(otherEnd(e, p))->tag = farValence;
       if ((v->flags & kVtxRim) && !(e->flags & kEdgRim)) continue;
-      if ((v->flags & kVtxFeatureEnd) && !(e->flags & kEdgFeatureSet)) continue;
+      if (feature && !(e->flags & kEdgFeatureSet)) continue;
       if (joint && !(e->flags & kEdgJoint)) continue;
       if ((e->flags & kEdgCap) || ok == 0) continue;
       // Into the shortest few, behind its equals.

@@ -274,6 +274,7 @@ struct qvTrial {
   int32_t only = -1;      // the try made alone (see qvTrialRun); -1: all of them
   int32_t spoke;          // the try the trial kept
   int32_t flips;          // Delaunay flips made in the copy
+  qvEdg *features[2];     // ring edges the commit marks as features (qvCollapse)
   double weight;         // of a score of 0: the area of the star (qvStarArea); else 0
   double area;           // the star area of v that the order holds, when above 0; else unknown
 };
@@ -336,8 +337,12 @@ qvMesh *qvStarCopy(qvMesh *mesh, qvTri *t, const double *p, uint32_t outerMark);
 // Collapses v along the first edge of the copy bearing mark onto the edge's
 // other end: the two triangles on the edge go, their neighbours in the copy
 // take over the ring edges. 0, or -1 for a missing or cap edge, a hub end, a
-// broken copy or a valence failure.
-[[nodiscard]] int32_t qvCollapse(qvMesh *copy, qvVtx *v, uint32_t mark);
+// broken copy or a valence failure. Where a feature spoke of v goes with
+// one of those triangles, the ring edge that takes its place becomes a
+// feature: at once when the copy owns it, else it is put in features (two
+// slots, one per triangle, null when none; features may be null) for the
+// commit to mark.
+[[nodiscard]] int32_t qvCollapse(qvMesh *copy, qvVtx *v, uint32_t mark, qvEdg **features);
 // Flips the diagonal of rec: each triangle takes one outer edge of the other
 // and the new diagonal (kEdgMarkVisit, at the head of the copy's edges)
 // replaces the old one, which is freed. 0, or -1 for a bad record or a
@@ -399,7 +404,8 @@ struct qvRedOrder;
 // The spokes of v to collapse along, starting from t, a live triangle at v:
 // the up to kSpokeTries shortest that pass the link test, are no cap edge,
 // and for a feature end are feature spokes, so that it moves along a
-// feature line only; ties in star order. 0 with *out filled (out->n may be
+// feature line only (one with no feature spoke left is a plain vertex);
+// ties in star order. 0 with *out filled (out->n may be
 // 0), or -1 on failure. Leaves no mark.
 [[nodiscard]] int32_t qvSpokePick(qvMesh *mesh, qvTri *t, qvVtx *v, qvSpokes *out);
 // The same on the star of v bearing kMarkSet at the list heads with ring

@@ -150,7 +150,7 @@ int32_t qvValenceCollapse(qvVtx* v, qvVtx* w, qvVtx* a, qvVtx* b) {
   return 0;
 }
 
-int32_t qvCollapse(qvMesh* copy, qvVtx* v, uint32_t mark) {
+int32_t qvCollapse(qvMesh* copy, qvVtx* v, uint32_t mark, qvEdg** features) {
   if (!copy || !v) return -1;
   qvEdg* e = copy->edg;
   while (e && !(e->flags & mark)) e = e->next;
@@ -195,6 +195,12 @@ int32_t qvCollapse(qvMesh* copy, qvVtx* v, uint32_t mark) {
     }
     // The neighbour across the dropped edge takes the kept one with its links.
     n->edg[nd] = keep;
+    // A feature that turns at v round this triangle goes on along the kept
+    // edge; a ring edge is the mesh's own and takes the mark on commit.
+    if ((drop->flags & kEdgFeatureSet) && !(keep->flags & kEdgFeatureSet)) {
+      if (inEdgeList(copy->edg, keep)) keep->flags |= kEdgFeatureSet;
+      else if (features) features[t == pair[0] ? 0 : 1] = keep;
+    }
     n->adj[nd] = t->adj[kk];
     n->aux[nd] = t->aux[kk];
     if (inEdgeList(copy->edg, keep)) retell(keep, t->aux[kk], t, n);
@@ -814,6 +820,7 @@ namespace {
 // qvTrialRun, or 2, with no copy, when the fan of an unsure star folds.
 int32_t trialAlong(qvMesh* mesh, const qvRedParams* params, qvTrial* tr, qvEdg* spoke, bool flip) {
   tr->flips = 0;
+  tr->features[0] = tr->features[1] = nullptr;
   tr->copy = nullptr;
   tr->err = 0;
   tr->score = std::numeric_limits<double>::infinity();
@@ -828,7 +835,7 @@ int32_t trialAlong(qvMesh* mesh, const qvRedParams* params, qvTrial* tr, qvEdg* 
   if (ok) {
     qvTriOrAll(tr->copy->tri, kTriReplace);
     qvEdgOrAll(tr->copy->edg, kEdgReplace);
-    ok = qvCollapse(tr->copy, v, kEdgMarkSpoke) == 0;
+    ok = qvCollapse(tr->copy, v, kEdgMarkSpoke, tr->features) == 0;
   }
   if (ok && tr->clean) {
     // A joint's fan keeps its line's edge, which unfolding might flip.
@@ -915,11 +922,10 @@ int32_t qvTrialRun(qvMesh* mesh, qvVtx* v, const qvRedParams* params, qvTrial* t
     }
   }
   qvTrial* alt = tr->spare;
-  // The flips stand unjudged where the planar rule alone should shape the
-  // fan: over a flat ring, where every fan lays the same surface and scores
-  // differ only by how finely the certificate cut the pieces, and at a
-  // feature vertex, whose fan lies on the flat faces either side of its line.
-  const bool judge = !tr->flat && !(v->flags & kVtxFeatureEnd);
+  // The flips stand unjudged over a flat ring, where every fan lays the
+  // same surface and scores differ only by how finely the certificate cut
+  // the pieces: the planar rule alone shapes that fan.
+  const bool judge = !tr->flat;
   int32_t flipped = judge ? tr->flips : 0;  // flips made by the last try with flips
   for (int32_t t = first + 1; !alone && tr->score > params->eta * params->eta; ++t) {
     if (t > last) {
@@ -964,6 +970,8 @@ int32_t qvTrialCommit(qvMesh* mesh, qvTrial* tr, const qvRedParams* params) {
   }
   tr->v->flags |= kVtxRetired;
   if (qvStarGraft(copy, mesh, kEdgMarkOuter) != 0 || qvTrialApply(tr) != 0) return FT_FAIL(-1);
+  for (qvEdg* e : tr->features)
+    if (e) e->flags |= kEdgFeatureSet;
 #ifndef NDEBUG
   for (int32_t i = 0; i < tr->nPlan; ++i)
     assert(qvCoverCheckPiece(tr->homes[tr->plan[i].home].tri, tr->plan[i].piece, params) == 0);

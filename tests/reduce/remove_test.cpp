@@ -28,6 +28,7 @@ TEST(SpokePick, TheShortestLinkableSpokeAndAFeatureEndOnlyAlongItsFeature) {
        {{0, 2}, {0, 4}, {2, 3}, {5, 6}}, 2},
       {"feature end of one feature spoke", kVtxFeatureEnd, {{0, 2}}, 2},
       {"feature end whose feature spokes fail the link test", kVtxFeatureEnd, {{0, 3}, {0, 4}, {0, 5}}, 0},
+      {"feature end whose features are gone: a plain vertex", kVtxFeatureEnd, {{2, 3}}, 6},
   };
   for (const Case& c : cases) {
     Fixture f(starShape({0, 0, 0.2}, ring, true));
@@ -123,6 +124,21 @@ TEST(Removal, EveryCommitKeepsBothSurfacesAndTheCoversWhole) {
     EXPECT_EQ(qvMeshTopo(pass.f.mesh, &topo), 0);
     EXPECT_EQ(topo.genus, c.genus);
   }
+}
+
+TEST(Removal, AFeatureTurningRoundACollapsedTriangleGoesOnAlongItsRingEdge) {
+  // The hub's features run 2 - 0 - 3 round the triangle (0, 2, 3); it goes
+  // along its one passing feature spoke, to 2, and the ring edge (2, 3)
+  // takes the place of the spoke to 3 on its line.
+  TorusPass pass(3.0, starShape({0, 0, 0.2}, circle(6, 1.0, 0.0), true));
+  Fixture& f = pass.f;
+  for (int k : {0, 2, 3}) f.v[k]->flags |= kVtxFeatureEnd;
+  f.e(0, 2)->flags |= kEdgFeatureSet;
+  f.e(0, 3)->flags |= kEdgFeatureSet;
+  qvEdg* const ringEdge = f.e(2, 3);
+  ASSERT_EQ(qvVtxRemove(f.mesh, f.v[0], &pass.p, nullptr, &pass.tr), 0);
+  EXPECT_EQ(ringEdge->flags & kEdgFeatureSet, kEdgFeatureSet);
+  EXPECT_EQ(pass.finish(), 8);
 }
 
 TEST(Trial, KeepsTheBestTrySoFlipsNeverRaiseTheScore) {
