@@ -2,7 +2,8 @@
 // chain of shells. The stitching steps run in the order below and the first
 // failure ends the run: merge vertices, merge edges (dropping degenerate and
 // doubled triangles), link triangles, pair the triangles of bodies that meet
-// along a non-manifold edge and pull the rest of such edges apart, split
+// along a non-manifold edge, or else those of a sheet that meets it with two,
+// and pull the rest of such edges apart, split
 // vertices with more than one fan, undo the pairings whose bodies the split
 // could not tell apart (and split again), rejoin the pieces of pulled-apart
 // edges that still meet, release the working lists, orient.
@@ -26,7 +27,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <unordered_map>
 #include <utility>
+#include <vector>
 
 #include "mesh/mesh_internal.h"
 #include "kernels/alloc.h"
@@ -1320,12 +1323,74 @@ bool pairBodies(Stitch& s, qvEdg* e) {
   return ok;
 }
 
+// The sheets of the triangles of held edges: each the triangles reached from
+// one across edges that have two triangles.
+using Sheets = std::unordered_map<const qvTri*, int32_t>;
+
+void sheetsOf(const qvMesh* mesh, Sheets* sheet) {
+  std::vector<const qvTri*> stack;
+  int32_t id = 0;
+  for (const qvEdg* e = mesh->edgHeld; e; e = e->next)
+    for (const qvLnk* l = lnkOf(e->link); l; l = l->next) {
+      if (!sheet->emplace(triOf(l), id).second) continue;
+      stack.push_back(triOf(l));
+      while (!stack.empty()) {
+        const qvTri* t = stack.back();
+        stack.pop_back();
+        for (const qvTri* n : t->adj)
+          if (n && sheet->emplace(n, id).second) stack.push_back(n);
+      }
+      ++id;
+    }
+}
+
+// Where e's triangles don't alternate, a sheet that meets e with exactly two
+// of them, in opposite senses, goes on across e: they are paired, so that a
+// fin or a loose layer the input laid on the sheet comes off it alone, where
+// pulling every triangle apart would slit the sheet along e and part its
+// fans at e's ends. False on failure.
+bool pairSheets(Stitch& s, qvEdg* e, const Sheets& sheet) {
+  std::vector<qvTri*> tris;
+  for (const qvLnk* l = lnkOf(e->link); l; l = l->next) tris.push_back(triOf(l));
+  bool paired = false;
+  for (size_t i = 0; i < tris.size(); ++i) {
+    const auto si = sheet.find(tris[i]);
+    if (si == sheet.end()) continue;
+    size_t other = tris.size(), same = 1;
+    for (size_t j = 0; j < tris.size(); ++j) {
+      if (j == i) continue;
+      const auto sj = sheet.find(tris[j]);
+      if (sj == sheet.end() || sj->second != si->second) continue;
+      ++same;
+      other = j;
+    }
+    if (same != 2 || other < i) continue;
+    double* h[3];
+    double* g[3];
+    if (qvTriCorners(tris[i], 0, h) != 0 || qvTriCorners(tris[other], 0, g) != 0) return false;
+    auto forward = [e](double* const* c) {
+      for (int k = 0; k < 3; ++k)
+        if (c[k] == e->ends[0]) return c[(k + 1) % 3] == e->ends[1];
+      return false;
+    };
+    if (forward(h) == forward(g)) continue;
+    if (!linkAcross(s, e, tris[i], tris[other]) || !dropAll(s.refs, e->link, tris[i]) ||
+        !dropAll(s.refs, e->link, tris[other]))
+      return false;
+    paired = true;
+  }
+  if (paired) ++s.groups;
+  return true;
+}
+
 // Each triangle of a held edge that was not paired gets a piece of its own: a
 // copy for all but the last, which keeps the edge. Copies go to the head of
 // edgHeld, in front of the walk. A piece's link is then its one triangle, not
 // a list. An edge whose triangles all paired goes.
 bool pullApart(Stitch& s) {
   qvMesh* mesh = s.mesh;
+  Sheets sheet;
+  sheetsOf(mesh, &sheet);
   for (qvEdg* e = mesh->edgHeld, *next = nullptr; e; e = next) {
     next = e->next;  // read before e may go
     // The sheets met along this edge: every edge made from it, and its ends
@@ -1333,7 +1398,7 @@ bool pullApart(Stitch& s) {
     e->flags |= kEdgJoint;
     qvVtxOf(e->ends[0])->flags |= kVtxJoint;
     qvVtxOf(e->ends[1])->flags |= kVtxJoint;
-    if (!pairBodies(s, e)) return false;
+    if (!pairBodies(s, e) || (e->link && !pairSheets(s, e, sheet))) return false;
     qvLnk* list = lnkOf(e->link);
     if (!list) {
       mesh->edgHeld = listUnlink(mesh->edgHeld, e);

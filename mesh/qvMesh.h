@@ -780,7 +780,9 @@ qvMesh* qvCapBuild(qvMesh* mesh, int32_t* count);
 // From a soup of facets to a chain of shells: coinciding vertices become one,
 // edges on the same two vertices one edge; degenerate and doubled triangles
 // go; on an edge with more than two triangles, triangles of bodies that meet
-// along it are paired and the rest pulled apart; vertices with more than one
+// along it are paired, and else the two of a sheet that meets it with just
+// those two, in opposite senses (a sheet being what one reaches across edges
+// of two triangles), and the rest pulled apart; vertices with more than one
 // fan split; a pairing stays only where the split tells its bodies apart;
 // orientation is made consistent where it can be, and the mesh is cut into
 // its connected pieces. Afterwards each edge has one or two triangles, the

@@ -97,6 +97,20 @@ TEST(Assemble, SmallSoupsComeOutAsHandCounted) {
       {"solids touching at a vertex", cat(tetra, cornersOf(moved(kTetra, 1, 0, 0))), {2, 8, 12, 8, 0}},
       {"three facets on an edge: a fin", cat(tetra, {{0, 0, 0, 1, 0, 0, 0, -1, -1}}), {2, 7, 9, 5, 3}},
       {"three bare facets on an edge", cornersOf(kThreeOnEdge), {3, 9, 9, 3, 9}},
+      // A flat 3 x 3 grid, and a facet across the fan of its vertex (1, 1)
+      // to (2, 1) and (1, 2): on each of those two edges the grid's facets
+      // are of one sheet and pair, so the fan stays whole and (1, 1) one
+      // vertex; the facet across comes off alone.
+      {"facet across a fan", [] {
+         std::vector<Corners> f;
+         for (double x = 0; x < 3; ++x)
+           for (double y = 0; y < 3; ++y) {
+             f.push_back({x, y, 0, x + 1, y, 0, x + 1, y + 1, 0});
+             f.push_back({x, y, 0, x + 1, y + 1, 0, x, y + 1, 0});
+           }
+         f.push_back({1, 1, 0, 2, 1, 0, 1, 2, 0});
+         return f;
+       }(), {2, 19, 36, 19, 15}},
       {"moebius strip", cornersOf(moebiusShape(5)), {1, 10, 20, 10, 10}},
       // A long list on one edge, which the steps group by sorting instead of pairing.
       {"book of ten pages on one edge, each page twice", [] {
