@@ -25,6 +25,7 @@
 #include "reduce/reduce.h"
 
 #include <algorithm>
+#include <vector>
 #include <atomic>
 #include <cstdlib>
 
@@ -43,7 +44,7 @@ namespace {
 // of its first cut (reduceParallelFirstCut) for the block methods; writes it,
 // releases both and flushes. As reduceOneMesh.
 int reduceShell(qvMeshPair *shell, FILE *file, int format, int method, double tolerance,
-                const double *angle, int32_t *oldCount) {
+                const double *angle, int32_t *oldCount, qvGuests *guests = nullptr) {
   int32_t unused;
   int32_t &old = oldCount ? *oldCount : unused;
   old = 0;
@@ -77,7 +78,7 @@ int reduceShell(qvMeshPair *shell, FILE *file, int format, int method, double to
   default:
     // The whole shell is the leaf; the parallel entries note their own.
     ftProgress(kProgressLeaf, 0);
-    engine = reduceWhole(shell->first, tolerance, angle, nullptr);
+    engine = reduceWholeWith(shell->first, tolerance, angle, guests, nullptr);
     ftProgress(kProgressLeafEnd, 0);
     break;
   }
@@ -133,20 +134,81 @@ int reduceMeshChain(qvMesh *chain, FILE *file, const char *name, int format, int
       facets += qvTriCount(mesh->tri);
     }
   }
-  for (int shell = 0; chain && done; ++shell) {
-    qvMesh *mesh = chain;
+  // On the high method a small shell that lies on a larger one (a guest) is
+  // reduced with it, whose pass may answer for it: it is then not written.
+  // The guests it can't take are reduced right after it, as shells of their
+  // own. Everything a host's guests need is found before any shell goes.
+  std::vector<qvMesh *> list;
+  while (chain) {
+    list.push_back(chain);
+    chain = qvMeshUnchain(chain, chain);
+  }
+  const int32_t n = static_cast<int32_t>(list.size());
+  std::vector<int32_t> host(list.size(), -1);
+  std::vector<double *> shared(list.size(), nullptr);
+  std::vector<int32_t> nShared(list.size(), 0);
+  if (method == kMethodHigh && n > 1) {
+    const int32_t guests = qvGuestsFind(list.data(), n, host.data());
+    done = guests >= 0 &&
+           (guests == 0 || qvGuestsShared(list.data(), n, host.data(), shared.data(), nShared.data()) >= 0);
+  }
+  int shell = 0;
+  auto reduceAndWrite = [&](qvMesh *mesh, qvGuests *guests) {
     if (name) {
-      progressUnit(kUnitShell, shell, shells, qvTriCount(mesh->tri), facets);
+      progressUnit(kUnitShell, shell++, shells, qvTriCount(mesh->tri), facets);
     }
-    chain = qvMeshUnchain(chain, mesh);
     int32_t meshOld = 0;
-    const int written =
-        reduceOneMesh(mesh, output, format, method, tolerance, angle, &meshOld);
+    qvMeshPair pair = {mesh, nullptr};
+    const int written = reduceShell(&pair, output, format, method, tolerance, angle, &meshOld, guests);
     oldSum += meshOld;
     done = written >= 0;
     writtenSum += done ? written : 0;
+  };
+  // Each host's guests in chain order: next[g] is the host's next guest.
+  std::vector<int32_t> firstGuest(list.size(), -1), lastGuest(list.size(), -1), nextGuest(list.size(), -1);
+  for (int32_t g = 0; g < n; ++g) {
+    const int32_t h = host[g];
+    if (h < 0) {
+      continue;
+    }
+    (lastGuest[h] < 0 ? firstGuest[h] : nextGuest[lastGuest[h]]) = g;
+    lastGuest[h] = g;
   }
-  qvMeshDeleteAll(chain);
+  std::vector<int32_t> guestAt;
+  std::vector<qvMesh *> guestsOf;
+  std::vector<uint8_t> taken;
+  for (int32_t i = 0; i < n && done; ++i) {
+    if (host[i] >= 0) {
+      continue;
+    }
+    guestAt.clear();
+    guestsOf.clear();
+    for (int32_t g = firstGuest[i]; g >= 0; g = nextGuest[g]) {
+      guestAt.push_back(g);
+      guestsOf.push_back(list[g]);
+    }
+    taken.assign(guestsOf.size(), 0);
+    qvGuests guests = {guestsOf.data(), taken.data(), static_cast<int32_t>(guestsOf.size()), shared[i],
+                       nShared[i]};
+    qvMesh *mesh = list[i];
+    list[i] = nullptr;
+    reduceAndWrite(mesh, guestsOf.empty() ? nullptr : &guests);
+    // A guest taken counts as input that was removed.
+    for (size_t k = 0; k < guestAt.size() && done; ++k) {
+      qvMesh *guest = list[guestAt[k]];
+      list[guestAt[k]] = nullptr;
+      if (taken[k]) {
+        oldSum += qvTriCount(guest->tri);
+        qvMeshFree(guest);
+      } else {
+        reduceAndWrite(guest, nullptr);
+      }
+    }
+  }
+  for (size_t i = 0; i < list.size(); ++i) {
+    qvMeshDeleteAll(list[i]);
+    std::free(shared[i]);
+  }
   if (name) {
     if (done) {
       done = format == kStlBinary

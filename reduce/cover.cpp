@@ -900,6 +900,12 @@ bool insidePlane(const qvTrial* tr, const qvPiece& piece, int32_t i, const qvPla
 
 }  // namespace
 
+double qvPairBound(const double* const q[3], const qvHome& t, int32_t s, const qvHome& u) {
+  return pairBound(q, t, s, u);
+}
+
+float qvBoundKey(double bound) { return roundUp(bound); }
+
 double qvPieceBound(const double* const q[3], qvHome* homes, int32_t n) {
   qvTrial tr{};
   tr.homes = homes;

@@ -147,15 +147,16 @@ int32_t qvRedFinishPass(qvMesh* mesh, int32_t keepFrozen) {
 
 namespace {
 
-// One pass over a prepared mesh: covers made, the sweep (which scores every
-// vertex first), covers released.
-int32_t runPass(qvMesh* mesh, const qvRedParams* given) {
+// One pass over a prepared mesh: covers made, the guests taken into them,
+// the sweep (which scores every vertex first), covers released.
+int32_t runPass(qvMesh* mesh, const qvRedParams* given, qvGuests* guests) {
   if (!mesh || !given) return -1;
   ftProgress(kProgressPass, qvVtxCount(mesh->vtx));
   qvRedParams params = *given;
   int32_t removed = -1;
   qvTrial tr{};
-  if (qvCoverStart(mesh, &params) == 0) removed = qvRedSweep(mesh, &params, &tr);
+  if (qvCoverStart(mesh, &params) == 0 && (!guests || qvGuestsTake(mesh, &params, guests) >= 0))
+    removed = qvRedSweep(mesh, &params, &tr);
   qvTrialFree(&tr);
   qvCoverEnd(mesh, &params);
   ftProgress(kProgressPassEnd, 0);
@@ -164,7 +165,7 @@ int32_t runPass(qvMesh* mesh, const qvRedParams* given) {
 
 }  // namespace
 
-int32_t qvRedPass(qvMesh* mesh, const qvRedParams* params) { return runPass(mesh, params); }
+int32_t qvRedPass(qvMesh* mesh, const qvRedParams* params) { return runPass(mesh, params, nullptr); }
 
 // ---------------------------------------------------------------------------
 // The leaves
@@ -172,8 +173,10 @@ int32_t qvRedPass(qvMesh* mesh, const qvRedParams* params) { return runPass(mesh
 namespace {
 
 // The leaves: one pass at the whole tolerance, quick or not.
-int32_t leaf(qvMesh* mesh, double tol, const double* angle, bool quick, bool rims, int32_t* removed) {
+int32_t leaf(qvMesh* mesh, double tol, const double* angle, bool quick, bool rims, qvGuests* guests,
+             int32_t* removed) {
   if (removed) *removed = 0;
+  for (int32_t i = 0; guests && i < guests->n; ++i) guests->taken[i] = 0;
   qvRedParams params;
   if (!mesh || qvRedParamsSet(tol, &params) != 0) return -1;
   params.quick = quick;
@@ -185,7 +188,7 @@ int32_t leaf(qvMesh* mesh, double tol, const double* angle, bool quick, bool rim
   // pass runs, and the caps go again. At exactly 0 the full pass removes
   // only what leaves the surface exactly as it was; the quick one runs none.
   if (tol > 0.0 || (tol == 0.0 && !quick)) {
-    if (qvRedPrepFirst(mesh) < 0 || qvRedPass(mesh, &params) < 0 || qvRedFinishPass(mesh, 0) < 0) return -1;
+    if (qvRedPrepFirst(mesh) < 0 || runPass(mesh, &params, guests) < 0 || qvRedFinishPass(mesh, 0) < 0) return -1;
   } else {
     clearPinned(mesh);
   }
@@ -195,15 +198,19 @@ int32_t leaf(qvMesh* mesh, double tol, const double* angle, bool quick, bool rim
 }  // namespace
 
 int32_t reduceOnePass(qvMesh* mesh, double tol, const double* angle, int32_t* removed) {
-  return leaf(mesh, tol, angle, false, false, removed);
+  return leaf(mesh, tol, angle, false, false, nullptr, removed);
 }
 
 int32_t reduceWhole(qvMesh* mesh, double tol, const double* angle, int32_t* removed) {
-  return leaf(mesh, tol, angle, false, true, removed);
+  return leaf(mesh, tol, angle, false, true, nullptr, removed);
+}
+
+int32_t reduceWholeWith(qvMesh* mesh, double tol, const double* angle, qvGuests* guests, int32_t* removed) {
+  return leaf(mesh, tol, angle, false, true, guests, removed);
 }
 
 int32_t reduceQuick(qvMesh* mesh, double tol, const double* angle, int32_t* removed) {
-  return leaf(mesh, tol, angle, true, false, removed);
+  return leaf(mesh, tol, angle, true, false, nullptr, removed);
 }
 
 // ---------------------------------------------------------------------------

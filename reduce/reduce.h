@@ -4,8 +4,9 @@
 // removal leaves.
 //
 // Invariants
-//  1. The engine works on the one mesh it is given and touches no other; it
-//     knows nothing of files or threads.
+//  1. The engine works on the one mesh it is given and touches no other (it
+//     reads the guests it is given, and changes nothing in them); it knows
+//     nothing of files or threads.
 //  2. No surviving vertex moves: a removal collapses a vertex onto a neighbour
 //     that keeps its coordinates.
 //  3. Every distance inside the engine is squared.
@@ -53,7 +54,10 @@
 //  holds with T or U. T and U are live and not caps, so they are in the
 //  result: d(x, result) <= lim + eta = t. (A rim vertex's fan holds a cap
 //  triangle; it is never a home.)
-//  Upkeep: a pass starts with each triangle covering itself. A removal of v
+//  Upkeep: a pass starts with each triangle covering itself, and with each
+//  guest triangle it takes in the cover of a triangle round a vertex they
+//  share, as a piece that (H) holds for, single or pair: the guest is then
+//  part of the starting surface that (C) covers. A removal of v
 //  destroys exactly its star; the pieces that may lose their home or partner
 //  are those of the star's covers and the pair pieces across a ring edge. The
 //  trial certifies each against the new fan and the live triangles round the
@@ -92,6 +96,32 @@
 
 // ---- Leaves -----------------------------------------------------------------
 
+// Guests: a shell of at most kGuestMax triangles that shares joint vertices
+// with a larger shell, its host: what assembly makes of a scan's doubled and
+// overlapping facets, which the input joined to the surface they lie on.
+constexpr int32_t kGuestMax = 16;
+
+// A host's guests, for reduceWholeWith.
+struct qvGuests {
+  qvMesh *const *mesh;  // the guests, each a shell of its own
+  uint8_t *taken;       // per guest, set by the pass: 1 when it answers for it
+  int32_t n;
+  const double *shared;  // (x, y, z) triples, ascending: the host's joints where a
+  int32_t nShared;       // shell that is neither the host nor its guest has a vertex
+};
+
+// For each of n shells, in host[i] the index of the shell it is a guest of,
+// the one it shares most joint vertices with (the first among equals), or
+// -1. The number of guests, or -1.
+[[nodiscard]] int32_t qvGuestsFind(qvMesh *const *shells, int32_t n, int32_t *host);
+// For each shell h that is no guest, the points where it has a joint vertex
+// and a shell that is neither h nor one of h's guests has one too, as
+// qvGuests wants them: shared[h] (malloc'd, null when none) and nShared[h].
+// The number of shells with such points, or -1 (the arrays then hold what
+// was made so far, for the caller to free).
+[[nodiscard]] int32_t qvGuestsShared(qvMesh *const *shells, int32_t n, const int32_t *host, double **shared,
+                                     int32_t *nShared);
+
 // One pass at the whole tolerance (high and medium methods). 0, or -1 on
 // failure; *removed (may be null) gets the number of triangles removed.
 // angle: fold angle in degrees, null for the default, negative to skip features.
@@ -100,6 +130,13 @@
 // own, so rim vertices may slide along them. A block or a piece of a shell
 // keeps its rims, some of which are borders with its neighbours.
 [[nodiscard]] int32_t reduceWhole(qvMesh *mesh, double tol, const double *angle, int32_t *removed);
+// reduceWhole on a host with the guests that lie on it (see qvGuestsFind):
+// the pass answers for each guest it can take (guests->taken), whose
+// triangles then lie within the tolerance of what the pass leaves; the
+// caller drops those and reduces the others as shells of their own. guests
+// may be null.
+[[nodiscard]] int32_t reduceWholeWith(qvMesh *mesh, double tol, const double *angle, qvGuests *guests,
+                                      int32_t *removed);
 // The same pass trying only the shortest spoke of each vertex, its fan
 // unfolded where it folds but not flipped, in list order with no order by
 // cost: sweep after sweep, each removing vertices apart from one another,

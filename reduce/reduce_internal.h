@@ -171,6 +171,24 @@ void qvHomeLink(qvHome *homes, int32_t n);
 // distance the certificate proves for every point of the piece (+eta), or
 // +inf.
 double qvPieceBound(const double *const q[3], qvHome *homes, int32_t n);
+// The bound of the piece with corners q held by home t and its neighbour u
+// across t's side s, the piece cut by the plane that bisects their angle
+// there; +inf when there is no such plane.
+double qvPairBound(const double *const q[3], const qvHome &t, int32_t s, const qvHome &u);
+// A squared bound as a piece keeps it: the nearest float not below it.
+float qvBoundKey(double bound);
+
+// ---- Guests ---------------------------------------------------------------------
+
+// Takes the guests into the covers of mesh, a host whose pass has started
+// (qvCoverStart): a guest is taken when each of its triangles lies within
+// lim of a live triangle of mesh round a vertex they share, alone or with a
+// neighbour, and its triangles then join those covers whole, as pieces of
+// the starting surface. Then a joint of mesh stays only where two of its
+// vertices meet, where guests->shared names the point, or where a guest not
+// taken has a vertex, and a joint edge only while both its ends stay.
+// guests->taken tells which were taken. Their number, or -1.
+[[nodiscard]] int32_t qvGuestsTake(qvMesh *mesh, const qvRedParams *params, qvGuests *guests);
 
 // One piece placed by a trial, and one pair piece it takes from a cover
 // round the ring.

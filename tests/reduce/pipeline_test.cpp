@@ -176,6 +176,27 @@ TEST(Tool, PiecesOfTheMediumMethodJoinWithinTheBoundAndClosed) {
   }
 }
 
+TEST(Tool, AGuestLyingOnItsHostGoesWithTheHostsPass) {
+  // A facet on the flat grid, across the fan of (1, 1) to (2, 1) and (1, 2),
+  // comes off the grid as a shell of its own that shares those three
+  // vertices. -qh takes it into the grid's pass: it lies within the
+  // tolerance of the grid, so neither it nor the joints it held stay, and
+  // the grid comes down to its two corner triangles.
+  std::vector<Facet> soup = flatGrid();
+  soup.push_back({1, 1, 0, 2, 1, 0, 1, 2, 0});
+  const std::string in = tempPath("guest.stl"), out = tempPath("guest-out.stl");
+  writeBytes(in, binaryStl(soup));
+  const Original original(in);
+  ASSERT_EQ(runCommand(kBin + "/FacetTrim " + in + " -o" + out + " -t0.5 -qh"), 0);
+  int64_t first = 0;
+  MeasureMesh mesh = {};
+  ASSERT_GE(measureRead(out.c_str(), &mesh), 0);
+  EXPECT_EQ(measureSubset(&original.mesh, &mesh, &first), 0);
+  measureMeshFree(&mesh);
+  EXPECT_EQ(certify(original, out, 0.5).verdict, kVerdictWithin);
+  EXPECT_EQ(readBinaryFacets(out).size(), 2u);
+}
+
 TEST(Tool, SheetsTheInputJoinedStayJoined) {
   // A flat 6 x 6 grid with a flap standing on its edge p-q and a triangle
   // touching it only at r. Flat, the grid alone comes down to its two
