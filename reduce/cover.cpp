@@ -906,6 +906,14 @@ double qvPairBound(const double* const q[3], const qvHome& t, int32_t s, const q
 
 float qvBoundKey(double bound) { return roundUp(bound); }
 
+void qvCoverSort(qvTri* t) {
+  auto* c = static_cast<qvCover*>(t->link);
+  if (!c || !c->unsorted) return;
+  c->unsorted = 0;
+  qvPiece* pieces = qvCoverPieces(c);
+  std::stable_sort(pieces, pieces + c->n, [](const qvPiece& a, const qvPiece& b) { return a.bound > b.bound; });
+}
+
 double qvPieceBound(const double* const q[3], qvHome* homes, int32_t n) {
   qvTrial tr{};
   tr.homes = homes;

@@ -238,6 +238,7 @@ int32_t qvGuestsTake(qvMesh* mesh, const qvRedParams* params, qvGuests* guests) 
     if (!fits) continue;
     for (const Placed& p : placed)
       if (qvCoverAdd(p.home, p.piece) != 0) return FT_FAIL(-1);
+    for (const Placed& p : placed) qvCoverSort(p.home);
     guests->taken[i] = 1;
     ++taken;
   }

@@ -177,6 +177,10 @@ double qvPieceBound(const double *const q[3], qvHome *homes, int32_t n);
 double qvPairBound(const double *const q[3], const qvHome &t, int32_t s, const qvHome &u);
 // A squared bound as a piece keeps it: the nearest float not below it.
 float qvBoundKey(double bound);
+// Puts t's cover back in the order trials read it, bounds descending and
+// equal ones in the order they came, after qvCoverAdd took a piece above
+// the last.
+void qvCoverSort(qvTri *t);
 
 // ---- Guests ---------------------------------------------------------------------
 

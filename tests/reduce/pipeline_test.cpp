@@ -179,11 +179,13 @@ TEST(Tool, PiecesOfTheMediumMethodJoinWithinTheBoundAndClosed) {
 TEST(Tool, AGuestLyingOnItsHostGoesWithTheHostsPass) {
   // A facet on the flat grid, across the fan of (1, 1) to (2, 1) and (1, 2),
   // comes off the grid as a shell of its own that shares those three
-  // vertices. -qh takes it into the grid's pass: it lies within the
-  // tolerance of the grid, so neither it nor the joints it held stay, and
-  // the grid comes down to its two corner triangles.
+  // vertices; another, on the grid's edge from (4, 4) to (5, 4), rises to
+  // 0.2 above it. -qh takes both into the grid's pass: they lie within the
+  // tolerance of the grid, so neither they nor the joints they held stay,
+  // and the grid comes down to its two corner triangles.
   std::vector<Facet> soup = flatGrid();
   soup.push_back({1, 1, 0, 2, 1, 0, 1, 2, 0});
+  soup.push_back({4, 4, 0, 5, 4, 0, 4.5f, 4.5f, 0.2f});
   const std::string in = tempPath("guest.stl"), out = tempPath("guest-out.stl");
   writeBytes(in, binaryStl(soup));
   const Original original(in);

@@ -141,6 +141,36 @@ TEST(Removal, AFeatureTurningRoundACollapsedTriangleGoesOnAlongItsRingEdge) {
   EXPECT_EQ(pass.finish(), 8);
 }
 
+TEST(Guests, ATakenGuestIsCertifiedInCoversInOrderAndFreesTheJointsOnlyItHeld) {
+  // A low closed pyramid over a hexagon hosts guests that share its apex 0
+  // and ring corner 1: one whose free corner rises 0.2 above the roof, and
+  // one that stands 5 high. At a tolerance of 1 the pass takes the first,
+  // whose pieces must hold where they went, in covers still read worst
+  // first; the joints at 0 and 1 stay while the tall guest is there.
+  const Shape host = starShape({0, 0, 0.2}, circle(6, 1.0, 0.0), true);
+  const Shape low{{{0, 0, 0.2}, {1, 0, 0}, {0.5, 0.3, 0.3}}, {{0, 1, 2}}};
+  const Shape tall{{{0, 0, 0.2}, {1, 0, 0}, {0.5, 0, 5}}, {{0, 2, 1}}};
+  for (const bool withTall : {false, true}) {
+    TorusPass pass(1.0, host);
+    Fixture a(low), b(tall);
+    pass.f.v[0]->flags |= kVtxJoint;
+    pass.f.v[1]->flags |= kVtxJoint;
+    pass.f.e(0, 1)->flags |= kEdgJoint;
+    qvMesh* meshes[2] = {a.mesh, b.mesh};
+    uint8_t taken[2] = {9, 9};
+    qvGuests guests{meshes, taken, withTall ? 2 : 1, nullptr, 0};
+    ASSERT_EQ(qvGuestsTake(pass.f.mesh, &pass.p, &guests), 1);
+    EXPECT_EQ(taken[0], 1);
+    EXPECT_EQ(taken[1], withTall ? 0 : 9);
+    EXPECT_EQ(qvCoverCheck(pass.f.mesh, &pass.p, stderr), 0);
+    const uint32_t joint = withTall ? kVtxJoint : 0u;
+    EXPECT_EQ(pass.f.v[0]->flags & kVtxJoint, joint);
+    EXPECT_EQ(pass.f.v[1]->flags & kVtxJoint, joint);
+    EXPECT_EQ(pass.f.e(0, 1)->flags & kEdgJoint, withTall ? kEdgJoint : 0u);
+    EXPECT_GE(pass.finish(), 0);
+  }
+}
+
 TEST(Trial, KeepsTheBestTrySoFlipsNeverRaiseTheScore) {
   // Half the torus removed first, so that the covers hold pieces. Then every
   // vertex's trial scores no higher than any of its tries alone: each spoke
