@@ -605,8 +605,9 @@ int32_t sweep(qvMesh* mesh, const qvRedParams* params, qvTrial* tr) {
 
 // The quick sweep's states, one byte per place in the vertex list: due to be
 // tried in this sweep, changed by a removal in this sweep (tried in the next
-// one), or tried and refused on the mesh as it is. Each vertex's score holds
-// its place, so that a removal finds the states of the vertices it changed.
+// one), or tried and refused on the mesh as it is. Each vertex's slot holds
+// its place, so that a removal finds the states of the vertices it changed;
+// the pass's end clears it.
 constexpr uint8_t kQuickDue = 0;
 constexpr uint8_t kQuickNext = 1;
 constexpr uint8_t kQuickDone = 2;
@@ -632,11 +633,11 @@ int32_t sweepQuick(qvMesh* mesh, const qvRedParams* params, qvTrial* tr) {
   int32_t place = 0;
   for (qvVtx* v = mesh->vtx; v; v = v->next, ++place) {
     at[place] = v;
-    scoreSet(v, place);
+    v->slot = place;
   }
   auto changed = [&](qvVtx* const* x, int32_t count, bool) {
     for (int32_t i = 0; i < count; ++i)
-      if (!qvVtxStays(x[i], params)) state[static_cast<int32_t>(scoreOf(x[i]))] = kQuickNext;
+      if (!qvVtxStays(x[i], params)) state[x[i]->slot] = kQuickNext;
     return 0;
   };
   int32_t removed = 0;
@@ -674,7 +675,6 @@ int32_t sweepQuick(qvMesh* mesh, const qvRedParams* params, qvTrial* tr) {
   std::free(state);
   if (removed < 0) return -1;
   ftProgress(kProgressSweep, untold);
-  for (qvVtx* v = mesh->vtx; v; v = v->next) scoreSet(v, kRedScoreNone);
 #ifndef NDEBUG
   assert(qvRedPassCheck(mesh, stderr) == 0 && qvCoverCheck(mesh, params, stderr) == 0);
 #endif

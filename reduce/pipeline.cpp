@@ -118,20 +118,23 @@ int32_t qvRedFinishPass(qvMesh* mesh, int32_t keepFrozen) {
         t->aux[i] = nullptr;
       }
     }
+    t->flags &= kTriPassKeep;
     ++count;
     t = next;
   }
   for (qvEdg* e = mesh->edg; e;) {
     qvEdg* next = e->next;
-    if (e->flags & kEdgMarkVisit) e->flags &= ~kEdgMarkVisit;
+    if (e->flags & kEdgMarkVisit) e->flags &= kEdgPassKeep & ~kEdgMarkVisit;
     else mesh->edg = qvEdgDelete(mesh->edg, e);
     e = next;
   }
+  const uint32_t vtxDrop = kVtxMarkVisit | kVtxPassDrop | (keepFrozen ? 0u : kVtxPinned);
   int32_t gone = 0;
   for (qvVtx* v = mesh->vtx; v;) {
     qvVtx* next = v->next;
     if (v->flags & kVtxMarkVisit) {
-      v->flags &= ~kVtxMarkVisit;
+      v->flags &= ~vtxDrop;
+      v->slot = 0;
     } else {
       mesh->vtx = qvVtxDelete(mesh->vtx, v);
       ++gone;
@@ -139,9 +142,6 @@ int32_t qvRedFinishPass(qvMesh* mesh, int32_t keepFrozen) {
     v = next;
   }
   if (gone) mesh->flags &= ~kMeshSortedSet;
-  qvVtxAndAll(mesh->vtx, ~(kVtxPassDrop | (keepFrozen ? 0u : kVtxPinned)));
-  qvEdgAndAll(mesh->edg, kEdgPassKeep);
-  qvTriAndAll(mesh->tri, kTriPassKeep);
   return count;
 }
 
