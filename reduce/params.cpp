@@ -26,34 +26,30 @@ void toEngineForm(qvVtx* v) {
 
 int32_t prepare(qvMesh* mesh, bool every) {
   if (!mesh) return -1;
-  for (const qvTri* t = mesh->tri; t; t = t->next)
-    if ((t->flags & kMarkMask) || !(t->flags & kTriLinked)) return -1;
-  for (const qvVtx* v = mesh->vtx; v; v = v->next)
-    if ((v->flags & kVtxDerived) || !v->dat || v->ndat < kRedDataSize) return -1;
-
-  // Each vertex enters the pass at the last triangle of the list that touches it.
-  clearEntries(mesh);
-  for (qvTri* t = mesh->tri; t; t = t->next) {
-    qvVtx* c[3];
-    if (qvTriCornerVtx(t, 0, c) != 0) {
-      clearEntries(mesh);
-      return -1;
-    }
-    for (qvVtx* x : c) x->link = x->aux = t;
+  // Two walks over the vertices and one over the triangles: the vertices are
+  // checked and their entries cleared, each vertex enters the pass at the
+  // last triangle of the list that touches it, and a vertex that touches one
+  // is turned into the engine's form.
+  bool ok = true;
+  for (qvVtx* v = mesh->vtx; v; v = v->next) {
+    ok = ok && !(v->flags & kVtxDerived) && v->dat && v->ndat >= kRedDataSize;
+    v->link = v->aux = nullptr;
   }
-  for (const qvVtx* v = mesh->vtx; v; v = v->next)
-    if (!v->link) {
-      clearEntries(mesh);
-      return -1;
-    }
-
+  for (qvTri* t = mesh->tri; t && ok; t = t->next) {
+    qvVtx* c[3];
+    ok = !(t->flags & kMarkMask) && (t->flags & kTriLinked) && qvTriCornerVtx(t, 0, c) == 0;
+    for (int k = 0; k < 3 && ok; ++k) c[k]->link = c[k]->aux = t;
+  }
   int32_t turned = 0;
-  for (qvVtx* v = mesh->vtx; v; v = v->next)
-    if (every || !(v->flags & kVtxHasParam)) {
+  for (qvVtx* v = mesh->vtx; v && ok; v = v->next) {
+    ok = v->link != nullptr;
+    if (ok && (every || !(v->flags & kVtxHasParam))) {
       toEngineForm(v);
       ++turned;
     }
-  return turned;
+  }
+  if (!ok) clearEntries(mesh);
+  return ok ? turned : -1;
 }
 
 }  // namespace
