@@ -148,9 +148,7 @@ int reduceMeshChain(qvMesh *chain, FILE *file, const char *name, int format, int
   std::vector<double *> shared(list.size(), nullptr);
   std::vector<int32_t> nShared(list.size(), 0);
   if (method == kMethodHigh && n > 1) {
-    const int32_t guests = qvGuestsFind(list.data(), n, host.data());
-    done = guests >= 0 &&
-           (guests == 0 || qvGuestsShared(list.data(), n, host.data(), shared.data(), nShared.data()) >= 0);
+    done = qvGuestsFind(list.data(), n, host.data(), shared.data(), nShared.data()) >= 0;
   }
   int shell = 0;
   auto reduceAndWrite = [&](qvMesh *mesh, qvGuests *guests) {

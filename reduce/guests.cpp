@@ -120,13 +120,44 @@ bool bestPlace(const std::vector<qvTri*>& homes, const double* const q[3], Place
   return true;
 }
 
+// For each shell that is no guest, the points where it has a joint and a
+// shell of another owner (a guest's owner is its host) has one too.
+bool sharedOf(const std::vector<Joint>& joints, int32_t n, const int32_t* host, double** shared, int32_t* nShared) {
+  auto owner = [&](int32_t i) { return host[i] >= 0 ? host[i] : i; };
+  std::vector<std::vector<Point>> out(static_cast<size_t>(n));
+  for (size_t a = 0; a < joints.size();) {
+    size_t b = a;
+    while (b < joints.size() && joints[b].p == joints[a].p) ++b;
+    for (size_t k = a; k < b; ++k) {
+      const int32_t h = joints[k].shell;
+      if (host[h] >= 0 || (!out[h].empty() && out[h].back() == joints[a].p)) continue;
+      for (size_t m = a; m < b; ++m)
+        if (owner(joints[m].shell) != h) {
+          out[h].push_back(joints[a].p);
+          break;
+        }
+    }
+    a = b;
+  }
+  for (int32_t h = 0; h < n; ++h) {
+    if (out[h].empty()) continue;
+    shared[h] = static_cast<double*>(ftMalloc(sizeof(Point) * out[h].size()));
+    if (!shared[h]) return false;
+    std::copy(out[h].begin(), out[h].end(), reinterpret_cast<Point*>(shared[h]));
+    nShared[h] = static_cast<int32_t>(out[h].size());
+  }
+  return true;
+}
+
 }  // namespace
 
-int32_t qvGuestsFind(qvMesh* const* shells, int32_t n, int32_t* host) {
-  if (!shells || !host || n < 0) return FT_FAIL(-1);
+int32_t qvGuestsFind(qvMesh* const* shells, int32_t n, int32_t* host, double** shared, int32_t* nShared) {
+  if (!shells || !host || !shared || !nShared || n < 0) return FT_FAIL(-1);
   std::vector<int32_t> size(static_cast<size_t>(n));
   for (int32_t i = 0; i < n; ++i) {
     host[i] = -1;
+    shared[i] = nullptr;
+    nShared[i] = 0;
     size[i] = shells[i] ? qvTriCount(shells[i]->tri) : 0;
   }
   std::vector<Joint> joints;
@@ -159,44 +190,8 @@ int32_t qvGuestsFind(qvMesh* const* shells, int32_t n, int32_t* host) {
       }
     found += host[g] >= 0;
   }
+  if (found > 0 && !sharedOf(joints, n, host, shared, nShared)) return FT_FAIL(-1);
   return found;
-}
-
-int32_t qvGuestsShared(qvMesh* const* shells, int32_t n, const int32_t* host, double** shared, int32_t* nShared) {
-  if (!shells || !host || !shared || !nShared || n < 0) return FT_FAIL(-1);
-  for (int32_t i = 0; i < n; ++i) {
-    shared[i] = nullptr;
-    nShared[i] = 0;
-  }
-  std::vector<Joint> joints;
-  if (!jointsOf(shells, n, &joints)) return FT_FAIL(-1);
-  auto owner = [&](int32_t i) { return host[i] >= 0 ? host[i] : i; };
-  // Per host, the points of its joints where another owner has a joint too.
-  std::vector<std::vector<Point>> out(static_cast<size_t>(n));
-  for (size_t a = 0; a < joints.size();) {
-    size_t b = a;
-    while (b < joints.size() && joints[b].p == joints[a].p) ++b;
-    for (size_t k = a; k < b; ++k) {
-      const int32_t h = joints[k].shell;
-      if (host[h] >= 0 || (!out[h].empty() && out[h].back() == joints[a].p)) continue;
-      for (size_t m = a; m < b; ++m)
-        if (owner(joints[m].shell) != h) {
-          out[h].push_back(joints[a].p);
-          break;
-        }
-    }
-    a = b;
-  }
-  int32_t hosts = 0;
-  for (int32_t h = 0; h < n; ++h) {
-    if (out[h].empty()) continue;
-    shared[h] = static_cast<double*>(ftMalloc(sizeof(Point) * out[h].size()));
-    if (!shared[h]) return FT_FAIL(-1);
-    std::copy(out[h].begin(), out[h].end(), reinterpret_cast<Point*>(shared[h]));
-    nShared[h] = static_cast<int32_t>(out[h].size());
-    ++hosts;
-  }
-  return hosts;
 }
 
 int32_t qvGuestsTake(qvMesh* mesh, const qvRedParams* params, qvGuests* guests) {

@@ -112,15 +112,13 @@ struct qvGuests {
 
 // For each of n shells, in host[i] the index of the shell it is a guest of,
 // the one it shares most joint vertices with (the first among equals), or
-// -1. The number of guests, or -1.
-[[nodiscard]] int32_t qvGuestsFind(qvMesh *const *shells, int32_t n, int32_t *host);
-// For each shell h that is no guest, the points where it has a joint vertex
-// and a shell that is neither h nor one of h's guests has one too, as
-// qvGuests wants them: shared[h] (malloc'd, null when none) and nShared[h].
-// The number of shells with such points, or -1 (the arrays then hold what
-// was made so far, for the caller to free).
-[[nodiscard]] int32_t qvGuestsShared(qvMesh *const *shells, int32_t n, const int32_t *host, double **shared,
-                                     int32_t *nShared);
+// -1; and for each shell h that is no guest, as qvGuests wants them, the
+// points where h has a joint vertex and a shell that is neither h nor one of
+// h's guests has one too: shared[h] (malloc'd, null when none) and
+// nShared[h]. The number of guests, or -1 (the arrays then hold what was
+// made so far, for the caller to free).
+[[nodiscard]] int32_t qvGuestsFind(qvMesh *const *shells, int32_t n, int32_t *host, double **shared,
+                                   int32_t *nShared);
 
 // One pass at the whole tolerance (high and medium methods). 0, or -1 on
 // failure; *removed (may be null) gets the number of triangles removed.
