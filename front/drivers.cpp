@@ -25,9 +25,9 @@
 #include "reduce/reduce.h"
 
 #include <algorithm>
-#include <vector>
 #include <atomic>
 #include <cstdlib>
+#include <vector>
 
 #include <pthread.h>
 #include <signal.h>
@@ -162,27 +162,22 @@ int reduceMeshChain(qvMesh *chain, FILE *file, const char *name, int format, int
     done = written >= 0;
     writtenSum += done ? written : 0;
   };
-  // Each host's guests in chain order: next[g] is the host's next guest.
-  std::vector<int32_t> firstGuest(list.size(), -1), lastGuest(list.size(), -1), nextGuest(list.size(), -1);
+  // Each host's guests, in chain order.
+  std::vector<std::vector<int32_t>> guestsAt(list.size());
   for (int32_t g = 0; g < n; ++g) {
-    const int32_t h = host[g];
-    if (h < 0) {
-      continue;
+    if (host[g] >= 0) {
+      guestsAt[host[g]].push_back(g);
     }
-    (lastGuest[h] < 0 ? firstGuest[h] : nextGuest[lastGuest[h]]) = g;
-    lastGuest[h] = g;
   }
-  std::vector<int32_t> guestAt;
   std::vector<qvMesh *> guestsOf;
   std::vector<uint8_t> taken;
   for (int32_t i = 0; i < n && done; ++i) {
     if (host[i] >= 0) {
       continue;
     }
-    guestAt.clear();
+    const std::vector<int32_t> &guestAt = guestsAt[i];
     guestsOf.clear();
-    for (int32_t g = firstGuest[i]; g >= 0; g = nextGuest[g]) {
-      guestAt.push_back(g);
+    for (const int32_t g : guestAt) {
       guestsOf.push_back(list[g]);
     }
     taken.assign(guestsOf.size(), 0);
